@@ -1,0 +1,34 @@
+// The replaceable allocator behind every zel buffer.
+#include <atomic>
+#include <cstdlib>
+
+#include "zel/matrix.h"
+
+namespace zel {
+namespace {
+
+void* default_alloc(std::size_t bytes) { return std::malloc(bytes == 0 ? 1 : bytes); }
+void default_free(void* memory) { std::free(memory); }
+
+// Read on every allocation; atomics keep concurrent readers well defined.
+std::atomic<vector_num_alloc_fn> current_alloc{&default_alloc};
+std::atomic<vector_num_free_fn> current_free{&default_free};
+
+}  // namespace
+
+void* __vector_num_alloc(std::size_t bytes) { return current_alloc.load(std::memory_order_acquire)(bytes); }
+
+void __vector_num_free(void* memory) {
+  if (memory) current_free.load(std::memory_order_acquire)(memory);
+}
+
+std::pair<vector_num_alloc_fn, vector_num_free_fn> set_vector_num_allocator(vector_num_alloc_fn alloc_fn,
+                                                                            vector_num_free_fn free_fn) {
+  if (!alloc_fn || !free_fn) {
+    alloc_fn = &default_alloc;
+    free_fn = &default_free;
+  }
+  return {current_alloc.exchange(alloc_fn), current_free.exchange(free_fn)};
+}
+
+}  // namespace zel

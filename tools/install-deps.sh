@@ -1,0 +1,14 @@
+#!/bin/sh
+# Installs the Debian packages the build needs, only those that are missing.
+# Usage: tools/install-deps.sh [extra packages...]
+set -e
+packages="cmake g++ make liblapack-dev libgtest-dev libbenchmark-dev $*"
+missing=""
+for p in $packages; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"
+done
+[ -z "$missing" ] && exit 0
+echo "installing:$missing"
+if [ "$(id -u)" -eq 0 ]; then sudo=""; else sudo="sudo"; fi
+$sudo apt-get update -qq
+DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends $missing
