@@ -6,9 +6,10 @@
 //   guard.live_blocks()          // blocks still allocated since the guard was made
 #pragma once
 
+#include <malloc.h>
+
 #include <atomic>
 #include <cstdlib>
-#include <cstring>
 
 #include "zel/matrix.h"
 
@@ -16,9 +17,11 @@ namespace tessel3d_test {
 
 class failing_allocator {
  public:
-  /// fail_at = 0 never fails; n > 0 fails the n-th allocation (and only that one).
-  explicit failing_allocator(long fail_at = 0) {
+  /// fail_at = 0 never fails; n > 0 fails the n-th allocation, and every later one too
+  /// when keep_failing is set.
+  explicit failing_allocator(long fail_at = 0, bool keep_failing = false) {
     state().fail_at = fail_at;
+    state().keep_failing = keep_failing;
     state().count = 0;
     state().live_blocks = 0;
     state().live_bytes = 0;
@@ -38,33 +41,32 @@ class failing_allocator {
  private:
   struct counters {
     std::atomic<long> fail_at{0}, count{0}, live_blocks{0};
+    std::atomic<bool> keep_failing{false};
     std::atomic<long long> live_bytes{0}, peak_bytes{0};
   };
   static counters& state() {
     static counters c;
     return c;
   }
-  // Each block carries its size in a 16-byte header so that frees can be counted.
+  // Blocks are plain malloc blocks (sizes read back with malloc_usable_size), so memory
+  // allocated while the guard is active may be freed after it is gone, and vice versa.
   static void* allocate(std::size_t bytes) {
     const long n = ++state().count;
-    if (n == state().fail_at) return nullptr;
-    auto* block = static_cast<unsigned char*>(std::malloc(bytes + 16));
+    const long fail_at = state().fail_at;
+    if (fail_at > 0 && (n == fail_at || (state().keep_failing && n > fail_at))) return nullptr;
+    void* block = std::malloc(bytes == 0 ? 1 : bytes);
     if (!block) return nullptr;
-    std::memcpy(block, &bytes, sizeof bytes);
     ++state().live_blocks;
-    const long long live = state().live_bytes += static_cast<long long>(bytes);
+    const long long live = state().live_bytes += static_cast<long long>(malloc_usable_size(block));
     long long peak = state().peak_bytes.load();
     while (live > peak && !state().peak_bytes.compare_exchange_weak(peak, live)) {
     }
-    return block + 16;
+    return block;
   }
   static void release(void* memory) {
-    auto* block = static_cast<unsigned char*>(memory) - 16;
-    std::size_t bytes;
-    std::memcpy(&bytes, block, sizeof bytes);
     --state().live_blocks;
-    state().live_bytes -= static_cast<long long>(bytes);
-    std::free(block);
+    state().live_bytes -= static_cast<long long>(malloc_usable_size(memory));
+    std::free(memory);
   }
 
   std::pair<zel::vector_num_alloc_fn, zel::vector_num_free_fn> previous_;

@@ -1,0 +1,342 @@
+// The one hash container of the library: maps and sets keyed by edges, faces or single
+// IDs, giving every edge or face of a mesh one record whichever element reaches it.
+//
+// Keys (plain records of node IDs):
+//   edge2     two end nodes, either order
+//   faceT3    three corners in cyclic order
+//   faceQ4    four corners in cyclic order
+//   face_mix  a triangle (node 3 == ~0U) or a quadrangle
+//   unsigned  one node or element ID
+// The hash of a key is the sum over its nodes of (node ^ 0x811C9DC5) * 0x01000193 in
+// 64-bit arithmetic; the sum does not depend on node order, so a face reached from
+// either side hashes alike. compare_keys() tells 1 (same key, same orientation), -1
+// (same key, opposite orientation) or 0 (different keys); the table's Match policy
+// decides which results count as equal (any_orientation: a face and its reverse are one
+// key; same_orientation: they are two).
+//
+// Layout: one growable array of slots. Slots [0, B) are the home buckets, slots [B, used)
+// overflow slots appended by insertions. Each slot holds a value and a link word:
+// bit 0 = occupied, link >> 1 = forward distance to the next slot of the same chain
+// (0: end of chain). A chain starts at its home bucket and only moves forward, and may
+// pass through unoccupied slots (a home bucket that was never filled still links to its
+// chain), so a chain walk touches no separately allocated node and a rehash is a linear
+// scan. Never-used slots hold key words ~0U, mapped value 0 and link 0.
+//
+// Use: reset() once (23 expected entries, hint 23, load 1.0), rehash() to the expected
+// count before a bulk insertion, then insert_growing() (which doubles the buckets once
+// the entries would exceed twice their number) or insert(). Iterate in array order with
+// begin() / end() / occupied(): bulk traversals depend on this order and are therefore
+// deterministic. Nothing throws: failures are reported by return values.
+#pragma once
+
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+
+#include "zel/matrix.h"
+
+namespace elfes {
+
+struct edge2 {
+  unsigned node[2];
+};
+struct faceT3 {
+  unsigned node[3];
+};
+struct faceQ4 {
+  unsigned node[4];
+};
+struct face_mix {
+  unsigned node[4];  // node[3] == ~0U for a triangle
+};
+
+/// A map's stored value: the key and its mapped value.
+template <class Key, class Mapped>
+struct map_entry {
+  Key first;
+  Mapped second;
+};
+
+/// A slot: the stored value followed by its link word.
+template <class T, class Link>
+struct __hbuckets_node_type {
+  T value;
+  Link link;
+};
+
+// ---- hashing ---------------------------------------------------------------------------
+
+inline std::uint64_t hash_node(unsigned node) {
+  return static_cast<std::uint64_t>(node ^ 0x811C9DC5u) * 0x01000193ull;
+}
+inline std::uint64_t hash_key(unsigned id) { return hash_node(id); }
+inline std::uint64_t hash_key(const edge2& k) { return hash_node(k.node[0]) + hash_node(k.node[1]); }
+inline std::uint64_t hash_key(const faceT3& k) {
+  return hash_node(k.node[0]) + hash_node(k.node[1]) + hash_node(k.node[2]);
+}
+inline std::uint64_t hash_key(const faceQ4& k) {
+  return hash_node(k.node[0]) + hash_node(k.node[1]) + hash_node(k.node[2]) + hash_node(k.node[3]);
+}
+inline std::uint64_t hash_key(const face_mix& k) {
+  const std::uint64_t h = hash_node(k.node[0]) + hash_node(k.node[1]) + hash_node(k.node[2]);
+  return k.node[3] < ~0U ? h + hash_node(k.node[3]) : h;
+}
+
+// ---- comparison: 1 same orientation, -1 opposite, 0 different -------------------------
+
+inline int compare_keys(unsigned a, unsigned b) { return a == b ? 1 : 0; }
+
+inline int compare_keys(const edge2& a, const edge2& b) {
+  if (a.node[0] == b.node[0] && a.node[1] == b.node[1]) return 1;
+  if (a.node[0] == b.node[1] && a.node[1] == b.node[0]) return -1;
+  return 0;
+}
+
+namespace detail {
+
+// Position of the first occurrence of the smallest of n nodes.
+inline unsigned min_position(const unsigned* node, unsigned n) {
+  unsigned best = 0;
+  for (unsigned i = 1; i < n; ++i)
+    if (node[i] < node[best]) best = i;
+  return best;
+}
+
+// Compares two cycles of n (3 or 4) nodes, each rotated to start at its smallest node.
+inline int compare_cycles(const unsigned* a, const unsigned* b, unsigned n) {
+  const unsigned ra = min_position(a, n), rb = min_position(b, n);
+  if (a[ra] != b[rb]) return 0;
+  unsigned p[4], q[4];
+  for (unsigned i = 0; i < n; ++i) {
+    p[i] = a[(ra + i) % n];
+    q[i] = b[(rb + i) % n];
+  }
+  if (n == 3) {
+    if (p[1] == q[1] && p[2] == q[2]) return 1;
+    if (p[1] == q[2] && p[2] == q[1]) return -1;
+    return 0;
+  }
+  if (p[2] != q[2]) return 0;
+  if (p[1] == q[1] && p[3] == q[3]) return 1;
+  if (p[1] == q[3] && p[3] == q[1]) return -1;
+  return 0;
+}
+
+}  // namespace detail
+
+inline int compare_keys(const faceT3& a, const faceT3& b) { return detail::compare_cycles(a.node, b.node, 3); }
+inline int compare_keys(const faceQ4& a, const faceQ4& b) { return detail::compare_cycles(a.node, b.node, 4); }
+inline int compare_keys(const face_mix& a, const face_mix& b) {
+  const bool a_triangle = a.node[3] == ~0U, b_triangle = b.node[3] == ~0U;
+  if (a_triangle != b_triangle) return 0;
+  return detail::compare_cycles(a.node, b.node, a_triangle ? 3 : 4);
+}
+
+// ---- match policies ---------------------------------------------------------------------
+
+struct any_orientation {
+  static bool accepts(int comparison) { return comparison != 0; }
+};
+struct same_orientation {
+  static bool accepts(int comparison) { return comparison == 1; }
+};
+
+// ---- keys of stored values and never-used slots -----------------------------------------
+
+template <class T>
+struct stored_key {
+  using type = T;
+  static const T& of(const T& value) { return value; }
+  static void mark_unused(T& value) { value = blank_key(); }
+  static T blank_key() {
+    T key;
+    blank(key);
+    return key;
+  }
+  static void blank(unsigned& id) { id = ~0U; }
+  template <class K>
+  static void blank(K& key) {
+    for (unsigned& n : key.node) n = ~0U;
+  }
+};
+
+template <class Key, class Mapped>
+struct stored_key<map_entry<Key, Mapped>> {
+  using type = Key;
+  static const Key& of(const map_entry<Key, Mapped>& value) { return value.first; }
+  static void mark_unused(map_entry<Key, Mapped>& value) {
+    value.first = stored_key<Key>::blank_key();
+    value.second = Mapped();
+  }
+};
+
+/// Bucket counts used by rehash(): 30 ascending primes.
+inline std::size_t next_prime(std::size_t wanted) {
+  static const std::size_t primes[30] = {
+      13ul,        23ul,        53ul,        97ul,         193ul,        389ul,       769ul,       1543ul,
+      3079ul,      6151ul,      12289ul,     24593ul,      49157ul,      98317ul,     196613ul,    393241ul,
+      786433ul,    1572869ul,   3145739ul,   6291469ul,    12582917ul,   25165843ul,  50331653ul,  100663319ul,
+      201326611ul, 402653189ul, 805306457ul, 1610612741ul, 3221225473ul, 4294967291ul};
+  for (std::size_t p : primes)
+    if (p >= wanted) return p;
+  return primes[29];
+}
+
+// ---- the table ----------------------------------------------------------------------------
+
+template <class Value, class Match = any_orientation>
+class hash_table {
+ public:
+  using value_type = Value;
+  using key_type = typename stored_key<Value>::type;
+  using slot_type = __hbuckets_node_type<Value, unsigned>;
+  static constexpr std::size_t npos = ~std::size_t(0);
+
+  /// Empties the table and sizes it for n entries with max(hint, 23) buckets. False when
+  /// the slots could not be reserved: the table then has 23 buckets (or, when even those
+  /// cannot be had, none, and every insert fails).
+  bool reset(std::size_t n, std::size_t hint, double max_load) {
+    used_ = 0;
+    entries_ = 0;
+    max_load_ = max_load;
+    const std::size_t tentative = hint > 23 ? hint : 23;
+    // Fraction of home buckets expected to be occupied after n insertions.
+    const double occupied = 1.0 - std::exp(static_cast<double>(n) * std::log1p(-1.0 / static_cast<double>(tentative)));
+    const double extra_share = 1.3 * (1.0 - occupied / max_load);
+    const double extra = (extra_share < 1.0 ? extra_share : 1.0) * static_cast<double>(tentative);
+    const double wanted = static_cast<double>(n) + extra;
+    bool reserved = wanted < 4294967295.0 && reserve_slots(static_cast<std::size_t>(wanted));
+    buckets_ = reserved ? tentative : 23;
+    if (!reserve_slots(first_ + buckets_)) {
+      buckets_ = 0;
+      return false;
+    }
+    slot_type* slots = storage_->data() + first_;
+    for (std::size_t i = 0; i < buckets_; ++i) clear_slot(slots[i]);
+    used_ = buckets_;
+    return reserved;
+  }
+
+  /// Position of the entry equal to key, or end().
+  std::size_t find(std::uint64_t h, const key_type& key) const {
+    if (buckets_ == 0) return end();
+    const slot_type* slots = storage_->data();
+    std::size_t pos = first_ + h % buckets_;
+    for (;;) {
+      const unsigned link = slots[pos].link;
+      if ((link & 1u) && Match::accepts(compare_keys(stored_key<Value>::of(slots[pos].value), key))) return pos;
+      if (link < 2) return end();
+      pos += link >> 1;
+    }
+  }
+
+  /// Find-or-insert: the position of the existing equal entry (left untouched) or of the
+  /// newly stored value; npos when the slots could not grow. *added tells which.
+  std::size_t insert(std::uint64_t h, const Value& value, bool* added = nullptr) {
+    if (added) *added = false;
+    if (buckets_ == 0) return npos;
+    slot_type* slots = storage_->data();
+    const key_type& key = stored_key<Value>::of(value);
+    std::size_t pos = first_ + h % buckets_, free_slot = npos;
+    for (;;) {
+      const unsigned link = slots[pos].link;
+      if (link & 1u) {
+        if (Match::accepts(compare_keys(stored_key<Value>::of(slots[pos].value), key))) return pos;
+      } else if (free_slot == npos) {
+        free_slot = pos;
+      }
+      if (link < 2) break;
+      pos += link >> 1;
+    }
+    if (free_slot != npos) {  // reuse it; its link keeps the chain intact
+      slots[free_slot].value = value;
+      slots[free_slot].link |= 1u;
+      ++entries_;
+      if (added) *added = true;
+      return free_slot;
+    }
+    const std::size_t fresh = first_ + used_;
+    if (fresh - pos > 0x7FFFFFFFu) return npos;  // the link word cannot hold the distance
+    if (fresh >= storage_->capacity()) {
+      const std::size_t capacity = storage_->capacity();
+      std::size_t grown = 2 * capacity > 2 ? 2 * capacity : 2;
+      if (grown < fresh + 1) grown = fresh + 1;
+      if (!storage_->__grow(grown, fresh)) return npos;
+      slots = storage_->data();
+    }
+    slots[fresh].value = value;
+    slots[fresh].link = 1u;
+    ++used_;
+    slots[pos].link = static_cast<unsigned>(((fresh - pos) << 1) + 1);
+    ++entries_;
+    if (added) *added = true;
+    return fresh;
+  }
+
+  /// Rebuilds the table with at least `wanted` buckets (the next prime of the table).
+  /// False when the new table could not be sized (the old one is kept) or when an entry
+  /// could not be carried over.
+  bool rehash(std::size_t wanted) {
+    const std::size_t buckets = next_prime(wanted);
+    hash_table rebuilt;
+    rebuilt.reset(entries_, buckets, 1.0);
+    if (rebuilt.buckets_ < buckets) return false;
+    for (std::size_t pos = begin(); pos < end(); ++pos)
+      if (occupied(pos)) {
+        const Value& value = storage_->data()[pos].value;
+        rebuilt.insert(hash_key(stored_key<Value>::of(value)), value);
+      }
+    const bool complete = rebuilt.entries_ == entries_;
+    *this = rebuilt;
+    max_load_ = 1.0;
+    return complete;
+  }
+
+  /// insert() after the growth rule: when the entries would exceed twice the buckets,
+  /// rehash to twice the entries first. npos when memory runs out.
+  std::size_t insert_growing(std::uint64_t h, const Value& value, bool* added = nullptr) {
+    if (entries_ + 1 > 2 * buckets_ && !rehash(2 * entries_ > 23 ? 2 * entries_ : 23)) {
+      if (added) *added = false;
+      return npos;
+    }
+    return insert(h, value, added);
+  }
+
+  // Iteration over positions [begin(), end()) in array order; occupied() tells live ones.
+  std::size_t begin() const { return first_; }
+  std::size_t end() const { return first_ + used_; }
+  bool occupied(std::size_t pos) const { return (storage_->data()[pos].link & 1u) != 0; }
+  Value& value(std::size_t pos) { return storage_->data()[pos].value; }
+  const Value& value(std::size_t pos) const { return storage_->data()[pos].value; }
+
+  std::size_t size() const { return entries_; }
+  std::size_t bucket_count() const { return buckets_; }
+  std::size_t used_slots() const { return used_; }
+  double max_load() const { return max_load_; }
+
+ private:
+  using buffer_type = zel::vector_num<slot_type, 8>;
+
+  static void clear_slot(slot_type& slot) {
+    stored_key<Value>::mark_unused(slot.value);
+    slot.link = 0;
+  }
+
+  // Room for `count` slots from the start of the storage, keeping the slots in use.
+  bool reserve_slots(std::size_t count) {
+    if (storage_) return storage_->__grow(count, first_ + used_);
+    buffer_type* buffer = buffer_type::__create(count);
+    if (!buffer) return false;
+    storage_ = buffer;
+    return true;
+  }
+
+  zel::Ptr<buffer_type> storage_;
+  std::size_t used_ = 0;
+  std::size_t first_ = 0;
+  std::size_t buckets_ = 0;
+  std::size_t entries_ = 0;
+  double max_load_ = 1.0;
+};
+
+}  // namespace elfes
