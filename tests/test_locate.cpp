@@ -730,6 +730,9 @@ TEST(interpolate_metrics, anisotropic_listed_nodes) {
   for (unsigned n = 0; n < f.mesh_nodes; ++n)
     for (unsigned k = 0; k < 6; ++k) tensors(k, n) = metric_a[k];
   tensors(0, 0) = -1;  // node 0, the corner at the origin, is not positive definite
+  const unsigned was_valid = by_corner + 3;  // valid, but replaced without keep_valid
+  f.coords(0, was_valid) = f.coords(1, was_valid) = f.coords(2, was_valid) = 0.5;
+  tensors(0, was_valid) = tensors(2, was_valid) = tensors(5, was_valid) = 1.0;
   const auto view = padded_view(tensors, 1, 9.0);
   dense2D<double> metrics = view;
   ASSERT_EQ(zel::tessel3d::interpolate_metrics(f.coords, f.box.mesh.connect, f.box.neighbors, f.node_element,
