@@ -245,8 +245,8 @@ TESSEL3D_EXPORT int extrude_line(dense2D<double>& coords, const dense2D<unsigned
 //
 // Inside test: with 6V = (p0 - p3) . ((p1 - p3) x (p2 - p3)) and the barycentric
 // coordinates of the point, the point is inside when every coordinate is >= -tolerance
-// (0 accepts points on faces, edges and nodes; a positive value accepts points slightly outside,
-// in proportion to the element's size; a negative one rejects points near the faces).
+// (0 accepts points on faces, edges and nodes; a positive value accepts points slightly
+// outside, in proportion to the element's size; a negative one rejects points near faces).
 
 /// Finds the TH4 that holds `point`, seeded from `detector.find_close(point)` with a
 /// second chance from the elements around `detector.find_closest(point)`.
