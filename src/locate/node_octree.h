@@ -139,6 +139,7 @@ class node_octree {
     for (std::size_t e = 0; e < nb_elements; ++e, column += connectivity.ld())
       for (unsigned k = 0; k < 4; ++k) {
         const unsigned n = column[k];
+        if (n >= coords_.cols()) continue;  // invalid IDs are the caller's fault, but never written through
         unsigned& word = seen[n >> 5];
         if (word & (1u << (n & 31))) continue;
         word |= 1u << (n & 31);
