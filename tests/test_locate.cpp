@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <map>
 #include <set>
 #include <vector>
 
@@ -29,36 +28,16 @@ namespace {
 
 // ---- independent references ------------------------------------------------------------
 
-// Face adjacency by sorted face nodes, with the face lists of the element tables;
-// kind < 0 reads the kind of each column of the 8-row mixed layout.
-dense2D<unsigned> neighbors_of(const dense2D<unsigned>& connect, unsigned rows, int kind = elfes::kind_TH4) {
-  dense2D<unsigned> neighbors(rows, connect.cols(), ~0U);
-  std::map<std::vector<unsigned>, std::pair<unsigned, unsigned>> open;
-  for (unsigned e = 0; e < connect.cols(); ++e) {
-    const unsigned* column = &connect(0, e);
-    const auto& solid = elfes::solid_table[kind < 0 ? int(elfes::mixed8_kind(column)) : kind];
-    for (unsigned f = 0; f < solid.nb_faces; ++f) {
-      std::vector<unsigned> key;
-      for (unsigned k = 0; k < solid.face_size[f]; ++k) key.push_back(column[solid.faces[f][k]]);
-      std::sort(key.begin(), key.end());
-      auto found = open.find(key);
-      if (found == open.end()) {
-        open[key] = {e, f};
-      } else {
-        neighbors(f, e) = found->second.first;
-        neighbors(found->second.second, found->second.first) = e;
-        open.erase(found);
-      }
-    }
-  }
+// The adjacency helpers of the base mesh library, as callers use them.
+dense2D<unsigned> neighbors_of(const dense2D<unsigned>& connect, zel::element_type type = zel::TH4) {
+  dense2D<unsigned> neighbors;
+  EXPECT_EQ(zel::tessel::get_neighbors(connect, type, neighbors), 0);
   return neighbors;
 }
 
 dense1D<unsigned, 8> node_element_of(const dense2D<unsigned>& connect, std::size_t nb_nodes) {
-  dense1D<unsigned, 8> node_element(nb_nodes, ~0U);
-  for (unsigned e = connect.cols(); e-- > 0;)
-    for (unsigned k = 0; k < connect.rows(); ++k)
-      if (connect(k, e) != ~0U) node_element[connect(k, e)] = e;
+  dense1D<unsigned, 8> node_element;
+  EXPECT_EQ(zel::tessel::get_node_element(connect, unsigned(nb_nodes), node_element), 0);
   return node_element;
 }
 
@@ -94,7 +73,7 @@ struct th4_box {
   dense1D<unsigned, 8> node_element;
   explicit th4_box(unsigned n, double jitter = 0.2, std::uint64_t seed = 7)
       : mesh(make_box(box_kind::TH4, n, n, n, 1, 1, 1, jitter, seed)),
-        neighbors(neighbors_of(mesh.connect, 4)),
+        neighbors(neighbors_of(mesh.connect)),
         node_element(node_element_of(mesh.connect, mesh.coords.cols())) {}
 };
 
@@ -201,7 +180,7 @@ TEST(visibility_walk, invalid_element_and_step_limit) {
   // Two elements sharing face 3 of element 0; element 1 is inverted.
   dense2D<double> coords(3, 5, {0, 1, 0, 1, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, -1});
   dense2D<unsigned> connect(4, 2, {0, 1, 2, 3, 0, 1, 2, 4});
-  dense2D<unsigned> neighbors = neighbors_of(connect, 4);
+  dense2D<unsigned> neighbors = neighbors_of(connect);
   const double below[3] = {0.2, 0.2, -0.5};
   std::size_t steps = 0;
   unsigned element = 0;  // the second element is reached exactly at the step limit
@@ -256,10 +235,10 @@ TEST(elements_around_node, every_element_holding_the_node) {
   expect_around_node(box.mesh.connect, box.neighbors, elfes::th4_faces_with_node(), on_edge, 8);
 
   box_mesh hexes = make_box(box_kind::H8, 3, 3, 3);
-  expect_around_node(hexes.connect, neighbors_of(hexes.connect, 6, elfes::kind_H8),
+  expect_around_node(hexes.connect, neighbors_of(hexes.connect, zel::H8),
                      elfes::pure_faces_with_node{elfes::kind_H8}, centre, 8);
   dense2D<unsigned> mixed = to_mixed8(hexes.connect);
-  expect_around_node(mixed, neighbors_of(mixed, 6, -1), elfes::mixed8_faces_with_node(), centre, 8);
+  expect_around_node(mixed, neighbors_of(mixed, zel::SOLID_MIX8), elfes::mixed8_faces_with_node(), centre, 8);
 }
 
 TEST(elements_around_node, empty_seed_degenerate_element_and_memory) {
@@ -270,7 +249,7 @@ TEST(elements_around_node, empty_seed_degenerate_element_and_memory) {
   EXPECT_TRUE(list.empty());
   // An H8 seed that does not hold the node has no face containing it.
   box_mesh hexes = make_box(box_kind::H8, 2, 2, 2);
-  EXPECT_EQ(elfes::elements_around_node(26, 0, hexes.connect, neighbors_of(hexes.connect, 6, elfes::kind_H8),
+  EXPECT_EQ(elfes::elements_around_node(26, 0, hexes.connect, neighbors_of(hexes.connect, zel::H8),
                                         elfes::pure_faces_with_node{elfes::kind_H8}, list, visited),
             1);
   EXPECT_TRUE(list.empty());
@@ -403,7 +382,7 @@ TEST(get_element_containing_point, inverted_element_on_the_way) {
   // Exchanging two nodes inverts an element; its adjacency is rebuilt to match.
   const unsigned bad = 100;
   std::swap(box.mesh.connect(0, bad), box.mesh.connect(2, bad));
-  box.neighbors = neighbors_of(box.mesh.connect, 4);
+  box.neighbors = neighbors_of(box.mesh.connect);
   double centre[3] = {0, 0, 0};
   for (int k = 0; k < 4; ++k)
     for (int d = 0; d < 3; ++d) centre[d] += box.mesh.coords(d, box.mesh.connect(k, bad)) / 4;
