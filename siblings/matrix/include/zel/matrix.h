@@ -219,8 +219,9 @@ class dense2D {
 
   T* data() noexcept { return storage_ ? storage_->data() + offset_ : nullptr; }
   const T* data() const noexcept { return storage_ ? storage_->data() + offset_ : nullptr; }
-  T& operator()(size_type i, size_type j) noexcept { return data()[j * ld_ + i]; }
-  const T& operator()(size_type i, size_type j) const noexcept { return data()[j * ld_ + i]; }
+  // Entry access assumes storage (an entry exists), so it skips data()'s null test.
+  T& operator()(size_type i, size_type j) noexcept { return storage_->data()[offset_ + j * ld_ + i]; }
+  const T& operator()(size_type i, size_type j) const noexcept { return storage_->data()[offset_ + j * ld_ + i]; }
   /// The shared buffer (null when there is none).
   const Ptr<buffer_type>& storage() const noexcept { return storage_; }
 
@@ -416,8 +417,8 @@ class dense1D {
   size_type capacity() const noexcept { return storage_ ? storage_->capacity() - offset_ : 0; }
   T* data() noexcept { return storage_ ? storage_->data() + offset_ : nullptr; }
   const T* data() const noexcept { return storage_ ? storage_->data() + offset_ : nullptr; }
-  T& operator[](size_type i) noexcept { return data()[i]; }
-  const T& operator[](size_type i) const noexcept { return data()[i]; }
+  T& operator[](size_type i) noexcept { return storage_->data()[offset_ + i]; }
+  const T& operator[](size_type i) const noexcept { return storage_->data()[offset_ + i]; }
   T* begin() noexcept { return data(); }
   T* end() noexcept { return data() + size_; }
   const T* begin() const noexcept { return data(); }
