@@ -252,3 +252,17 @@ TEST(flip, views_with_a_larger_leading_dimension) {
       EXPECT_EQ(big(i, j), 100 * j + 1 + p[q[i - 1]]);
     }
 }
+
+TEST(flip, works_on_memory_wrapped_from_another_container) {
+  std::vector<unsigned> memory = {0, 1, 2, 3, 10, 11, 12, 13};
+  {
+    dense2D<unsigned> view = dense2D<unsigned>::wrap(memory.data(), 4, 2, 4);
+    ASSERT_EQ(t3::flip(view, zel::TH4), 0);
+    EXPECT_EQ(view.data(), memory.data());  // no copy was made
+    dense2D<unsigned> grown = view;
+    ASSERT_TRUE(grown.resize(4, 3, 7u));  // growth moves to a buffer of its own
+    EXPECT_NE(grown.data(), memory.data());
+    EXPECT_EQ(grown(0, 1), 12u);
+  }
+  EXPECT_EQ(memory, (std::vector<unsigned>{2, 1, 0, 3, 12, 11, 10, 13}));  // still ours, flipped
+}
