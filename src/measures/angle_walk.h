@@ -11,16 +11,34 @@ namespace elfes {
 
 // The values of the current element, each already scaled by its normalisation factor
 // when asked. A value the list cannot make room for is dropped; the others still count.
+// The list owns its buffer alone, so the room it has obtained stays valid: values are
+// written straight into it and only growth goes through the vector.
 class value_list {
  public:
   explicit value_list(bool normalise) : normalise_(normalise) {}
-  void add(double value, double factor) { values_.push_back(normalise_ ? value * factor : value); }
-  void clear() { values_.clear(); }  // keeps the buffer: no allocation once it is large enough
-  std::size_t size() const { return values_.size(); }
-  const double* data() const { return values_.data(); }
+  void add(double value, double factor) {
+    const double x = normalise_ ? value * factor : value;
+    if (size_ < room_)
+      data_[size_++] = x;
+    else
+      grow_and_add(x);
+  }
+  void clear() { size_ = 0; }  // keeps the room: no allocation once it is large enough
+  std::size_t size() const { return size_; }
+  const double* data() const { return data_; }
 
  private:
+  void grow_and_add(double x) {
+    if (!values_.push_back(x)) return;  // the vector's size is size_ here
+    size_ = values_.size();
+    values_.resize(values_.capacity());  // spans all its room, which needs no allocation
+    data_ = values_.data();
+    room_ = values_.size();
+  }
+
   zel::dense1D<double, 8> values_;
+  double* data_ = nullptr;
+  std::size_t size_ = 0, room_ = 0;
   bool normalise_;
 };
 

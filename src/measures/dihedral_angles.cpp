@@ -42,13 +42,10 @@ constexpr face_pairs pairs_table[4] = {
       right_angle, right_angle, right_angle, right_angle}},
 };
 
-// Interior angle between two faces from their inward normals; 0 when one is degenerate.
-// The cosine is deliberately not clamped.
-inline double dihedral(const vec3& na, const vec3& nb) {
-  const double product = dot(na, na) * dot(nb, nb);
-  return product > 0 ? std::acos(-dot(na, nb) / std::sqrt(product)) : 0.0;
-}
-
+// Interior angle between two faces from their inward normals na, nb:
+// acos(-(na . nb) / sqrt(|na|^2 |nb|^2)), or 0 when a normal vanishes. The cosine is
+// deliberately not clamped. The cosines of an element are formed first and the arc
+// cosines taken after, so that the arithmetic of all pairs can overlap.
 struct dihedral_measure {
   template <solid_kind kind, class Reader>
   static void element(const unsigned* column, const Reader& node, elfes::value_list& list) {
@@ -57,6 +54,8 @@ struct dihedral_measure {
     vec3 p[8];
     elfes::load_vertices<solid.nb_vertices>(column, node, p);
     vec3 normal[6];
+    double squared[6];
+#pragma GCC unroll 6
     for (unsigned f = 0; f < solid.nb_faces; ++f) {
       const unsigned* v = solid.faces[f];
       // A pyramid base or wedge side without its fourth node (mixed layout) is a triangle.
@@ -64,9 +63,19 @@ struct dihedral_measure {
                             (Reader::may_be_absent && kind != elfes::kind_H8 && column[v[3]] == elfes::absent);
       normal[f] = triangle ? elfes::triangle_normal(p[v[0]], p[v[1]], p[v[2]])
                            : elfes::quadrangle_normal(p[v[0]], p[v[1]], p[v[2]], p[v[3]]);
+      squared[f] = dot(normal[f], normal[f]);
     }
-    for (unsigned k = 0; k < pairs.count; ++k)
-      list.add(dihedral(normal[pairs.pair[k][0]], normal[pairs.pair[k][1]]), pairs.factor[k]);
+    double cosine[12];
+    bool defined[12];
+#pragma GCC unroll 12
+    for (unsigned k = 0; k < pairs.count; ++k) {
+      const unsigned a = pairs.pair[k][0], b = pairs.pair[k][1];
+      const double product = squared[a] * squared[b];
+      defined[k] = product > 0;
+      cosine[k] = -dot(normal[a], normal[b]) / std::sqrt(defined[k] ? product : 1.0);
+    }
+#pragma GCC unroll 12
+    for (unsigned k = 0; k < pairs.count; ++k) list.add(defined[k] ? std::acos(cosine[k]) : 0.0, pairs.factor[k]);
   }
 };
 
