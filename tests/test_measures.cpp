@@ -375,6 +375,22 @@ TEST(solid_angles, regular_elements) {
   EXPECT_NEAR(angles_of(t3::solid_angles, right_tet(), true).hi, 2.5, tol);
 }
 
+// The unit pyramid, apex above base corner 0: solid angles pi/2 at corner 0, pi/4 at 1
+// and 3, pi/6 at 2 and at the apex (a unit square seen from height 1 above a corner);
+// dihedral angles pi/2 and pi/4 along the base, pi/2 and 2 pi/3 along the lateral edges.
+TEST(solid_angles, unit_pyramid_apex_and_base_corners) {
+  const extremes raw = angles_of(t3::solid_angles, unit_pyramid(), false);
+  EXPECT_NEAR(raw.lo, pi / 6, 1e-14);
+  EXPECT_NEAR(raw.hi, pi / 2, 1e-14);
+  const extremes scaled = angles_of(t3::solid_angles, unit_pyramid(), true);
+  EXPECT_NEAR(scaled.lo, pi / 6 / (4 * std::asin(1.0 / 3)), 1e-14);  // the apex
+  EXPECT_NEAR(scaled.hi, pi / 2 / (2 * std::asin(1.0 / 3)), 1e-14);
+  const extremes dihedral = angles_of(t3::dihedral_angles, unit_pyramid(), false);
+  EXPECT_NEAR(dihedral.lo, pi / 4, 1e-14);
+  EXPECT_NEAR(dihedral.hi, 2 * pi / 3, 1e-14);
+  EXPECT_NEAR(angles_of(t3::dihedral_angles, unit_pyramid(), true).hi, pi / 2 / std::acos(1 / std::sqrt(3.0)), 1e-14);
+}
+
 TEST(solid_angles, inverted_elements_are_negative) {
   for (box_kind kind : {box_kind::TH4, box_kind::PY5, box_kind::W6, box_kind::H8}) {
     box_mesh m = make_box(kind, 2, 2, 2, 1, 1, 1, 0.1, 9);
