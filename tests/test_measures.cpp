@@ -188,17 +188,6 @@ TEST_P(volume_box, flips_negate_it) {
 
 INSTANTIATE_TEST_SUITE_P(every_kind, volume_box, ::testing::Values(box_kind::TH4, box_kind::PY5, box_kind::W6, box_kind::H8));
 
-TEST(volume, single_type_flips_negate_it) {
-  box_mesh tets = make_box(box_kind::TH4, 2, 2, 2), wedges = make_box(box_kind::W6, 2, 2, 2),
-           hexas = make_box(box_kind::H8, 2, 2, 2);
-  ASSERT_EQ(t3::flip_TH4(tets.connect), 0);
-  ASSERT_EQ(t3::flip_W6(wedges.connect), 0);
-  ASSERT_EQ(t3::flip_H8(hexas.connect), 0);
-  EXPECT_NEAR(volume_of(tets.coords, tets.connect), -1.0, 1e-13);
-  EXPECT_NEAR(volume_of(wedges.coords, wedges.connect), -1.0, 1e-13);
-  EXPECT_NEAR(volume_of(hexas.coords, hexas.connect), -1.0, 1e-13);
-}
-
 // Part k is shifted to [2k, 2k + l] in x: the pieces do not overlap.
 TEST(volume, mixed_mesh_of_every_kind) {
   const std::vector<box_mesh> plain = {make_box(box_kind::H8, 2, 2, 2, 1, 1, 1), make_box(box_kind::TH4, 2, 3, 2, 1, 2, 1),
@@ -339,40 +328,30 @@ extremes angles_of(angle_fn fn, const box_mesh& m, bool normalise) {
 
 }  // namespace
 
-TEST(dihedral_angles, regular_elements_score_one) {
-  const double tol = 1e-14;
-  for (const box_mesh& m : {regular_tet(), regular_pyramid(), regular_prism(), box_hexa(1, 1, 1)}) {
-    for (const zel::dense2D<unsigned>& c : {m.connect, to_mixed8(m.connect)}) {
-      const extremes e = angles_of(t3::dihedral_angles, box_mesh{m.coords, c}, true);
-      EXPECT_NEAR(e.lo, 1.0, tol) << m.connect.rows() << " rows";
-      EXPECT_NEAR(e.hi, 1.0, tol) << m.connect.rows() << " rows";
+// Regular elements score 1 in both measures, except the tetrahedron's solid angle,
+// acos(23/27) scaled by 5/pi (about 0.877). Mixed layout too.
+TEST(dihedral_and_solid_angles, regular_elements) {
+  const double tet_corner = std::acos(23.0 / 27) * 5 / pi;
+  const struct {
+    box_mesh mesh;
+    double solid;
+  } table[] = {{regular_tet(), tet_corner}, {regular_pyramid(), 1.0}, {regular_prism(), 1.0}, {box_hexa(1, 1, 1), 1.0}};
+  for (const auto& r : table)
+    for (const zel::dense2D<unsigned>& c : {r.mesh.connect, to_mixed8(r.mesh.connect)}) {
+      const box_mesh m{r.mesh.coords, c};
+      const extremes dihedral = angles_of(t3::dihedral_angles, m, true), solid = angles_of(t3::solid_angles, m, true);
+      EXPECT_NEAR(dihedral.lo, 1.0, 1e-14) << r.mesh.connect.rows() << " rows";
+      EXPECT_NEAR(dihedral.hi, 1.0, 1e-14) << r.mesh.connect.rows() << " rows";
+      EXPECT_NEAR(solid.lo, r.solid, 1e-14) << r.mesh.connect.rows() << " rows";
+      EXPECT_NEAR(solid.hi, r.solid, 1e-14) << r.mesh.connect.rows() << " rows";
     }
-  }
-  const extremes tet = angles_of(t3::dihedral_angles, regular_tet(), false);
-  EXPECT_NEAR(tet.lo, std::acos(1.0 / 3), tol);
-  EXPECT_NEAR(tet.hi, std::acos(1.0 / 3), tol);
-  const extremes cube = angles_of(t3::dihedral_angles, box_hexa(1, 1, 1), false);
-  EXPECT_NEAR(cube.lo, pi / 2, tol);
-  EXPECT_NEAR(cube.hi, pi / 2, tol);
-}
-
-TEST(solid_angles, regular_elements) {
-  const double tol = 1e-14;
-  for (const box_mesh& m : {regular_pyramid(), regular_prism(), box_hexa(1, 1, 1)}) {
-    const extremes e = angles_of(t3::solid_angles, m, true);
-    EXPECT_NEAR(e.lo, 1.0, tol) << m.connect.rows() << " rows";
-    EXPECT_NEAR(e.hi, 1.0, tol) << m.connect.rows() << " rows";
-  }
-  // The tetrahedron is scaled by 5/pi: its regular corner acos(23/27) scores about 0.877.
-  const extremes tet = angles_of(t3::solid_angles, regular_tet(), true);
-  EXPECT_NEAR(tet.lo, std::acos(23.0 / 27) * 5 / pi, tol);
-  EXPECT_NEAR(tet.hi, tet.lo, tol);
-  const extremes cube = angles_of(t3::solid_angles, box_hexa(1, 1, 1), false);
-  EXPECT_NEAR(cube.lo, pi / 2, tol);
-  EXPECT_NEAR(cube.hi, pi / 2, tol);
-  // Right-angled corner at node 0, the largest one.
-  EXPECT_NEAR(angles_of(t3::solid_angles, right_tet(), false).hi, pi / 2, tol);
-  EXPECT_NEAR(angles_of(t3::solid_angles, right_tet(), true).hi, 2.5, tol);
+  // In radians: acos(1/3) in the tetrahedron, pi/2 in the cube, pi/2 at the right corner
+  // (node 0) of the right-angled tetrahedron, which scales to 2.5.
+  EXPECT_NEAR(angles_of(t3::dihedral_angles, regular_tet(), false).hi, std::acos(1.0 / 3), 1e-14);
+  EXPECT_NEAR(angles_of(t3::dihedral_angles, box_hexa(1, 1, 1), false).lo, pi / 2, 1e-14);
+  EXPECT_NEAR(angles_of(t3::solid_angles, box_hexa(1, 1, 1), false).hi, pi / 2, 1e-14);
+  EXPECT_NEAR(angles_of(t3::solid_angles, right_tet(), false).hi, pi / 2, 1e-14);
+  EXPECT_NEAR(angles_of(t3::solid_angles, right_tet(), true).hi, 2.5, 1e-14);
 }
 
 // The unit pyramid, apex above base corner 0: solid angles pi/2 at corner 0, pi/4 at 1
@@ -432,6 +411,23 @@ TEST(dihedral_angles, degenerate_faces_give_zero) {
   const box_mesh m = element({0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 1, 0});
   const extremes e = angles_of(t3::dihedral_angles, m, false);
   EXPECT_EQ(e.lo, 0.0);
+}
+
+// Mixed columns that lack a node their kind needs: an absent node reads as NaN, never
+// as memory. A pyramid without row 3 keeps the triangle (0, 1, 2) as its base.
+TEST(dihedral_and_solid_angles, malformed_mixed_columns) {
+  box_mesh m = unit_pyramid();
+  m.connect = to_mixed8(m.connect);
+  m.connect(3, 0) = absent;
+  const extremes scaled = angles_of(t3::dihedral_angles, m, true);
+  EXPECT_EQ(scaled.lo, 0.0);                                               // faces through node 3
+  EXPECT_NEAR(scaled.hi, pi / 2 / std::acos(1 / std::sqrt(3.0)), 1e-14);  // base and face (0, 4, 1)
+  double v = 0;
+  EXPECT_EQ(t3::volume(m.coords, m.connect, v), 0);
+  EXPECT_TRUE(std::isnan(v));
+  m.connect(4, 0) = absent;  // rows 3 to 7 absent: read as a hexahedron
+  EXPECT_EQ(t3::volume(m.coords, m.connect, v), 0);
+  EXPECT_TRUE(std::isnan(v));
 }
 
 TEST(dihedral_angles, extremes_follow_the_comparisons_through_nan) {
