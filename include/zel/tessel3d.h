@@ -59,37 +59,79 @@ TESSEL3D_EXPORT int flip_H8(dense2D<unsigned>& connect);
 
 // ---- measures ----------------------------------------------------------------------
 
-/// Signed total volume of a solid mesh (inverted elements subtract).
+/// Signed total volume of a solid mesh: the sum of the elements' signed volumes, so
+/// inverted elements subtract (no absolute value is taken anywhere).
+/// Each element is measured as a sum of tetrahedra (a, b, c, d) with the right-hand
+/// volume det(b - a, c - a, d - a) / 6 (library TH4 orientation, see the file comment):
+///   TH4  the element itself, (p0 - p3) . ((p1 - p3) x (p2 - p3)) / 6
+///   PY5  (0 1 2 4) + (0 2 3 4): a warped base counts as split along its diagonal 0-2
+///   W6   (1 2 0 4) + (2 0 4 3) + (2 4 5 3)
+///   H8   (0 1 3 4) + (2 3 1 6) + (5 4 6 1) + (7 6 4 3) + (1 3 4 6)
+/// With plane faces this is the exact volume. A warped quadrangle is cut along the
+/// diagonal of that split, so two W6 or H8 sharing a warped face may cut it differently.
+/// Reference values: tetrahedron (0,0,0) (1,0,0) (0,1,0) (0,0,1) -1/6; pyramid on the
+/// base (0,0,0) (1,0,0) (1,1,0) (0,1,0) with apex (0,0,1) 1/3; prism (0,0,0) (1,0,0)
+/// (0,1,0) (0,0,1) (1,0,1) (0,1,1) 1/2; unit cube with the base of the pyramid, then
+/// the same corners at z = 1, 1.
 /// @param[in]  coords   3 x #nodes
-/// @param[in]  connect  4 (TH4), 5 (PY5), 6 (W6) rows, or any other count read as the
-///                      8-row mixed layout (pure H8 included)
-/// @param[out] result   set to 0 first, then to the total
-/// @return 0 (also for an empty connect, before any check) | -1 coords not 3 rows
-///         | -2 bad node IDs or row count
+/// @param[in]  connect  #rows x #elements: 4 rows TH4, 5 PY5, 6 W6; any other row count is
+///                      read as the 8-row mixed layout (a pure H8 mesh included), each
+///                      column measured by its own kind. The kernels read rows 0-7 only.
+/// @param[out] result   set to 0.0 first, then to the total
+/// @return 0 (also for an empty connect, before any other check) | -1 coords not 3 rows
+///         | -2 connect rejected by check_IDs (TH4, PY5, W6 by row count, else SOLID_MIX8,
+///         which also rejects row counts other than 4, 5, 6, 8). Nothing is allocated.
+/// A malformed mixed column whose kind needs an absent node (~0U) gives NaN.
 TESSEL3D_EXPORT int volume(const dense2D<double>& coords, const dense2D<unsigned>& connect, double& result);
 
-/// Circumcentres of the tetrahedra of a TH4 mesh.
+/// Circumcentres of the tetrahedra of a TH4 mesh, built from the circumcircle of face
+/// (1, 2, 3) moved along the face normal until it is as far from node 0.
+/// Deliberately sensitive to orientation: an inverted or flat element (6V <= 0, or node
+/// 0 too close to the face's plane) gets the centre of the circumcircle of its face
+/// (1, 2, 3) instead; a face whose nodes are (nearly) collinear gives the coordinates of
+/// node 3. Example: (0,0,0) (0,1,0) (1,0,0) (0,0,1) gives (0.5, 0.5, 0.5); the inverted
+/// order (0,0,0) (1,0,0) (0,1,0) (0,0,1) gives (1/3, 1/3, 1/3).
 /// @param[in]  coords   3 x #nodes
 /// @param[in]  connect  4 x #elements
-/// @param[out] centers  emptied first; 3 x #elements on success
-/// @return 0 | -1 coords not 3 rows | -2 connect not 4 rows or bad node IDs
+/// @param[out] centers  emptied to 0 x 0 first (so a failing call leaves it empty);
+///                      3 x #elements on success, column j the centre of element j
+/// @return 0 (an empty 4-row connect gives centers 3 x 0) | -1 coords not 3 rows
+///         | -2 connect not 4 rows (checked even when empty) or bad node IDs
 ///         | -199 centers cannot be sized
 TESSEL3D_EXPORT int circumcenters(const dense2D<double>& coords, const dense2D<unsigned>& connect,
                                   dense2D<double>& centers);
 
-/// Smallest and largest dihedral angle of every element (radians, or normalised so that
-/// the regular element of its kind scores 1).
-/// @param[in]  coords     3 x #nodes (rows not checked)
-/// @param[in]  connect    4, 5, 6 rows or the 8-row mixed layout
-/// @param[in]  normalise  scale by the kind's normalisation factors
-/// @param[out] minValues, maxValues  entry j for element j; sized by the caller (at
-///             least #elements), never resized
-/// @return 0 | -2 bad node IDs or row count
+/// Smallest and largest interior dihedral angle of every element, over the pairs of
+/// faces that share an edge: acos(-(na . nb) / (|na| |nb|)) from the inward face normals
+/// (triangle (a - c) x (b - c), quadrangle (c - a) x (d - b)). Radians, in [0, pi] for a
+/// positive element; a degenerate face gives 0 for its pairs; the cosine is not clamped,
+/// so rounding past +-1 gives NaN, which the extremes pass on as their comparisons
+/// dictate (min takes x when "x >= min" is false, max when "max >= x" is false).
+/// normalise scales each value so that the regular element of its kind scores 1:
+///   TH4 1/acos(1/3); PY5 1/acos(-1/3) at the lateral edges, 1/acos(1/sqrt 3) at the
+///   base; W6 3/pi between quadrangles, 2/pi elsewhere; H8 2/pi.
+/// @param[in]  coords     3 x #nodes (the row count is not checked: it must be 3)
+/// @param[in]  connect    4 (TH4), 5 (PY5), 6 (W6) rows, or the 8-row mixed layout (pure
+///                        H8 included). In the mixed layout a pyramid base or wedge side
+///                        whose fourth node is absent is measured as a triangle.
+/// @param[in]  normalise  scale by the factors above
+/// @param[out] minValues, maxValues  entry j set for element j; never resized: entries
+///             past the end of a shorter vector are skipped, entries past #elements kept
+/// @return 0 (an empty connect after the check: outputs untouched) | -2 connect rejected
+///         by check_IDs (nothing written). Values the scratch list cannot store (memory
+///         exhausted) are left out of their element's extremes.
 TESSEL3D_EXPORT int dihedral_angles(const dense2D<double>& coords, const dense2D<unsigned>& connect, bool normalise,
                                     dense1D<double, 8>& minValues, dense1D<double, 8>& maxValues);
 
-/// Smallest and largest solid angle at the vertices of every element (steradians, or
-/// normalised). Arguments and codes as dihedral_angles.
+/// Smallest and largest solid angle at the vertices of every element (steradians),
+/// 2 atan2(a . (b x c), (c + b) . (b + a)) with a, b, c the unit edge vectors leaving
+/// the vertex. Positive at the vertices of a positive element, negative for an inverted
+/// one (pi/2 at a cube corner). A pyramid's apex is the sum of the two trihedra over
+/// the halves of its base.
+/// normalise scales: TH4 5/pi (the regular tetrahedron scores about 0.877, the right
+///   corner of (0,0,0) (0,1,0) (1,0,0) (0,0,1) 2.5); PY5 1/(2 asin(1/3)) at the base,
+///   1/(4 asin(1/3)) at the apex; W6 3/pi; H8 2/pi (regular elements score 1).
+/// Arguments, extremes and status codes as dihedral_angles.
 TESSEL3D_EXPORT int solid_angles(const dense2D<double>& coords, const dense2D<unsigned>& connect, bool normalise,
                                  dense1D<double, 8>& minValues, dense1D<double, 8>& maxValues);
 
