@@ -465,7 +465,10 @@ TEST(dihedral_and_solid_angles, status_codes_and_outputs) {
     EXPECT_EQ(fn(m.coords, zel::dense2D<unsigned>(7, 1, 0u), false, lo, hi), -2);
     EXPECT_EQ(fn(m.coords, zel::dense2D<unsigned>(8, 0), false, lo, hi), 0);
     for (std::size_t j = 0; j < 6; ++j) EXPECT_EQ(lo[j] + hi[j], -14.0) << "written on failure or empty input";
-    // The coordinates' rows are not checked: a fourth row is simply ignored.
+    // Coordinates with 2 rows cannot be read: -1, nothing written.
+    EXPECT_EQ(fn(m.coords.sub_matrix(0, 0, 2, m.coords.cols()), m.connect, false, lo, hi), -1);
+    for (std::size_t j = 0; j < 6; ++j) EXPECT_EQ(lo[j] + hi[j], -14.0);
+    // A fourth row is simply ignored.
     zel::dense2D<double> four(4, m.coords.cols(), 5.0);
     for (std::size_t j = 0; j < m.coords.cols(); ++j)
       for (std::size_t i = 0; i < 3; ++i) four(i, j) = m.coords(i, j);

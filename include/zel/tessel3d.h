@@ -110,7 +110,7 @@ TESSEL3D_EXPORT int circumcenters(const dense2D<double>& coords, const dense2D<u
 /// normalise scales each value so that the regular element of its kind scores 1:
 ///   TH4 1/acos(1/3); PY5 1/acos(-1/3) at the lateral edges, 1/acos(1/sqrt 3) at the
 ///   base; W6 3/pi between quadrangles, 2/pi elsewhere; H8 2/pi.
-/// @param[in]  coords     3 x #nodes (the row count is not checked: it must be 3)
+/// @param[in]  coords     3 x #nodes (rows past the third are ignored)
 /// @param[in]  connect    4 (TH4), 5 (PY5), 6 (W6) rows, or the 8-row mixed layout (pure
 ///                        H8 included). In the mixed layout a pyramid base or wedge side
 ///                        whose fourth node is absent is measured as a triangle.
@@ -118,8 +118,9 @@ TESSEL3D_EXPORT int circumcenters(const dense2D<double>& coords, const dense2D<u
 /// @param[out] minValues, maxValues  entry j set for element j; never resized: entries
 ///             past the end of a shorter vector are skipped, entries past #elements kept
 /// @return 0 (an empty connect after the check: outputs untouched) | -2 connect rejected
-///         by check_IDs (nothing written). Values the scratch list cannot store (memory
-///         exhausted) are left out of their element's extremes.
+///         by check_IDs (nothing written) | -1 coords with fewer than 3 rows (tested after
+///         the emptiness test; nothing written). Values the scratch list cannot store
+///         (memory exhausted) are left out of their element's extremes.
 TESSEL3D_EXPORT int dihedral_angles(const dense2D<double>& coords, const dense2D<unsigned>& connect, bool normalise,
                                     dense1D<double, 8>& minValues, dense1D<double, 8>& maxValues);
 

@@ -98,7 +98,7 @@ void walk_mixed(const zel::dense2D<double>& coords, const zel::dense2D<unsigned>
 }
 
 // 4, 5, 6 rows: pure TH4, PY5, W6; any other count: the 8-row mixed layout, whose check
-// rejects the counts that cannot be read as 8 rows. The coordinates' rows are not checked.
+// rejects the counts that cannot be read as 8 rows. The coordinates need 3 rows at least.
 template <class Measure>
 int walk_angles(const zel::dense2D<double>& coords, const zel::dense2D<unsigned>& connect, bool normalise,
                 zel::dense1D<double, 8>& min_values, zel::dense1D<double, 8>& max_values) {
@@ -107,6 +107,8 @@ int walk_angles(const zel::dense2D<double>& coords, const zel::dense2D<unsigned>
   const bool pure = pure_kind_of_rows(connect.rows(), kind);
   if (!zel::tessel::check_IDs(connect, pure ? solid_table[kind].type : zel::SOLID_MIX8, nb_nodes)) return -2;
   if (connect.empty()) return 0;
+  // Rows beyond the third are ignored; fewer than three cannot be read at all.
+  if (coords.rows() < 3) return -1;
   value_list list(normalise);
   if (!pure) {
     walk_mixed<Measure>(coords, connect, list, min_values, max_values);
