@@ -141,13 +141,22 @@ int build_extruded_elements(const dense2D<unsigned>& connectS, const surface_nod
   // IDs are 32-bit: a node missing from the map (local index ~0U) wraps like the caller's.
   const unsigned base = static_cast<unsigned>(nb_nodes), step = static_cast<unsigned>(map.node_count());
   const std::size_t ldE = connectE.ld(), ldT = connectTop.ld(), ldQ = connectQ4.ld();
+  // The layer-1 nodes of every face go first into its far-cap column: done apart from the
+  // bulk of the solids, the map lookups find the table still in cache.
   const unsigned* face = connectS.data();
   for (std::size_t j = 0; j < nb_faces; ++j, face += connectS.ld()) {
     const unsigned nb_corners = (R == 4 && face[3] != ~0U) ? 4 : 3;
+    unsigned* top = connectTop.data() + (T0 + j) * ldT;
+    for (unsigned i = 0; i < nb_corners; ++i) top[i] = base + map.local(face[i]);
+  }
+  face = connectS.data();
+  for (std::size_t j = 0; j < nb_faces; ++j, face += connectS.ld()) {
+    const unsigned nb_corners = (R == 4 && face[3] != ~0U) ? 4 : 3;
+    unsigned* top = connectTop.data() + (T0 + j) * ldT;
     unsigned b[4], t[4];
     for (unsigned i = 0; i < nb_corners; ++i) {
       b[i] = face[i];
-      t[i] = base + map.local(face[i]);
+      t[i] = top[i];
     }
     unsigned* solid = connectE.data() + (E0 + j * N) * ldE;
     for (std::size_t k = 0; k < N; ++k, solid += ldE)
@@ -158,7 +167,6 @@ int build_extruded_elements(const dense2D<unsigned>& connectS, const surface_nod
         t[i] += step;
       }
     // Far cap: the last layer's nodes, reversed so that its normal points out of the solid.
-    unsigned* top = connectTop.data() + (T0 + j) * ldT;
     top[0] = b[0];
     for (unsigned i = 1; i < nb_corners; ++i) top[i] = b[nb_corners - i];
   }
