@@ -184,7 +184,7 @@ TEST(extrusion_core, layer_fractions_grow_geometrically) {
       EXPECT_EQ(u[N], 1.0);
       const double ratio = std::pow(h1 / h0, 1.0 / N);
       for (unsigned k = 1; k < N; ++k)
-        EXPECT_NEAR((u[k + 1] - u[k]) / (u[k] - u[k - 1]), ratio, 1e-6) << h0 << " " << N << " " << k;
+        EXPECT_NEAR((u[k + 1] - u[k]) / (u[k] - u[k - 1]), ratio, 1e-9) << h0 << " " << N << " " << k;
     }
   for (unsigned k = 0; k <= 9; ++k) EXPECT_EQ(elfes::layer_fraction(k / 9.0, 0.4, 0.4), k / 9.0);
 }
