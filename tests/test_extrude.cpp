@@ -582,7 +582,7 @@ const std::vector<form_codes>& status_table() {
        [](A& a) { return t3::extrude_translate(a.coords, a.S, a.T, a.h0, a.h1, false, a.o.E, a.o.E2, a.o.Q4, a.o.Top); },
        {{coords_rows, -1}, {surface_id, -2}, {h0_zero, -4}, {h1_negative, -5}, {E_rows, -7}, {E2_rows, -8},
         {Q4_rows, -9}, {Top_rows, -10}},
-       {{surface_absent, -2}, {h0_nan, -4}, {coords_planar, 0}, {surface_empty, 0}}},
+       {{surface_absent, -2}, {h0_nan, -4}, {coords_planar, 0}, {surface_empty, 0}, {T_zero, 0}}},
       {"translate sizes short", [](A& a) { return t3::extrude_translate(a.coords, a.S, a.T, a.h0, a.h1, true, a.o.E); },
        {{coords_rows, -1}, {surface_id, -2}, {h0_zero, -4}, {h1_negative, -5}, {E_rows, -7}},
        {{E2_rows, 0}}},
@@ -618,7 +618,7 @@ const std::vector<form_codes>& status_table() {
        },
        {{coords_rows, -1}, {surface_id, -2}, {h0_zero, -5}, {h1_negative, -6}, {E_rows, -8}, {E2_rows, -9},
         {Q4_rows, -10}, {Top_rows, -11}},
-       {{coords_planar, 0}}},
+       {{coords_planar, 0}, {T_zero, 0}}},  // sizes given: T = 0 is one turning layer
       {"spiral sizes short",
        [](A& a) { return t3::extrude_spiral(a.coords, a.S, a.C, a.R, a.T, a.h0, a.h1, false, a.o.E); },
        {{h1_negative, -6}, {E_rows, -8}},

@@ -243,7 +243,8 @@ TESSEL3D_EXPORT int extrude_rotate(dense2D<double>& coords, const dense2D<unsign
 
 /// Sweeps a surface along a helix: layer k is the surface turned about the axis through C
 /// along R by u_k |R|, then moved by u_k T. L = |T| (the turn plays no part in the count).
-/// For a pure rotation use extrude_rotate: T = 0 with nbLayers gives -5.
+/// For a pure rotation use extrude_rotate: T = 0 with nbLayers gives -5 (h0 = 0), while
+/// the size forms accept it (L = 0: one layer, two with even_layers).
 /// @param[in] T  the whole translation along the sweep
 /// Other arguments as extrude_rotate.
 /// @return layer-count forms, before converting: 0 when nbLayers is 0 | -7 connectE
