@@ -19,7 +19,8 @@ int build_surface_node_map(const dense2D<unsigned>& connectS, surface_node_map& 
     map.complete = true;
     return status;
   }
-  // A surface has about half as many nodes as triangles; rehash once for that many.
+  // A surface has about as many nodes as faces (half as many for triangles): size the
+  // table once for that many so that the bulk insertion does not rehash.
   if (!map.local_index.rehash(nb_faces)) status = -199;
 
   const unsigned* column = connectS.data();

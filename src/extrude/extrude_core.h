@@ -50,7 +50,8 @@ double layers_per_length(double h0, double h1);
 
 /// The real layer count x rounded to a multiple of m (1 or 2), never below m. The
 /// threshold between the candidates lo and hi = lo + m is their geometric mean: hi when
-/// x^2 >= lo * hi. Requires 0 <= x < 2^32 (x not a number is read as 0).
+/// x^2 >= lo * hi. Requires 0 <= x < 2^32 (layer_count() checks it); 64-bit so that the
+/// caller can test the result against the node-ID range before narrowing it.
 std::uint64_t round_layer_count(double x, unsigned m);
 
 /// Fraction of the sweep at which layer boundary t = k / N lies, so that layer
