@@ -174,23 +174,79 @@ TESSEL3D_EXPORT int split_into_H8(dense2D<double>& coords, const dense2D<unsigne
 
 // ---- extrusion ---------------------------------------------------------------------
 //
-// A surface connectS (3 rows: T3; 4 rows: Q4, or mixed with ~0U in row 3) is swept into
-// layers of W6 and H8 appended to connectE (6 or 8 rows). The long forms also append the
-// lateral quadrangles swept by the edges of connectE2 to connectQ4 and the far cap,
-// reversed, to connectTop. The copy of surface node n in layer k gets the ID
-// nbNodes + (k - 1) * #surface nodes + (index of n in order of first appearance).
-// Layer counts come either from nbLayers or from sizes h0 (start) and h1 (end), the
-// thickness varying geometrically from one to the other (even_layers: an even count).
-// Existing columns of every output are kept; on failure after writing began, every
-// output is brought back to its column count on entry.
+// Every extrusion sweeps a surface into layers of solids and differs only in where the
+// copies of the surface nodes go. Shared rules:
+//
+// Surface connectS: 3 x #faces (T3), or 4 x #faces (Q4, or mixed with ~0U in row 3 for a
+// triangle); corners 0 to 2 must be nodes. Its distinct nodes, taken in order of first
+// appearance (columns in order, rows 0, 1, 2, 3), are the #surface nodes copied into each
+// layer. The copy of surface node n in layer k (k = 1 ... N) is node
+//   nbNodes + (k - 1) * #surface nodes + (position of n in that order),
+// nbNodes being the column count of coords on entry; layer 0 is the surface itself.
+//
+// Outputs (existing columns are kept; new ones are appended after them):
+//   coords      grows to 3 x (nbNodes + N * #surface nodes), new nodes layer by layer;
+//               a 2-row (planar) coords becomes 3 rows with z = 0 for the old nodes
+//   connectE    becomes 2 * rows(connectS) rows (6: W6; 8: H8, and W6 with ~0U in rows
+//               6-7) and grows by N columns per face, face by face and, within a face,
+//               layer by layer: (b0 b1 b2 [b3] t0 t1 t2 [t3]), b the face's nodes in
+//               layer k - 1 and t in layer k. Existing rows are cut or padded with ~0U
+//               accordingly (an existing 8-row connectE loses rows 6-7 to a 3-row surface).
+//   connectQ4   (long forms) 4 rows, N columns per edge (a b) of connectE2, in edge order
+//               then layer order: (b a a' b'), primes for the next layer. Edge nodes
+//               should be surface nodes: others give meaningless IDs, without an error.
+//   connectTop  (long forms) rows(connectS) rows, one column per face: the last layer's
+//               copy reversed, (b0 b2 b1) or (b0 b3 b2 b1), ~0U kept in row 3 of a triangle
+// The short forms pass empty matrices in place of connectE2, connectQ4 and connectTop and
+// discard them. Each output grows by reserving at least twice its current columns (when it
+// has no room) and resizing, so repeated extrusions into the same matrices stay linear.
+//
+// Orientation follows the surface: a solid is positive when the sweep goes the way the
+// right-hand normal of its face points. Nothing merges nodes: a node on a rotation axis, a
+// zero normal or a full turn gives flat solids.
+//
+// Layer counts: the layer-count forms return 0 at once (touching nothing) when
+// nbLayers == 0; otherwise they call the size form with h0 = h1 = L / nbLayers and
+// even_layers = false, L the family's sweep length, which gives exactly nbLayers uniform
+// layers. A size form takes N = L * ln(hmax/hmin) / (hmax - hmin) (L / h when h0 == h1)
+// rounded to a multiple m of 1 (of 2 with even_layers), never below m; between the
+// candidates lo and hi = lo + m it picks hi when x^2 >= lo * hi (2.46 gives 3, 2.4 gives
+// 2). Layer k ends at the fraction u_k of the sweep at which the layer thickness grows
+// (or shrinks) geometrically from about h0 to about h1; u_k = k / N when h0 == h1.
+//
+// Status, in the order tested: 0 for an empty surface (outputs untouched), then -1 coords,
+// -2 surface, the family's parameters, then the row checks of connectE (6 or 8),
+// connectE2 (2), connectQ4 (4) and connectTop (3 or 4), an empty matrix passing each; the
+// codes below give each family's numbers. Nothing is written when a check fails. -199:
+//   - the layer count cannot be represented (L * layers per length not below 2^32 or not
+//     a number: tiny sizes, a huge or undefined length) or the node IDs would reach 2^32
+//     (nbNodes + N * #surface nodes >= 2^32): returned before anything is written;
+//   - an output cannot be sized: every output is brought back to its column count on
+//     entry (rows as resized: a planar coords stays 3 x nbNodes).
 
+/// Sweeps a surface along the vector T: layer k is the surface moved by u_k T. L = |T|.
+/// @param[in,out] coords      2 or 3 x #nodes (see the shared rules)
+/// @param[in]     connectS    3 or 4 x #faces
+/// @param[in]     T           the whole translation; the far cap is the surface moved by T
+/// @param[in]     nbLayers    uniform layers (0: nothing done)
+/// @param[in,out] connectE    0 x 0, 6 or 8 x #solids
+/// @param[in]     connectE2   2 x #edges swept into connectQ4
+/// @param[in,out] connectQ4   4 x #quadrangles
+/// @param[in,out] connectTop  3 or 4 x #faces
+/// @return 0 | -1 coords not 2 or 3 rows | -2 connectS bad node IDs or ~0U in rows 0-2
+///         | -4 h0 not > 0 (so T = 0 with nbLayers gives -4) | -5 h1 not > 0 | -7 connectE
+///         | -8 connectE2 | -9 connectQ4 | -10 connectTop | -199 (shared rules).
+///         T and even_layers are not checked (no -3, no -6).
 TESSEL3D_EXPORT int extrude_translate(dense2D<double>& coords, const dense2D<unsigned>& connectS,
                                       const vector_fixed<double, 3>& T, unsigned nbLayers, dense2D<unsigned>& connectE,
                                       const dense2D<unsigned>& connectE2, dense2D<unsigned>& connectQ4,
                                       dense2D<unsigned>& connectTop);
+/// Short form: solids only. Codes as the long form (-7 connectE).
 TESSEL3D_EXPORT int extrude_translate(dense2D<double>& coords, const dense2D<unsigned>& connectS,
                                       const vector_fixed<double, 3>& T, unsigned nbLayers,
                                       dense2D<unsigned>& connectE);
+/// Size form: h0 and h1 are the layer thicknesses wanted next to the surface and at the
+/// far cap; even_layers asks for an even count (at least 2). Codes as above.
 TESSEL3D_EXPORT int extrude_translate(dense2D<double>& coords, const dense2D<unsigned>& connectS,
                                       const vector_fixed<double, 3>& T, double h0, double h1, bool even_layers,
                                       dense2D<unsigned>& connectE, const dense2D<unsigned>& connectE2,
@@ -199,6 +255,19 @@ TESSEL3D_EXPORT int extrude_translate(dense2D<double>& coords, const dense2D<uns
                                       const vector_fixed<double, 3>& T, double h0, double h1, bool even_layers,
                                       dense2D<unsigned>& connectE);
 
+/// Sweeps a surface around the axis through C along R by the angle |R| (right-hand rule):
+/// layer k is the surface turned about that axis by u_k |R|. L = |P0 - C| |R|, P0 the first
+/// node of the first face (the arc it travels when it lies in the plane through C normal
+/// to R; no other node counts). A 2-row coords gets z from the rotation.
+/// @param[in] C  a point of the axis
+/// @param[in] R  the axis direction scaled by the total angle in radians
+/// Other arguments as extrude_translate.
+/// @return layer-count forms, before converting: 0 when nbLayers is 0 or connectS empty
+///         | -1 coords not 2 or 3 rows | -2 P0 not below #nodes | -6 connectE | -7 connectE2
+///         | -8 connectQ4 | -9 connectTop; then the size form's codes (-5 when P0 lies on
+///         the axis, since L = 0).
+///         Size forms: 0 | -1 | -2 connectS | -5 h0 not > 0 | -6 h1 not > 0 | -8 connectE
+///         | -9 connectE2 | -10 connectQ4 | -11 connectTop | -199 (shared rules).
 TESSEL3D_EXPORT int extrude_rotate(dense2D<double>& coords, const dense2D<unsigned>& connectS,
                                    const vector_fixed<double, 3>& C, const vector_fixed<double, 3>& R,
                                    unsigned nbLayers, dense2D<unsigned>& connectE, const dense2D<unsigned>& connectE2,
@@ -215,6 +284,17 @@ TESSEL3D_EXPORT int extrude_rotate(dense2D<double>& coords, const dense2D<unsign
                                    const vector_fixed<double, 3>& C, const vector_fixed<double, 3>& R, double h0,
                                    double h1, bool even_layers, dense2D<unsigned>& connectE);
 
+/// Sweeps a surface along a helix: layer k is the surface turned about the axis through C
+/// along R by u_k |R|, then moved by u_k T. L = |T| (the turn plays no part in the count).
+/// For a pure rotation use extrude_rotate: T = 0 with nbLayers gives -5 (h0 = 0), while
+/// the size forms accept it (L = 0: one layer, two with even_layers).
+/// @param[in] T  the whole translation along the sweep
+/// Other arguments as extrude_rotate.
+/// @return layer-count forms, before converting: 0 when nbLayers is 0 | -7 connectE
+///         | -8 connectTop (even for an empty connectS); then the size form's codes.
+///         Size forms: the codes of extrude_rotate's size form, -5 h0 and -6 h1 included,
+///         although h0 and h1 stand one argument further on here: 0 | -1 | -2 | -5 | -6
+///         | -8 connectE | -9 connectE2 | -10 connectQ4 | -11 connectTop | -199.
 TESSEL3D_EXPORT int extrude_spiral(dense2D<double>& coords, const dense2D<unsigned>& connectS,
                                    const vector_fixed<double, 3>& C, const vector_fixed<double, 3>& R,
                                    const vector_fixed<double, 3>& T, unsigned nbLayers, dense2D<unsigned>& connectE,
@@ -233,6 +313,18 @@ TESSEL3D_EXPORT int extrude_spiral(dense2D<double>& coords, const dense2D<unsign
                                    const vector_fixed<double, 3>& T, double h0, double h1, bool even_layers,
                                    dense2D<unsigned>& connectE);
 
+/// Grows a surface along nodal vectors, as for boundary layers or shells: node n moves by
+/// (k / nbLayers) node_normals(:, n) in layer k, so the vector's length is the node's total
+/// displacement (a zero vector keeps the node in place: flat solids). nbLayers is used as
+/// it stands: 0 appends no node and no solid but still appends the reversed surface to
+/// connectTop and gives connectE its 2 * rows(connectS) rows.
+/// @param[in,out] coords        3 x #nodes (2 rows are refused)
+/// @param[in]     node_normals  3 x (at least every surface node ID + 1); only the columns
+///                              of surface nodes are read
+/// @return 0 (empty connectS) | -1 coords not 3 rows | -2 connectS bad node IDs (checked
+///         against min(#nodes, columns of node_normals)) or ~0U in rows 0-2
+///         | -3 node_normals not 3 rows | -5 connectE | -6 connectE2 | -7 connectQ4
+///         | -8 connectTop | -199 (shared rules). No -4: nbLayers is not checked.
 TESSEL3D_EXPORT int extrude_normal(dense2D<double>& coords, const dense2D<unsigned>& connectS,
                                    const dense2D<double>& node_normals, unsigned nbLayers, dense2D<unsigned>& connectE,
                                    const dense2D<unsigned>& connectE2, dense2D<unsigned>& connectQ4,
@@ -240,6 +332,15 @@ TESSEL3D_EXPORT int extrude_normal(dense2D<double>& coords, const dense2D<unsign
 TESSEL3D_EXPORT int extrude_normal(dense2D<double>& coords, const dense2D<unsigned>& connectS,
                                    const dense2D<double>& node_normals, unsigned nbLayers,
                                    dense2D<unsigned>& connectE);
+/// Thickness forms: the surface's unit nodal normals (zel::tessel2d::normals, averaged over
+/// every face, oriented by the faces' right-hand rule) scaled by thickness * u_k. L =
+/// thickness; a layer count converts into h0 = h1 = thickness / nbLayers.
+/// @return layer-count forms, before converting: 0 when nbLayers is 0 | -5 connectE
+///         | -6 connectTop; then the size form's codes.
+///         Size forms: 0 | -1 coords not 3 rows | -2 connectS | -3 thickness not > 0
+///         | -4 h0 not > 0 | -5 h1 not > 0 | -7 connectE | -8 connectE2 | -9 connectQ4
+///         | -10 connectTop | a negative status of the normals, as it is, before anything
+///         is written | -199 (shared rules). No -6: even_layers is not checked.
 TESSEL3D_EXPORT int extrude_normal(dense2D<double>& coords, const dense2D<unsigned>& connectS, double thickness,
                                    unsigned nbLayers, dense2D<unsigned>& connectE, const dense2D<unsigned>& connectE2,
                                    dense2D<unsigned>& connectQ4, dense2D<unsigned>& connectTop);
@@ -252,6 +353,31 @@ TESSEL3D_EXPORT int extrude_normal(dense2D<double>& coords, const dense2D<unsign
 TESSEL3D_EXPORT int extrude_normal(dense2D<double>& coords, const dense2D<unsigned>& connectS, double thickness,
                                    double h0, double h1, bool even_layers, dense2D<unsigned>& connectE);
 
+/// Sweeps a cross-section along a polyline of existing nodes (pipes, beams, ducts): one
+/// layer per segment, N = size(line) - 1. Starting from the direction V, segment k turns
+/// the section by the smallest rotation from the previous direction (V for k = 1) onto
+/// segment k, never more than 90 degrees (a fold back by more turns it by the
+/// supplement); V = 0, or a direction along the segment, gives no turn. Layer k is layer
+/// k - 1 moved from line[k - 1] to line[k], turned, and scaled about the polyline node by
+/// f = g_k / g_(k-1), g_j being node j's size (1 where node j's scaling is not valid,
+/// always for j = 0), so layer k's section is scaled by g_k when every node has a valid one.
+/// When line[0] is a node of the section, the polyline's nodes take the place of its
+/// copies in connectE, connectQ4 and connectTop and the copies are removed from coords
+/// (zel::tessel::simplify; the later new nodes move down to close the gap; if that step
+/// runs out of memory the unused copies stay, and 0 is still returned).
+/// @param[in,out] coords        3 x #nodes
+/// @param[in]     line          node IDs, at least 2
+/// @param[in]     V             the direction the section faces at line[0]
+/// @param[in]     line_metrics  empty, or 6 x #line: packed symmetric tensors (a11 a12 a22
+///                              a13 a23 a33) per polyline node; column k is valid when it
+///                              exists and is positive definite; g_k = 1 / sqrt(u^T A u) in
+///                              the unit direction u of the node's offset from the polyline
+///                              (0 when u^T A u <= 0, which puts the node on the polyline;
+///                              so does an undefined quotient f, e.g. 0 / 0)
+/// @return 0 (also for an empty connectS) | -1 coords not 3 rows | -2 connectS
+///         | -3 fewer than 2 polyline nodes, or a polyline node not below #nodes
+///         | -5 line_metrics neither empty nor 6 rows | -6 connectE | -7 connectE2
+///         | -8 connectQ4 | -9 connectTop | -199 (shared rules). V is not checked (no -4).
 TESSEL3D_EXPORT int extrude_line(dense2D<double>& coords, const dense2D<unsigned>& connectS,
                                  const dense1D<unsigned, 8>& line, const vector_fixed<double, 3>& V,
                                  const dense2D<double>& line_metrics, dense2D<unsigned>& connectE,
@@ -260,6 +386,9 @@ TESSEL3D_EXPORT int extrude_line(dense2D<double>& coords, const dense2D<unsigned
 TESSEL3D_EXPORT int extrude_line(dense2D<double>& coords, const dense2D<unsigned>& connectS,
                                  const dense1D<unsigned, 8>& line, const vector_fixed<double, 3>& V,
                                  const dense2D<double>& line_metrics, dense2D<unsigned>& connectE);
+/// Factor forms: g_k = line_scales[k], valid when k < size and 0 < value < DBL_MAX (with
+/// line_scales = (any, 2, 2, 1) the section doubles, keeps that size, then returns). Codes
+/// as the tensor forms without -5.
 TESSEL3D_EXPORT int extrude_line(dense2D<double>& coords, const dense2D<unsigned>& connectS,
                                  const dense1D<unsigned, 8>& line, const vector_fixed<double, 3>& V,
                                  const dense1D<double, 8>& line_scales, dense2D<unsigned>& connectE,
