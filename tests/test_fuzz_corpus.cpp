@@ -14,6 +14,7 @@
 #define TESSEL3D_DECLARE_TARGET(name) int tessel3d_fuzz_##name(const std::uint8_t* data, std::size_t size);
 TESSEL3D_DECLARE_TARGET(common)
 TESSEL3D_DECLARE_TARGET(measures)
+TESSEL3D_DECLARE_TARGET(extrude)
 #undef TESSEL3D_DECLARE_TARGET
 
 namespace {
@@ -23,7 +24,8 @@ struct target {
   int (*run)(const std::uint8_t*, std::size_t);
 };
 
-const target targets[] = {{"common", tessel3d_fuzz_common}, {"measures", tessel3d_fuzz_measures}};
+const target targets[] = {{"common", tessel3d_fuzz_common}, {"measures", tessel3d_fuzz_measures},
+                            {"extrude", tessel3d_fuzz_extrude}};
 
 class fuzz_corpus : public ::testing::TestWithParam<target> {};
 
