@@ -6,6 +6,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 
@@ -13,6 +14,12 @@
 #include "zel/tessel.h"
 
 namespace tessel3d_fuzz {
+
+// Requests above 64 MiB get nullptr, as an exhausted machine would answer them: hostile
+// sizes then exercise the library's -199 paths instead of the machine's memory.
+inline void* capped_alloc(std::size_t bytes) { return bytes > (std::size_t(64) << 20) ? nullptr : std::malloc(bytes ? bytes : 1); }
+inline void capped_free(void* memory) { std::free(memory); }
+inline const bool cap_installed = (zel::set_vector_num_allocator(&capped_alloc, &capped_free), true);
 
 class byte_reader {
  public:
