@@ -36,7 +36,8 @@ struct kind_info {
 };
 
 const kind_info& info(unsigned corners) {
-  static const kind_info th4{4, {{1, 2}, {2, 0}, {0, 1}, {3, 0}, {3, 1}, {3, 2}}, {{1, 2, 3}, {2, 0, 3}, {0, 1, 3}, {2, 1, 0}}};
+  static const kind_info th4{
+      4, {{1, 2}, {2, 0}, {0, 1}, {3, 0}, {3, 1}, {3, 2}}, {{1, 2, 3}, {2, 0, 3}, {0, 1, 3}, {2, 1, 0}}};
   static const kind_info py5{5,
                              {{0, 4}, {1, 4}, {2, 4}, {3, 4}, {0, 1}, {1, 2}, {2, 3}, {3, 0}},
                              {{0, 4, 1}, {1, 4, 2}, {2, 4, 3}, {3, 4, 0}, {0, 1, 2, 3}}};
@@ -95,8 +96,8 @@ double hexahedron_volume(const dense2D<double>& x, const unsigned* node) {
 // 1-5 belongs to all four. Every element is positive; volumes 1, 1/4, 1/6, 1/24.
 mesh mixed_mesh(bool with_pyramid) {
   mesh m;
-  m.coords = dense2D<double>(3, 11, {0, 0, 0, 1, 0, 0, 1, 1, 0, 0, 1, 0, 0, 0, 1, 1, 0, 1, 1, 1, 1, 0, 1, 1,
-                                     1.5, 0, 0.5, 1.5, 1, 0.5, 0.5, -0.5, 0.5});
+  m.coords = dense2D<double>(3, 11, {0, 0, 0, 1, 0, 0, 1, 1,   0, 0,   1,   0, 0,   0,   1,    1,  0,
+                                     1, 1, 1, 1, 0, 1, 1, 1.5, 0, 0.5, 1.5, 1, 0.5, 0.5, -0.5, 0.5});
   std::vector<std::vector<unsigned>> elements = {{0, 1, 2, 3, 4, 5, 6, 7}, {1, 5, 8, 2, 6, 9}, {5, 1, 10, 8}};
   if (with_pyramid) elements.push_back({0, 1, 5, 4, 10});
   m.connect = dense2D<unsigned>(8, elements.size(), absent);
@@ -236,7 +237,8 @@ TEST(convert_into_high_order, new_nodes_are_the_distinct_edges_faces_and_cells) 
     m.connect = kind == box_kind::PY5 ? tessel3d_test::to_mixed8(box.connect) : box.connect;
     meshes.push_back(m);
   }
-  const counts settings[] = {{1, 1, 0, 1, 0, 0, 0}, {2, 4, 3, 8, 1, 2, 1}, {3, 9, 1, 0, 0, 1, 0}, {0, 0, 1, 1, 0, 0, 0}};
+  const counts settings[] = {
+      {1, 1, 0, 1, 0, 0, 0}, {2, 4, 3, 8, 1, 2, 1}, {3, 9, 1, 0, 0, 1, 0}, {0, 0, 1, 1, 0, 0, 0}};
   for (const mesh& original : meshes)
     for (const counts& c : settings) {
       mesh m{original.coords, original.connect};
@@ -247,8 +249,15 @@ TEST(convert_into_high_order, new_nodes_are_the_distinct_edges_faces_and_cells) 
       const std::size_t expected = c.e * n.edges + c.t * n.triangles + c.q * n.quadrangles + c.n * n.kinds[4] +
                                    c.p * n.kinds[5] + c.w * n.kinds[6] + c.h * n.kinds[8];
       EXPECT_EQ(m.coords.cols(), original.coords.cols() + expected);
-      const std::size_t rows[9] = {0, 0, 0, 0, 4 + 6 * c.e + 4 * c.t + c.n, 5 + 8 * c.e + c.q + 4 * c.t + c.p,
-                                   6 + 9 * c.e + 3 * c.q + 2 * c.t + c.w, 0, 8 + 12 * c.e + 6 * c.q + c.h};
+      const std::size_t rows[9] = {0,
+                                   0,
+                                   0,
+                                   0,
+                                   4 + 6 * c.e + 4 * c.t + c.n,
+                                   5 + 8 * c.e + c.q + 4 * c.t + c.p,
+                                   6 + 9 * c.e + 3 * c.q + 2 * c.t + c.w,
+                                   0,
+                                   8 + 12 * c.e + 6 * c.q + c.h};
       const std::size_t all = n.kinds[4] + n.kinds[5] + n.kinds[6] + n.kinds[8];
       const std::size_t wanted = n.kinds[4] == all   ? rows[4]
                                  : n.kinds[6] == all ? rows[6]
@@ -361,7 +370,8 @@ TEST(convert_into_high_order, caller_edges_keep_their_nodes_and_bend_their_neigh
   EXPECT_EQ(point(m.coords, 8), (vec{0.5, d, 0}));
   // The two faces through edge 0-1 follow the serendipity rule (their centre moves by
   // d/2); the others stay flat. The centre moves by 1/2 (d/2 + d/2) - 1/4 d = d/4.
-  const vec centres[6] = {{0, 0.5, 0.5}, {1, 0.5, 0.5}, {0.5, d / 2, 0.5}, {0.5, 1, 0.5}, {0.5, 0.5 + d / 2, 0}, {0.5, 0.5, 1}};
+  const vec centres[6] = {{0, 0.5, 0.5}, {1, 0.5, 0.5},         {0.5, d / 2, 0.5},
+                          {0.5, 1, 0.5}, {0.5, 0.5 + d / 2, 0}, {0.5, 0.5, 1}};
   for (int f = 0; f < 6; ++f) EXPECT_LT(distance(point(m.coords, m.connect(20 + f, 0)), centres[f]), 1e-12) << f;
   EXPECT_LT(distance(point(m.coords, m.connect(26, 0)), vec{0.5, 0.5 + d / 4, 0.5}), 1e-12);
 
@@ -454,11 +464,14 @@ TEST(convert_into_high_order, allocation_failures_roll_back) {
   };
   check_allocation_failures(
       [&] {
-        inputs in{{dense2D<double>(), box.connect}, dense2D<unsigned>(27, 2, 5u), dense2D<unsigned>(4, 1, {0, 1, 40, 41})};
+        inputs in{
+            {dense2D<double>(), box.connect}, dense2D<unsigned>(27, 2, 5u), dense2D<unsigned>(4, 1, {0, 1, 40, 41})};
         in.m.coords.copy(box.coords);
         return in;
       },
-      [](inputs& in) { return convert(in.m, {2, 4, 0, 8, 0, 0, 0}, in.high, {}, in.edges); },
+      [](inputs& in) {
+        return convert(in.m, {2, 4, 0, 8, 0, 0, 0}, in.high, {}, in.edges);
+      },
       [&](inputs& in, long) {
         EXPECT_EQ(in.m.coords.cols(), box.coords.cols());
         EXPECT_TRUE(in.high.rows() == 0 && in.high.cols() == 0);
@@ -662,7 +675,8 @@ TEST(split_into_H8, positive_conforming_and_volume_preserving) {
     ASSERT_EQ(t3::split_into_H8(box.coords, box.connect, hexahedra, {}, {}), 0);
     double volume = 0;
     std::map<std::vector<unsigned>, int> quads;
-    static const unsigned hex_faces[6][4] = {{0, 1, 2, 3}, {4, 5, 6, 7}, {0, 1, 5, 4}, {1, 2, 6, 5}, {2, 3, 7, 6}, {3, 0, 4, 7}};
+    static const unsigned hex_faces[6][4] = {{0, 1, 2, 3}, {4, 5, 6, 7}, {0, 1, 5, 4},
+                                             {1, 2, 6, 5}, {2, 3, 7, 6}, {3, 0, 4, 7}};
     for (std::size_t j = 0; j < hexahedra.cols(); ++j) {
       const double v = hexahedron_volume(box.coords, &hexahedra(0, j));
       EXPECT_GT(v, 0) << j;
@@ -680,7 +694,8 @@ TEST(split_into_H8, positive_conforming_and_volume_preserving) {
       once += times == 1;
     }
     // Wedges: 3 quadrangles per boundary triangle (z faces), 4 per boundary square (sides).
-    const std::size_t expected = s.kind == box_kind::W6 ? 2 * n * n * 2 * 3 + 4 * n * n * 4 : 6 * n * n * s.boundary_per_cell_face;
+    const std::size_t expected =
+        s.kind == box_kind::W6 ? 2 * n * n * 2 * 3 + 4 * n * n * 4 : 6 * n * n * s.boundary_per_cell_face;
     EXPECT_EQ(once, expected);
   }
   mesh m = mixed_mesh(false);

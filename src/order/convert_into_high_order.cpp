@@ -49,9 +49,9 @@ struct conversion {
   const dense2D<unsigned>& faces;
   const dense2D<unsigned>& edges;
   node_counts c;
-  std::size_t nb_nodes = 0;   // coordinates columns at entry
-  unsigned q_side = 0;        // q = q_side^2
-  unsigned h_side = 0;        // h = h_side^3
+  std::size_t nb_nodes = 0;  // coordinates columns at entry
+  unsigned q_side = 0;       // q = q_side^2
+  unsigned h_side = 0;       // h = h_side^3
   bool faces_quad_form = false;
   std::size_t nb_kind[4] = {0, 0, 0, 0};
   kind_layout layout[4];
@@ -109,8 +109,7 @@ bool faces_valid(conversion& cv) {
 bool edges_valid(const conversion& cv) {
   const dense2D<unsigned>& g = cv.edges;
   if (g.empty()) return true;
-  if (g.rows() != std::uint64_t(cv.c.e) + 2 || !tessel::check_IDs(g, static_cast<unsigned>(cv.nb_nodes)))
-    return false;
+  if (g.rows() != std::uint64_t(cv.c.e) + 2 || !tessel::check_IDs(g, static_cast<unsigned>(cv.nb_nodes))) return false;
   const std::size_t read = cv.c.e > 0 ? 3 : 2;
   const unsigned* column = g.data();
   for (std::size_t j = 0; j < g.cols(); ++j, column += g.ld())
@@ -123,8 +122,8 @@ int check_arguments(conversion& cv) {
   if (cv.coords.rows() != 3) return -1;
   cv.nb_nodes = cv.coords.cols();
   const std::size_t R = cv.connectM.rows();
-  if ((R != 4 && R != 6 && R != 8) ||
-      !tessel::check_IDs(cv.connectM, SOLID_MIX8, static_cast<unsigned>(cv.nb_nodes)) || !count_kinds(cv))
+  if ((R != 4 && R != 6 && R != 8) || !tessel::check_IDs(cv.connectM, SOLID_MIX8, static_cast<unsigned>(cv.nb_nodes)) ||
+      !count_kinds(cv))
     return -2;
   cv.q_side = static_cast<unsigned>(std::sqrt(static_cast<double>(cv.c.q)));
   if (std::uint64_t(cv.q_side) * cv.q_side != cv.c.q) return -4;
@@ -175,6 +174,23 @@ bool kind_has_face_nodes(const conversion& cv, unsigned kind) {
 
 // ---- numbering ----------------------------------------------------------------------------
 
+// The key of face f of a column: its corners in the local face order.
+elfes::face_mix face_key(const unsigned* column, const solid_descriptor& d, unsigned f) {
+  elfes::face_mix key{{column[d.faces[f][0]], column[d.faces[f][1]], column[d.faces[f][2]], absent}};
+  if (d.face_size[f] == 4) key.node[3] = column[d.faces[f][3]];
+  return key;
+}
+
+// Empties a map and gives it the bucket count of a reset to 23 buckets followed by a
+// rehash to `wanted` when that exceeds them, with its slots sized at once for `expected`
+// entries (no more than the growth rule lets in before the next rehash), so that it does
+// not double its storage while it fills.
+template <class Map>
+bool reset_for(Map& map, std::size_t wanted, std::size_t expected) {
+  const std::size_t buckets = wanted > 23 ? elfes::next_prime(wanted) : 23;
+  return map.reset(expected < 2 * buckets ? expected : 2 * buckets, buckets, 1.0);
+}
+
 // Corners and edge nodes of every column. New edges get e consecutive IDs in the order
 // they are met; an element walking an edge against its stored direction lists them
 // backwards.
@@ -184,9 +200,8 @@ bool number_edges(conversion& cv) {
   const std::size_t R = m.rows(), ldH = cv.connectH.ld();
   if (e > 0) {
     edge_map& map = cv.edge_nodes;
-    if (!map.reset(23, 23, 1.0)) return false;
     const std::size_t wanted = cv.edges.cols() + 3 * m.cols() + cv.faces.cols();
-    if (wanted > map.bucket_count() && !map.rehash(wanted)) return false;
+    if (!reset_for(map, wanted, wanted)) return false;
     const unsigned* column = cv.edges.data();
     for (std::size_t j = 0; j < cv.edges.cols(); ++j, column += cv.edges.ld()) {
       const elfes::edge2 key{{column[0], column[1]}};
@@ -249,9 +264,12 @@ bool number_faces(conversion& cv) {
   if (!needed) return true;
   const dense2D<unsigned>& m = cv.connectM;
   face_map& map = cv.face_nodes;
-  if (!map.reset(23, 23, 1.0)) return false;
-  const std::size_t wanted = cv.faces.cols() + m.cols();
-  if (wanted > map.bucket_count() && !map.rehash(wanted)) return false;
+  // A face is mostly shared by two elements: half its incidences, and some boundary.
+  std::size_t incidences = 0;
+  for (unsigned k = 0; k < 4; ++k)
+    for (unsigned f = 0; f < solid_table[k].nb_faces; ++f)
+      incidences += cv.layout[k].face_nodes[f] > 0 ? cv.nb_kind[k] : 0;
+  if (!reset_for(map, cv.faces.cols() + m.cols(), cv.faces.cols() + incidences / 2 + incidences / 16)) return false;
 
   const dense2D<unsigned>& f = cv.faces;
   const std::uint64_t e = cv.c.e;
@@ -277,8 +295,7 @@ bool number_faces(conversion& cv) {
     for (unsigned i = 0; i < d.nb_faces; ++i) {
       const unsigned count = L.face_nodes[i];
       if (count == 0) continue;
-      elfes::face_mix key{{column[d.faces[i][0]], column[d.faces[i][1]], column[d.faces[i][2]], absent}};
-      if (d.face_size[i] == 4) key.node[3] = column[d.faces[i][3]];
+      const elfes::face_mix key = face_key(column, d, i);
       bool added = false;
       const std::size_t pos =
           map.insert_growing(elfes::hash_key(key), {key, static_cast<unsigned>(cv.next_node)}, &added);
@@ -300,23 +317,31 @@ unsigned edge_first(const conversion& cv, unsigned a, unsigned b) {
   return pos == cv.edge_nodes.end() ? absent : cv.edge_nodes.value(pos).second;
 }
 
-// New edge nodes equally spaced on the straight edge, from the stored first end.
+// New edge nodes equally spaced on the straight edge, from the end the edge was first
+// met with: the one the element lists its run upwards from. Read from the connectivity,
+// so that the edge map can go once the edges are numbered; an edge shared by several
+// elements gets the same values from each.
 void place_edge_nodes(conversion& cv) {
-  if (cv.c.e == 0) return;
   const unsigned e = cv.c.e;
+  if (e == 0) return;
   double* xyz = cv.coords.data();
-  const std::size_t ld = cv.coords.ld();
-  const edge_map& map = cv.edge_nodes;
-  for (std::size_t pos = map.begin(); pos < map.end(); ++pos) {
-    if (!map.occupied(pos)) continue;
-    const auto& entry = map.value(pos);
-    if (entry.second < cv.nb_nodes) continue;  // a caller's edge keeps its nodes
-    const double* a = xyz + entry.first.node[0] * ld;
-    const double* b = xyz + entry.first.node[1] * ld;
-    for (unsigned k = 0; k < e; ++k) {
-      const double s = 2.0 * (k + 1) / (e + 1.0) - 1;
-      double* x = xyz + (std::size_t(entry.second) + k) * ld;
-      for (int d = 0; d < 3; ++d) x[d] = (1 - s) / 2 * a[d] + (1 + s) / 2 * b[d];
+  const std::size_t ld = cv.coords.ld(), ldH = cv.connectH.ld(), R = cv.connectM.rows();
+  const unsigned* column = cv.connectM.data();
+  const unsigned* out = cv.connectH.data();
+  for (std::size_t j = 0; j < cv.connectM.cols(); ++j, column += cv.connectM.ld(), out += ldH) {
+    const solid_descriptor& d = solid_table[elfes::linear_column_kind(column, R)];
+    for (unsigned i = 0; i < d.nb_edges; ++i) {
+      const unsigned* run = out + d.nb_vertices + std::size_t(i) * e;
+      const bool upwards = e == 1 || run[0] < run[1];
+      const unsigned first = upwards ? run[0] : run[e - 1];
+      if (first < cv.nb_nodes) continue;  // a caller's edge keeps its nodes
+      const double* a = xyz + column[d.edges[i][upwards ? 0 : 1]] * ld;
+      const double* b = xyz + column[d.edges[i][upwards ? 1 : 0]] * ld;
+      for (unsigned k = 0; k < e; ++k) {
+        const double s = 2.0 * (k + 1) / (e + 1.0) - 1;
+        double* x = xyz + (std::size_t(first) + k) * ld;
+        for (int c = 0; c < 3; ++c) x[c] = (1 - s) / 2 * a[c] + (1 + s) / 2 * b[c];
+      }
     }
   }
 }
@@ -462,7 +487,12 @@ int convert(conversion& cv) {
   if (const int status = check_arguments(cv)) return status;
   make_layouts(cv);
   cv.next_node = cv.nb_nodes;
-  if (!cv.connectH.resize(output_rows(cv), cv.connectM.cols(), absent) || !number_edges(cv) || !number_faces(cv)) {
+  if (!cv.connectH.resize(output_rows(cv), cv.connectM.cols(), absent) || !number_edges(cv)) {
+    cv.connectH.clear();
+    return no_memory;
+  }
+  if (!cv.caller_edges) cv.edge_nodes = edge_map();  // only curved faces look edges up again
+  if (!number_faces(cv)) {
     cv.connectH.clear();
     return no_memory;
   }

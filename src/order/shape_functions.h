@@ -96,10 +96,10 @@ inline void wedge_quadratic(double r, double s, double zeta, double* w) {
   for (int i = 0; i < 3; ++i) {
     w[i] = t[i] * bottom;
     w[3 + i] = t[i] * top;
-    w[6 + i] = t[i] * middle;      // lateral edge i - i+3
-    w[9 + i] = t[3 + i] * bottom;  // bottom triangle edges
-    w[12 + i] = t[3 + i] * top;    // top triangle edges
-    w[15 + i] = t[3 + i] * middle; // quadrangle centres
+    w[6 + i] = t[i] * middle;       // lateral edge i - i+3
+    w[9 + i] = t[3 + i] * bottom;   // bottom triangle edges
+    w[12 + i] = t[3 + i] * top;     // top triangle edges
+    w[15 + i] = t[3 + i] * middle;  // quadrangle centres
   }
 }
 
@@ -132,9 +132,9 @@ inline void hexahedron_26(double xi, double eta, double zeta, double* w) {
   for (int k = 0; k < 12; ++k) {
     const double* a = hex_corner[hex.edges[k][0]];
     const double* b = hex_corner[hex.edges[k][1]];
-    w[8 + k] = lagrange2((a[0] + b[0]) / 2, xi) * lagrange2((a[1] + b[1]) / 2, eta) *
-                   lagrange2((a[2] + b[2]) / 2, zeta) -
-               centre / 4;
+    w[8 + k] =
+        lagrange2((a[0] + b[0]) / 2, xi) * lagrange2((a[1] + b[1]) / 2, eta) * lagrange2((a[2] + b[2]) / 2, zeta) -
+        centre / 4;
   }
   for (int f = 0; f < 6; ++f) {
     double m[3] = {0, 0, 0};
