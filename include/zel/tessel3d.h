@@ -172,7 +172,7 @@ TESSEL3D_EXPORT int solid_angles(const dense2D<double>& coords, const dense2D<un
 ///         | -6 h not a cube (the cube root is truncated, so 64 and above are refused)
 ///         | -7 w >= 2 | -9 n >= 2 | -11 faces: wrong rows, bad IDs, or ~0U in a row
 ///         that is read | -12 edges: not e+2 rows, bad IDs or ~0U in a read row | -199
-///         memory (also when the node count would reach 2^32 - 1); connectH is then
+///         memory (also when a new node ID would reach ~0U); connectH is then
 ///         cleared and coords keeps its column count.
 /// A degenerate element is converted like any other.
 TESSEL3D_EXPORT int convert_into_high_order(dense2D<double>& coords, const dense2D<unsigned>& connectM,
@@ -191,8 +191,9 @@ TESSEL3D_EXPORT int convert_into_high_order(dense2D<double>& coords, dense2D<uns
                                             const dense2D<unsigned>& edges);
 /// Quadratic elements in place: the in-place form with (e, q, t, h, w, p, n) =
 /// (1, 1, 0, 1, 0, 0, 0), giving TH10, PY14, W18 and H27 (10 rows for TH4 meshes, 18 for
-/// W6 meshes, 27 otherwise). The caller's faces are T6 (6 rows) or Q8 (8 rows, ~0U last
-/// for a triangle) columns, the edges E3 columns (ends, then the middle node).
+/// W6 meshes, 27 otherwise). The caller's faces are T6 columns (6 rows) or Q9 columns
+/// (9 rows, a triangle being a T6 column with ~0U in row 8), the edges E3 columns (ends,
+/// then the middle node).
 /// @return as the in-place form: -11 faces, -12 edges.
 TESSEL3D_EXPORT int convert_into_quadratic(dense2D<double>& coords, dense2D<unsigned>& connect);
 TESSEL3D_EXPORT int convert_into_quadratic(dense2D<double>& coords, dense2D<unsigned>& connect,
@@ -222,8 +223,9 @@ TESSEL3D_EXPORT int convert_into_linear(dense2D<unsigned>& connect);
 /// @param[in]     connect    4, 6 or 8 rows (as above) x #elements; no pyramid
 /// @param[in,out] connectH8  8 x #hexahedra, or empty; the new hexahedra are appended
 ///                after its columns (4 #TH4 + 6 #W6 + 8 #H8 of them, in element order)
-/// @param[in]     faces      caller's faces with one interior node: 7 rows (triangles) or 9
-///                rows (quadrangles); IDs must all be nodes (no ~0U)
+/// @param[in]     faces      caller's faces with one interior node: 7 rows (triangles, for 4-
+///                and 6-row meshes) or 9 rows (quadrangles); every entry must be a node, so
+///                the 9-row form cannot carry a triangle (its ~0U marker is refused with -4)
 /// @param[in]     edges      caller's edges with their middle node, 3 rows
 /// @return 0 (also for 0 columns) | -1 coords not 3 rows | -2 bad node IDs in connect, or
 ///         a pyramid in a 6- or 8-row connect | -3 connectH8 not empty and not 8 rows | -4
