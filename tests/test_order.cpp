@@ -435,6 +435,17 @@ TEST(convert_into_high_order, caller_faces_are_reused) {
   EXPECT_EQ(m.connect(24, 0), 8u);
   EXPECT_EQ(m.coords.cols(), 11u + 12 + 5 + 1);
   EXPECT_LT(distance(point(m.coords, m.connect(26, 0)), vec{0.5, 0.5, 0.5 - 0.2}), 1e-12);
+
+  // A triangle among 9-row faces: ~0U in the last row, its interior node in row 6. The
+  // roof's triangle (1, 5, 8) is shared with the tetrahedron, which sees it reversed.
+  mesh mixed = mixed_mesh(false);
+  const std::size_t nb = mixed.coords.cols();
+  dense2D<unsigned> triangle(9, 1, {8, 1, 5, 0, 0, 0, 3, 0, absent}), high;
+  ASSERT_EQ(convert(mixed, {1, 1, 1, 0, 0, 0, 0}, high, triangle), 0);
+  EXPECT_EQ(high(15, 1), 3u);  // wedge face (0, 1, 2)
+  EXPECT_EQ(high(12, 2), 3u);  // tetrahedron face (0, 1, 3)
+  const entity_counts n = count_entities(mixed_mesh(false).connect);
+  EXPECT_EQ(mixed.coords.cols(), nb + n.edges + n.triangles - 1 + n.quadrangles);
 }
 
 TEST(convert_into_high_order, views_with_larger_leading_dimension) {
