@@ -15,6 +15,7 @@
 TESSEL3D_DECLARE_TARGET(common)
 TESSEL3D_DECLARE_TARGET(measures)
 TESSEL3D_DECLARE_TARGET(extrude)
+TESSEL3D_DECLARE_TARGET(order)
 #undef TESSEL3D_DECLARE_TARGET
 
 namespace {
@@ -25,7 +26,8 @@ struct target {
 };
 
 const target targets[] = {{"common", tessel3d_fuzz_common}, {"measures", tessel3d_fuzz_measures},
-                            {"extrude", tessel3d_fuzz_extrude}};
+                            {"extrude", tessel3d_fuzz_extrude},
+                            {"order", tessel3d_fuzz_order}};
 
 class fuzz_corpus : public ::testing::TestWithParam<target> {};
 
