@@ -1,9 +1,10 @@
 // get_neighbors: face adjacency of a linear solid mesh.
 //
-// Linear in the mesh: a node -> elements incidence (compressed rows, built by counting)
-// lets each face be compared only with the faces of the elements around its smallest
-// node, which every element sharing the face must hold.
+// Linear in the mesh: a node -> elements incidence (compressed rows, built by counting;
+// by a sort when the node IDs are sparse) lets each face be compared only with the faces
+// of the elements around its smallest node, which every element sharing the face must hold.
 #include <algorithm>
+#include <cstdint>
 
 #include "zel/tessel.h"
 
@@ -52,15 +53,26 @@ struct solid_mesh {
   kind kind_of(const unsigned* column) const { return mixed ? mixed8_kind(column) : pure; }
 };
 
-// The nodes of face f of a column, sorted; false when one of them is absent.
-inline bool face_key(const unsigned* column, const solid_faces& table, unsigned f, unsigned key[4], unsigned& size) {
+inline unsigned face_size(const solid_faces& table, unsigned f) { return table.faces[f][3] == absent ? 3 : 4; }
+
+// The nodes of face f of a column; false when one of them is absent.
+inline bool face_nodes(const unsigned* column, const solid_faces& table, unsigned f, unsigned nodes[4]) {
   const unsigned* local = table.faces[f];
-  size = local[3] == absent ? 3 : 4;
-  for (unsigned k = 0; k < size; ++k) {
-    key[k] = column[local[k]];
-    if (key[k] == absent) return false;
-  }
-  std::sort(key, key + size);
+  for (unsigned k = 0, size = face_size(table, f); k < size; ++k)
+    if ((nodes[k] = column[local[k]]) == absent) return false;
+  return true;
+}
+
+inline bool contains(const unsigned* nodes, unsigned size, unsigned node) {
+  for (unsigned k = 0; k < size; ++k)
+    if (nodes[k] == node) return true;
+  return false;
+}
+
+// Same node set (any order), without sorting: each list contains the other.
+inline bool same_nodes(const unsigned* a, const unsigned* b, unsigned size) {
+  for (unsigned k = 0; k < size; ++k)
+    if (!contains(a, size, b[k]) || !contains(b, size, a[k])) return false;
   return true;
 }
 
@@ -85,64 +97,107 @@ int get_neighbors(const dense2D<unsigned>& connect, element_type type, dense2D<u
   dense2D<unsigned> result;
   if (!result.resize(nb_faces, nb_elements, absent)) return -199;
 
-  // Node -> elements incidence: start[v] .. start[v + 1] in `incident`, elements ascending.
-  std::size_t nb_nodes = 0, nb_incidences = 0;
+  // Node -> elements incidence: the elements of node v are incident[start[i] .. start[i + 1]),
+  // ascending, with i = v when the IDs are dense (a counting pass) and i = the rank of v
+  // among the distinct IDs otherwise (a sort, so that huge IDs cost no huge table).
+  std::size_t max_id = 0, nb_incidences = 0;
   for (std::size_t e = 0; e < nb_elements; ++e) {
     const unsigned* column = mesh.column(e);
     const unsigned nb_vertices = face_table[mesh.kind_of(column)].nb_vertices;
     for (unsigned k = 0; k < nb_vertices; ++k)
       if (column[k] != absent) {
-        nb_nodes = std::max(nb_nodes, std::size_t(column[k]) + 1);
+        max_id = std::max(max_id, std::size_t(column[k]));
         ++nb_incidences;
       }
   }
+  const bool dense = max_id <= 2 * nb_incidences + 1024;
   dense1D<std::size_t, 8> start;
-  dense1D<unsigned, 8> incident;
-  if (!start.resize(nb_nodes + 1, 0) || !incident.resize(nb_incidences)) return -199;
-  for (std::size_t e = 0; e < nb_elements; ++e) {
-    const unsigned* column = mesh.column(e);
-    const unsigned nb_vertices = face_table[mesh.kind_of(column)].nb_vertices;
-    for (unsigned k = 0; k < nb_vertices; ++k)
-      if (column[k] != absent) ++start[column[k] + std::size_t(1)];
+  dense1D<unsigned, 8> incident, distinct_ids;
+  if (!incident.resize(nb_incidences)) return -199;
+  if (dense) {
+    const std::size_t nb_nodes = nb_incidences ? max_id + 1 : 0;
+    if (!start.resize(nb_nodes + 1, 0)) return -199;
+    for (std::size_t e = 0; e < nb_elements; ++e) {
+      const unsigned* column = mesh.column(e);
+      const unsigned nb_vertices = face_table[mesh.kind_of(column)].nb_vertices;
+      for (unsigned k = 0; k < nb_vertices; ++k)
+        if (column[k] != absent) ++start[column[k] + std::size_t(1)];
+    }
+    for (std::size_t v = 0; v < nb_nodes; ++v) start[v + 1] += start[v];
+    // Fill with start[v] as the cursor of v, which leaves start[v] at the end of v's list,
+    // then shift the starts back by one node.
+    for (std::size_t e = 0; e < nb_elements; ++e) {
+      const unsigned* column = mesh.column(e);
+      const unsigned nb_vertices = face_table[mesh.kind_of(column)].nb_vertices;
+      for (unsigned k = 0; k < nb_vertices; ++k)
+        if (column[k] != absent) incident[start[column[k]]++] = static_cast<unsigned>(e);
+    }
+    for (std::size_t v = nb_nodes; v > 0; --v) start[v] = start[v - 1];
+    start[0] = 0;
+  } else {
+    dense1D<std::uint64_t, 8> pairs;  // node << 32 | element, sorted
+    if (!pairs.resize(nb_incidences) || !distinct_ids.reserve(nb_incidences, 1) ||
+        !start.reserve(nb_incidences + 1, 1))
+      return -199;
+    std::size_t n = 0;
+    for (std::size_t e = 0; e < nb_elements; ++e) {
+      const unsigned* column = mesh.column(e);
+      const unsigned nb_vertices = face_table[mesh.kind_of(column)].nb_vertices;
+      for (unsigned k = 0; k < nb_vertices; ++k)
+        if (column[k] != absent) pairs[n++] = std::uint64_t(column[k]) << 32 | e;
+    }
+    std::sort(pairs.begin(), pairs.end());
+    for (std::size_t i = 0; i < n; ++i) {
+      const unsigned id = static_cast<unsigned>(pairs[i] >> 32);
+      if (i == 0 || id != distinct_ids[distinct_ids.size() - 1]) {
+        distinct_ids.push_back(id);  // room reserved: cannot fail
+        start.push_back(i);
+      }
+      incident[i] = static_cast<unsigned>(pairs[i]);
+    }
+    start.push_back(n);
   }
-  for (std::size_t v = 0; v < nb_nodes; ++v) start[v + 1] += start[v];
-  // Fill with start[v] as the cursor of v, which leaves start[v] at the end of v's list,
-  // then shift the starts back by one node.
-  for (std::size_t e = 0; e < nb_elements; ++e) {
-    const unsigned* column = mesh.column(e);
-    const unsigned nb_vertices = face_table[mesh.kind_of(column)].nb_vertices;
-    for (unsigned k = 0; k < nb_vertices; ++k)
-      if (column[k] != absent) incident[start[column[k]]++] = static_cast<unsigned>(e);
-  }
-  for (std::size_t v = nb_nodes; v > 0; --v) start[v] = start[v - 1];
-  start[0] = 0;
+  auto elements_of = [&](unsigned id, std::size_t& first, std::size_t& last) {
+    std::size_t i = id;
+    if (!dense) i = std::size_t(std::lower_bound(distinct_ids.begin(), distinct_ids.end(), id) - distinct_ids.begin());
+    first = start[i];
+    last = start[i + 1];
+  };
 
   // Face f of e is matched with the lowest-numbered other element holding a face with the
   // same nodes; every such element holds the face's smallest node, so only that node's
-  // elements are compared.
+  // elements are compared. The match is written on both sides: the other side's entry,
+  // when still empty, has e as its lowest other element too (a lower one would have
+  // been e's match), and faces already written are skipped.
+  const std::size_t ld = result.ld();
+  unsigned* out = result.data();
   for (std::size_t e = 0; e < nb_elements; ++e) {
     const unsigned* column = mesh.column(e);
     const solid_faces& table = face_table[mesh.kind_of(column)];
-    unsigned* out = result.data() + e * result.ld();
     for (unsigned f = 0; f < table.nb_faces; ++f) {
-      unsigned key[4], size;
-      if (!face_key(column, table, f, key, size)) continue;
-      const unsigned smallest = key[0];
+      unsigned& entry = out[e * ld + f];
+      unsigned nodes[4];
+      if (entry != absent || !face_nodes(column, table, f, nodes)) continue;
+      const unsigned size = face_size(table, f);
+      const unsigned smallest = *std::min_element(nodes, nodes + size);
       unsigned previous = absent;
-      for (std::size_t i = start[smallest]; i < start[smallest + std::size_t(1)] && out[f] == absent; ++i) {
+      std::size_t first = 0, last = 0;
+      elements_of(smallest, first, last);
+      for (std::size_t i = first; i < last && entry == absent; ++i) {
         const unsigned other = incident[i];
         if (other == e || other == previous) continue;  // a repeated node lists an element twice
         previous = other;
         const unsigned* other_column = mesh.column(other);
         const solid_faces& other_table = face_table[mesh.kind_of(other_column)];
         for (unsigned g = 0; g < other_table.nb_faces; ++g) {
-          unsigned other_key[4], other_size;
-          if ((other_table.faces[g][3] == absent ? 3U : 4U) != size) continue;
-          if (!face_key(other_column, other_table, g, other_key, other_size)) continue;
-          if (std::equal(key, key + size, other_key)) {
-            out[f] = other;
-            break;
-          }
+          unsigned other_nodes[4];
+          if (face_size(other_table, g) != size || !face_nodes(other_column, other_table, g, other_nodes) ||
+              !same_nodes(nodes, other_nodes, size))
+            continue;
+          entry = other;
+          unsigned& back = out[other * ld + g];
+          if (back == absent) back = static_cast<unsigned>(e);
+          break;
         }
       }
     }

@@ -140,6 +140,19 @@ class vector_num : public math1::ref_counted {
     return buffer;
   }
 
+  /// A buffer over `capacity` values of memory owned by the caller (who keeps it alive
+  /// while the buffer lives); it is never freed here, and growing moves the values to
+  /// memory of the buffer's own. nullptr when memory runs out.
+  static vector_num* __create_external(T* external, std::size_t capacity) noexcept {
+    void* memory = __vector_num_alloc(sizeof(vector_num));
+    if (!memory) return nullptr;
+    vector_num* buffer = new (memory) vector_num();
+    buffer->data_ = external;
+    buffer->capacity_ = capacity;
+    buffer->owns_data_ = false;
+    return buffer;
+  }
+
   T* data() noexcept { return data_; }
   const T* data() const noexcept { return data_; }
   std::size_t capacity() const noexcept { return capacity_; }
@@ -153,9 +166,10 @@ class vector_num : public math1::ref_counted {
     if (!fresh) return false;
     if (keep > capacity_) keep = capacity_;
     if (keep) std::memcpy(static_cast<void*>(fresh), data_, keep * sizeof(T));
-    __vector_num_free(data_);
+    if (owns_data_) __vector_num_free(data_);
     data_ = fresh;
     capacity_ = capacity;
+    owns_data_ = true;
     return true;
   }
 
@@ -164,13 +178,14 @@ class vector_num : public math1::ref_counted {
   ~vector_num() = default;
   static void dispose(math1::ref_counted* object) noexcept {
     auto* buffer = static_cast<vector_num*>(object);
-    __vector_num_free(buffer->data_);
+    if (buffer->owns_data_) __vector_num_free(buffer->data_);
     buffer->~vector_num();
     __vector_num_free(buffer);
   }
 
   T* data_ = nullptr;
   std::size_t capacity_ = 0;
+  bool owns_data_ = true;
 };
 
 template <class T, unsigned A = 8>
@@ -196,6 +211,25 @@ class dense2D {
     std::copy(values.begin(), values.end(), data());
   }
 
+  /// A view of rows x cols values that the caller owns, column j starting at
+  /// data + j * ld (zero-copy input from other containers). The caller keeps the memory
+  /// alive while any copy of the view lives; writes go to it, and growth beyond it moves
+  /// the matrix to a buffer of its own. Empty if the view's header cannot be allocated.
+  static dense2D wrap(T* data, size_type rows, size_type cols, size_type ld) noexcept {
+    dense2D view;
+    if (ld < rows) return view;
+    const size_type span = cols == 0 ? 0 : ld * (cols - 1) + rows;
+    if (span != 0 || data) {
+      buffer_type* buffer = buffer_type::__create_external(data, span);
+      if (!buffer) return view;
+      view.storage_ = buffer;
+    }
+    view.rows_ = rows;
+    view.cols_ = cols;
+    view.ld_ = ld;
+    return view;
+  }
+
   dense2D(const dense2D&) noexcept = default;
   dense2D(dense2D&& other) noexcept { swap(other); }
   dense2D& operator=(const dense2D&) noexcept = default;
@@ -219,8 +253,9 @@ class dense2D {
 
   T* data() noexcept { return storage_ ? storage_->data() + offset_ : nullptr; }
   const T* data() const noexcept { return storage_ ? storage_->data() + offset_ : nullptr; }
-  T& operator()(size_type i, size_type j) noexcept { return data()[j * ld_ + i]; }
-  const T& operator()(size_type i, size_type j) const noexcept { return data()[j * ld_ + i]; }
+  // Entry access assumes storage (an entry exists), so it skips data()'s null test.
+  T& operator()(size_type i, size_type j) noexcept { return storage_->data()[offset_ + j * ld_ + i]; }
+  const T& operator()(size_type i, size_type j) const noexcept { return storage_->data()[offset_ + j * ld_ + i]; }
   /// The shared buffer (null when there is none).
   const Ptr<buffer_type>& storage() const noexcept { return storage_; }
 
@@ -413,6 +448,17 @@ class dense1D {
   }
   ~dense1D() = default;
 
+  /// A view of n values that the caller owns (see dense2D::wrap).
+  static dense1D wrap(T* data, size_type n) noexcept {
+    dense1D view;
+    if (n == 0 && !data) return view;
+    buffer_type* buffer = buffer_type::__create_external(data, n);
+    if (!buffer) return view;
+    view.storage_ = buffer;
+    view.size_ = n;
+    return view;
+  }
+
   /// Wraps entries [offset, offset + size) of an existing buffer (used by as_vector).
   dense1D(const Ptr<buffer_type>& storage, size_type offset, size_type size) noexcept
       : storage_(storage), size_(size), offset_(offset) {}
@@ -424,8 +470,8 @@ class dense1D {
   size_type capacity() const noexcept { return storage_ ? storage_->capacity() - offset_ : 0; }
   T* data() noexcept { return storage_ ? storage_->data() + offset_ : nullptr; }
   const T* data() const noexcept { return storage_ ? storage_->data() + offset_ : nullptr; }
-  T& operator[](size_type i) noexcept { return data()[i]; }
-  const T& operator[](size_type i) const noexcept { return data()[i]; }
+  T& operator[](size_type i) noexcept { return storage_->data()[offset_ + i]; }
+  const T& operator[](size_type i) const noexcept { return storage_->data()[offset_ + i]; }
   T* begin() noexcept { return data(); }
   T* end() noexcept { return data() + size_; }
   const T* begin() const noexcept { return data(); }
@@ -452,8 +498,10 @@ class dense1D {
     size_ = n;
     return true;
   }
-  /// Room for n entries, contents kept. flag 0 grows by half the room at least, any
-  /// other value reserves exactly n (the library passes 1).
+  /// Room for n entries (at least the current size), contents kept, so that growing up
+  /// to n cannot fail; a vector that shares its buffer moves to one of its own. flag 0
+  /// grows by half the room at least, any other value reserves exactly n (the library
+  /// passes 1).
   bool reserve(size_type n, int flag) noexcept {
     if (n < size_) n = size_;  // a shared vector detaches with all its entries
     if (owns_room(n)) return true;
