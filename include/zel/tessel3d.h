@@ -312,7 +312,8 @@ TESSEL3D_EXPORT int interpolate_metrics(const dense2D<double>& coords, const den
 /// @param[in]     neighbors     #faces (4 TH4, 6 H8 and SOLID_MIX8) x #elements: entry
 ///                              (f, e) is the element across local face f of e, ~0U on
 ///                              the boundary (and past the faces of a mixed column).
-/// @param[in]     node_element  >= 1 entry per node of the mesh: one element holding it.
+/// @param[in]     node_element  per node ID: one element holding it (at least as many
+///                              entries as the highest node ID the connectivity uses).
 /// @param[in]     surface       3 (T3, for TH4) or 4 (Q4, for H8) x #faces, or FACE_MIX4
 ///                              in 3 or 4 rows (row 3 ~0U: a triangle) for SOLID_MIX8.
 /// @param[in]     excluded      nodes that keep their single ID; not validated, entries
@@ -324,18 +325,19 @@ TESSEL3D_EXPORT int interpolate_metrics(const dense2D<double>& coords, const den
 ///         -1 coords not 3 rows;
 ///         -2 connectivity IDs invalid (check_IDs for `type`) or, for TH4 / H8, not 4 / 8
 ///            rows;
-///         -3 neighbors with another column count, rows other than the faces of `type`
-///            (4 for TH4 and TH10, 5 for PY5 ... W18, 6 for H8 ... H27 and the mixed
-///            solids), or an entry that is neither an element nor ~0U;
+///         -3 neighbors with another column count, with rows other than the face count
+///            of `type` (4 TH4, 6 H8 and SOLID_MIX8; the other types by their own face
+///            or side count, checked before -9), or with an entry that is neither an
+///            element nor ~0U;
 ///         -4 a node of the connectivity has no node_element entry;
 ///         -5 surface IDs invalid for the face type of `type`, or not 3 (TH4) / 4 (H8)
 ///            rows;
 ///         -9 type is not TH4, H8 or SOLID_MIX8.
 ///         Then 0, with coords and connectivity unchanged, when a handled surface node's
-///         node_element entry is not an element holding it (the negative side is not run
-///         when the positive one failed); -199, also with nothing changed, when memory
-///         cannot be had (the room in coords, the working copy of the connectivity or an
-///         internal table).
+///         node_element entry is missing or not an element holding it (the negative side
+///         is not run when the positive one failed); -199, also with nothing changed,
+///         when memory cannot be had (the room in coords, the working copy of the
+///         connectivity or an internal table).
 TESSEL3D_EXPORT int duplicate_surface_nodes(dense2D<double>& coords, dense2D<unsigned>& connectivity,
                                             const dense2D<unsigned>& neighbors,
                                             const dense1D<unsigned, 8>& node_element,
