@@ -195,7 +195,9 @@ void check_opening(const mesh& m, bool pos, bool neg, const std::set<unsigned>& 
   dense2D<unsigned> connect;
   coords.copy(m.coords);
   connect.copy(m.connect);
-  dense1D<unsigned, 8> ex;
+  // Entries that are not surface nodes (a corner of the box, an ID past the nodes) have
+  // no effect.
+  dense1D<unsigned, 8> ex{0, 4000000000u};
   for (unsigned n : excluded) ex.push_back(n);
   const expectation x = expect(m, pos, neg, excluded);
   const std::size_t nb_new = x.positive.size() + x.negative.size();
