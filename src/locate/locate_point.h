@@ -32,11 +32,12 @@ int locate_point(const zel::dense2D<double>& coords, const zel::dense2D<unsigned
                  const NodeSearch& search, const zel::vector_fixed<double, 3>& point, unsigned& element,
                  double tolerance, bool second_chance, locate_scratch& scratch) {
   const double* p = point.data();
+  const std::size_t nb_elements = connectivity.cols();
   if (element == ~0U) {
     const unsigned n = search.find_close(point);
-    if (n >= node_element.size()) return 0;
+    // Entries that are no element (~0U, or out of range in a caller's bad input) give no seed.
+    if (n >= node_element.size() || node_element[n] >= nb_elements) return 0;
     element = node_element[n];
-    if (element == ~0U) return 0;
   }
   std::size_t steps = 0;
   int r = visibility_walk(coords, connectivity, neighbors, p, element, tolerance, steps);
@@ -48,7 +49,7 @@ int locate_point(const zel::dense2D<double>& coords, const zel::dense2D<unsigned
   if (!second_chance) return 0;
 
   const unsigned n = search.find_closest(point);
-  if (n >= node_element.size()) return 0;
+  if (n >= node_element.size() || node_element[n] >= nb_elements) return 0;
   if (elements_around_node(n, node_element[n], connectivity, neighbors, scratch.around, scratch.visited) < 0)
     return -199;
   for (std::size_t k = 0; k < scratch.around.size() && r == 0; ++k) {

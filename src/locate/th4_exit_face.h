@@ -9,7 +9,7 @@
 namespace elfes {
 
 // Face f of a TH4 is opposite local node f, read with its nodes (a, b, c).
-constexpr const unsigned (&th4_faces)[6][4] = solid_table[kind_TH4].faces;
+inline constexpr const unsigned (&th4_faces)[6][4] = solid_table[kind_TH4].faces;
 
 constexpr int th4_inside = -1;
 constexpr int th4_invalid = -2;
