@@ -409,6 +409,10 @@ TEST(node_detector, matches_brute_force_on_random_points) {
     for (int k = 0; k < 2000; ++k) {
       double q[3] = {random.uniform(-1.5, 1.5), random.uniform(-1.5, 1.5), random.uniform(-0.3, 0.3)};
       if (grid > 0 && k % 2) q[0] = std::round(q[0] / 0.125) * 0.125, q[1] = std::round(q[1] / 0.125) * 0.125;
+      if (k % 3 == 0) {  // on a node: with the grid, a tie between its copies on both sides of a split
+        const std::size_t j = random.next() % coords.cols();
+        for (int d = 0; d < 3; ++d) q[d] = coords(d, j);
+      }
       const zel::vector_fixed<double, 3> p(q[0], q[1], q[2]);
       ASSERT_EQ(every.find_closest(p), brute_nearest(coords, all, q)) << k;
       ASSERT_EQ(some.find_closest(p), brute_nearest(coords, subset, q)) << k;
@@ -653,6 +657,29 @@ TEST(get_neighbors, status_codes_leave_neighbors_untouched) {
         return zel::tessel::get_neighbors(mesh.connect, zel::H8, f.first) == 0;
       },
       [](std::pair<dense2D<unsigned>, snapshot<dense2D<unsigned>>>& f) { f.second.expect_same(f.first); });
+  EXPECT_GT(failures, 0);
+}
+
+// ---- get_node_element ------------------------------------------------------------------
+
+TEST(get_node_element, first_element_of_each_node) {
+  const dense2D<unsigned> connect(3, 3, {4, 1, absent, 1, 2, 4, 0, 2, 2});
+  dense1D<unsigned, 8> node_element{7};
+  ASSERT_EQ(zel::tessel::get_node_element(padded_view(connect, 2, 5U), 6, node_element), 0);
+  EXPECT_EQ(entries(node_element), (std::vector<unsigned>{2, 0, 1, absent, 0, absent}));
+
+  const snapshot<dense1D<unsigned, 8>> before(node_element);
+  EXPECT_EQ(zel::tessel::get_node_element(connect, 4, node_element), -1);  // node 4 == nbNodes
+  before.expect_same(node_element);
+  const long failures = inject_failures(
+      [] {
+        dense1D<unsigned, 8> out{7};
+        return std::make_pair(out, snapshot<dense1D<unsigned, 8>>(out));
+      },
+      [&](std::pair<dense1D<unsigned, 8>, snapshot<dense1D<unsigned, 8>>>& f) {
+        return zel::tessel::get_node_element(connect, 6, f.first) == 0;
+      },
+      [](std::pair<dense1D<unsigned, 8>, snapshot<dense1D<unsigned, 8>>>& f) { f.second.expect_same(f.first); });
   EXPECT_GT(failures, 0);
 }
 

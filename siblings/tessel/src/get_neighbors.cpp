@@ -52,15 +52,26 @@ struct solid_mesh {
   kind kind_of(const unsigned* column) const { return mixed ? mixed8_kind(column) : pure; }
 };
 
-// The nodes of face f of a column, sorted; false when one of them is absent.
-inline bool face_key(const unsigned* column, const solid_faces& table, unsigned f, unsigned key[4], unsigned& size) {
+inline unsigned face_size(const solid_faces& table, unsigned f) { return table.faces[f][3] == absent ? 3 : 4; }
+
+// The nodes of face f of a column; false when one of them is absent.
+inline bool face_nodes(const unsigned* column, const solid_faces& table, unsigned f, unsigned nodes[4]) {
   const unsigned* local = table.faces[f];
-  size = local[3] == absent ? 3 : 4;
-  for (unsigned k = 0; k < size; ++k) {
-    key[k] = column[local[k]];
-    if (key[k] == absent) return false;
-  }
-  std::sort(key, key + size);
+  for (unsigned k = 0, size = face_size(table, f); k < size; ++k)
+    if ((nodes[k] = column[local[k]]) == absent) return false;
+  return true;
+}
+
+inline bool contains(const unsigned* nodes, unsigned size, unsigned node) {
+  for (unsigned k = 0; k < size; ++k)
+    if (nodes[k] == node) return true;
+  return false;
+}
+
+// Same node set (any order), without sorting: each list contains the other.
+inline bool same_nodes(const unsigned* a, const unsigned* b, unsigned size) {
+  for (unsigned k = 0; k < size; ++k)
+    if (!contains(a, size, b[k]) || !contains(b, size, a[k])) return false;
   return true;
 }
 
@@ -119,30 +130,36 @@ int get_neighbors(const dense2D<unsigned>& connect, element_type type, dense2D<u
 
   // Face f of e is matched with the lowest-numbered other element holding a face with the
   // same nodes; every such element holds the face's smallest node, so only that node's
-  // elements are compared.
+  // elements are compared. The match is written on both sides: the other side's entry,
+  // when still empty, has e as its lowest other element too (a lower one would have
+  // been e's match), and faces already written are skipped.
+  const std::size_t ld = result.ld();
+  unsigned* out = result.data();
   for (std::size_t e = 0; e < nb_elements; ++e) {
     const unsigned* column = mesh.column(e);
     const solid_faces& table = face_table[mesh.kind_of(column)];
-    unsigned* out = result.data() + e * result.ld();
     for (unsigned f = 0; f < table.nb_faces; ++f) {
-      unsigned key[4], size;
-      if (!face_key(column, table, f, key, size)) continue;
-      const unsigned smallest = key[0];
+      unsigned& entry = out[e * ld + f];
+      unsigned nodes[4];
+      if (entry != absent || !face_nodes(column, table, f, nodes)) continue;
+      const unsigned size = face_size(table, f);
+      const unsigned smallest = *std::min_element(nodes, nodes + size);
       unsigned previous = absent;
-      for (std::size_t i = start[smallest]; i < start[smallest + std::size_t(1)] && out[f] == absent; ++i) {
+      for (std::size_t i = start[smallest]; i < start[smallest + std::size_t(1)] && entry == absent; ++i) {
         const unsigned other = incident[i];
         if (other == e || other == previous) continue;  // a repeated node lists an element twice
         previous = other;
         const unsigned* other_column = mesh.column(other);
         const solid_faces& other_table = face_table[mesh.kind_of(other_column)];
         for (unsigned g = 0; g < other_table.nb_faces; ++g) {
-          unsigned other_key[4], other_size;
-          if ((other_table.faces[g][3] == absent ? 3U : 4U) != size) continue;
-          if (!face_key(other_column, other_table, g, other_key, other_size)) continue;
-          if (std::equal(key, key + size, other_key)) {
-            out[f] = other;
-            break;
-          }
+          unsigned other_nodes[4];
+          if (face_size(other_table, g) != size || !face_nodes(other_column, other_table, g, other_nodes) ||
+              !same_nodes(nodes, other_nodes, size))
+            continue;
+          entry = other;
+          unsigned& back = out[other * ld + g];
+          if (back == absent) back = static_cast<unsigned>(e);
+          break;
         }
       }
     }

@@ -452,8 +452,10 @@ class dense1D {
     size_ = n;
     return true;
   }
-  /// Room for n entries, contents kept. flag 0 grows by half the room at least, any
-  /// other value reserves exactly n (the library passes 1).
+  /// Room for n entries (at least the current size), contents kept, so that growing up
+  /// to n cannot fail; a vector that shares its buffer moves to one of its own. flag 0
+  /// grows by half the room at least, any other value reserves exactly n (the library
+  /// passes 1).
   bool reserve(size_type n, int flag) noexcept {
     if (n < size_) n = size_;  // a shared vector detaches with all its entries
     if (owns_room(n)) return true;

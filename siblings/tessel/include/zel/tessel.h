@@ -146,7 +146,8 @@ ZEL_TESSEL_EXPORT int get_neighbors(const dense2D<unsigned>& connect, element_ty
                                     dense2D<unsigned>& neighbors);
 
 /// For each node ID below nbNodes, the first element (column) that holds it, ~0U for a
-/// node in no element; node_element is resized to nbNodes.
+/// node in no element. node_element gets nbNodes entries, in a new buffer, and is
+/// written only on success. ~0U entries of connect are skipped.
 /// @return 0 | -1 an entry is neither below nbNodes nor ~0U | -199 memory
 ZEL_TESSEL_EXPORT int get_node_element(const dense2D<unsigned>& connect, unsigned nbNodes,
                                        dense1D<unsigned, 8>& node_element);
