@@ -619,10 +619,71 @@ TESSEL3D_EXPORT int interpolate_metrics(const dense2D<double>& coords, const den
 
 // ---- surfaces ----------------------------------------------------------------------
 
-/// Opens a TH4, H8 or SOLID_MIX8 mesh along an internal surface by giving every
-/// non-excluded surface node a copy used on the chosen side(s).
-/// @return the number of nodes added (>= 0) | -1 coords | -2 connectivity | -3 neighbors
-///         | -4 node_element | -5 surface | -9 type | -199 memory
+/// Opens a solid mesh along an internal surface: every surface node that is not excluded
+/// gets a copy for each requested side, and the elements on that side that hold the node
+/// are made to use the copy, so that afterwards the two sides share none of these nodes.
+///
+/// Sides. A surface face (q0, q1, q2[, q3]) has the right-hand normal of q0 -> q1 -> q2.
+/// An element lies on its positive side when one of the element's faces, read in the
+/// face order below, is the same face with the same orientation (the element faces'
+/// normals point into the element, so the surface normal points into it too); on its
+/// negative side when that holds for the reversed face (q2, q1, q0) / (q3, q2, q1, q0).
+/// Face orders (also those of zel::tessel::get_neighbors, which builds `neighbors`):
+///   TH4  face f opposite node f: (1,2,3) (2,0,3) (0,1,3) (2,1,0)
+///   PY5  (0,4,1) (1,4,2) (2,4,3) (3,4,0) (0,1,2,3)
+///   W6   (0,1,2) (3,5,4) (2,1,4,5) (0,2,5,3) (1,0,3,4)
+///   H8   (0,3,7,4) (1,5,6,2) (0,4,5,1) (3,2,6,7) (0,1,2,3) (4,7,6,5)
+///
+/// For each side (positive first), each surface column in order and each of its nodes n
+/// in the side's order that this side has not handled yet: the elements around n are
+/// those that hold n and are reached from node_element[n] across faces containing n;
+/// the first of them (in depth-first order) having the oriented surface face is the
+/// seed; from the seed the side spreads to neighbours that hold n, never across a
+/// surface face (either orientation) nor the boundary. A new node, a copy of n's
+/// coordinates, is appended to coords (even when the side holds no element, e.g. at
+/// the boundary of the mesh) and replaces n in the elements reached. New node IDs
+/// therefore follow the order in which the surface columns first list the nodes: the
+/// positive side first, then the negative side reading each column backwards. An
+/// excluded node (e.g. on the rim of an open surface) keeps its single ID. Lookups
+/// read the connectivity as given; with both sides, n is left only in elements of
+/// neither side.
+///
+/// @param[in,out] coords        3 x #nodes; grows by the returned count of columns
+///                              (room for them is reserved first); the old columns are
+///                              kept.
+/// @param[in,out] connectivity  4 (TH4) or 8 (H8) x #elements, or SOLID_MIX8 in 4, 5, 6
+///                              or 8 rows (absent rows ~0U). On success it becomes a new
+///                              contiguous matrix (ld = rows) with the replaced IDs; other
+///                              shallow copies of the input keep the old values.
+/// @param[in]     neighbors     #faces (4 TH4, 6 H8 and SOLID_MIX8) x #elements: entry
+///                              (f, e) is the element across local face f of e, ~0U on
+///                              the boundary (and past the faces of a mixed column).
+/// @param[in]     node_element  per node ID: one element holding it (at least as many
+///                              entries as the highest node ID the connectivity uses).
+/// @param[in]     surface       3 (T3, for TH4) or 4 (Q4, for H8) x #faces, or FACE_MIX4
+///                              in 3 or 4 rows (row 3 ~0U: a triangle) for SOLID_MIX8.
+/// @param[in]     excluded      nodes that keep their single ID; not validated, entries
+///                              that are not surface nodes have no effect.
+/// @param[in]     positive_side, negative_side  the sides to open.
+/// @param[in]     type          TH4, H8 or SOLID_MIX8.
+/// @return the number of nodes added (0 or more), after these checks in order:
+///         0 when connectivity or surface has no entries or no side is requested;
+///         -1 coords not 3 rows;
+///         -2 connectivity IDs invalid (check_IDs for `type`) or, for TH4 / H8, not 4 / 8
+///            rows;
+///         -3 neighbors with another column count, with rows other than the face count
+///            of `type` (4 TH4, 6 H8 and SOLID_MIX8; the other types by their own face
+///            or side count, checked before -9), or with an entry that is neither an
+///            element nor ~0U;
+///         -4 a node of the connectivity has no node_element entry;
+///         -5 surface IDs invalid for the face type of `type`, or not 3 (TH4) / 4 (H8)
+///            rows;
+///         -9 type is not TH4, H8 or SOLID_MIX8.
+///         Then 0, with coords and connectivity unchanged, when a handled surface node's
+///         node_element entry is missing or not an element holding it (the negative side
+///         is not run when the positive one failed); -199, also with nothing changed,
+///         when memory cannot be had (the room in coords, the working copy of the
+///         connectivity or an internal table).
 TESSEL3D_EXPORT int duplicate_surface_nodes(dense2D<double>& coords, dense2D<unsigned>& connectivity,
                                             const dense2D<unsigned>& neighbors,
                                             const dense1D<unsigned, 8>& node_element,
