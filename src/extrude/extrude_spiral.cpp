@@ -5,6 +5,7 @@
 
 namespace zel {
 namespace tessel3d {
+
 // The codes are those of extrude_rotate's size form although h0 and h1 stand one
 // argument further on here: callers rely on the two functions failing alike.
 int extrude_spiral(dense2D<double>& coords, const dense2D<unsigned>& connectS, const vector_fixed<double, 3>& C,
