@@ -566,10 +566,14 @@ TESSEL3D_EXPORT int duplicate_surface_nodes(dense2D<double>& coords, dense2D<uns
 /// of the listed quadrangles is cut so that each listed quadrangle becomes two triangles
 /// while its other faces stay as they were (so the pieces still match the neighbours);
 /// the other solids are copied unchanged.
-/// A solid carries a listed quadrangle when one of its faces, in its face order (the
-/// face lists of dihedral_angles, whose right-hand normals point into the solid), is that
-/// quadrangle with the same orientation: list a face as seen from the solid to split, and
-/// list it in both orientations to split both solids that share it.
+/// A solid carries a listed quadrangle when one of its faces is that quadrangle with the
+/// same orientation, whatever corner the listing starts from. The faces, in face order,
+/// with right-hand normals pointing into the solid:
+///   PY5  0 4 1, 1 4 2, 2 4 3, 3 4 0, base 0 1 2 3
+///   W6   0 1 2, 3 5 4, 2 1 4 5, 0 2 5 3, 1 0 3 4
+///   H8   0 3 7 4, 1 5 6 2, 0 4 5 1, 3 2 6 7, 0 1 2 3, 4 7 6 5
+/// So list a face as seen from the solid to split, and list it in both orientations to
+/// split both solids that share it.
 ///   PY5 whose base (0 1 2 3) is listed: two TH4 with the pyramid's apex, cut along 0-2 or
 ///     1-3.
 ///   W6 or H8 carrying one or more listed faces: one new node at the mean of its corners,
@@ -609,7 +613,7 @@ TESSEL3D_EXPORT int duplicate_surface_nodes(dense2D<double>& coords, dense2D<uns
 ///         and not 4 rows, or a bad node ID (~0U included) | -4 min_quality NaN or
 ///         infinite | -199 memory, also when a new node ID would reach ~0U. On any failure
 ///         connectOut and failed are left empty and coords keeps its columns. Time and
-///         memory linear in #solids + #quadrangles.
+///         memory linear in #nodes + #solids + #quadrangles.
 TESSEL3D_EXPORT int split_solid_Q4(dense2D<double>& coords, const dense2D<unsigned>& connect,
                                    const dense2D<unsigned>& quads, double min_quality, dense2D<unsigned>& connectOut,
                                    dense1D<unsigned, 8>& failed);
