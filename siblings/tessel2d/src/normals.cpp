@@ -1,7 +1,6 @@
 // normals: angle-weighted nodal normals of a triangle / quadrangle surface.
 #include <cmath>
 
-#include "zel/tessel.h"
 #include "zel/tessel2d.h"
 
 namespace zel {
@@ -57,16 +56,25 @@ void accumulate(const dense2D<double>& coords, const dense2D<unsigned>& faces, d
   }
 }
 
+// Corners 0-2 of every face must be nodes; corner 3 (4-row form) a node or ~0U.
+bool faces_valid(const dense2D<unsigned>& faces, unsigned nbNodes) {
+  if (faces.empty()) return true;
+  if (faces.rows() != 3 && faces.rows() != 4) return false;
+  const unsigned* face = faces.data();
+  for (std::size_t j = 0; j < faces.cols(); ++j, face += faces.ld()) {
+    if (face[0] >= nbNodes || face[1] >= nbNodes || face[2] >= nbNodes) return false;
+    if (faces.rows() == 4 && face[3] >= nbNodes && face[3] != ~0U) return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 int normals(const dense2D<double>& coords, const dense2D<unsigned>& connectS, double angle, bool unit,
             dense2D<double>& normals) {
   if (coords.rows() != 3) return -1;
   const unsigned nbNodes = static_cast<unsigned>(coords.cols());
-  if ((!connectS.empty() && connectS.rows() != 3 && connectS.rows() != 4) ||
-      !tessel::check_IDs(connectS, FACE_MIX4, nbNodes))
-    return -2;
-  if (connectS.rows() == 3 && !tessel::check_IDs(connectS, T3, nbNodes)) return -2;
+  if (!faces_valid(connectS, nbNodes)) return -2;
   if (!(angle >= 0)) return -3;
 
   dense2D<double> result;

@@ -14,7 +14,9 @@ namespace lapack {
 /// @param w     n eigenvalues, ascending
 /// @param z     ldz x n eigenvectors by column when jobz is 'V' (not referenced for 'N')
 /// @param work  3n scratch values
-/// @param info  0 on success; -i when argument i is invalid; > 0 when the iteration failed
+/// @param info  0 on success; -i when argument i is invalid (checked by the wrapper, in
+///              LAPACK's order: -1 jobz, -2 uplo, -3 n < 0, -7 ldz < 1 or, for 'V', ldz < n;
+///              nothing is computed or printed then); > 0 when the iteration failed
 ZEL_LAPACK_EXPORT void dspev(char jobz, char uplo, int n, double* ap, double* w, double* z, int ldz, double* work,
                              int& info);
 

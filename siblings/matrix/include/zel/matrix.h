@@ -285,10 +285,11 @@ class dense2D {
     const size_type old_ld = ld_;
     if (storage_.unique() && rows_ * cols_ == 0 && rows > ld_) ld_ = rows;  // nothing stored: free layout
     if (fits_in_place(rows, cols)) {
-      T* base = storage_ ? storage_->data() + offset_ : nullptr;
-      if (rows > rows_)
+      T* base = rows * cols != 0 ? storage_->data() + offset_ : nullptr;  // nothing to fill otherwise
+      if (base && rows > rows_)
         for (size_type j = 0; j < cols_ && j < cols; ++j) std::fill(base + j * ld_ + rows_, base + j * ld_ + rows, fill);
-      for (size_type j = cols_; j < cols; ++j) std::fill(base + j * ld_, base + j * ld_ + rows, fill);
+      if (base)
+        for (size_type j = cols_; j < cols; ++j) std::fill(base + j * ld_, base + j * ld_ + rows, fill);
       if (rows > ld_) ld_ = rows;  // only possible when cols == 0: nothing is stored
       rows_ = rows;
       cols_ = cols;
@@ -310,6 +311,11 @@ class dense2D {
     const size_type old_ld = ld_;
     if (storage_.unique() && rows_ * cols_ == 0 && rows > ld_) ld_ = rows;  // nothing stored: free layout
     if (storage_.unique() && rows <= ld_) {
+      const size_type max = std::numeric_limits<size_type>::max();
+      if (offset_ > max - rows || cols - 1 > (max - offset_ - rows) / ld_) {
+        ld_ = old_ld;
+        return false;
+      }
       size_type needed = offset_ + ld_ * (cols - 1) + rows;
       if (flag == 0) needed = std::max(needed, storage_->capacity() + storage_->capacity() / 2);
       if (storage_->__grow(needed, offset_ + used_span())) return true;
@@ -365,7 +371,9 @@ class dense2D {
   bool fits_in_place(size_type rows, size_type cols) const noexcept {
     if (rows * cols == 0) return !storage_ || storage_.unique() || (rows <= rows_ && cols <= cols_);
     if (!storage_.unique() || rows > ld_) return false;
-    return offset_ + ld_ * (cols - 1) + rows <= storage_->capacity();
+    const size_type capacity = storage_->capacity();
+    if (offset_ + rows > capacity) return false;
+    return cols - 1 <= (capacity - offset_ - rows) / ld_;  // offset + ld (cols - 1) + rows <= capacity
   }
 
   // Moves to a new buffer of leading dimension ld (at least room_rows) with room for
@@ -490,9 +498,12 @@ class dense1D {
     size_ = n;
     return true;
   }
-  /// Room for n entries, contents kept. flag 0 grows by half the room at least, any
-  /// other value reserves exactly n (the library passes 1).
+  /// Room for n entries (at least the current size), contents kept, so that growing up
+  /// to n cannot fail; a vector that shares its buffer moves to one of its own. flag 0
+  /// grows by half the room at least, any other value reserves exactly n (the library
+  /// passes 1).
   bool reserve(size_type n, int flag) noexcept {
+    if (n < size_) n = size_;  // a shared vector detaches with all its entries
     if (owns_room(n)) return true;
     if (flag == 0) n = std::max(n, capacity() + capacity() / 2);
     return grow(n);
@@ -527,11 +538,16 @@ class dense1D {
   }
 
  private:
-  bool owns_room(size_type n) const noexcept { return n == 0 || (storage_.unique() && offset_ + n <= storage_->capacity()); }
+  bool owns_room(size_type n) const noexcept {
+    return n == 0 || (storage_.unique() && offset_ <= storage_->capacity() && n <= storage_->capacity() - offset_);
+  }
 
   // Room for n entries in a buffer this vector owns alone.
   bool grow(size_type n) noexcept {
-    if (storage_.unique()) return storage_->__grow(offset_ + n, offset_ + size_);
+    if (storage_.unique()) {
+      if (n > std::numeric_limits<size_type>::max() - offset_) return false;
+      return storage_->__grow(offset_ + n, offset_ + size_);
+    }
     buffer_type* buffer = buffer_type::__create(n);
     if (!buffer) return false;
     if (size_) std::memcpy(static_cast<void*>(buffer->data()), data(), size_ * sizeof(T));

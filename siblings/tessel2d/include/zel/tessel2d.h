@@ -19,8 +19,10 @@ namespace tessel2d {
 ///                      normals of the faces around the node, weighted by each face's
 ///                      angle at the node and oriented by the faces' right-hand rule;
 ///                      (0, 0, 0) for a node in no face
-/// @return 0 | -1 coords not 3 rows | -2 connectS rows not 3 or 4, or bad node IDs
-///         | -3 angle negative or not a number | -199 normals cannot be sized
+/// @return 0 | -1 coords not 3 rows | -2 connectS has columns and rows other than 3 or 4,
+///         or a corner 0-2 not below #nodes, or a corner 3 neither below #nodes nor ~0U
+///         | -3 angle negative or not a number | -199 normals cannot be sized (normals
+///         is written only on success)
 ZEL_TESSEL2D_EXPORT int normals(const dense2D<double>& coords, const dense2D<unsigned>& connectS, double angle,
                                 bool unit, dense2D<double>& normals);
 
