@@ -37,8 +37,9 @@ template <class T>
 std::size_t leading_dimension(const py::array& a) {
   const auto cols = static_cast<std::size_t>(a.shape(0)), rows = static_cast<std::size_t>(a.shape(1));
   const auto item = static_cast<py::ssize_t>(sizeof(T));
+  if (cols == 0) return rows;  // nothing stored: NumPy gives any strides
   if (rows > 1 && a.strides(1) != item) return 0;
-  if (cols <= 1) return rows;
+  if (cols == 1) return rows;
   if (a.strides(0) < 0 || a.strides(0) % item != 0) return 0;
   const auto ld = static_cast<std::size_t>(a.strides(0) / item);
   return ld >= rows ? ld : 0;

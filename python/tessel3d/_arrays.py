@@ -30,6 +30,8 @@ def fits(a, dtype):
     if not isinstance(a, np.ndarray) or a.dtype != dtype or a.ndim != 2 or not a.flags.aligned:
         return False
     item = a.itemsize
+    if a.shape[0] == 0:
+        return True
     if a.shape[1] > 1 and a.strides[1] != item:
         return False
     if a.shape[0] > 1 and (a.strides[0] < a.shape[1] * item or a.strides[0] % item):
