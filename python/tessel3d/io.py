@@ -250,9 +250,21 @@ class Mesh:
 
 # ---- files ----------------------------------------------------------------------------
 
+def _meshio():
+    """meshio, with the dimensions of the 13-node pyramid and the 15-node wedge that some
+    of its versions leave out of their table (without them no such cell can be made)."""
+    import meshio
+    import meshio._mesh
+    table = getattr(meshio._mesh, "topological_dimension", None)
+    if isinstance(table, dict):
+        table.setdefault("pyramid13", 3)
+        table.setdefault("wedge15", 3)
+    return meshio
+
+
 def formats():
     """The file formats meshio can write, as {name: file extensions}."""
-    import meshio
+    meshio = _meshio()
     return {name: [e for e, names in meshio._helpers.extension_to_filetypes.items() if name in names]
             for name in sorted(meshio._helpers.writer_map)}
 
@@ -261,7 +273,7 @@ def _file_formats(path, file_format):
     """The formats to try, best first: .msh is Gmsh's before ANSYS's."""
     if file_format:
         return [file_format]
-    import meshio
+    meshio = _meshio()
     try:
         found = list(meshio._helpers._filetypes_from_path(pathlib.Path(path)))
     except Exception:  # an unknown extension
@@ -270,7 +282,7 @@ def _file_formats(path, file_format):
 
 
 def _extensions():
-    import meshio
+    meshio = _meshio()
     return set(meshio._helpers.extension_to_filetypes)
 
 
@@ -287,7 +299,7 @@ class FileError(ValueError):
 
 def read(path, file_format=None):
     """Reads a mesh file into a Mesh in this library's orders (see the module doc)."""
-    import meshio
+    meshio = _meshio()
     if not os.path.exists(path):
         raise FileError(f"{path}: no such file")
     if os.path.isdir(path):
@@ -342,7 +354,7 @@ def read(path, file_format=None):
 def write(path, mesh, file_format=None, **kwargs):
     """Writes a Mesh (or a (coords, {type name: cells}) pair) to a file whose format
     meshio takes from the extension (or `file_format`); kwargs go to meshio.write."""
-    import meshio
+    meshio = _meshio()
     if not isinstance(mesh, Mesh):
         mesh = Mesh(*mesh)
     fmt = _file_formats(path, file_format)[0]
