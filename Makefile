@@ -6,7 +6,7 @@ JOBS ?= 2
 PYTHON ?= $(shell test -x /usr/bin/python3 && echo /usr/bin/python3 || echo python3)
 DEMO_OUT ?= demo-output
 
-.PHONY: all deps build test demo bench test-asan clean
+.PHONY: all deps build test demo bench test-asan fuzz clean
 
 all: build
 
@@ -29,6 +29,24 @@ bench: build
 
 test-asan:
 	$(MAKE) test PRESET=asan
+
+# libFuzzer targets under ASan and UBSan, each run FUZZ_SECONDS from its seed corpus
+# (fuzz/corpus/<target>); findings land in build/fuzz/findings.
+FUZZ_SECONDS ?= 60
+FUZZ_FLAGS = -fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer
+fuzz:
+	@tools/install-deps.sh clang libclang-rt-14-dev
+	cmake -S . -B build/fuzz -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DTESSEL3D_FUZZ=ON -DTESSEL3D_BUILD_TESTS=OFF -DTESSEL3D_BENCH=OFF -DTESSEL3D_EXAMPLES=OFF \
+	  "-DCMAKE_CXX_FLAGS=$(FUZZ_FLAGS)" "-DCMAKE_EXE_LINKER_FLAGS=-fsanitize=address,undefined"
+	cmake --build build/fuzz --parallel $(JOBS)
+	@mkdir -p build/fuzz/findings
+	@for t in build/fuzz/fuzz/fuzz_*; do \
+	  name=$$(basename $$t | sed 's/^fuzz_//'); mkdir -p build/fuzz/corpus/$$name fuzz/corpus/$$name; \
+	  echo "== $$name ($(FUZZ_SECONDS) s)"; \
+	  $$t -max_total_time=$(FUZZ_SECONDS) -timeout=10 -rss_limit_mb=4096 -print_final_stats=1 \
+	    -artifact_prefix=build/fuzz/findings/$$name- build/fuzz/corpus/$$name fuzz/corpus/$$name || exit 1; \
+	done
 
 clean:
 	rm -rf build

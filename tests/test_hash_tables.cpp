@@ -123,3 +123,23 @@ TEST(hash_table, failed_growth_reports_and_keeps_entries) {
   EXPECT_EQ(set.bucket_count(), buckets);
   for (unsigned i = 0; i < 40; ++i) EXPECT_NE(set.find(hash_key(i), i), set.end());
 }
+
+TEST(hash_table, iteration_follows_the_slot_array) {
+  // Home buckets first, in bucket order; a key whose bucket is taken goes to an overflow
+  // slot appended after them, and is still found through its chain.
+  hash_table<unsigned> set;
+  ASSERT_TRUE(set.reset(23, 23, 1.0));
+  auto bucket = [](unsigned key) { return hash_key(key) % 23; };
+  unsigned first = 0;
+  while (bucket(first) == 0) ++first;
+  unsigned clash = first + 1, low = 0;
+  while (bucket(clash) != bucket(first)) ++clash;
+  while (bucket(low) >= bucket(first)) ++low;
+  for (unsigned key : {first, clash, low}) ASSERT_NE(set.insert(hash_key(key), key), set.npos);
+  std::vector<unsigned> order;
+  for (std::size_t pos = set.begin(); pos < set.end(); ++pos)
+    if (set.occupied(pos)) order.push_back(set.value(pos));
+  EXPECT_EQ(order, (std::vector<unsigned>{low, first, clash}));
+  EXPECT_EQ(set.used_slots(), 24u);
+  EXPECT_EQ(set.find(hash_key(clash), clash), set.begin() + 23);
+}

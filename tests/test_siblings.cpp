@@ -625,6 +625,19 @@ TEST(get_neighbors, mixed_solids_share_triangles_and_quadrangles) {
   EXPECT_EQ(entries(neighbors), expected);
 }
 
+TEST(get_neighbors, sparse_huge_node_ids_give_the_same_adjacency) {
+  // IDs near the top of the range must not cost a table indexed by ID.
+  const box_mesh mesh = make_box(box_kind::H8, 3, 3, 2);
+  dense2D<unsigned> sparse;
+  ASSERT_TRUE(sparse.copy(mesh.connect));
+  for (std::size_t j = 0; j < sparse.cols(); ++j)
+    for (std::size_t i = 0; i < 8; ++i) sparse(i, j) = 0xF0000000u + 977u * sparse(i, j);
+  dense2D<unsigned> expected, found;
+  ASSERT_EQ(zel::tessel::get_neighbors(mesh.connect, zel::H8, expected), 0);
+  ASSERT_EQ(zel::tessel::get_neighbors(sparse, zel::H8, found), 0);
+  EXPECT_EQ(entries(found), entries(expected));
+}
+
 TEST(get_neighbors, non_manifold_face_takes_the_lowest_other_element) {
   const dense2D<unsigned> connect(4, 3, {0, 1, 2, 3, 0, 2, 1, 4, 1, 0, 2, 5});  // face 0-1-2 thrice
   dense2D<unsigned> neighbors;

@@ -59,95 +59,301 @@ TESSEL3D_EXPORT int flip_H8(dense2D<unsigned>& connect);
 
 // ---- measures ----------------------------------------------------------------------
 
-/// Signed total volume of a solid mesh (inverted elements subtract).
+/// Signed total volume of a solid mesh: the sum of the elements' signed volumes, so
+/// inverted elements subtract (no absolute value is taken anywhere).
+/// Each element is measured as a sum of tetrahedra (a, b, c, d) with the right-hand
+/// volume det(b - a, c - a, d - a) / 6 (library TH4 orientation, see the file comment):
+///   TH4  the element itself, (p0 - p3) . ((p1 - p3) x (p2 - p3)) / 6
+///   PY5  (0 1 2 4) + (0 2 3 4): a warped base counts as split along its diagonal 0-2
+///   W6   (1 2 0 4) + (2 0 4 3) + (2 4 5 3)
+///   H8   (0 1 3 4) + (2 3 1 6) + (5 4 6 1) + (7 6 4 3) + (1 3 4 6)
+/// With plane faces this is the exact volume. A warped quadrangle is cut along the
+/// diagonal of that split, so two W6 or H8 sharing a warped face may cut it differently.
+/// Reference values: tetrahedron (0,0,0) (1,0,0) (0,1,0) (0,0,1) -1/6; pyramid on the
+/// base (0,0,0) (1,0,0) (1,1,0) (0,1,0) with apex (0,0,1) 1/3; prism (0,0,0) (1,0,0)
+/// (0,1,0) (0,0,1) (1,0,1) (0,1,1) 1/2; unit cube with the base of the pyramid, then
+/// the same corners at z = 1, 1.
 /// @param[in]  coords   3 x #nodes
-/// @param[in]  connect  4 (TH4), 5 (PY5), 6 (W6) rows, or any other count read as the
-///                      8-row mixed layout (pure H8 included)
-/// @param[out] result   set to 0 first, then to the total
-/// @return 0 (also for an empty connect, before any check) | -1 coords not 3 rows
-///         | -2 bad node IDs or row count
+/// @param[in]  connect  #rows x #elements: 4 rows TH4, 5 PY5, 6 W6; any other row count is
+///                      read as the 8-row mixed layout (a pure H8 mesh included), each
+///                      column measured by its own kind. The kernels read rows 0-7 only.
+/// @param[out] result   set to 0.0 first, then to the total
+/// @return 0 (also for an empty connect, before any other check) | -1 coords not 3 rows
+///         | -2 connect rejected by check_IDs (TH4, PY5, W6 by row count, else SOLID_MIX8,
+///         which also rejects row counts other than 4, 5, 6, 8). Nothing is allocated.
+/// A malformed mixed column whose kind needs an absent node (~0U) gives NaN.
 TESSEL3D_EXPORT int volume(const dense2D<double>& coords, const dense2D<unsigned>& connect, double& result);
 
-/// Circumcentres of the tetrahedra of a TH4 mesh.
+/// Circumcentres of the tetrahedra of a TH4 mesh, built from the circumcircle of face
+/// (1, 2, 3) moved along the face normal until it is as far from node 0.
+/// Deliberately sensitive to orientation: an inverted or flat element (6V <= 0, or node
+/// 0 too close to the face's plane) gets the centre of the circumcircle of its face
+/// (1, 2, 3) instead; a face whose nodes are (nearly) collinear gives the coordinates of
+/// node 3. Example: (0,0,0) (0,1,0) (1,0,0) (0,0,1) gives (0.5, 0.5, 0.5); the inverted
+/// order (0,0,0) (1,0,0) (0,1,0) (0,0,1) gives (1/3, 1/3, 1/3).
 /// @param[in]  coords   3 x #nodes
 /// @param[in]  connect  4 x #elements
-/// @param[out] centers  emptied first; 3 x #elements on success
-/// @return 0 | -1 coords not 3 rows | -2 connect not 4 rows or bad node IDs
+/// @param[out] centers  emptied to 0 x 0 first (so a failing call leaves it empty);
+///                      3 x #elements on success, column j the centre of element j
+/// @return 0 (an empty 4-row connect gives centers 3 x 0) | -1 coords not 3 rows
+///         | -2 connect not 4 rows (checked even when empty) or bad node IDs
 ///         | -199 centers cannot be sized
 TESSEL3D_EXPORT int circumcenters(const dense2D<double>& coords, const dense2D<unsigned>& connect,
                                   dense2D<double>& centers);
 
-/// Smallest and largest dihedral angle of every element (radians, or normalised so that
-/// the regular element of its kind scores 1).
-/// @param[in]  coords     3 x #nodes (rows not checked)
-/// @param[in]  connect    4, 5, 6 rows or the 8-row mixed layout
-/// @param[in]  normalise  scale by the kind's normalisation factors
-/// @param[out] minValues, maxValues  entry j for element j; sized by the caller (at
-///             least #elements), never resized
-/// @return 0 | -2 bad node IDs or row count
+/// Smallest and largest interior dihedral angle of every element, over the pairs of
+/// faces that share an edge: acos(-(na . nb) / (|na| |nb|)) from the inward face normals
+/// (triangle (a - c) x (b - c), quadrangle (c - a) x (d - b)). Radians, in [0, pi] for a
+/// positive element; a degenerate face gives 0 for its pairs; the cosine is not clamped,
+/// so rounding past +-1 gives NaN, which the extremes pass on as their comparisons
+/// dictate (min takes x when "x >= min" is false, max when "max >= x" is false).
+/// normalise scales each value so that the regular element of its kind scores 1:
+///   TH4 1/acos(1/3); PY5 1/acos(-1/3) at the lateral edges, 1/acos(1/sqrt 3) at the
+///   base; W6 3/pi between quadrangles, 2/pi elsewhere; H8 2/pi.
+/// @param[in]  coords     3 x #nodes (rows past the third are ignored)
+/// @param[in]  connect    4 (TH4), 5 (PY5), 6 (W6) rows, or the 8-row mixed layout (pure
+///                        H8 included). In the mixed layout a pyramid base or wedge side
+///                        whose fourth node is absent is measured as a triangle.
+/// @param[in]  normalise  scale by the factors above
+/// @param[out] minValues, maxValues  entry j set for element j; never resized: entries
+///             past the end of a shorter vector are skipped, entries past #elements kept
+/// @return 0 (an empty connect after the check: outputs untouched) | -2 connect rejected
+///         by check_IDs (nothing written) | -1 coords with fewer than 3 rows (tested after
+///         the emptiness test; nothing written). Values the scratch list cannot store
+///         (memory exhausted) are left out of their element's extremes.
 TESSEL3D_EXPORT int dihedral_angles(const dense2D<double>& coords, const dense2D<unsigned>& connect, bool normalise,
                                     dense1D<double, 8>& minValues, dense1D<double, 8>& maxValues);
 
-/// Smallest and largest solid angle at the vertices of every element (steradians, or
-/// normalised). Arguments and codes as dihedral_angles.
+/// Smallest and largest solid angle at the vertices of every element (steradians),
+/// 2 atan2(a . (b x c), (c + b) . (b + a)) with a, b, c the unit edge vectors leaving
+/// the vertex. Positive at the vertices of a positive element, negative for an inverted
+/// one (pi/2 at a cube corner). A pyramid's apex is the sum of the two trihedra over
+/// the halves of its base.
+/// normalise scales: TH4 5/pi (the regular tetrahedron scores about 0.877, the right
+///   corner of (0,0,0) (0,1,0) (1,0,0) (0,0,1) 2.5); PY5 1/(2 asin(1/3)) at the base,
+///   1/(4 asin(1/3)) at the apex; W6 3/pi; H8 2/pi (regular elements score 1).
+/// Arguments, extremes and status codes as dihedral_angles.
 TESSEL3D_EXPORT int solid_angles(const dense2D<double>& coords, const dense2D<unsigned>& connect, bool normalise,
                                  dense1D<double, 8>& minValues, dense1D<double, 8>& maxValues);
 
 // ---- element order -----------------------------------------------------------------
+//
+// Local numbering of the high-order elements. A column lists the corners, then e nodes
+// per edge in the local edge order, then the nodes inside each face in the local face
+// order (t per triangle, q per quadrangle), then the nodes inside the element; rows past
+// the element's own count hold ~0U.
+//   edges  TH4  (1,2) (2,0) (0,1) (3,0) (3,1) (3,2)
+//          PY5  (0,4) (1,4) (2,4) (3,4) (0,1) (1,2) (2,3) (3,0)
+//          W6   (0,3) (1,4) (2,5) (1,2) (2,0) (0,1) (4,5) (5,3) (3,4)
+//          H8   (0,1) (1,2) (2,3) (3,0) (4,5) (5,6) (6,7) (7,4) (0,4) (1,5) (2,6) (3,7)
+//   faces  TH4  (1,2,3) (2,0,3) (0,1,3) (2,1,0)          face i is opposite corner i
+//          PY5  (0,4,1) (1,4,2) (2,4,3) (3,4,0) (0,1,2,3)  four triangles, then the base
+//          W6   (0,1,2) (3,5,4) (2,1,4,5) (0,2,5,3) (1,0,3,4)
+//          H8   (0,3,7,4) (1,5,6,2) (0,4,5,1) (3,2,6,7) (0,1,2,3) (4,7,6,5)
+// Quadratic setting: TH10 = corners 0-3, edge nodes 4-9; PY14 = corners 0-4, edge nodes
+// 5-12, base centre 13; W18 = corners 0-5, edge nodes 6-14, quadrangle centres 15-17;
+// H27 = corners 0-7, edge nodes 8-19, face centres 20-25, centre 26.
+//
+// Placement of the new nodes. Edge node k (0 ... e-1) lies at fraction (k+1)/(e+1) of
+// the straight edge, from the end the edge was first met with; an element that walks the
+// edge the other way lists its e nodes backwards, so in every element the k-th node of
+// edge (a, b) is the (k+1)-th from a. Face nodes are spread by the face's first-met corner
+// order (c0, c1, c2[, c3]): a triangle's single node at its centroid, its three nodes at
+// weights (r, s, 1-r-s) on (c0, c1, c2) = (1/4, 1/4, 1/2), (1/2, 1/4, 1/4), (1/4, 1/2, 1/4);
+// a quadrangle's q = k*k nodes on a k x k grid, node i + k*j at xi = 2(i+1)/(k+1) - 1 from
+// c0 to c1 and eta = 2(j+1)/(k+1) - 1 from c0 to c3. An element seeing the face with the
+// same orientation lists the run rotated left by the position of its first corner in the
+// stored order; one seeing it reversed lists the run backwards, then rotated by the
+// position of its first corner in the reversed stored order (for a triangle with three
+// nodes: node k sits next to the element face's corner (k+2) mod 3 in the first case and
+// (k+1) mod 3 in the second). Interior nodes: TH4 and W6 at the centroid, H8 on an
+// m x m x m grid (first parameter fastest, xi along 0-1, eta along 0-3, zeta along 0-4,
+// values 2(i+1)/(m+1) - 1), PY5 on the axis from the base centre (zeta = 0) to the apex
+// (zeta = 1) at zeta = (k+1)/(p+1).
+//
+// Straight elements use linear weights (bilinear, trilinear; on the pyramid's axis each
+// base corner weighs (1 - zeta)/4 and the apex zeta). A caller's edge node bends what is
+// built next to it: a face one of whose edges carries a caller's node is curved and gets
+// its nodes from the six-node triangle or the eight-node serendipity quadrangle on its
+// corners and the first node of each edge; with e = 1 (and t = 0 for TH4, W6, PY5; q = 1
+// for W6, H8, PY5) an element that touches a caller's node (an edge node for TH4 and W6;
+// an edge or face node for H8 and PY5) places its interior nodes with the TH10 or W18
+// functions, with the 27-node triquadratic hexahedron whose missing centre is taken as
+// 1/2 sum(face nodes) - 1/4 sum(edge nodes) + 1/8 sum(corners), or, on the pyramid's
+// axis, with the quadratic through the base centre (zeta = 0), the apex (zeta = 1) and
+// the mid-height point 1/4 sum(lateral edge nodes) + 1/8 sum(base edge nodes)
+// - 1/8 sum(base corners). All of these are exact for quadratic maps.
 
-/// Converts a linear solid mesh (4, 6 or 8 rows; TH4, PY5, W6, H8, alone or mixed) into
-/// high order: e nodes on each edge, q = k*k inside each quadrangle, t in {0, 1, 3}
-/// inside each triangle, h = m*m*m inside each H8, w in {0, 1} inside each W6, p inside
-/// each PY5, n in {0, 1} inside each TH4. Shared edges and faces get one set of nodes.
-/// Caller's edges (e + 2 rows) and faces are reused.
-/// @return 0 | -1 coords | -2 connectM | -4 q | -5 t | -6 h | -7 w | -9 n | -11 faces
-///         | -12 edges | -199 memory
+/// Converts a linear solid mesh into high order: e nodes on each edge, q = k*k inside
+/// each quadrangle, t inside each triangle, h = m*m*m inside each H8, w inside each W6,
+/// p inside each PY5, n inside each TH4. Every edge and face shared by several elements
+/// gets one set of new nodes; the caller's edges and faces give theirs. New IDs are
+/// numbered from #nodes in this order: edge nodes (edge by edge as the elements meet
+/// them, column by column in local edge order), face nodes (likewise), interior nodes
+/// (element by element).
+/// @param[in,out] coords    3 x #nodes; grown by the new nodes (old columns untouched)
+/// @param[in]     connectM  4 (TH4), 6 (TH4, PY5, W6 by their padding) or 8 rows (the
+///                          mixed layout) x #elements
+/// @param[in]     nodes_per_edge e (any), nodes_in_Q4 q (a square), nodes_in_T3 t (0, 1
+///                or 3), nodes_in_H8 h (0, 1, 8 or 27), nodes_in_W6 w (0 or 1),
+///                nodes_in_PY5 p (any), nodes_in_TH4 n (0 or 1)
+/// @param[out]    connectH  cleared first; on success #rows x #elements with #rows
+///                4+6e+4t+n for TH4 only, 6+9e+3q+2t+w for W6 only, and otherwise the
+///                largest of those and 5+8e+q+4t+p and 8+12e+6q+h
+/// @param[in]     faces     caller's faces, one column each: 3 corners, 3e edge nodes, t
+///                interior nodes (t+3(e+1) rows: TH4 meshes, or 6-row meshes), or 4 corners,
+///                4e edge nodes, q interior nodes (q+4(e+1) rows: 6- and 8-row meshes) where
+///                a triangle has ~0U in the last row and its interior nodes from row 3e+3.
+///                When both counts agree the quadrangle form is assumed. Only the corners
+///                and the first interior node are read: a face's nodes are consecutive IDs
+/// @param[in]     edges     caller's edges, e+2 rows: the two ends, then the e nodes from
+///                the first end; only the first is read (the e nodes are consecutive IDs).
+///                Of two columns for one edge (or face) the last one counts
+/// @return 0 (also when connectM is empty or all counts are 0, with connectH cleared)
+///         | -1 coords not 3 rows | -2 connectM not 4, 6 or 8 rows, bad node IDs, or a
+///         column without one of its kind's corners | -4 q not a square | -5 t not 0, 1, 3
+///         | -6 h not a cube (the cube root is truncated, so 64 and above are refused)
+///         | -7 w >= 2 | -9 n >= 2 | -11 faces: wrong rows, bad IDs, or ~0U in a row
+///         that is read | -12 edges: not e+2 rows, bad IDs or ~0U in a read row | -199
+///         memory (also when a new node ID would reach ~0U); connectH is then
+///         cleared and coords keeps its column count.
+/// A degenerate element is converted like any other.
 TESSEL3D_EXPORT int convert_into_high_order(dense2D<double>& coords, const dense2D<unsigned>& connectM,
                                             unsigned nodes_per_edge, unsigned nodes_in_Q4, unsigned nodes_in_T3,
                                             unsigned nodes_in_H8, unsigned nodes_in_W6, unsigned nodes_in_PY5,
                                             unsigned nodes_in_TH4, dense2D<unsigned>& connectH,
                                             const dense2D<unsigned>& faces, const dense2D<unsigned>& edges);
-/// In-place form of the above (same codes, -11 faces, -12 edges).
+/// In-place form of the above: connect is copied, then receives the result. The codes
+/// keep the positions of the long form (-11 faces, -12 edges); -199 also when the copy
+/// cannot be made (connect untouched then). After any other failure, and when every count
+/// is 0, connect is left cleared.
 TESSEL3D_EXPORT int convert_into_high_order(dense2D<double>& coords, dense2D<unsigned>& connect,
                                             unsigned nodes_per_edge, unsigned nodes_in_Q4, unsigned nodes_in_T3,
                                             unsigned nodes_in_H8, unsigned nodes_in_W6, unsigned nodes_in_PY5,
                                             unsigned nodes_in_TH4, const dense2D<unsigned>& faces,
                                             const dense2D<unsigned>& edges);
-/// Quadratic elements in place: TH10, PY14, W18, H27.
+/// Quadratic elements in place: the in-place form with (e, q, t, h, w, p, n) =
+/// (1, 1, 0, 1, 0, 0, 0), giving TH10, PY14, W18 and H27 (10 rows for TH4 meshes, 18 for
+/// W6 meshes, 27 otherwise). The caller's faces are T6 columns (6 rows) or Q9 columns
+/// (9 rows, a triangle being a T6 column with ~0U in row 8), the edges E3 columns (ends,
+/// then the middle node).
+/// @return as the in-place form: -11 faces, -12 edges.
 TESSEL3D_EXPORT int convert_into_quadratic(dense2D<double>& coords, dense2D<unsigned>& connect);
 TESSEL3D_EXPORT int convert_into_quadratic(dense2D<double>& coords, dense2D<unsigned>& connect,
                                            const dense2D<unsigned>& faces, const dense2D<unsigned>& edges);
 
-/// Drops the high-order nodes of a quadratic connectivity in place (coordinates untouched).
-/// @return 0 | -1 row count not 10, 13, 14, 15, 18, 20 or 27
+/// Drops the high-order nodes of a quadratic connectivity in place; coordinates are not
+/// touched and nothing is renumbered. 10 rows (TH10) become 4. 13, 14, 15, 18, 20 and 27
+/// rows become 8, each column keeping its first 8 rows, with the padding of its kind
+/// read from where its own padding begins: row 10 ~0U (TH10) pads rows 4-7; else row 13
+/// or 14 ~0U (PY13, PY14) pads rows 5-7; else row 15 or 18 ~0U (W15, W18) pads rows 6-7.
+/// Only rows beyond the pure element's own count are read, so pure PY13, PY14, W15 and
+/// W18 matrices keep edge nodes in rows 5-7 (pyramids) or 6-7 (wedges).
+/// @param[in,out] connect  #rows x #elements; a buffer shared with other matrices is left
+///                to them (the result moves to a buffer of its own)
+/// @return 0 (also for an empty matrix, unchanged) | -1 row count not 10, 13, 14, 15, 18,
+///         20 or 27 (nothing changed) | -199 a shared buffer could not be detached
+///         (nothing changed)
 TESSEL3D_EXPORT int convert_into_linear(dense2D<unsigned>& connect);
 
-/// Splits every TH4 into 4, W6 into 6 and H8 into 8 hexahedra appended to connectH8.
-/// @return 0 | -1 coords | -2 connect (pyramids included) | -3 connectH8 not 8 rows
-///         | -4 faces | -5 edges | -199 memory
+/// Splits every TH4 into 4, every W6 into 6 and every H8 into 8 hexahedra: the mesh is
+/// first given one node on every edge, inside every face and inside every element (the
+/// conversion above with all counts 1), then each element is cut into one hexahedron per
+/// corner (corner, the midpoints of its edges, the centres of its faces, the element's
+/// centre). A positive element gives positive hexahedra, and a straight-sided mesh keeps
+/// its volume.
+/// @param[in,out] coords     3 x #nodes; grown by the new nodes only on success
+/// @param[in]     connect    4, 6 or 8 rows (as above) x #elements; no pyramid
+/// @param[in,out] connectH8  8 x #hexahedra, or empty; the new hexahedra are appended
+///                after its columns (4 #TH4 + 6 #W6 + 8 #H8 of them, in element order)
+/// @param[in]     faces      caller's faces with one interior node: 7 rows (triangles, for 4-
+///                and 6-row meshes) or 9 rows (quadrangles); every entry must be a node, so
+///                the 9-row form cannot carry a triangle (its ~0U marker is refused with -4)
+/// @param[in]     edges      caller's edges with their middle node, 3 rows
+/// @return 0 (also for 0 columns) | -1 coords not 3 rows | -2 bad node IDs in connect, or
+///         a pyramid in a 6- or 8-row connect | -3 connectH8 not empty and not 8 rows | -4
+///         faces with an ID that is not a node | -5 edges likewise | the conversion's codes
+///         (-2, -11 faces rows, -12 edges rows, -199) | -199 connectH8 cannot grow. On
+///         failure coords and connectH8 keep their column counts.
 TESSEL3D_EXPORT int split_into_H8(dense2D<double>& coords, const dense2D<unsigned>& connect,
                                   dense2D<unsigned>& connectH8, const dense2D<unsigned>& faces,
                                   const dense2D<unsigned>& edges);
 
 // ---- extrusion ---------------------------------------------------------------------
 //
-// A surface connectS (3 rows: T3; 4 rows: Q4, or mixed with ~0U in row 3) is swept into
-// layers of W6 and H8 appended to connectE (6 or 8 rows). The long forms also append the
-// lateral quadrangles swept by the edges of connectE2 to connectQ4 and the far cap,
-// reversed, to connectTop. The copy of surface node n in layer k gets the ID
-// nbNodes + (k - 1) * #surface nodes + (index of n in order of first appearance).
-// Layer counts come either from nbLayers or from sizes h0 (start) and h1 (end), the
-// thickness varying geometrically from one to the other (even_layers: an even count).
-// Existing columns of every output are kept; on failure after writing began, every
-// output is brought back to its column count on entry.
+// Every extrusion sweeps a surface into layers of solids and differs only in where the
+// copies of the surface nodes go. Shared rules:
+//
+// Surface connectS: 3 x #faces (T3), or 4 x #faces (Q4, or mixed with ~0U in row 3 for a
+// triangle); corners 0 to 2 must be nodes. Its distinct nodes, taken in order of first
+// appearance (columns in order, rows 0, 1, 2, 3), are the #surface nodes copied into each
+// layer. The copy of surface node n in layer k (k = 1 ... N) is node
+//   nbNodes + (k - 1) * #surface nodes + (position of n in that order),
+// nbNodes being the column count of coords on entry; layer 0 is the surface itself.
+//
+// Outputs (existing columns are kept; new ones are appended after them):
+//   coords      grows to 3 x (nbNodes + N * #surface nodes), new nodes layer by layer;
+//               a 2-row (planar) coords becomes 3 rows with z = 0 for the old nodes
+//   connectE    becomes 2 * rows(connectS) rows (6: W6; 8: H8, and W6 with ~0U in rows
+//               6-7) and grows by N columns per face, face by face and, within a face,
+//               layer by layer: (b0 b1 b2 [b3] t0 t1 t2 [t3]), b the face's nodes in
+//               layer k - 1 and t in layer k. Existing rows are cut or padded with ~0U
+//               accordingly (an existing 8-row connectE loses rows 6-7 to a 3-row surface).
+//   connectQ4   (long forms) 4 rows, N columns per edge (a b) of connectE2, in edge order
+//               then layer order: (b a a' b'), primes for the next layer. Edge nodes
+//               should be surface nodes: others give meaningless IDs, without an error.
+//   connectTop  (long forms) rows(connectS) rows, one column per face: the last layer's
+//               copy reversed, (b0 b2 b1) or (b0 b3 b2 b1), ~0U kept in row 3 of a triangle
+// The short forms pass empty matrices in place of connectE2, connectQ4 and connectTop and
+// discard them. Each output grows by reserving at least twice its current columns (when it
+// has no room) and resizing, so repeated extrusions into the same matrices stay linear.
+//
+// Orientation follows the surface: a solid is positive when the sweep goes the way the
+// right-hand normal of its face points. Nothing merges nodes: a node on a rotation axis, a
+// zero normal or a full turn gives flat solids.
+//
+// Layer counts: the layer-count forms return 0 at once (touching nothing) when
+// nbLayers == 0; otherwise they call the size form with h0 = h1 = L / nbLayers and
+// even_layers = false, L the family's sweep length, which gives exactly nbLayers uniform
+// layers. A size form takes N = L * ln(hmax/hmin) / (hmax - hmin) (L / h when h0 == h1)
+// rounded to a multiple m of 1 (of 2 with even_layers), never below m; between the
+// candidates lo and hi = lo + m it picks hi when x^2 >= lo * hi (2.46 gives 3, 2.4 gives
+// 2). Layer k ends at the fraction u_k of the sweep at which the layer thickness grows
+// (or shrinks) geometrically from about h0 to about h1; u_k = k / N when h0 == h1.
+//
+// Status, in the order tested: 0 for an empty surface (outputs untouched), then -1 coords,
+// -2 surface, the family's parameters, then the row checks of connectE (6 or 8),
+// connectE2 (2), connectQ4 (4) and connectTop (3 or 4), an empty matrix passing each; the
+// codes below give each family's numbers. Nothing is written when a check fails. -199:
+//   - the layer count cannot be represented (L * layers per length not below 2^32 or not
+//     a number: tiny sizes, a huge or undefined length) or the node IDs would reach 2^32
+//     (nbNodes + N * #surface nodes >= 2^32): returned before anything is written;
+//   - an output cannot be sized: every output is brought back to its column count on
+//     entry (rows as resized: a planar coords stays 3 x nbNodes).
 
+/// Sweeps a surface along the vector T: layer k is the surface moved by u_k T. L = |T|.
+/// @param[in,out] coords      2 or 3 x #nodes (see the shared rules)
+/// @param[in]     connectS    3 or 4 x #faces
+/// @param[in]     T           the whole translation; the far cap is the surface moved by T
+/// @param[in]     nbLayers    uniform layers (0: nothing done)
+/// @param[in,out] connectE    0 x 0, 6 or 8 x #solids
+/// @param[in]     connectE2   2 x #edges swept into connectQ4
+/// @param[in,out] connectQ4   4 x #quadrangles
+/// @param[in,out] connectTop  3 or 4 x #faces
+/// @return 0 | -1 coords not 2 or 3 rows | -2 connectS bad node IDs or ~0U in rows 0-2
+///         | -4 h0 not > 0 (so T = 0 with nbLayers gives -4) | -5 h1 not > 0 | -7 connectE
+///         | -8 connectE2 | -9 connectQ4 | -10 connectTop | -199 (shared rules).
+///         T and even_layers are not checked (no -3, no -6).
 TESSEL3D_EXPORT int extrude_translate(dense2D<double>& coords, const dense2D<unsigned>& connectS,
                                       const vector_fixed<double, 3>& T, unsigned nbLayers, dense2D<unsigned>& connectE,
                                       const dense2D<unsigned>& connectE2, dense2D<unsigned>& connectQ4,
                                       dense2D<unsigned>& connectTop);
+/// Short form: solids only. Codes as the long form (-7 connectE).
 TESSEL3D_EXPORT int extrude_translate(dense2D<double>& coords, const dense2D<unsigned>& connectS,
                                       const vector_fixed<double, 3>& T, unsigned nbLayers,
                                       dense2D<unsigned>& connectE);
+/// Size form: h0 and h1 are the layer thicknesses wanted next to the surface and at the
+/// far cap; even_layers asks for an even count (at least 2). Codes as above.
 TESSEL3D_EXPORT int extrude_translate(dense2D<double>& coords, const dense2D<unsigned>& connectS,
                                       const vector_fixed<double, 3>& T, double h0, double h1, bool even_layers,
                                       dense2D<unsigned>& connectE, const dense2D<unsigned>& connectE2,
@@ -156,6 +362,19 @@ TESSEL3D_EXPORT int extrude_translate(dense2D<double>& coords, const dense2D<uns
                                       const vector_fixed<double, 3>& T, double h0, double h1, bool even_layers,
                                       dense2D<unsigned>& connectE);
 
+/// Sweeps a surface around the axis through C along R by the angle |R| (right-hand rule):
+/// layer k is the surface turned about that axis by u_k |R|. L = |P0 - C| |R|, P0 the first
+/// node of the first face (the arc it travels when it lies in the plane through C normal
+/// to R; no other node counts). A 2-row coords gets z from the rotation.
+/// @param[in] C  a point of the axis
+/// @param[in] R  the axis direction scaled by the total angle in radians
+/// Other arguments as extrude_translate.
+/// @return layer-count forms, before converting: 0 when nbLayers is 0 or connectS empty
+///         | -1 coords not 2 or 3 rows | -2 P0 not below #nodes | -6 connectE | -7 connectE2
+///         | -8 connectQ4 | -9 connectTop; then the size form's codes (-5 when P0 lies on
+///         the axis, since L = 0).
+///         Size forms: 0 | -1 | -2 connectS | -5 h0 not > 0 | -6 h1 not > 0 | -8 connectE
+///         | -9 connectE2 | -10 connectQ4 | -11 connectTop | -199 (shared rules).
 TESSEL3D_EXPORT int extrude_rotate(dense2D<double>& coords, const dense2D<unsigned>& connectS,
                                    const vector_fixed<double, 3>& C, const vector_fixed<double, 3>& R,
                                    unsigned nbLayers, dense2D<unsigned>& connectE, const dense2D<unsigned>& connectE2,
@@ -172,6 +391,17 @@ TESSEL3D_EXPORT int extrude_rotate(dense2D<double>& coords, const dense2D<unsign
                                    const vector_fixed<double, 3>& C, const vector_fixed<double, 3>& R, double h0,
                                    double h1, bool even_layers, dense2D<unsigned>& connectE);
 
+/// Sweeps a surface along a helix: layer k is the surface turned about the axis through C
+/// along R by u_k |R|, then moved by u_k T. L = |T| (the turn plays no part in the count).
+/// For a pure rotation use extrude_rotate: T = 0 with nbLayers gives -5 (h0 = 0), while
+/// the size forms accept it (L = 0: one layer, two with even_layers).
+/// @param[in] T  the whole translation along the sweep
+/// Other arguments as extrude_rotate.
+/// @return layer-count forms, before converting: 0 when nbLayers is 0 | -7 connectE
+///         | -8 connectTop (even for an empty connectS); then the size form's codes.
+///         Size forms: the codes of extrude_rotate's size form, -5 h0 and -6 h1 included,
+///         although h0 and h1 stand one argument further on here: 0 | -1 | -2 | -5 | -6
+///         | -8 connectE | -9 connectE2 | -10 connectQ4 | -11 connectTop | -199.
 TESSEL3D_EXPORT int extrude_spiral(dense2D<double>& coords, const dense2D<unsigned>& connectS,
                                    const vector_fixed<double, 3>& C, const vector_fixed<double, 3>& R,
                                    const vector_fixed<double, 3>& T, unsigned nbLayers, dense2D<unsigned>& connectE,
@@ -190,6 +420,18 @@ TESSEL3D_EXPORT int extrude_spiral(dense2D<double>& coords, const dense2D<unsign
                                    const vector_fixed<double, 3>& T, double h0, double h1, bool even_layers,
                                    dense2D<unsigned>& connectE);
 
+/// Grows a surface along nodal vectors, as for boundary layers or shells: node n moves by
+/// (k / nbLayers) node_normals(:, n) in layer k, so the vector's length is the node's total
+/// displacement (a zero vector keeps the node in place: flat solids). nbLayers is used as
+/// it stands: 0 appends no node and no solid but still appends the reversed surface to
+/// connectTop and gives connectE its 2 * rows(connectS) rows.
+/// @param[in,out] coords        3 x #nodes (2 rows are refused)
+/// @param[in]     node_normals  3 x (at least every surface node ID + 1); only the columns
+///                              of surface nodes are read
+/// @return 0 (empty connectS) | -1 coords not 3 rows | -2 connectS bad node IDs (checked
+///         against min(#nodes, columns of node_normals)) or ~0U in rows 0-2
+///         | -3 node_normals not 3 rows | -5 connectE | -6 connectE2 | -7 connectQ4
+///         | -8 connectTop | -199 (shared rules). No -4: nbLayers is not checked.
 TESSEL3D_EXPORT int extrude_normal(dense2D<double>& coords, const dense2D<unsigned>& connectS,
                                    const dense2D<double>& node_normals, unsigned nbLayers, dense2D<unsigned>& connectE,
                                    const dense2D<unsigned>& connectE2, dense2D<unsigned>& connectQ4,
@@ -197,6 +439,15 @@ TESSEL3D_EXPORT int extrude_normal(dense2D<double>& coords, const dense2D<unsign
 TESSEL3D_EXPORT int extrude_normal(dense2D<double>& coords, const dense2D<unsigned>& connectS,
                                    const dense2D<double>& node_normals, unsigned nbLayers,
                                    dense2D<unsigned>& connectE);
+/// Thickness forms: the surface's unit nodal normals (zel::tessel2d::normals, averaged over
+/// every face, oriented by the faces' right-hand rule) scaled by thickness * u_k. L =
+/// thickness; a layer count converts into h0 = h1 = thickness / nbLayers.
+/// @return layer-count forms, before converting: 0 when nbLayers is 0 | -5 connectE
+///         | -6 connectTop; then the size form's codes.
+///         Size forms: 0 | -1 coords not 3 rows | -2 connectS | -3 thickness not > 0
+///         | -4 h0 not > 0 | -5 h1 not > 0 | -7 connectE | -8 connectE2 | -9 connectQ4
+///         | -10 connectTop | a negative status of the normals, as it is, before anything
+///         is written | -199 (shared rules). No -6: even_layers is not checked.
 TESSEL3D_EXPORT int extrude_normal(dense2D<double>& coords, const dense2D<unsigned>& connectS, double thickness,
                                    unsigned nbLayers, dense2D<unsigned>& connectE, const dense2D<unsigned>& connectE2,
                                    dense2D<unsigned>& connectQ4, dense2D<unsigned>& connectTop);
@@ -209,6 +460,31 @@ TESSEL3D_EXPORT int extrude_normal(dense2D<double>& coords, const dense2D<unsign
 TESSEL3D_EXPORT int extrude_normal(dense2D<double>& coords, const dense2D<unsigned>& connectS, double thickness,
                                    double h0, double h1, bool even_layers, dense2D<unsigned>& connectE);
 
+/// Sweeps a cross-section along a polyline of existing nodes (pipes, beams, ducts): one
+/// layer per segment, N = size(line) - 1. Starting from the direction V, segment k turns
+/// the section by the smallest rotation from the previous direction (V for k = 1) onto
+/// segment k, never more than 90 degrees (a fold back by more turns it by the
+/// supplement); V = 0, or a direction along the segment, gives no turn. Layer k is layer
+/// k - 1 moved from line[k - 1] to line[k], turned, and scaled about the polyline node by
+/// f = g_k / g_(k-1), g_j being node j's size (1 where node j's scaling is not valid,
+/// always for j = 0), so layer k's section is scaled by g_k when every node has a valid one.
+/// When line[0] is a node of the section, the polyline's nodes take the place of its
+/// copies in connectE, connectQ4 and connectTop and the copies are removed from coords
+/// (zel::tessel::simplify; the later new nodes move down to close the gap; if that step
+/// runs out of memory the unused copies stay, and 0 is still returned).
+/// @param[in,out] coords        3 x #nodes
+/// @param[in]     line          node IDs, at least 2
+/// @param[in]     V             the direction the section faces at line[0]
+/// @param[in]     line_metrics  empty, or 6 x #line: packed symmetric tensors (a11 a12 a22
+///                              a13 a23 a33) per polyline node; column k is valid when it
+///                              exists and is positive definite; g_k = 1 / sqrt(u^T A u) in
+///                              the unit direction u of the node's offset from the polyline
+///                              (0 when u^T A u <= 0, which puts the node on the polyline;
+///                              so does an undefined quotient f, e.g. 0 / 0)
+/// @return 0 (also for an empty connectS) | -1 coords not 3 rows | -2 connectS
+///         | -3 fewer than 2 polyline nodes, or a polyline node not below #nodes
+///         | -5 line_metrics neither empty nor 6 rows | -6 connectE | -7 connectE2
+///         | -8 connectQ4 | -9 connectTop | -199 (shared rules). V is not checked (no -4).
 TESSEL3D_EXPORT int extrude_line(dense2D<double>& coords, const dense2D<unsigned>& connectS,
                                  const dense1D<unsigned, 8>& line, const vector_fixed<double, 3>& V,
                                  const dense2D<double>& line_metrics, dense2D<unsigned>& connectE,
@@ -217,6 +493,9 @@ TESSEL3D_EXPORT int extrude_line(dense2D<double>& coords, const dense2D<unsigned
 TESSEL3D_EXPORT int extrude_line(dense2D<double>& coords, const dense2D<unsigned>& connectS,
                                  const dense1D<unsigned, 8>& line, const vector_fixed<double, 3>& V,
                                  const dense2D<double>& line_metrics, dense2D<unsigned>& connectE);
+/// Factor forms: g_k = line_scales[k], valid when k < size and 0 < value < DBL_MAX (with
+/// line_scales = (any, 2, 2, 1) the section doubles, keeps that size, then returns). Codes
+/// as the tensor forms without -5.
 TESSEL3D_EXPORT int extrude_line(dense2D<double>& coords, const dense2D<unsigned>& connectS,
                                  const dense1D<unsigned, 8>& line, const vector_fixed<double, 3>& V,
                                  const dense1D<double, 8>& line_scales, dense2D<unsigned>& connectE,

@@ -4,7 +4,10 @@
 // is conforming) or six PY5 (one per cell face, apex at an extra node in the cell
 // centre). Every element is positively oriented. Jitter moves the interior nodes
 // randomly by up to jitter x the cell size in each direction (keep it below about 0.25
-// for the elements to stay positive); the boundary stays flat, so the volume is exact.
+// for the elements to stay positive); the boundary stays flat, so a tetrahedral or
+// pyramidal mesh keeps the box volume exactly. (Jittered W6 and H8 cells have bent
+// quadrangle faces, which a volume measured by a split into tetrahedra cuts along
+// different diagonals on either side, so their total is close to, not equal to, the box.)
 #pragma once
 
 #include <cstdint>

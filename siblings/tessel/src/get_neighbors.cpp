@@ -1,9 +1,10 @@
 // get_neighbors: face adjacency of a linear solid mesh.
 //
-// Linear in the mesh: a node -> elements incidence (compressed rows, built by counting)
-// lets each face be compared only with the faces of the elements around its smallest
-// node, which every element sharing the face must hold.
+// Linear in the mesh: a node -> elements incidence (compressed rows, built by counting;
+// by a sort when the node IDs are sparse) lets each face be compared only with the faces
+// of the elements around its smallest node, which every element sharing the face must hold.
 #include <algorithm>
+#include <cstdint>
 
 #include "zel/tessel.h"
 
@@ -96,37 +97,72 @@ int get_neighbors(const dense2D<unsigned>& connect, element_type type, dense2D<u
   dense2D<unsigned> result;
   if (!result.resize(nb_faces, nb_elements, absent)) return -199;
 
-  // Node -> elements incidence: start[v] .. start[v + 1] in `incident`, elements ascending.
-  std::size_t nb_nodes = 0, nb_incidences = 0;
+  // Node -> elements incidence: the elements of node v are incident[start[i] .. start[i + 1]),
+  // ascending, with i = v when the IDs are dense (a counting pass) and i = the rank of v
+  // among the distinct IDs otherwise (a sort, so that huge IDs cost no huge table).
+  std::size_t max_id = 0, nb_incidences = 0;
   for (std::size_t e = 0; e < nb_elements; ++e) {
     const unsigned* column = mesh.column(e);
     const unsigned nb_vertices = face_table[mesh.kind_of(column)].nb_vertices;
     for (unsigned k = 0; k < nb_vertices; ++k)
       if (column[k] != absent) {
-        nb_nodes = std::max(nb_nodes, std::size_t(column[k]) + 1);
+        max_id = std::max(max_id, std::size_t(column[k]));
         ++nb_incidences;
       }
   }
+  const bool dense = max_id <= 2 * nb_incidences + 1024;
   dense1D<std::size_t, 8> start;
-  dense1D<unsigned, 8> incident;
-  if (!start.resize(nb_nodes + 1, 0) || !incident.resize(nb_incidences)) return -199;
-  for (std::size_t e = 0; e < nb_elements; ++e) {
-    const unsigned* column = mesh.column(e);
-    const unsigned nb_vertices = face_table[mesh.kind_of(column)].nb_vertices;
-    for (unsigned k = 0; k < nb_vertices; ++k)
-      if (column[k] != absent) ++start[column[k] + std::size_t(1)];
+  dense1D<unsigned, 8> incident, distinct_ids;
+  if (!incident.resize(nb_incidences)) return -199;
+  if (dense) {
+    const std::size_t nb_nodes = nb_incidences ? max_id + 1 : 0;
+    if (!start.resize(nb_nodes + 1, 0)) return -199;
+    for (std::size_t e = 0; e < nb_elements; ++e) {
+      const unsigned* column = mesh.column(e);
+      const unsigned nb_vertices = face_table[mesh.kind_of(column)].nb_vertices;
+      for (unsigned k = 0; k < nb_vertices; ++k)
+        if (column[k] != absent) ++start[column[k] + std::size_t(1)];
+    }
+    for (std::size_t v = 0; v < nb_nodes; ++v) start[v + 1] += start[v];
+    // Fill with start[v] as the cursor of v, which leaves start[v] at the end of v's list,
+    // then shift the starts back by one node.
+    for (std::size_t e = 0; e < nb_elements; ++e) {
+      const unsigned* column = mesh.column(e);
+      const unsigned nb_vertices = face_table[mesh.kind_of(column)].nb_vertices;
+      for (unsigned k = 0; k < nb_vertices; ++k)
+        if (column[k] != absent) incident[start[column[k]]++] = static_cast<unsigned>(e);
+    }
+    for (std::size_t v = nb_nodes; v > 0; --v) start[v] = start[v - 1];
+    start[0] = 0;
+  } else {
+    dense1D<std::uint64_t, 8> pairs;  // node << 32 | element, sorted
+    if (!pairs.resize(nb_incidences) || !distinct_ids.reserve(nb_incidences, 1) ||
+        !start.reserve(nb_incidences + 1, 1))
+      return -199;
+    std::size_t n = 0;
+    for (std::size_t e = 0; e < nb_elements; ++e) {
+      const unsigned* column = mesh.column(e);
+      const unsigned nb_vertices = face_table[mesh.kind_of(column)].nb_vertices;
+      for (unsigned k = 0; k < nb_vertices; ++k)
+        if (column[k] != absent) pairs[n++] = std::uint64_t(column[k]) << 32 | e;
+    }
+    std::sort(pairs.begin(), pairs.end());
+    for (std::size_t i = 0; i < n; ++i) {
+      const unsigned id = static_cast<unsigned>(pairs[i] >> 32);
+      if (i == 0 || id != distinct_ids[distinct_ids.size() - 1]) {
+        distinct_ids.push_back(id);  // room reserved: cannot fail
+        start.push_back(i);
+      }
+      incident[i] = static_cast<unsigned>(pairs[i]);
+    }
+    start.push_back(n);
   }
-  for (std::size_t v = 0; v < nb_nodes; ++v) start[v + 1] += start[v];
-  // Fill with start[v] as the cursor of v, which leaves start[v] at the end of v's list,
-  // then shift the starts back by one node.
-  for (std::size_t e = 0; e < nb_elements; ++e) {
-    const unsigned* column = mesh.column(e);
-    const unsigned nb_vertices = face_table[mesh.kind_of(column)].nb_vertices;
-    for (unsigned k = 0; k < nb_vertices; ++k)
-      if (column[k] != absent) incident[start[column[k]]++] = static_cast<unsigned>(e);
-  }
-  for (std::size_t v = nb_nodes; v > 0; --v) start[v] = start[v - 1];
-  start[0] = 0;
+  auto elements_of = [&](unsigned id, std::size_t& first, std::size_t& last) {
+    std::size_t i = id;
+    if (!dense) i = std::size_t(std::lower_bound(distinct_ids.begin(), distinct_ids.end(), id) - distinct_ids.begin());
+    first = start[i];
+    last = start[i + 1];
+  };
 
   // Face f of e is matched with the lowest-numbered other element holding a face with the
   // same nodes; every such element holds the face's smallest node, so only that node's
@@ -145,7 +181,9 @@ int get_neighbors(const dense2D<unsigned>& connect, element_type type, dense2D<u
       const unsigned size = face_size(table, f);
       const unsigned smallest = *std::min_element(nodes, nodes + size);
       unsigned previous = absent;
-      for (std::size_t i = start[smallest]; i < start[smallest + std::size_t(1)] && entry == absent; ++i) {
+      std::size_t first = 0, last = 0;
+      elements_of(smallest, first, last);
+      for (std::size_t i = first; i < last && entry == absent; ++i) {
         const unsigned other = incident[i];
         if (other == e || other == previous) continue;  // a repeated node lists an element twice
         previous = other;

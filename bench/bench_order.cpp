@@ -1,0 +1,64 @@
+// Element order: quadratic conversion and hexahedral split of structured box meshes.
+// Reports elements per second and the peak memory the call allocates on top of its
+// inputs, next to the size of what it returns (connectivity plus all coordinates).
+#include <benchmark/benchmark.h>
+
+#include <memory>
+
+#include "box_mesh.h"
+#include "failing_allocator.h"
+#include "zel/tessel3d.h"
+
+namespace {
+
+using tessel3d_test::box_kind;
+
+template <class Call>
+void run(benchmark::State& state, box_kind kind, unsigned n, Call call) {
+  const tessel3d_test::box_mesh box = tessel3d_test::make_box(kind, n, n, n);
+  const double elements = static_cast<double>(box.connect.cols());
+  long long peak = 0;
+  double output = 0;
+  zel::dense2D<double> coords;
+  zel::dense2D<unsigned> connect, result;
+  std::unique_ptr<tessel3d_test::failing_allocator> counter;
+  for (auto _ : state) {
+    state.PauseTiming();
+    counter.reset();
+    coords.copy(box.coords);
+    connect.copy(box.connect);
+    result = zel::dense2D<unsigned>();
+    counter = std::make_unique<tessel3d_test::failing_allocator>();  // counts the call's own memory
+    state.ResumeTiming();
+    if (call(coords, connect, result) != 0) state.SkipWithError("the call failed");
+    state.PauseTiming();
+    peak = counter->peak_bytes();
+    const zel::dense2D<unsigned>& out = result.cols() ? result : connect;
+    output = 8.0 * coords.rows() * coords.cols() + 4.0 * out.rows() * out.cols();
+    state.ResumeTiming();
+  }
+  state.counters["elements/s"] = benchmark::Counter(elements, benchmark::Counter::kIsIterationInvariantRate);
+  state.counters["peak_bytes"] = static_cast<double>(peak);
+  state.counters["output_bytes"] = output;
+  state.counters["peak/output"] = static_cast<double>(peak) / output;
+}
+
+int quadratic(zel::dense2D<double>& coords, zel::dense2D<unsigned>& connect, zel::dense2D<unsigned>&) {
+  return zel::tessel3d::convert_into_quadratic(coords, connect);
+}
+
+int split(zel::dense2D<double>& coords, zel::dense2D<unsigned>& connect, zel::dense2D<unsigned>& hexahedra) {
+  return zel::tessel3d::split_into_H8(coords, connect, hexahedra, {}, {});
+}
+
+// 6 * 55^3 = 998250 tetrahedra; 58^3 = 195112 hexahedra.
+void quadratic_TH4(benchmark::State& state) { run(state, box_kind::TH4, 55, quadratic); }
+void quadratic_H8(benchmark::State& state) { run(state, box_kind::H8, 58, quadratic); }
+void split_TH4(benchmark::State& state) { run(state, box_kind::TH4, 55, split); }
+
+}  // namespace
+
+BENCHMARK(quadratic_TH4)->Unit(benchmark::kMillisecond);
+BENCHMARK(quadratic_H8)->Unit(benchmark::kMillisecond);
+BENCHMARK(split_TH4)->Unit(benchmark::kMillisecond);
+BENCHMARK_MAIN();

@@ -1,0 +1,125 @@
+// The element walk shared by dihedral_angles and solid_angles: ID check and dispatch on
+// the row count, one scratch list of values per call, and the per-element extremes.
+#pragma once
+
+#include "common/element_tables.h"
+#include "measures/vec3.h"
+#include "zel/matrix.h"
+#include "zel/tessel.h"
+
+namespace elfes {
+
+// The values of the current element, each already scaled by its normalisation factor
+// when asked. A value the list cannot make room for is dropped; the others still count.
+// The list owns its buffer alone, so the room it has obtained stays valid: values are
+// written straight into it and only growth goes through the vector.
+class value_list {
+ public:
+  explicit value_list(bool normalise) : normalise_(normalise) {}
+  void add(double value, double factor) {
+    const double x = normalise_ ? value * factor : value;
+    if (size_ < room_)
+      data_[size_++] = x;
+    else
+      grow_and_add(x);
+  }
+  void clear() { size_ = 0; }  // keeps the room: no allocation once it is large enough
+  std::size_t size() const { return size_; }
+  const double* data() const { return data_; }
+
+ private:
+  void grow_and_add(double x) {
+    if (!values_.push_back(x)) return;  // the vector's size is size_ here
+    size_ = values_.size();
+    values_.resize(values_.capacity());  // spans all its room, which needs no allocation
+    data_ = values_.data();
+    room_ = values_.size();
+  }
+
+  zel::dense1D<double, 8> values_;
+  double* data_ = nullptr;
+  std::size_t size_ = 0, room_ = 0;
+  bool normalise_;
+};
+
+// Smallest and largest value in list order. Written as "x >= lo is false" on purpose:
+// a NaN (from a cosine pushed past 1 by rounding) resets both extremes, and so does the
+// next value, so the result covers the values after the last NaN (NaN when it is last).
+inline void list_extremes(const double* v, std::size_t n, double& lo, double& hi) {
+  lo = hi = v[0];
+  for (std::size_t k = 1; k < n; ++k) {
+    const double x = v[k];
+    if (!(x >= lo)) lo = x;
+    if (!(hi >= x)) hi = x;
+  }
+}
+
+// Output entries past the end of a caller's vector are skipped, never grown.
+inline void store_extremes(const value_list& list, std::size_t j, zel::dense1D<double, 8>& min_values,
+                           zel::dense1D<double, 8>& max_values) {
+  if (list.size() == 0) return;  // every value dropped: nothing to report
+  double lo, hi;
+  list_extremes(list.data(), list.size(), lo, hi);
+  if (j < min_values.size()) min_values[j] = lo;
+  if (j < max_values.size()) max_values[j] = hi;
+}
+
+// Measure provides: template <solid_kind kind, class Reader>
+//   static void element(const unsigned* column, const Reader& node, value_list& list);
+template <class Measure, solid_kind kind>
+void walk_pure(const zel::dense2D<double>& coords, const zel::dense2D<unsigned>& connect, value_list& list,
+               zel::dense1D<double, 8>& min_values, zel::dense1D<double, 8>& max_values) {
+  const node_reader node{coords.data(), coords.ld()};
+  const std::size_t n = connect.cols(), ld = connect.ld();
+  const unsigned* column = connect.data();
+  for (std::size_t j = 0; j < n; ++j, column += ld) {
+    list.clear();
+    Measure::template element<kind>(column, node, list);
+    store_extremes(list, j, min_values, max_values);
+  }
+}
+
+template <class Measure>
+void walk_mixed(const zel::dense2D<double>& coords, const zel::dense2D<unsigned>& connect, value_list& list,
+                zel::dense1D<double, 8>& min_values, zel::dense1D<double, 8>& max_values) {
+  const mixed_node_reader node{coords.data(), coords.ld()};
+  const std::size_t n = connect.cols(), ld = connect.ld();
+  const unsigned* column = connect.data();
+  for (std::size_t j = 0; j < n; ++j, column += ld) {
+    list.clear();
+    switch (mixed8_kind(column)) {
+      case kind_TH4: Measure::template element<kind_TH4>(column, node, list); break;
+      case kind_PY5: Measure::template element<kind_PY5>(column, node, list); break;
+      case kind_W6: Measure::template element<kind_W6>(column, node, list); break;
+      case kind_H8: Measure::template element<kind_H8>(column, node, list); break;
+    }
+    store_extremes(list, j, min_values, max_values);
+  }
+}
+
+// 4, 5, 6 rows: pure TH4, PY5, W6; any other count: the 8-row mixed layout, whose check
+// rejects the counts that cannot be read as 8 rows. The coordinates need 3 rows at least.
+template <class Measure>
+int walk_angles(const zel::dense2D<double>& coords, const zel::dense2D<unsigned>& connect, bool normalise,
+                zel::dense1D<double, 8>& min_values, zel::dense1D<double, 8>& max_values) {
+  const unsigned nb_nodes = static_cast<unsigned>(coords.cols());
+  solid_kind kind = kind_H8;
+  const bool pure = pure_kind_of_rows(connect.rows(), kind);
+  if (!zel::tessel::check_IDs(connect, pure ? solid_table[kind].type : zel::SOLID_MIX8, nb_nodes)) return -2;
+  if (connect.empty()) return 0;
+  // Rows beyond the third are ignored; fewer than three cannot be read at all.
+  if (coords.rows() < 3) return -1;
+  value_list list(normalise);
+  if (!pure) {
+    walk_mixed<Measure>(coords, connect, list, min_values, max_values);
+    return 0;
+  }
+  switch (kind) {
+    case kind_TH4: walk_pure<Measure, kind_TH4>(coords, connect, list, min_values, max_values); break;
+    case kind_PY5: walk_pure<Measure, kind_PY5>(coords, connect, list, min_values, max_values); break;
+    default: walk_pure<Measure, kind_W6>(coords, connect, list, min_values, max_values); break;
+  }
+  return 0;
+}
+
+}  // namespace elfes
