@@ -14,14 +14,14 @@ DEG = 180.0 / np.pi
 
 
 def disc(rings=6, sectors=12):
-    """A disc of radius 1 in the plane z = 0: a fan of triangles around the centre, then
-    rings of quadrangles; (coords, (m, 4) faces with ABSENT closing the triangles), every
-    face counter-clockwise seen from +z."""
+    """A wavy disc (radius 1 +- 0.15) in the plane z = 0: a fan of triangles around the
+    centre, then rings of quadrangles; (coords, (m, 4) faces with ABSENT closing the
+    triangles), every face counter-clockwise seen from +z."""
     coords = [(0.0, 0.0, 0.0)]
     for k in range(1, rings + 1):
-        r = k / rings
         for s in range(sectors):
-            a = 2 * np.pi * (s + 0.5 * (k % 2)) / sectors
+            a = 2 * np.pi * s / sectors
+            r = k / rings * (1 + 0.15 * np.sin(3 * a))
             coords.append((r * np.cos(a), r * np.sin(a), 0.0))
 
     def node(k, s):
@@ -105,14 +105,15 @@ def run(out="demo-output", size=6, input_path=None):
     else:
         coords, surface = disc(rings=max(1, size))
         with progress("extruding"):
-            solid = extrude.extrude_translate(coords, surface, (0.0, 0.0, 1.0), h0=0.05, h1=0.25)
-        how = (f"disc of {len(surface)} faces (triangles and quadrangles) extruded by (0, 0, 1), layers "
-               "from 0.05 to 0.25 thick")
+            solid = extrude.extrude_spiral(coords, surface, (0.0, 0.0, 0.0), (0.0, 0.0, np.pi / 3), (0.0, 0.0, 1.0),
+                                           h0=0.05, h1=0.25)
+        how = (f"wavy disc of {len(surface)} faces (triangles and quadrangles) swept along a helix: 1 up, "
+               "a sixth of a turn, layers from 0.05 to 0.25 thick")
     print(how)
     save("surface.vtu", mio.Mesh(coords[:len(coords)], {"FACE_MIX4": surface}))
 
     connect = solid.solids
-    kind = tmesh.solid_type(connect)
+    kind = tmesh.solid_type(connect).name
     dihedral = measures.dihedral_angles(solid.coords, connect)
     solid_angle = measures.solid_angles(solid.coords, connect)
     total = measures.volume(solid.coords, connect)
@@ -145,6 +146,9 @@ def run(out="demo-output", size=6, input_path=None):
     print(f"quadratic: {len(quadratic.coords)} nodes, {len(quadratic.connect)} elements of "
           f"{quadratic.connect.shape[1]} nodes")
     print(f"hexahedra: {len(hexa.hexahedra)} H8 on {len(hexa.coords)} nodes, volume {hexa_volume:.6f}")
+    if abs(hexa_volume - total) > 1e-9 * abs(total):
+        print("  (the volume splits every element into tetrahedra, so elements with twisted faces measure a "
+              "little differently once split)")
     print(f"minimum dihedral angle: solid {np.nanmin(dmin):.1f} deg (mean of the element minima "
           f"{np.nanmean(dmin):.1f}), hexahedra {np.nanmin(hexa_angles.min) * DEG:.1f} deg")
     print("wrote:")

@@ -188,6 +188,14 @@ def split_mixed(type_name, cells):
 
 # ---- the mesh ---------------------------------------------------------------------------
 
+def _type_name(key):
+    """A type name from a name or an element type ("TH4" from t3.TH4 or 14)."""
+    if isinstance(key, str):
+        return key
+    from .mesh import ElementType
+    return ElementType(int(key)).name
+
+
 class Mesh:
     """Coordinates and cells in this library's conventions.
 
@@ -204,10 +212,10 @@ class Mesh:
 
     def __init__(self, coords, cells=None, point_data=None, cell_data=None, groups=None):
         self.coords = np.ascontiguousarray(coords, dtype=np.float64)
-        self.cells = {k: np.ascontiguousarray(v, dtype=np.uint32) for k, v in (cells or {}).items()}
+        self.cells = {_type_name(k): np.ascontiguousarray(v, dtype=np.uint32) for k, v in (cells or {}).items()}
         self.point_data = dict(point_data or {})
-        self.cell_data = {k: dict(v) for k, v in (cell_data or {}).items()}
-        self.groups = {k: dict(v) for k, v in (groups or {}).items()}
+        self.cell_data = {k: {_type_name(t): a for t, a in v.items()} for k, v in (cell_data or {}).items()}
+        self.groups = {k: {_type_name(t): a for t, a in v.items()} for k, v in (groups or {}).items()}
 
     def __repr__(self):
         counts = ", ".join(f"{k}: {len(v)}" for k, v in self.cells.items())
