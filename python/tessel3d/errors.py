@@ -42,6 +42,8 @@ def _id_problem(connect, nb_nodes, columns=None, absent_ok=False):
         return f"it has {connect.shape[1]} per element"
     if connect.size == 0 or nb_nodes is None:
         return None
+    if isinstance(absent_ok, tuple):  # the column counts of the mixed layouts
+        absent_ok = connect.shape[1] in absent_ok
     absent = connect == ABSENT
     if absent.any() and not absent_ok:
         j = int(np.argwhere(absent)[0][0])
@@ -97,7 +99,7 @@ def _extrusion_outputs(solids, edges, lateral, cap):
 
 def _extrusion(*, sizes=None, extra=None, outputs, coords_columns="2) or (n, 3"):
     table = {-1: ("coords", 1, _coords(coords_columns)),
-             -2: ("surface", 2, _ids("surface", _SURFACE, (3, 4), absent_ok=True)),
+             -2: ("surface", 2, _ids("surface", _SURFACE, (3, 4), absent_ok=(4,))),
              -199: (None, None, _MEMORY)}
     table.update(sizes or {})
     table.update(extra or {})
@@ -120,17 +122,17 @@ TABLES = {
     "flip_w6": {-1: ("connect", 1, _columns("connect", "6"))},
     "flip_h8": {-1: ("connect", 1, _columns("connect", "8"))},
     "volume": {-1: ("coords", 1, _coords()),
-               -2: ("connect", 2, _ids("connect", _SOLIDS, (4, 5, 6, 8), absent_ok=True))},
+               -2: ("connect", 2, _ids("connect", _SOLIDS, (4, 5, 6, 8), absent_ok=(8,)))},
     "circumcenters": {-1: ("coords", 1, _coords()),
                       -2: ("connect", 2, _ids("connect", "must list 4 node IDs per tetrahedron, each below the "
                                               "node count", (4,))),
                       -199: (None, None, _MEMORY)},
-    "dihedral_angles": {-2: ("connect", 2, _ids("connect", _SOLIDS, (4, 5, 6, 8), absent_ok=True))},
-    "solid_angles": {-2: ("connect", 2, _ids("connect", _SOLIDS, (4, 5, 6, 8), absent_ok=True))},
+    "dihedral_angles": {-2: ("connect", 2, _ids("connect", _SOLIDS, (4, 5, 6, 8), absent_ok=(8,)))},
+    "solid_angles": {-2: ("connect", 2, _ids("connect", _SOLIDS, (4, 5, 6, 8), absent_ok=(8,)))},
     "convert_into_high_order": {
         -1: ("coords", 1, _coords()),
         -2: ("connect", 2, _ids("connect", "must list 4 (TH4), 6 (W6) or 8 (mixed, H8) node IDs per element, "
-                                "each below the node count", (4, 6, 8), absent_ok=True)),
+                                "each below the node count", (4, 6, 8), absent_ok=(8,))),
         -4: ("nodes_in_q4", 4, "must be a perfect square (0, 1, 4, 9, ...)"),
         -5: ("nodes_in_t3", 5, "must be 0, 1 or 3"),
         -6: ("nodes_in_h8", 6, "must be a perfect cube: 0, 1, 8 or 27"),
@@ -144,7 +146,7 @@ TABLES = {
     "convert_into_quadratic": {
         -1: ("coords", 1, _coords()),
         -2: ("connect", 2, _ids("connect", "must list 4 (TH4), 6 (W6) or 8 (mixed, H8) node IDs per element, "
-                                "each below the node count", (4, 6, 8), absent_ok=True)),
+                                "each below the node count", (4, 6, 8), absent_ok=(8,))),
         -11: ("faces", 3, "must list 6 node IDs per triangle (3 corners, 3 mid-side nodes) or 9 per quadrangle "
                           "(4 corners, 4 mid-side nodes, centre; the absent marker last for a triangle), each "
                           "below the node count"),
@@ -183,7 +185,7 @@ TABLES = {
         sizes={-5: ("h0", 6, _POSITIVE), -6: ("h1", 7, _POSITIVE)}, outputs=((-8, 9), (-9, 10), (-10, 11), (-11, 12))),
     "extrude_normal/normals": _extrusion(
         coords_columns="3",
-        extra={-2: ("surface", 2, _ids("surface", _SURFACE + " and below the number of normals", (3, 4), True,
+        extra={-2: ("surface", 2, _ids("surface", _SURFACE + " and below the number of normals", (3, 4), (4,),
                                        nodes=lambda a: min(a["coords"].shape[0], a["normals"].shape[0]))),
                -3: ("normals", 3, "must be an (n, 3) array, one vector per node")},
         outputs=((-5, 5), (-6, 6), (-7, 7), (-8, 8))),
@@ -227,7 +229,7 @@ TABLES = {
         -199: (None, None, _MEMORY)},
     "split_solid_q4": {
         -1: ("coords", 1, _coords()),
-        -2: ("connect", 2, _ids("connect", _SOLIDS, (4, 5, 6, 8), absent_ok=True)),
+        -2: ("connect", 2, _ids("connect", _SOLIDS, (4, 5, 6, 8), absent_ok=(8,))),
         -3: ("quads", 3, "must be an (m, 4) array of quadrangles with node IDs below the node count"),
         -4: ("min_quality", 4, "is not a valid quality threshold"),
         -199: (None, None, _MEMORY)},
@@ -237,7 +239,7 @@ TABLES = {
     "get_node_element": {-1: ("connect", 1, "holds an entry that is neither below nb_nodes nor ABSENT"),
                          -199: (None, None, _MEMORY)},
     "surface_normals": {-1: ("coords", 1, _coords()),
-                        -2: ("surface", 2, _ids("surface", _SURFACE, (3, 4), absent_ok=True)),
+                        -2: ("surface", 2, _ids("surface", _SURFACE, (3, 4), absent_ok=(4,))),
                         -3: ("angle", 3, "must be >= 0"),
                         -199: (None, None, _MEMORY)},
 }
@@ -252,7 +254,7 @@ def _split_connect(args):
         if pyramid.any():
             return f"holds pyramids (element {int(np.argmax(pyramid))}), which cannot be split into hexahedra"
     what = "must list 4 (TH4), 6 (W6) or 8 (mixed, H8) node IDs per element, each below the node count"
-    return _ids("connect", what, (4, 6, 8), absent_ok=True)(args)
+    return _ids("connect", what, (4, 6, 8), absent_ok=(8,))(args)
 
 
 def message(function, status, args, form=None):

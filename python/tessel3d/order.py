@@ -58,7 +58,9 @@ def convert_into_quadratic(coords, connect, faces=None, edges=None):
 def convert_into_linear(connect):
     """The corner nodes of a quadratic connectivity: (m, 10) gives (m, 4); (m, 13), (14),
     (15), (18), (20) and (27) give (m, 8), with absent entries after the corners of the
-    TH4, PY5 and W6 of a mixed layout. Returns a new array; coordinates are untouched."""
+    TH4, PY5 and W6 of the 27-column mixed layout. A pure PY13, PY14, W15 or W18 array
+    keeps its first 8 columns (corners, then edge nodes): pad it to 27 columns with ABSENT
+    first to get the corners alone. Returns a new array; coordinates are untouched."""
     f = "convert_into_linear"
     c = A.id_matrix(connect, f, "connect", 1)
     status, out = A.native("order", f).convert_into_linear(c)
