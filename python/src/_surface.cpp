@@ -1,6 +1,6 @@
-// tessel3d._surface: duplication of the nodes of an internal surface, splitting of the
-// solids along quadrangles. The connectivity is copied first (the library rewrites it);
-// the coordinates are a view of the caller's array that the library's growth detaches.
+// tessel3d._surface: duplication of the nodes of an internal surface. The connectivity is
+// copied first (the library rewrites it); the coordinates are a view of the caller's array
+// that the library's growth detaches.
 #include <pybind11/pybind11.h>
 
 #include "arrays.h"
@@ -12,7 +12,7 @@ using t3py::matrix_view;
 using t3py::to_numpy;
 
 PYBIND11_MODULE(_surface, m) {
-  m.doc() = "tessel3d surface operations: duplicate_surface_nodes, split_solid_Q4";
+  m.doc() = "tessel3d surface operations: duplicate_surface_nodes";
 
   m.def("duplicate_surface_nodes", [](py::array coords, py::object connect, py::array neighbors,
                                       py::array node_element, py::array surface, py::object excluded,
@@ -31,20 +31,5 @@ PYBIND11_MODULE(_surface, m) {
     }
     py::object caller = coords;
     return py::make_tuple(status, to_numpy(x, {&caller}), to_numpy(c));
-  });
-
-  m.def("split_solid_Q4", [](py::array coords, py::array connect, py::array quads, double min_quality) {
-    zel::dense2D<double> x = matrix_view<double>(coords, "coords");
-    const zel::dense2D<unsigned> c = matrix_view<unsigned>(connect, "connect");
-    const zel::dense2D<unsigned> q = matrix_view<unsigned>(quads, "quads");
-    zel::dense2D<unsigned> out;
-    zel::dense1D<unsigned, 8> failed;
-    int status;
-    {
-      py::gil_scoped_release release;
-      status = t3::split_solid_Q4(x, c, q, min_quality, out, failed);
-    }
-    py::object caller = coords;
-    return py::make_tuple(status, to_numpy(x, {&caller}), to_numpy(out), to_numpy(failed));
   });
 }

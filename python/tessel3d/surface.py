@@ -50,6 +50,6 @@ def split_solid_q4(coords, connect, quads, min_quality):
     x = A.real_matrix(coords, f, "coords", 1)
     c = A.id_matrix(connect, f, "connect", 2)
     q = A.id_matrix(quads, f, "quads", 3)
-    status, xo, co, failed = A.native("surface", f).split_solid_Q4(x, c, q, float(min_quality))
+    status, xo, co, failed = A.native("split_q4", f).split_solid_Q4(x, c, q, float(min_quality))
     check(f, status, {"coords": x, "connect": c, "quads": q})
     return SplitQ4(xo, co, np.asarray(failed, dtype=np.uint32))

@@ -60,8 +60,16 @@ def test_inverted_element_stops_the_walk():
 
 
 def test_other_element_types_are_not_searched():
-    coords, connect = box("H8", (1, 1, 1))
-    assert t3.get_element_containing_point(coords, connect, (0.5, 0.5, 0.5), type=t3.H8) is None
+    # neighbors must have the rows of connect and the face count of the type: a 6-column
+    # connectivity with 6-column neighbours passes as H8, and is reported as not located
+    coords, connect = box("W6", (1, 1, 1))
+    neighbors = np.full(connect.shape, A, dtype=np.uint32)
+    assert t3.get_element_containing_point(coords, connect, (0.5, 0.5, 0.5), type=t3.H8,
+                                           neighbors=neighbors) is None
+    hexa = box("H8", (1, 1, 1))
+    with pytest.raises(t3.Error) as caught:  # 8 columns cannot match the 6 faces of an H8
+        t3.get_element_containing_point(hexa[0], hexa[1], (0.5, 0.5, 0.5), type=t3.H8)
+    assert caught.value.status == -3
 
 
 def test_interpolation_of_a_linear_field_is_exact():

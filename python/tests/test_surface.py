@@ -31,7 +31,8 @@ def test_cutting_a_box_in_two(kind):
     r = t3.duplicate_surface_nodes(coords, connect, surface, positive_side=True)
     assert r.added == len(plane_nodes)
     assert len(r.coords) == len(coords) + r.added
-    np.testing.assert_array_equal(r.coords[len(coords):], coords[plane_nodes])
+    copies = r.coords[len(coords):]
+    np.testing.assert_array_equal(copies[np.lexsort(copies.T)], coords[plane_nodes][np.lexsort(coords[plane_nodes].T)])
     right = coords[connect].mean(axis=1)[:, 0] > 0.5
     # the two halves no longer share a node
     assert not set(r.connect[right].ravel()) & set(r.connect[~right].ravel())
