@@ -26,8 +26,8 @@ class progress:
     """Prints "label ..." on stderr when the block runs longer than a second, and how long
     it took at its end (the library releases the interpreter while it works)."""
 
-    def __init__(self, label, stream=None):
-        self.label, self.stream, self.shown = label, stream or sys.stderr, False
+    def __init__(self, label, stream=None, delay=1.0):
+        self.label, self.stream, self.delay, self.shown = label, stream or sys.stderr, delay, False
 
     def _show(self):
         self.shown = True
@@ -35,7 +35,7 @@ class progress:
 
     def __enter__(self):
         self.start = time.monotonic()
-        self.timer = threading.Timer(1.0, self._show)
+        self.timer = threading.Timer(self.delay, self._show)
         self.timer.daemon = True
         self.timer.start()
         return self

@@ -343,19 +343,20 @@ def read(path, file_format=None):
                  if not key.startswith("gmsh:")}
 
     groups = {}
-    physical = data.get("gmsh:physical", {}) if family == "gmsh" else {}
+    physical = {k: np.concatenate(v) for k, v in data.get("gmsh:physical", {}).items()} if family == "gmsh" else {}
     for group, value in (m.field_data or {}).items() if physical else ():
         tag = np.asarray(value).ravel()[0]
         for name, tags in physical.items():
             index = np.nonzero(tags == tag)[0]
             if len(index):
                 groups.setdefault(group, {})[name] = index.astype(np.uint32)
-    for group, per_block in (getattr(m, "cell_sets", None) or {}).items():
+    sets = {} if physical else (getattr(m, "cell_sets", None) or {})  # Gmsh's sets repeat its groups
+    for group, per_block in sets.items():
         for i, index in enumerate(per_block):
             name, start = block_of[i] if i < len(block_of) else (None, 0)
             if name is not None and index is not None and len(index):
                 old = groups.setdefault(group, {}).get(name, np.zeros(0, np.uint32))
-                groups[group][name] = np.concatenate([old, np.asarray(index, dtype=np.uint32) + start])
+                groups[group][name] = np.unique(np.concatenate([old, np.asarray(index, dtype=np.uint32) + start]))
     return Mesh(coords, cells, dict(m.point_data), cell_data, groups)
 
 
