@@ -69,6 +69,21 @@ def linear_solids(mesh, path, pad_pyramids=False):
     return kind, connect
 
 
+def solids_or_corners(mesh):
+    """(type, connectivity) of the linear solids, or of the corners of the quadratic ones."""
+    kind, connect = mesh.solids()
+    if connect is not None:
+        return kind, connect
+    kind, connect = mesh.quadratic_solids()
+    if connect is None:
+        return None, None
+    from . import order
+    if connect.shape[1] not in (10, 27):
+        connect = _pad(connect, 27)
+    corners = order.convert_into_linear(connect)
+    return type_of_columns(corners), corners
+
+
 def _pad(connect, width):
     out = np.full((len(connect), width), mio.ABSENT, dtype=np.uint32)
     out[:, :connect.shape[1]] = connect
@@ -131,7 +146,7 @@ def cmd_info(args):
         print("  groups: " + ", ".join(f"{g} ({sum(len(v) for v in m.values())})" for g, m in mesh.groups.items()))
     if mesh.point_data:
         print("  point data: " + ", ".join(mesh.point_data))
-    kind, connect = mesh.solids()
+    kind, connect = solids_or_corners(mesh)
     if connect is None:
         return 0
     with progress("measuring the volume"):
@@ -219,12 +234,24 @@ def cmd_hexsplit(args):
     return 0
 
 
+# The library's flip of a PY14 also exchanges rows 6 and 8 (the nodes on edges 1-4 and
+# 3-4) while corners 1 and 3 stay, which moves those nodes off their edges; the command
+# line applies the exchanges that keep every node on its edge instead.
+_PY14_FLIP = [2, 1, 0, 3, 4, 7, 6, 5, 8, 10, 9, 12, 11, 13]
+
+
 def cmd_flip(args):
     from . import measures, mesh as tmesh
     mesh = read(args.input)
     flipped = 0
     for kind, connect in list(mesh.cells.items()):
-        if kind not in ("TH4", "TH10", "PY5", "PY14", "W6", "W18", "H8", "H27"):
+        if kind in ("PY13", "W15", "H20"):
+            print(f"{kind} elements left as they are: the library has no flip for them", file=sys.stderr)
+        if kind == "PY14" and not args.inverted_only:
+            mesh.cells[kind] = np.ascontiguousarray(connect[:, _PY14_FLIP])
+            flipped += len(connect)
+            continue
+        if kind not in ("TH4", "TH10", "PY5", "W6", "W18", "H8", "H27"):
             continue
         if args.inverted_only:
             if kind not in ("TH4", "PY5", "W6", "H8"):
@@ -244,7 +271,9 @@ def cmd_flip(args):
 
 def cmd_quality(args):
     mesh = read(args.input)
-    kind, connect = linear_solids(mesh, args.input)
+    kind, connect = solids_or_corners(mesh)
+    if connect is None:
+        raise UserError(f"{args.input}: holds no solid elements")
     dmin, dmax, smin, smax = angle_summary(mesh.coords, kind, connect)
     print(f"{args.input}: {len(connect)} elements")
     print(f"  minimum dihedral angle per element: {np.nanmin(dmin):.2f} - {np.nanmax(dmin):.2f} deg, "

@@ -180,3 +180,20 @@ def test_installed_launcher(tmp_path):
     launcher = tmp_path / "bin" / "tessel3d"
     result = subprocess.run([str(launcher), "--version"], capture_output=True, text=True, env={"PATH": "/usr/bin:/bin"})
     assert result.returncode == 0 and result.stdout.strip() == f"tessel3d {t3.version()}"
+
+
+def test_flip_of_quadratic_elements_keeps_nodes_on_their_edges(tmp_path):
+    coords, pyramids = box("PY5", (1, 1, 1))
+    hexa = box("H8", (1, 1, 1))[1]
+    q = t3.convert_into_quadratic(coords, t3.mixed([pyramids, hexa]))
+    path = tmp_path / "quadratic.msh"
+    mio.write(str(path), mio.Mesh(q.coords, {"SOLID_MIX27": q.connect}))
+    flipped = tmp_path / "flipped.msh"
+    run("flip", path, flipped)
+    f = mio.read(str(flipped))
+    corners = [f.cells["PY14"][:, :5], f.cells["H27"][:, :8]]
+    linear = t3.mixed(corners)
+    assert (t3.element_volumes(f.coords, linear) < 0).all()
+    ours = t3.convert_into_quadratic(f.coords, linear)
+    for rows, cells in ((slice(0, 6), f.cells["PY14"]), (slice(6, 7), f.cells["H27"])):
+        np.testing.assert_allclose(ours.coords[ours.connect[rows, :cells.shape[1]]], f.coords[cells], atol=1e-12)
