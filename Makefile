@@ -6,7 +6,7 @@ JOBS ?= 2
 PYTHON ?= $(shell test -x /usr/bin/python3 && echo /usr/bin/python3 || echo python3)
 DEMO_OUT ?= demo-output
 
-.PHONY: all deps build test demo bench test-asan fuzz clean
+.PHONY: all deps build test demo bench bench-peers test-asan fuzz clean
 
 all: build
 
@@ -26,6 +26,14 @@ demo: build
 
 bench: build
 	@for b in build/$(PRESET)/bench/bench_*; do echo "== $$b"; $$b; done
+
+# Speed side by side with Gmsh, VTK, SciPy and NumPy on the same meshes, and the time per
+# element of every family (bench/peers, about 10 minutes; installs the peers' Debian
+# packages when missing). Not part of `make test`. PEERS_ARGS=--quick for a short run,
+# PEERS_ARGS=--update-docs to rewrite the figures of docs/performance.md.
+PEERS_ARGS ?=
+bench-peers: build
+	$(PYTHON) bench/peers/run_peers.py --build build/$(PRESET) $(PEERS_ARGS)
 
 test-asan:
 	$(MAKE) test PRESET=asan
