@@ -191,6 +191,63 @@ bool reset_for(Map& map, std::size_t wanted, std::size_t expected) {
   return map.reset(expected < 2 * buckets ? expected : 2 * buckets, buckets, 1.0);
 }
 
+// The keys of the columns ahead with their hashes and home buckets, whose loading into
+// the cache has been started: the map's cache misses, which dominate on large meshes,
+// then overlap with the work on the columns before them. Two blocks of columns: the
+// one being inserted and the next one, filled when the walk enters the first. `Keys`
+// writes the keys of a column of a kind (in the order the column inserts them) and
+// returns their count. A home holds while the map keeps the bucket count it had when
+// the home was taken.
+template <class Key, unsigned per_column>
+class keys_ahead {
+ public:
+  static constexpr std::size_t block = 8;
+  struct column_keys {
+    Key key[per_column];
+    std::uint64_t hash[per_column];
+    std::size_t home[per_column];
+    std::size_t buckets;
+  };
+
+  // The keys of column j, where the walk visits every column in order from 0.
+  template <class Map, class Keys>
+  const column_keys& at(std::size_t j, const Map& map, const dense2D<unsigned>& m, const Keys& keys_of) {
+    if (j % block == 0) {
+      if (j == 0) fill(map, m, 0, keys_of);
+      fill(map, m, j + block, keys_of);
+    }
+    return keys_[(j / block) % 2][j % block];
+  }
+
+ private:
+  template <class Map, class Keys>
+  void fill(const Map& map, const dense2D<unsigned>& m, std::size_t first, const Keys& keys_of) {
+    if (first >= m.cols()) return;
+    const std::size_t R = m.rows(), count = m.cols() - first < block ? m.cols() - first : block;
+    const unsigned* column = m.data() + first * m.ld();
+    column_keys* keys = keys_[(first / block) % 2];
+    for (std::size_t b = 0; b < count; ++b, column += m.ld()) {
+      column_keys& c = keys[b];
+      c.buckets = map.bucket_count();
+      const unsigned n = keys_of(column, elfes::linear_column_kind(column, R), c.key);
+      for (unsigned i = 0; i < n; ++i) {
+        c.hash[i] = elfes::hash_key(c.key[i]);
+        c.home[i] = map.home(c.hash[i]);
+        map.prefetch(c.home[i]);
+      }
+    }
+  }
+
+  column_keys keys_[2][block];
+};
+
+// The keys of a column's edges, in the order of its kind's edge list.
+unsigned edge_keys(const unsigned* column, solid_kind kind, elfes::edge2* key) {
+  const solid_descriptor& d = solid_table[kind];
+  for (unsigned i = 0; i < d.nb_edges; ++i) key[i] = {{column[d.edges[i][0]], column[d.edges[i][1]]}};
+  return d.nb_edges;
+}
+
 // Corners and edge nodes of every column. New edges get e consecutive IDs in the order
 // they are met; an element walking an edge against its stored direction lists them
 // backwards.
@@ -213,19 +270,22 @@ bool number_edges(conversion& cv) {
   }
   const unsigned* column = m.data();
   unsigned* out = cv.connectH.data();
+  edge_map& map = cv.edge_nodes;
+  keys_ahead<elfes::edge2, 12> ahead;
   for (std::size_t j = 0; j < m.cols(); ++j, column += m.ld(), out += ldH) {
     const solid_descriptor& d = solid_table[elfes::linear_column_kind(column, R)];
     for (unsigned v = 0; v < d.nb_vertices; ++v) out[v] = column[v];
     if (e == 0) continue;
+    const auto& keys = ahead.at(j, map, m, edge_keys);
     for (unsigned i = 0; i < d.nb_edges; ++i) {
       const unsigned a = column[d.edges[i][0]];
-      const elfes::edge2 key{{a, column[d.edges[i][1]]}};
+      const elfes::edge2& key = keys.key[i];
       bool added = false;
-      const std::size_t pos =
-          cv.edge_nodes.insert_growing(elfes::hash_key(key), {key, static_cast<unsigned>(cv.next_node)}, &added);
+      const std::size_t pos = map.insert_growing(keys.hash[i], keys.home[i], keys.buckets,
+                                                 {key, static_cast<unsigned>(cv.next_node)}, &added);
       if (pos == edge_map::npos) return false;
       if (added) cv.next_node += e;
-      const auto& entry = cv.edge_nodes.value(pos);
+      const auto& entry = map.value(pos);
       unsigned* row = out + d.nb_vertices + std::size_t(i) * e;
       if (e == 1) {
         row[0] = entry.second;
@@ -288,17 +348,28 @@ bool number_faces(conversion& cv) {
   const std::size_t R = m.rows(), ldH = cv.connectH.ld();
   column = m.data();
   unsigned* out = cv.connectH.data();
+  keys_ahead<elfes::face_mix, 6> ahead;
+  // The faces of a column that get nodes, in face order.
+  const auto face_keys = [&cv](const unsigned* c, solid_kind kind, elfes::face_mix* key) {
+    const solid_descriptor& d = solid_table[kind];
+    unsigned n = 0;
+    for (unsigned i = 0; i < d.nb_faces; ++i)
+      if (cv.layout[kind].face_nodes[i] > 0) key[n++] = face_key(c, d, i);
+    return n;
+  };
   for (std::size_t j = 0; j < m.cols(); ++j, column += m.ld(), out += ldH) {
     const solid_kind kind = elfes::linear_column_kind(column, R);
     const solid_descriptor& d = solid_table[kind];
     const kind_layout& L = cv.layout[kind];
-    for (unsigned i = 0; i < d.nb_faces; ++i) {
+    const auto& keys = ahead.at(j, map, m, face_keys);
+    for (unsigned i = 0, n = 0; i < d.nb_faces; ++i) {
       const unsigned count = L.face_nodes[i];
       if (count == 0) continue;
-      const elfes::face_mix key = face_key(column, d, i);
+      const elfes::face_mix& key = keys.key[n];
       bool added = false;
-      const std::size_t pos =
-          map.insert_growing(elfes::hash_key(key), {key, static_cast<unsigned>(cv.next_node)}, &added);
+      const std::size_t pos = map.insert_growing(keys.hash[n], keys.home[n], keys.buckets,
+                                                 {key, static_cast<unsigned>(cv.next_node)}, &added);
+      ++n;
       if (pos == face_map::npos) return false;
       if (added) cv.next_node += count;
       const auto& entry = map.value(pos);

@@ -230,14 +230,34 @@ class hash_table {
     }
   }
 
+  /// The home bucket of hash h, where insert() and find() start, while the bucket count
+  /// stays as it is (npos when there are no buckets).
+  std::size_t home(std::uint64_t h) const { return buckets_ == 0 ? npos : first_ + h % buckets_; }
+
+  /// Starts loading the slot at `pos` (a home()) into the cache. A bulk insertion asks
+  /// for the home buckets of the next keys before it inserts them, so that their cache
+  /// misses overlap instead of following one another.
+  void prefetch(std::size_t pos) const {
+#if defined(__GNUC__)
+    if (pos != npos) __builtin_prefetch(storage_->data() + pos);
+#else
+    (void)pos;
+#endif
+  }
+
   /// Find-or-insert: the position of the existing equal entry (left untouched) or of the
   /// newly stored value; npos when the slots could not grow. *added tells which.
   std::size_t insert(std::uint64_t h, const Value& value, bool* added = nullptr) {
+    return insert_from(home(h), value, added);
+  }
+
+  /// insert() from a home() taken at the current bucket count.
+  std::size_t insert_from(std::size_t home_pos, const Value& value, bool* added = nullptr) {
     if (added) *added = false;
     if (buckets_ == 0) return npos;
     slot_type* slots = storage_->data();
     const key_type& key = stored_key<Value>::of(value);
-    std::size_t pos = first_ + h % buckets_, free_slot = npos;
+    std::size_t pos = home_pos, free_slot = npos;
     for (;;) {
       const unsigned link = slots[pos].link;
       if (link & 1u) {
@@ -295,11 +315,18 @@ class hash_table {
   /// insert() after the growth rule: when the entries would exceed twice the buckets,
   /// rehash to twice the entries first. npos when memory runs out.
   std::size_t insert_growing(std::uint64_t h, const Value& value, bool* added = nullptr) {
+    return insert_growing(h, npos, 0, value, added);
+  }
+
+  /// insert_growing() given home_pos, the home() of h when the table had `buckets`
+  /// buckets: used as it is while the bucket count has not changed.
+  std::size_t insert_growing(std::uint64_t h, std::size_t home_pos, std::size_t buckets, const Value& value,
+                             bool* added = nullptr) {
     if (entries_ + 1 > 2 * buckets_ && !rehash(2 * entries_ > 23 ? 2 * entries_ : 23)) {
       if (added) *added = false;
       return npos;
     }
-    return insert(h, value, added);
+    return insert_from(buckets == buckets_ && home_pos != npos ? home_pos : home(h), value, added);
   }
 
   // Iteration over positions [begin(), end()) in array order; occupied() tells live ones.
