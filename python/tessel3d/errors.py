@@ -229,9 +229,10 @@ TABLES = {
         -199: (None, None, _MEMORY)},
     "split_solid_q4": {
         -1: ("coords", 1, _coords()),
-        -2: ("connect", 2, _ids("connect", _SOLIDS, (4, 5, 6, 8), absent_ok=(8,))),
+        -2: ("connect", 2, _ids("connect", "must list 5 (PY5), 6 (W6) or 8 (H8, mixed) node IDs per element, "
+                                "each below the node count", (5, 6, 8), absent_ok=(8,))),
         -3: ("quads", 3, "must be an (m, 4) array of quadrangles with node IDs below the node count"),
-        -4: ("min_quality", 4, "is not a valid quality threshold"),
+        -4: ("min_quality", 4, "must be a finite number"),
         -199: (None, None, _MEMORY)},
     "get_neighbors": {-1: ("connect", 1, "has a number of node IDs per element that does not fit type"),
                       -2: ("type", 2, "must be TH4, PY5, W6, H8 or SOLID_MIX8"),

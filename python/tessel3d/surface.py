@@ -43,9 +43,14 @@ def duplicate_surface_nodes(coords, connect, surface, *, excluded=None, positive
 
 def split_solid_q4(coords, connect, quads, min_quality):
     """Splits the solids that carry one of the (k, 4) quadrangles `quads` so that each
-    listed quadrangle becomes two triangles; the other solids are copied. Returns
-    SplitQ4(coords, connect, failed), failed listing the elements that could not be split
-    with a quality above min_quality."""
+    listed quadrangle becomes two triangles; returns SplitQ4(coords, connect, failed).
+
+    connect: (m, 5) PY5, (m, 6) W6 or (m, 8) H8 / SOLID_MIX8. A PY5 on a listed base
+    becomes two TH4; a W6 or H8 gets a node at its centre and one element per face (two
+    TH4 on a listed quadrangle). The result is in the 8-column mixed layout, each solid's
+    pieces in its place. A solid is split only when every piece's smallest normalised
+    dihedral angle exceeds min_quality; otherwise it is copied and listed in failed.
+    """
     f = "split_solid_q4"
     x = A.real_matrix(coords, f, "coords", 1)
     c = A.id_matrix(connect, f, "connect", 2)

@@ -60,3 +60,34 @@ def test_no_side_and_errors():
     with pytest.raises(t3.Error) as caught:
         t3.duplicate_surface_nodes(coords, connect, [[0, 1, 2]], type=t3.W6)
     assert caught.value.status in (-3, -9)
+
+
+def test_split_solid_q4_cuts_the_listed_faces():
+    from conftest import CUBE, UNIT
+    r = t3.split_solid_q4(CUBE, [list(range(8))], [[0, 1, 2, 3]], 0.0)
+    assert len(r.coords) == 9 and np.allclose(r.coords[8], [0.5, 0.5, 0.5])  # the centre node
+    kinds = (r.connect[:, 4] != t3.ABSENT).sum(), (r.connect[:, 4] == t3.ABSENT).sum()
+    assert kinds == (5, 2)  # a pyramid on each unlisted face, two tetrahedra on the listed one
+    assert t3.volume(r.coords, r.connect) == pytest.approx(1.0)
+    assert (t3.element_volumes(r.coords, r.connect) > 0).all() and r.failed.size == 0
+    coords, pyramid, volume = UNIT["PY5"]
+    p = t3.split_solid_q4(coords, pyramid, [[0, 1, 2, 3]], 0.0)
+    assert p.connect.shape == (2, 8) and t3.volume(p.coords, p.connect) == pytest.approx(volume)
+    untouched = t3.split_solid_q4(CUBE, [list(range(8))], [[0, 3, 2, 1]], 0.0)  # the face seen from outside
+    assert untouched.connect.tolist() == [list(range(8))] and len(untouched.coords) == 8
+
+
+def test_split_solid_q4_keeps_solids_whose_pieces_fail_the_quality():
+    from conftest import CUBE
+    r = t3.split_solid_q4(CUBE, [list(range(8))], [[0, 1, 2, 3]], 0.99)
+    assert r.failed.tolist() == [0] and r.connect.tolist() == [list(range(8))] and len(r.coords) == 8
+
+
+def test_split_solid_q4_errors():
+    from conftest import CUBE
+    with pytest.raises(t3.Error) as caught:
+        t3.split_solid_q4(CUBE, [list(range(8))], [[0, 1, 2]], 0.0)
+    assert caught.value.status == -3 and "split_solid_q4: quads (argument 3)" in str(caught.value)
+    with pytest.raises(t3.Error) as caught:
+        t3.split_solid_q4(CUBE, [list(range(8))], [[0, 1, 2, 3]], float("nan"))
+    assert str(caught.value) == "split_solid_q4: min_quality (argument 4) must be a finite number"
