@@ -3,7 +3,7 @@
 PRESET ?= release
 JOBS ?= 2
 
-.PHONY: all deps build test demo bench test-asan fuzz clean
+.PHONY: all deps build test demo bench test-asan test-tsan fuzz clean
 
 all: build
 
@@ -25,6 +25,13 @@ bench: build
 
 test-asan:
 	$(MAKE) test PRESET=asan
+
+# The concurrency test under ThreadSanitizer: only it and the libraries are built.
+test-tsan:
+	@tools/install-deps.sh libtsan2
+	cmake --preset tsan
+	cmake --build --preset tsan --parallel $(JOBS)
+	TSAN_OPTIONS=halt_on_error=1 build/tsan/tests/test_concurrency
 
 # libFuzzer targets under ASan and UBSan, each run FUZZ_SECONDS from its seed corpus
 # (fuzz/corpus/<target>); findings land in build/fuzz/findings.

@@ -272,7 +272,7 @@ inline void empty_detector(const failure& f) {
 
 inline scene flip_input() {
   scene s = every_solid_kind();
-  s.out = s.connect;  // flipped in place: an output
+  s.out.copy(s.connect);  // flipped in place: an output
   return s;
 }
 
