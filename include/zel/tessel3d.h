@@ -506,13 +506,49 @@ TESSEL3D_EXPORT int extrude_line(dense2D<double>& coords, const dense2D<unsigned
                                  const dense1D<double, 8>& line_scales, dense2D<unsigned>& connectE);
 
 // ---- point location and interpolation ----------------------------------------------
+//
+// A TH4 mesh is searched through its face adjacency `neighbors` (4 x #elements: entry
+// (f, e) is the element across face f of e, ~0U on the boundary; face f is opposite local
+// node f, read as (1,2,3) (2,0,3) (0,1,3) (2,1,0), as zel::tessel::get_neighbors builds
+// it) and `node_element` (one element holding each node, ~0U for a node in no element,
+// as zel::tessel::get_node_element builds it).
+//
+// The search: a seed element from a node near the point, then a walk from element to
+// element across a face through which the point lies outside, the first face tested
+// being drawn from a fixed pseudo-random sequence (restarted for every walk, so the
+// same mesh, point and seed give the same path). A walk ends when an element holds the
+// point, when it leaves the mesh, when it meets an element whose 6V is not positive and
+// finite, or after as many element tests as the mesh has elements. When it leaves the
+// mesh (or reaches that limit), the search walks again from each element around the
+// node closest to the point, in turn, until one walk finds it.
+//
+// Inside test: with 6V = (p0 - p3) . ((p1 - p3) x (p2 - p3)) and the barycentric
+// coordinates of the point, the point is inside when every coordinate is >= -tolerance
+// (0 accepts points on faces, edges and nodes; a positive value accepts points slightly
+// outside, in proportion to the element's size; a negative one rejects points near faces).
 
-/// Finds the TH4 that holds `point` by a walk across faces from an element next to a
-/// node that `detector` returns, with a second chance from the elements around the
-/// truly closest node.
-/// @return 1 located (element set) | 0 not located (element ~0U) | -1 coords
-///         | -2 connectivity IDs | -3 neighbors | -4 node_element | -1 a walk met an
-///         inverted or flat element
+/// Finds the TH4 that holds `point`, seeded from `detector.find_close(point)` with a
+/// second chance from the elements around `detector.find_closest(point)`.
+/// @param[in]  coords        3 x #nodes
+/// @param[in]  connectivity  #rows x #elements of type `type` (searched only as 4-row TH4)
+/// @param[in]  neighbors     same shape as connectivity, rows = faces of `type` (TH4 and
+///                           TH10 4, PY5..W18 5, H8..H27 and the mixed solids 6, T3/T6 3,
+///                           Q4..Q9 and FACE_MIX4/9 4, edges 2, NONE/NODE 0)
+/// @param[in]  node_element  #nodes entries (not checked against the element count; an
+///                           entry that is not an element gives no seed)
+/// @param[in]  detector      node search over the columns of coords, built by the caller
+/// @param[out] element       the containing element, ~0U unless 1 is returned (set to
+///                           ~0U before the first check)
+/// @param[in]  tolerance     relative tolerance of the inside test (see above)
+/// @return 1 located | 0 not located: outside the mesh, no seed node, or a mesh that is
+///         not a 4-row TH4 (any other type passing the checks, surface and mixed meshes
+///         included, is not searched) | -1 coords not 3 rows | -2 connectivity rejected
+///         by check_IDs(type, #nodes) | -3 neighbors not the shape of connectivity, its
+///         rows not those of `type`, or an entry neither an element nor ~0U | -4
+///         node_element size not #nodes | -1 a walk met an inverted, flat or non-finite
+///         element (0 instead when that happened exactly at the walk's step limit)
+///         | -199 memory for the list of elements around the closest node.
+/// The checks scan the whole mesh on every call. Nothing else is written.
 TESSEL3D_EXPORT int get_element_containing_point(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
                                                  const dense2D<unsigned>& neighbors,
                                                  const dense1D<unsigned, 8>& node_element,
@@ -521,9 +557,24 @@ TESSEL3D_EXPORT int get_element_containing_point(const dense2D<double>& coords, 
                                                  double tolerance);
 
 /// Linear interpolation of a nodal field at the listed nodes that lie in no element
-/// (node_element ~0U); nodes outside the mesh copy the nearest mesh node.
-/// @return 0 | -1 coords | -2 connectivity | -3 neighbors | -4 node_element | -5 field
-///         | -6 nodes
+/// (node_element ~0U), e.g. the nodes of a second mesh appended to coords. Each is
+/// located as above (tolerance 1e-6, seeds from an octree of the mesh's nodes built for
+/// the call) and receives F3 + l0 (F0 - F3) + l1 (F1 - F3) + l2 (F2 - F3) from the four
+/// nodes of its element and its barycentric weights; a node that is not located (outside
+/// the mesh, or its walk met an invalid element) receives an exact copy of the nearest
+/// mesh node's values. Mesh nodes and unlisted nodes are only read.
+/// @param[in]     coords        3 x #nodes: mesh nodes and the nodes to fill
+/// @param[in]     connectivity  4 x #elements TH4 (node IDs not checked: must be valid)
+/// @param[in]     neighbors     4 x #elements face adjacency
+/// @param[in]     node_element  #nodes entries
+/// @param[in,out] field         #components x #nodes (any row count, 0 included), or
+///                              #nodes values
+/// @param[in]     nodes         node IDs at which values may be computed
+/// @return 0 (also for an empty `nodes`, checked first) | -1 coords not 3 rows | -2
+///         connectivity not 4 rows | -3 neighbors not 4 rows or not #elements columns
+///         | -4 node_element size not #nodes | -5 field not one column (entry) per node
+///         | -6 an entry of nodes is not a node ID | -199 memory for the octree (nothing
+///         written) or for a second chance (the nodes before it hold their values)
 TESSEL3D_EXPORT int interpolate(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
                                 const dense2D<unsigned>& neighbors, const dense1D<unsigned, 8>& node_element,
                                 dense2D<double>& field, const dense1D<unsigned, 8>& nodes);
@@ -531,10 +582,26 @@ TESSEL3D_EXPORT int interpolate(const dense2D<double>& coords, const dense2D<uns
                                 const dense2D<unsigned>& neighbors, const dense1D<unsigned, 8>& node_element,
                                 dense1D<double, 8>& field, const dense1D<unsigned, 8>& nodes);
 
-/// Interpolation of metrics (6 packed values per node: M11 M12 M22 M13 M23 M33) or of
-/// isotropic sizes at nodes that lie in no element, keeping every result a valid metric.
-/// @return 0 | -1 coords | -2 connectivity | -3 neighbors | -4 node_element | -5 metrics
-///         | -6 nodes
+/// Interpolation of metrics at the nodes that lie in no element, keeping every result a
+/// valid metric. Anisotropic: 6 x #nodes, each column a symmetric positive-definite
+/// tensor packed as M11 M12 M22 M13 M23 M33; the four node metrics of the element are
+/// combined by a chain of two-metric interpolations, each in the basis that diagonalises
+/// both metrics, linear in the sizes 1 / sqrt(eigenvalue). Isotropic: one size per node
+/// (valid in (0, DBL_MAX)), interpolated linearly. Nodes with a negligible barycentric
+/// weight (< 1e-12) take no part. Located and placed as by interpolate(); a node that is
+/// not located copies the nearest mesh node's metric. A combination that fails (a node
+/// metric that is not positive definite or not a valid size, an eigen solver failure)
+/// leaves the node's metric as it was, and the call still returns 0.
+/// @param[in,out] metrics     6 x #nodes tensors, or #nodes sizes
+/// @param[in]     nodes       the nodes treated; the forms without it treat 0 ... #nodes-1
+/// @param[in]     keep_valid  skip nodes whose metric is already valid (smallest
+///                            eigenvalue > 0, or size in (0, DBL_MAX))
+/// Other arguments as for interpolate(). Mesh nodes are never changed.
+/// @return 0 (also for an empty `nodes`) | -1 coords not 3 rows | -2 connectivity not 4
+///         rows | -3 neighbors not 4 rows or not #elements columns | -4 node_element
+///         size not #nodes | -5 metrics not 6 x #nodes (or not #nodes long) | -6 an entry
+///         of nodes is not a node ID | -199 memory (the octree, the list of every node
+///         or a second chance)
 TESSEL3D_EXPORT int interpolate_metrics(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
                                         const dense2D<unsigned>& neighbors, const dense1D<unsigned, 8>& node_element,
                                         dense2D<double>& metrics, const dense1D<unsigned, 8>& nodes,
@@ -552,10 +619,71 @@ TESSEL3D_EXPORT int interpolate_metrics(const dense2D<double>& coords, const den
 
 // ---- surfaces ----------------------------------------------------------------------
 
-/// Opens a TH4, H8 or SOLID_MIX8 mesh along an internal surface by giving every
-/// non-excluded surface node a copy used on the chosen side(s).
-/// @return the number of nodes added (>= 0) | -1 coords | -2 connectivity | -3 neighbors
-///         | -4 node_element | -5 surface | -9 type | -199 memory
+/// Opens a solid mesh along an internal surface: every surface node that is not excluded
+/// gets a copy for each requested side, and the elements on that side that hold the node
+/// are made to use the copy, so that afterwards the two sides share none of these nodes.
+///
+/// Sides. A surface face (q0, q1, q2[, q3]) has the right-hand normal of q0 -> q1 -> q2.
+/// An element lies on its positive side when one of the element's faces, read in the
+/// face order below, is the same face with the same orientation (the element faces'
+/// normals point into the element, so the surface normal points into it too); on its
+/// negative side when that holds for the reversed face (q2, q1, q0) / (q3, q2, q1, q0).
+/// Face orders (also those of zel::tessel::get_neighbors, which builds `neighbors`):
+///   TH4  face f opposite node f: (1,2,3) (2,0,3) (0,1,3) (2,1,0)
+///   PY5  (0,4,1) (1,4,2) (2,4,3) (3,4,0) (0,1,2,3)
+///   W6   (0,1,2) (3,5,4) (2,1,4,5) (0,2,5,3) (1,0,3,4)
+///   H8   (0,3,7,4) (1,5,6,2) (0,4,5,1) (3,2,6,7) (0,1,2,3) (4,7,6,5)
+///
+/// For each side (positive first), each surface column in order and each of its nodes n
+/// in the side's order that this side has not handled yet: the elements around n are
+/// those that hold n and are reached from node_element[n] across faces containing n;
+/// the first of them (in depth-first order) having the oriented surface face is the
+/// seed; from the seed the side spreads to neighbours that hold n, never across a
+/// surface face (either orientation) nor the boundary. A new node, a copy of n's
+/// coordinates, is appended to coords (even when the side holds no element, e.g. at
+/// the boundary of the mesh) and replaces n in the elements reached. New node IDs
+/// therefore follow the order in which the surface columns first list the nodes: the
+/// positive side first, then the negative side reading each column backwards. An
+/// excluded node (e.g. on the rim of an open surface) keeps its single ID. Lookups
+/// read the connectivity as given; with both sides, n is left only in elements of
+/// neither side.
+///
+/// @param[in,out] coords        3 x #nodes; grows by the returned count of columns
+///                              (room for them is reserved first); the old columns are
+///                              kept.
+/// @param[in,out] connectivity  4 (TH4) or 8 (H8) x #elements, or SOLID_MIX8 in 4, 5, 6
+///                              or 8 rows (absent rows ~0U). On success it becomes a new
+///                              contiguous matrix (ld = rows) with the replaced IDs; other
+///                              shallow copies of the input keep the old values.
+/// @param[in]     neighbors     #faces (4 TH4, 6 H8 and SOLID_MIX8) x #elements: entry
+///                              (f, e) is the element across local face f of e, ~0U on
+///                              the boundary (and past the faces of a mixed column).
+/// @param[in]     node_element  per node ID: one element holding it (at least as many
+///                              entries as the highest node ID the connectivity uses).
+/// @param[in]     surface       3 (T3, for TH4) or 4 (Q4, for H8) x #faces, or FACE_MIX4
+///                              in 3 or 4 rows (row 3 ~0U: a triangle) for SOLID_MIX8.
+/// @param[in]     excluded      nodes that keep their single ID; not validated, entries
+///                              that are not surface nodes have no effect.
+/// @param[in]     positive_side, negative_side  the sides to open.
+/// @param[in]     type          TH4, H8 or SOLID_MIX8.
+/// @return the number of nodes added (0 or more), after these checks in order:
+///         0 when connectivity or surface has no entries or no side is requested;
+///         -1 coords not 3 rows;
+///         -2 connectivity IDs invalid (check_IDs for `type`) or, for TH4 / H8, not 4 / 8
+///            rows;
+///         -3 neighbors with another column count, with rows other than the face count
+///            of `type` (4 TH4, 6 H8 and SOLID_MIX8; the other types by their own face
+///            or side count, checked before -9), or with an entry that is neither an
+///            element nor ~0U;
+///         -4 a node of the connectivity has no node_element entry;
+///         -5 surface IDs invalid for the face type of `type`, or not 3 (TH4) / 4 (H8)
+///            rows;
+///         -9 type is not TH4, H8 or SOLID_MIX8.
+///         Then 0, with coords and connectivity unchanged, when a handled surface node's
+///         node_element entry is missing or not an element holding it (the negative side
+///         is not run when the positive one failed); -199, also with nothing changed,
+///         when memory cannot be had (the room in coords, the working copy of the
+///         connectivity or an internal table).
 TESSEL3D_EXPORT int duplicate_surface_nodes(dense2D<double>& coords, dense2D<unsigned>& connectivity,
                                             const dense2D<unsigned>& neighbors,
                                             const dense1D<unsigned, 8>& node_element,

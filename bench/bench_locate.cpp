@@ -1,0 +1,121 @@
+// Speed of the point location and the interpolations on a jittered TH4 box of about a
+// million elements: points per second.
+#include <benchmark/benchmark.h>
+
+#include <cmath>
+
+#include "box_mesh.h"
+#include "locate/locate_point.h"
+#include "zel/tessel3d.h"
+
+namespace {
+
+using namespace tessel3d_test;
+
+// The box mesh, its adjacency, and free nodes appended to coords: either the nodes of a
+// second, finer jittered box in their own (spatially coherent) order, the typical use,
+// or as many random points, which defeat the caches.
+struct located_mesh {
+  box_mesh mesh;
+  zel::dense2D<double> coords;
+  zel::dense2D<unsigned> neighbors;
+  zel::dense1D<unsigned, 8> node_element, nodes;
+  std::size_t mesh_nodes = 0;
+
+  located_mesh(unsigned n, unsigned second_cells, bool random_order)
+      : mesh(make_box(box_kind::TH4, n, n, n, 1, 1, 1, 0.2, 5)) {
+    const box_mesh second = make_box(box_kind::H8, second_cells, second_cells, second_cells, 1, 1, 1, 0.2, 9);
+    const std::size_t extra = second.coords.cols();
+    mesh_nodes = mesh.coords.cols();
+    coords.copy(mesh.coords);
+    coords.resize(3, mesh_nodes + extra);
+    random_stream random(17);
+    for (std::size_t k = 0; k < extra; ++k)
+      for (int d = 0; d < 3; ++d) coords(d, mesh_nodes + k) = random_order ? random.uniform() : second.coords(d, k);
+    zel::tessel::get_neighbors(mesh.connect, zel::TH4, neighbors);
+    zel::tessel::get_node_element(mesh.connect, unsigned(coords.cols()), node_element);
+    nodes.resize(extra);
+    for (std::size_t k = 0; k < extra; ++k) nodes[k] = unsigned(mesh_nodes + k);
+  }
+};
+
+constexpr unsigned box_cells = 55;  // 6 x 55^3 = 998250 TH4
+
+// 10^6 points (argument: 1 for random order); the octree is built in every call.
+void interpolate_field(benchmark::State& state) {
+  located_mesh m(box_cells, 99, state.range(0) != 0);
+  const std::size_t points = m.nodes.size();
+  zel::dense2D<double> field(3, m.coords.cols(), 0.0);
+  for (std::size_t n = 0; n < m.mesh_nodes; ++n)
+    for (int c = 0; c < 3; ++c) field(c, n) = m.coords(c, n) * (c + 1);
+  for (auto _ : state) {
+    const int status = zel::tessel3d::interpolate(m.coords, m.mesh.connect, m.neighbors, m.node_element, field, m.nodes);
+    benchmark::DoNotOptimize(status);
+  }
+  state.counters["points/s"] = benchmark::Counter(double(points), benchmark::Counter::kIsIterationInvariantRate);
+}
+BENCHMARK(interpolate_field)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+
+// The exported search validates the whole mesh (node IDs and adjacency) on every call,
+// so its rate per point is that of two scans of a million columns.
+void element_containing_point(benchmark::State& state) {
+  located_mesh m(box_cells, 9, false);
+  const std::size_t points = m.nodes.size();
+  const zel::tessel::node_detector detector(m.mesh.coords);  // the mesh nodes only
+  for (auto _ : state) {
+    for (std::size_t k = 0; k < points; ++k) {
+      const unsigned n = m.nodes[k];
+      const zel::vector_fixed<double, 3> p(m.coords(0, n), m.coords(1, n), m.coords(2, n));
+      unsigned element;
+      benchmark::DoNotOptimize(zel::tessel3d::get_element_containing_point(
+          m.coords, m.mesh.connect, m.neighbors, m.node_element, detector, zel::TH4, p, element, 1e-9));
+    }
+  }
+  state.counters["points/s"] = benchmark::Counter(double(points), benchmark::Counter::kIsIterationInvariantRate);
+}
+BENCHMARK(element_containing_point)->Unit(benchmark::kMillisecond);
+
+// The search itself, as the exported function runs it after its checks.
+void locate_point_with_detector(benchmark::State& state) {
+  located_mesh m(box_cells, 99, state.range(0) != 0);
+  const std::size_t points = m.nodes.size();
+  const zel::tessel::node_detector detector(m.mesh.coords);
+  elfes::locate_scratch scratch;
+  for (auto _ : state) {
+    for (std::size_t k = 0; k < points; ++k) {
+      const unsigned n = m.nodes[k];
+      const zel::vector_fixed<double, 3> p(m.coords(0, n), m.coords(1, n), m.coords(2, n));
+      unsigned element = ~0U;
+      benchmark::DoNotOptimize(elfes::locate_point(m.coords, m.mesh.connect, m.neighbors, m.node_element, detector,
+                                                   p, element, 1e-9, true, scratch));
+    }
+  }
+  state.counters["points/s"] = benchmark::Counter(double(points), benchmark::Counter::kIsIterationInvariantRate);
+}
+BENCHMARK(locate_point_with_detector)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+
+// About 10^5 points (46^3).
+void interpolate_anisotropic_metrics(benchmark::State& state) {
+  located_mesh m(box_cells, 45, state.range(0) != 0);
+  const std::size_t points = m.nodes.size();
+  zel::dense2D<double> metrics(6, m.coords.cols(), 0.0);
+  random_stream random(3);
+  for (std::size_t n = 0; n < m.mesh_nodes; ++n) {
+    // A random positive-definite tensor: diagonal sizes, made anisotropic by off-diagonal terms.
+    const double a = random.uniform(1, 100), b = random.uniform(1, 100), c = random.uniform(1, 100);
+    const double ab = 0.5 * std::sqrt(a * b) * random.uniform(-1, 1), ac = 0.3 * std::sqrt(a * c) * random.uniform(-1, 1);
+    const double values[6] = {a, ab, b, ac, 0.0, c};
+    for (int k = 0; k < 6; ++k) metrics(k, n) = values[k];
+  }
+  for (auto _ : state) {
+    const int status = zel::tessel3d::interpolate_metrics(m.coords, m.mesh.connect, m.neighbors, m.node_element,
+                                                          metrics, m.nodes, false);
+    benchmark::DoNotOptimize(status);
+  }
+  state.counters["points/s"] = benchmark::Counter(double(points), benchmark::Counter::kIsIterationInvariantRate);
+}
+BENCHMARK(interpolate_anisotropic_metrics)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();

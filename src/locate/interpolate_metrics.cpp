@@ -1,0 +1,115 @@
+// interpolate_metrics: anisotropic metrics (symmetric positive-definite tensors, six
+// packed values per node) or isotropic sizes at the nodes that lie in no element of a
+// TH4 mesh, combined from the four nodes of the element that holds each of them so
+// that every result stays a valid metric; nodes outside the mesh copy their nearest
+// mesh node.
+#include "locate/metric_mix.h"
+#include "locate/node_placement.h"
+#include "zel/tessel3d.h"
+
+namespace zel {
+namespace tessel3d {
+namespace {
+
+// The two kinds of metric storage behind one loop.
+struct tensor_metrics {
+  dense2D<double> values;  // 6 x #nodes, shares the caller's storage
+  double* at(unsigned n) { return values.data() + n * values.ld(); }
+  bool is_valid(unsigned n) { return elfes::metric_is_valid(at(n)); }
+  void copy(unsigned from, unsigned to) {
+    const double* source = at(from);
+    double* target = at(to);
+    for (unsigned k = 0; k < 6; ++k) target[k] = source[k];
+  }
+  void combine(const unsigned* column, const double* lambda, unsigned to) {
+    elfes::metric6 m[4], result;
+    for (unsigned i = 0; i < 4; ++i)
+      for (unsigned k = 0; k < 6; ++k) m[i][k] = at(column[i])[k];
+    if (!elfes::combine_metrics(m, lambda, result)) return;
+    double* target = at(to);
+    for (unsigned k = 0; k < 6; ++k) target[k] = result[k];
+  }
+};
+
+struct size_metrics {
+  double* values;
+  bool is_valid(unsigned n) const { return elfes::in_open_range(values[n]); }
+  void copy(unsigned from, unsigned to) { values[to] = values[from]; }
+  void combine(const unsigned* column, const double* lambda, unsigned to) {
+    const double sizes[4] = {values[column[0]], values[column[1]], values[column[2]], values[column[3]]};
+    double h;
+    if (elfes::combine_sizes(sizes, lambda, h)) values[to] = h;
+  }
+};
+
+template <class Metrics>
+int interpolate_each(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
+                     const dense2D<unsigned>& neighbors, const dense1D<unsigned, 8>& node_element, Metrics& metrics,
+                     const dense1D<unsigned, 8>& nodes, bool keep_valid) {
+  elfes::node_placement placement(coords, connectivity, neighbors, node_element);
+  if (placement.build() != 0) return -199;
+  for (std::size_t k = 0; k < nodes.size(); ++k) {
+    const unsigned n = nodes[k];
+    if (node_element[n] != ~0U) continue;
+    if (keep_valid && metrics.is_valid(n)) continue;
+    unsigned where;
+    double lambda[4];
+    const int r = placement.place(n, where, lambda);
+    if (r < 0) return r;
+    if (r == 1)
+      metrics.combine(connectivity.data() + where * connectivity.ld(), lambda, n);
+    else if (where != ~0U)
+      metrics.copy(where, n);
+  }
+  return 0;
+}
+
+// The list 0 ... #nodes - 1 for the overloads without one; false when out of memory.
+bool every_node(const dense2D<double>& coords, dense1D<unsigned, 8>& nodes) {
+  if (!nodes.resize(coords.cols())) return false;
+  for (std::size_t n = 0; n < nodes.size(); ++n) nodes[n] = static_cast<unsigned>(n);
+  return true;
+}
+
+}  // namespace
+
+int interpolate_metrics(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
+                        const dense2D<unsigned>& neighbors, const dense1D<unsigned, 8>& node_element,
+                        dense2D<double>& metrics, const dense1D<unsigned, 8>& nodes, bool keep_valid) {
+  if (nodes.empty()) return 0;
+  if (const int status = elfes::check_placement_mesh(coords, connectivity, neighbors, node_element)) return status;
+  if (metrics.cols() != coords.cols() || metrics.rows() != 6) return -5;
+  if (!tessel::check_IDs(nodes, static_cast<unsigned>(coords.cols()))) return -6;
+  tensor_metrics tensors{metrics};
+  return interpolate_each(coords, connectivity, neighbors, node_element, tensors, nodes, keep_valid);
+}
+
+int interpolate_metrics(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
+                        const dense2D<unsigned>& neighbors, const dense1D<unsigned, 8>& node_element,
+                        dense2D<double>& metrics, bool keep_valid) {
+  dense1D<unsigned, 8> nodes;
+  if (!every_node(coords, nodes)) return -199;
+  return interpolate_metrics(coords, connectivity, neighbors, node_element, metrics, nodes, keep_valid);
+}
+
+int interpolate_metrics(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
+                        const dense2D<unsigned>& neighbors, const dense1D<unsigned, 8>& node_element,
+                        dense1D<double, 8>& metrics, const dense1D<unsigned, 8>& nodes, bool keep_valid) {
+  if (nodes.empty()) return 0;
+  if (const int status = elfes::check_placement_mesh(coords, connectivity, neighbors, node_element)) return status;
+  if (metrics.size() != coords.cols()) return -5;
+  if (!tessel::check_IDs(nodes, static_cast<unsigned>(coords.cols()))) return -6;
+  size_metrics sizes{metrics.data()};
+  return interpolate_each(coords, connectivity, neighbors, node_element, sizes, nodes, keep_valid);
+}
+
+int interpolate_metrics(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
+                        const dense2D<unsigned>& neighbors, const dense1D<unsigned, 8>& node_element,
+                        dense1D<double, 8>& metrics, bool keep_valid) {
+  dense1D<unsigned, 8> nodes;
+  if (!every_node(coords, nodes)) return -199;
+  return interpolate_metrics(coords, connectivity, neighbors, node_element, metrics, nodes, keep_valid);
+}
+
+}  // namespace tessel3d
+}  // namespace zel

@@ -1,0 +1,63 @@
+// The whole point search in a TH4 mesh: a seed from a near node, one visibility walk,
+// and, when that walk leaves the mesh, one walk from each element around the node
+// closest to the point. Generic over the node search, which must offer
+//   unsigned find_close(const zel::vector_fixed<double, 3>&) const    (may give ~0U)
+//   unsigned find_closest(const zel::vector_fixed<double, 3>&) const  (exact, ~0U if empty)
+// (zel::tessel::node_detector for the exported search, the library's own octree for
+// the interpolations).
+#pragma once
+
+#include "locate/elements_around_node.h"
+#include "locate/visibility_walk.h"
+#include "zel/matrix.h"
+
+namespace elfes {
+
+/// Scratch space of the second chance, kept by callers that locate many points.
+struct locate_scratch {
+  zel::dense1D<unsigned, 8> around;
+  element_set visited;
+};
+
+/// Locates p in a TH4 mesh. `element` is the seed on entry (~0U: none, a seed is taken
+/// from node_element[find_close(p)]) and the containing element on a return of 1 (~0U
+/// otherwise). With `second_chance`, a first walk that leaves the mesh (or reaches the
+/// step limit) is followed by walks from each element around find_closest(p), in the
+/// order of elements_around_node, until one finds p.
+/// @return 1 found | 0 not found | -1 a walk met an invalid element | -2 a walk ended
+///         exactly at its step limit (not retried) | -199 memory (second chance)
+template <class NodeSearch>
+int locate_point(const zel::dense2D<double>& coords, const zel::dense2D<unsigned>& connectivity,
+                 const zel::dense2D<unsigned>& neighbors, const zel::dense1D<unsigned, 8>& node_element,
+                 const NodeSearch& search, const zel::vector_fixed<double, 3>& point, unsigned& element,
+                 double tolerance, bool second_chance, locate_scratch& scratch) {
+  const double* p = point.data();
+  const std::size_t nb_elements = connectivity.cols();
+  if (element == ~0U) {
+    const unsigned n = search.find_close(point);
+    // Entries that are no element (~0U, or out of range in a caller's bad input) give no seed.
+    if (n >= node_element.size() || node_element[n] >= nb_elements) return 0;
+    element = node_element[n];
+  }
+  std::size_t steps = 0;
+  int r = visibility_walk(coords, connectivity, neighbors, p, element, tolerance, steps);
+  if (r != 0) {
+    if (r != 1) element = ~0U;
+    return r;
+  }
+  element = ~0U;
+  if (!second_chance) return 0;
+
+  const unsigned n = search.find_closest(point);
+  if (n >= node_element.size() || node_element[n] >= nb_elements) return 0;
+  if (elements_around_node(n, node_element[n], connectivity, neighbors, scratch.around, scratch.visited) < 0)
+    return -199;
+  for (std::size_t k = 0; k < scratch.around.size() && r == 0; ++k) {
+    element = scratch.around[k];
+    r = visibility_walk(coords, connectivity, neighbors, p, element, tolerance, steps);
+  }
+  if (r != 1) element = ~0U;
+  return r;
+}
+
+}  // namespace elfes

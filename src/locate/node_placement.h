@@ -1,0 +1,89 @@
+// What the interpolations share: the checks of the mesh arguments, and the placement
+// of one node in a TH4 mesh (the point search with the library's octree, then the
+// barycentric weights of the node in its element, or the nearest mesh node when the
+// search fails).
+#pragma once
+
+#include "locate/locate_point.h"
+#include "locate/node_octree.h"
+#include "locate/solve3.h"
+#include "zel/matrix.h"
+
+namespace elfes {
+
+/// Checks of coords, connectivity, neighbors and node_element, in this order.
+/// @return 0 | -1 coords not 3 rows | -2 connectivity not 4 rows | -3 neighbors not 4
+///         rows or not one column per element | -4 node_element not one entry per node
+inline int check_placement_mesh(const zel::dense2D<double>& coords, const zel::dense2D<unsigned>& connectivity,
+                                const zel::dense2D<unsigned>& neighbors,
+                                const zel::dense1D<unsigned, 8>& node_element) {
+  if (coords.rows() != 3) return -1;
+  if (connectivity.rows() != 4) return -2;
+  if (neighbors.rows() != 4 || neighbors.cols() != connectivity.cols()) return -3;
+  if (node_element.size() != coords.cols()) return -4;
+  return 0;
+}
+
+/// Barycentric weights of p in a TH4 with node coordinates node[0..3]: the system with
+/// columns P0 - P3, P1 - P3, P2 - P3 and right-hand side p - P3, refined twice;
+/// lambda[3] = 1 - lambda[0] - lambda[1] - lambda[2].
+inline void th4_weights(const double* const node[4], const double* p, double* lambda) {
+  double a[9], b[3];
+  for (unsigned d = 0; d < 3; ++d) {
+    a[d] = node[0][d] - node[3][d];
+    a[d + 3] = node[1][d] - node[3][d];
+    a[d + 6] = node[2][d] - node[3][d];
+    b[d] = p[d] - node[3][d];
+  }
+  solve3(a, b, lambda, 2);
+  lambda[3] = 1 - lambda[0] - lambda[1] - lambda[2];
+}
+
+/// Places nodes of a TH4 mesh by the point search with second chance and tolerance 1e-6.
+class node_placement {
+ public:
+  static constexpr double tolerance = 1e-6;
+
+  node_placement(const zel::dense2D<double>& coords, const zel::dense2D<unsigned>& connectivity,
+                 const zel::dense2D<unsigned>& neighbors, const zel::dense1D<unsigned, 8>& node_element)
+      : coords_(coords), connectivity_(connectivity), neighbors_(neighbors), node_element_(node_element) {}
+
+  /// Builds the octree of the mesh's nodes. @return 0 | -199
+  int build() { return tree_.build(coords_, connectivity_); }
+
+  /// Places node n. 1: located, `where` is its element (a column of connectivity) and
+  /// lambda its four weights. 0: not located (outside, or a walk met an invalid
+  /// element), `where` is the nearest mesh node or ~0U when the mesh has none.
+  /// -199: memory.
+  int place(unsigned n, unsigned& where, double* lambda) {
+    const double* p = coords_.data() + n * coords_.ld();
+    const zel::vector_fixed<double, 3> point(p[0], p[1], p[2]);
+    where = ~0U;
+    const int r = locate_point(coords_, connectivity_, neighbors_, node_element_, tree_, point, where, tolerance,
+                               true, scratch_);
+    if (r == -199) return -199;
+    if (r != 1) {
+      where = tree_.find_closest(point);
+      return 0;
+    }
+    const unsigned* column = connectivity_.data() + where * connectivity_.ld();
+    const double* xyz = coords_.data();
+    const std::size_t ld = coords_.ld();
+    const double* const node[4] = {xyz + column[0] * ld, xyz + column[1] * ld, xyz + column[2] * ld,
+                                   xyz + column[3] * ld};
+    th4_weights(node, p, lambda);
+    return 1;
+  }
+
+  const node_octree& tree() const { return tree_; }
+
+ private:
+  const zel::dense2D<double>& coords_;
+  const zel::dense2D<unsigned>& connectivity_;
+  const zel::dense2D<unsigned>& neighbors_;
+  const zel::dense1D<unsigned, 8>& node_element_;
+  node_octree tree_;
+  locate_scratch scratch_;
+};
+
+}  // namespace elfes

@@ -1,0 +1,326 @@
+// duplicate_surface_nodes: opens a solid mesh along an internal surface by giving the
+// surface nodes a copy on one side or on both.
+//
+// Every lookup (elements around a node, seeds, floods, local indices) reads the
+// connectivity as given; replacements go to a working copy that becomes the
+// connectivity only when every side succeeded, so a failure anywhere leaves the mesh
+// as it was (coords is shrunk back to its column count on entry).
+#include <cstddef>
+
+#include "common/element_tables.h"
+#include "locate/elements_around_node.h"
+#include "order/hash_tables.h"
+#include "zel/tessel3d.h"
+
+namespace zel {
+namespace tessel3d {
+namespace {
+
+using elfes::absent;
+using elfes::element_set;
+using elfes::solid_descriptor;
+using elfes::solid_table;
+
+// What differs between the three mesh types: the surface face key and the kind of a
+// column (read into 8 entries, absent rows padded with ~0U).
+struct th4_mesh {
+  using key_type = elfes::faceT3;
+  static constexpr std::size_t rows = 4, surface_rows = 3;
+  static key_type key(const unsigned* q, unsigned) { return {{q[0], q[1], q[2]}}; }
+  static const solid_descriptor& solid(const unsigned*) { return solid_table[elfes::kind_TH4]; }
+};
+
+struct h8_mesh {
+  using key_type = elfes::faceQ4;
+  static constexpr std::size_t rows = 8, surface_rows = 4;
+  static key_type key(const unsigned* q, unsigned) { return {{q[0], q[1], q[2], q[3]}}; }
+  static const solid_descriptor& solid(const unsigned*) { return solid_table[elfes::kind_H8]; }
+};
+
+struct mixed8_mesh {
+  using key_type = elfes::face_mix;
+  static key_type key(const unsigned* q, unsigned size) { return {{q[0], q[1], q[2], size == 4 ? q[3] : absent}}; }
+  static const solid_descriptor& solid(const unsigned* column) { return solid_table[elfes::mixed8_kind(column)]; }
+};
+
+// Copies the `rows` entries of a column into out[8], padding with ~0U: a mixed
+// connectivity may have fewer than 8 rows, the missing ones being absent.
+inline void read_column(const unsigned* column, std::size_t rows, unsigned* out) {
+  std::size_t i = 0;
+  for (; i < rows; ++i) out[i] = column[i];
+  for (; i < 8; ++i) out[i] = absent;
+}
+
+inline bool holds(const unsigned* column, std::size_t rows, unsigned n) {
+  for (std::size_t i = 0; i < rows; ++i)
+    if (column[i] == n) return true;
+  return false;
+}
+
+// Faces of a column that contain n, for elements_around_node. TH4 columns use the rule
+// of the point location (face j contains n when node j is not n); the other kinds list
+// their face nodes. Reads only the connectivity's own rows.
+template <class Mesh>
+struct faces_with_node {
+  std::size_t rows;
+  unsigned operator()(const unsigned* column, unsigned n) const {
+    unsigned nodes[8];
+    read_column(column, rows, nodes);
+    return elfes::solid_faces_with_node(Mesh::solid(nodes), nodes, n);
+  }
+};
+template <>
+struct faces_with_node<th4_mesh> {
+  std::size_t rows;
+  unsigned operator()(const unsigned* column, unsigned n) const { return elfes::th4_faces_with_node()(column, n); }
+};
+
+template <class Mesh>
+typename Mesh::key_type element_face_key(const solid_descriptor& solid, const unsigned* nodes, unsigned f) {
+  unsigned q[4] = {absent, absent, absent, absent};
+  const unsigned size = solid.face_size[f];
+  for (unsigned k = 0; k < size; ++k) q[k] = nodes[solid.faces[f][k]];
+  return Mesh::key(q, size);
+}
+
+// Status of one side: keep going, the side failed (bad node_element entry), or memory.
+enum side_status { side_ok = 0, side_failed = 1, side_no_memory = -199 };
+
+template <class Mesh>
+class surface_opener {
+ public:
+  using key_type = typename Mesh::key_type;
+  using face_set = elfes::hash_table<key_type>;
+
+  surface_opener(dense2D<double>& coords, dense2D<unsigned>& connectivity, const dense2D<unsigned>& neighbors,
+                 const dense1D<unsigned, 8>& node_element, const dense2D<unsigned>& surface)
+      : coords_(coords), conn_(connectivity), nbrs_(neighbors), node_element_(node_element), surface_(surface) {}
+
+  int run(const dense1D<unsigned, 8>& excluded, bool positive_side, bool negative_side) {
+    const std::size_t entry_cols = coords_.cols();
+    const int status = open(excluded, positive_side, negative_side);
+    if (status != 0) {
+      coords_.resize(3, entry_cols);  // shrinking in place: cannot fail
+      return status == side_failed ? 0 : -199;
+    }
+    return static_cast<int>(coords_.cols() - entry_cols);
+  }
+
+ private:
+  // Nodes of surface column j into q[4] (~0U padded) and their count (3 or 4).
+  unsigned surface_face(std::size_t j, unsigned* q) const {
+    const unsigned* column = surface_.data() + j * surface_.ld();
+    const std::size_t rows = surface_.rows();
+    for (unsigned i = 0; i < 4; ++i) q[i] = i < rows ? column[i] : absent;
+    return q[3] == absent ? 3 : 4;
+  }
+
+  int open(const dense1D<unsigned, 8>& excluded, bool positive_side, bool negative_side) {
+    const std::size_t nb_faces = surface_.cols();
+    const unsigned nb_nodes = static_cast<unsigned>(coords_.cols());
+
+    if (!faces_.reset(23, 23, 1.0) || !faces_.rehash(nb_faces)) return side_no_memory;
+    for (std::size_t j = 0; j < nb_faces; ++j) {
+      unsigned q[4];
+      const unsigned size = surface_face(j, q);
+      const key_type key = Mesh::key(q, size);
+      if (faces_.insert_growing(elfes::hash_key(key), key) == face_set::npos) return side_no_memory;
+    }
+
+    // The node sets of the two sides as two bits per node. A flag array costs one byte
+    // per node of the mesh, far less than the working copy of the connectivity made
+    // below, and tests and removals are plain indexing.
+    const unsigned char sides = static_cast<unsigned char>((positive_side ? 1 : 0) | (negative_side ? 2 : 0));
+    if (!pending_.resize(nb_nodes, 0)) return side_no_memory;
+    std::size_t nb_surface_nodes = 0;
+    for (std::size_t j = 0; j < nb_faces; ++j) {
+      unsigned q[4];
+      const unsigned size = surface_face(j, q);
+      for (unsigned k = 0; k < size; ++k)
+        if (q[k] != absent && pending_[q[k]] == 0) {
+          pending_[q[k]] = sides;
+          ++nb_surface_nodes;
+        }
+    }
+    for (std::size_t i = 0; i < excluded.size(); ++i) {
+      const unsigned n = excluded[i];
+      if (n < nb_nodes && pending_[n] != 0) {
+        pending_[n] = 0;
+        --nb_surface_nodes;
+      }
+    }
+
+    const std::size_t nb_new = nb_surface_nodes * ((positive_side ? 1 : 0) + (negative_side ? 1 : 0));
+    if (nb_new > 0 && !coords_.reserve(3, coords_.cols() + nb_new, 1)) return side_no_memory;
+    if (!work_.copy(conn_)) return side_no_memory;
+
+    if (positive_side) {
+      const int status = open_side(1, false);
+      if (status != side_ok) return status;
+    }
+    if (negative_side) {
+      const int status = open_side(2, true);
+      if (status != side_ok) return status;
+    }
+    conn_.swap(work_);
+    return side_ok;
+  }
+
+  int open_side(unsigned char bit, bool reversed) {
+    for (std::size_t j = 0; j < surface_.cols(); ++j) {
+      unsigned q[4];
+      const unsigned size = surface_face(j, q);
+      if (reversed)
+        for (unsigned k = 0; k < size / 2; ++k) {
+          const unsigned t = q[k];
+          q[k] = q[size - 1 - k];
+          q[size - 1 - k] = t;
+        }
+      const key_type oriented = Mesh::key(q, size);
+      for (unsigned k = 0; k < size; ++k) {
+        const unsigned n = q[k];
+        if (n == absent || !(pending_[n] & bit)) continue;
+        pending_[n] = static_cast<unsigned char>(pending_[n] & ~bit);
+        const int status = open_node(n, oriented);
+        if (status != side_ok) return status;
+      }
+    }
+    return side_ok;
+  }
+
+  const unsigned* column(unsigned e) const { return conn_.data() + e * conn_.ld(); }
+
+  int open_node(unsigned n, const key_type& oriented) {
+    const std::size_t nb_elements = conn_.cols(), rows = conn_.rows();
+    if (n >= node_element_.size()) return side_failed;
+    const unsigned e = node_element_[n];
+    if (e >= nb_elements || !holds(column(e), rows, n)) return side_failed;
+
+    const int around = elfes::elements_around_node(n, e, conn_, nbrs_, faces_with_node<Mesh>{rows}, around_,
+                                                   visited_);
+    if (around < 0) return side_no_memory;
+    const unsigned seed = find_seed(oriented);
+
+    // The copy of n: room was reserved, so this resize stays in place.
+    const std::size_t copy = coords_.cols();
+    if (!coords_.resize(3, copy + 1, 0.0)) return side_no_memory;
+    double* xyz = coords_.data();
+    for (unsigned i = 0; i < 3; ++i) xyz[copy * coords_.ld() + i] = xyz[n * coords_.ld() + i];
+
+    if (seed == absent) return side_ok;
+    return flood(n, seed, static_cast<unsigned>(copy));
+  }
+
+  // First element around n with a face equal to the oriented surface face, same
+  // orientation; ~0U when there is none.
+  unsigned find_seed(const key_type& oriented) const {
+    for (std::size_t i = 0; i < around_.size(); ++i) {
+      unsigned nodes[8];
+      read_column(column(around_[i]), conn_.rows(), nodes);
+      const solid_descriptor& solid = Mesh::solid(nodes);
+      for (unsigned f = 0; f < solid.nb_faces; ++f)
+        if (elfes::compare_keys(element_face_key<Mesh>(solid, nodes, f), oriented) == 1) return around_[i];
+    }
+    return absent;
+  }
+
+  // Spreads from the seed to the elements holding n that are reached without crossing
+  // the surface or the boundary, and gives them the copy. An element is marked visited
+  // when first met, even when it is then passed over, and is not reconsidered.
+  int flood(unsigned n, unsigned seed, unsigned copy) {
+    const std::size_t rows = conn_.rows();
+    // Every element met holds n or is a neighbour of one that does.
+    const std::size_t expected = 2 + 6 * around_.size();
+    if (!visited_.reset(expected, expected, 1.0)) return side_no_memory;
+    if (visited_.insert_growing(elfes::hash_key(absent), absent) == element_set::npos ||
+        visited_.insert_growing(elfes::hash_key(seed), seed) == element_set::npos)
+      return side_no_memory;
+    stack_.clear();
+    if (!stack_.push_back(seed)) return side_no_memory;
+
+    const unsigned* nbrs = nbrs_.data();
+    const std::size_t ld_nbrs = nbrs_.ld();
+    while (!stack_.empty()) {
+      const unsigned e = stack_[stack_.size() - 1];
+      stack_.resize(stack_.size() - 1);
+      const unsigned* in = column(e);
+      unsigned* out = work_.data() + e * work_.ld();
+      for (std::size_t r = 0; r < rows; ++r)
+        if (in[r] == n) out[r] = copy;
+
+      unsigned nodes[8];
+      read_column(in, rows, nodes);
+      const solid_descriptor& solid = Mesh::solid(nodes);
+      for (unsigned f = 0; f < solid.nb_faces; ++f) {
+        const unsigned next = nbrs[e * ld_nbrs + f];
+        bool added = false;
+        if (visited_.insert_growing(elfes::hash_key(next), next, &added) == element_set::npos) return side_no_memory;
+        if (!added || !holds(column(next), rows, n)) continue;
+        const key_type face = element_face_key<Mesh>(solid, nodes, f);
+        if (faces_.find(elfes::hash_key(face), face) != faces_.end()) continue;
+        if (!stack_.push_back(next)) return side_no_memory;
+      }
+    }
+    return side_ok;
+  }
+
+  dense2D<double>& coords_;
+  dense2D<unsigned>& conn_;  // read only, until the working copy replaces it
+  const dense2D<unsigned>& nbrs_;
+  const dense1D<unsigned, 8>& node_element_;
+  const dense2D<unsigned>& surface_;
+
+  face_set faces_;                     // surface faces, a face and its reverse one key
+  dense1D<unsigned char, 8> pending_;  // per node: bit 1 positive side, bit 2 negative
+  dense2D<unsigned> work_;             // the connectivity being rewritten
+  element_set visited_;
+  dense1D<unsigned, 8> around_, stack_;
+};
+
+template <class Mesh>
+int open_surface(dense2D<double>& coords, dense2D<unsigned>& connectivity, const dense2D<unsigned>& neighbors,
+                 const dense1D<unsigned, 8>& node_element, const dense2D<unsigned>& surface,
+                 const dense1D<unsigned, 8>& excluded, bool positive_side, bool negative_side) {
+  surface_opener<Mesh> opener(coords, connectivity, neighbors, node_element, surface);
+  return opener.run(excluded, positive_side, negative_side);
+}
+
+}  // namespace
+
+int duplicate_surface_nodes(dense2D<double>& coords, dense2D<unsigned>& connectivity,
+                            const dense2D<unsigned>& neighbors, const dense1D<unsigned, 8>& node_element,
+                            const dense2D<unsigned>& surface, const dense1D<unsigned, 8>& excluded, bool positive_side,
+                            bool negative_side, element_type type) {
+  if (connectivity.empty() || surface.empty() || (!positive_side && !negative_side)) return 0;
+  if (coords.rows() != 3) return -1;
+  const unsigned nb_nodes = static_cast<unsigned>(coords.cols());
+  if (!tessel::check_IDs(connectivity, type, nb_nodes)) return -2;
+  if ((type == TH4 && connectivity.rows() != th4_mesh::rows) || (type == H8 && connectivity.rows() != h8_mesh::rows))
+    return -2;
+  if (neighbors.cols() != connectivity.cols()) return -3;
+  const unsigned faces = elfes::is_element_type(type) ? elfes::neighbor_rows[type] : 0;
+  if (neighbors.rows() != faces || !tessel::check_IDs(neighbors, static_cast<unsigned>(connectivity.cols())))
+    return -3;
+  const std::size_t nb_entries = node_element.size();
+  if (!tessel::check_IDs(connectivity, nb_entries < ~0U ? static_cast<unsigned>(nb_entries) : ~0U)) return -4;
+
+  switch (type) {
+    case TH4:
+      if (surface.rows() != th4_mesh::surface_rows || !tessel::check_IDs(surface, T3, nb_nodes)) return -5;
+      return open_surface<th4_mesh>(coords, connectivity, neighbors, node_element, surface, excluded, positive_side,
+                                    negative_side);
+    case H8:
+      if (surface.rows() != h8_mesh::surface_rows || !tessel::check_IDs(surface, Q4, nb_nodes)) return -5;
+      return open_surface<h8_mesh>(coords, connectivity, neighbors, node_element, surface, excluded, positive_side,
+                                   negative_side);
+    case SOLID_MIX8:
+      if (!tessel::check_IDs(surface, FACE_MIX4, nb_nodes)) return -5;
+      return open_surface<mixed8_mesh>(coords, connectivity, neighbors, node_element, surface, excluded,
+                                       positive_side, negative_side);
+    default:
+      return -9;
+  }
+}
+
+}  // namespace tessel3d
+}  // namespace zel
