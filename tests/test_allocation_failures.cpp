@@ -53,7 +53,7 @@ TEST_P(allocation_failures, each_one_is_reported_and_leaves_the_outputs_as_docum
       reached = guard.failed();
       if (reached) {
         SCOPED_TRACE("allocation " + std::to_string(n) + " of the call failed");
-        row.after_failure({status, n, s, entry, reference});
+        row.after_failure({status, reference_status, n, s, entry, reference});
         ++failures;
       } else {
         EXPECT_EQ(status, reference_status);

@@ -174,11 +174,11 @@ inline scene hexahedra_with_caller_nodes() {
 
 // ---- the table ---------------------------------------------------------------------------------
 
-/// What a failing call is checked against: its status, the allocation of the call that
-/// failed (1 = its first), the scene after it, the scene on entry and the scene after a
-/// successful call.
+/// What a failing call is checked against: its status and that of a call without failure,
+/// the allocation of the call that failed (1 = its first), the scene after it, the scene
+/// on entry and the scene after a call without failure.
 struct failure {
-  int status;
+  int status, reference_status;
   long n;
   const scene& after;
   const scene& entry;
@@ -201,11 +201,14 @@ inline void unchanged(const failure& f) {
   expect_same(f.after, f.entry, "after -199");
 }
 
-// The extrusions size their surface node map with a reservation whose failure they absorb
-// (the map then grows on demand): either -199 with every output rolled back, or the full
-// result.
-inline void rolled_back_or_complete(const failure& f) {
-  if (f.status == 0) return expect_same(f.after, f.reference, "after an absorbed failure");
+// Some calls size an internal table with a reservation whose failure they absorb (the
+// table then starts small and grows on demand): the extrusions' surface node map, the
+// duplication's face set. Either -199 with every output as on entry, or the full result.
+inline void unchanged_or_complete(const failure& f) {
+  if (f.status >= 0) {
+    EXPECT_EQ(f.status, f.reference_status);
+    return expect_same(f.after, f.reference, "after an absorbed failure");
+  }
   unchanged(f);
 }
 
@@ -335,6 +338,98 @@ inline scene neighbors_input() {
   return s;
 }
 
+
+// A TH4 box with its adjacency and node search, and extra nodes in no element (inside,
+// on a mesh node, outside) appended to coords; `ids` lists them, with one mesh node.
+// reals_out holds a 2-component field (or 6-value metrics), values a scalar one (or
+// sizes): given at the mesh nodes, 7 at the extra nodes.
+inline scene free_nodes(bool metrics) {
+  scene s = tetrahedra();
+  const std::size_t mesh_nodes = s.coords.cols();
+  zel::tessel::get_neighbors(s.connect, zel::TH4, s.neighbors);
+  const double extra[5][3] = {{0.3, 0.4, 0.5}, {0.75, 0.2, 0.9}, {1.5, 0.5, 0.5}, {0.5, 0.5, 0}, {-0.2, -0.3, 2}};
+  s.coords.resize(3, mesh_nodes + 5);
+  for (unsigned k = 0; k < 5; ++k)
+    for (int d = 0; d < 3; ++d) s.coords(d, mesh_nodes + k) = extra[k][d];
+  const unsigned nb_nodes = unsigned(s.coords.cols());
+  zel::tessel::get_node_element(s.connect, nb_nodes, s.node_element);
+  s.detector = zel::tessel::node_detector(s.coords);
+  const unsigned m = unsigned(mesh_nodes);
+  s.ids = {m + 2, m, 3, m + 4, m + 1, m + 3};
+  s.reals_out = dense2D<double>(metrics ? 6 : 2, nb_nodes, 0.0);
+  s.values = dense1D<double, 8>(nb_nodes, 7.0);
+  for (unsigned n = 0; n < nb_nodes; ++n) {
+    const double x = s.coords(0, n), y = s.coords(1, n), z = s.coords(2, n);
+    if (n >= mesh_nodes) {
+      if (!metrics) s.reals_out(0, n) = s.reals_out(1, n) = 7;
+      continue;  // metrics 0: not valid, so keep_valid does not skip them
+    }
+    s.values[n] = 1 + x + 2 * y + z;
+    if (!metrics) {
+      s.reals_out(0, n) = x - 2 * y + 3 * z;
+      s.reals_out(1, n) = x * y;
+    } else {
+      const double m6[6] = {4 + x, 0.5 * y, 3 + z, 0.1, 0.2 * x, 2 + y};
+      for (int k = 0; k < 6; ++k) s.reals_out(k, n) = m6[k];
+    }
+  }
+  return s;
+}
+inline scene field_input() { return free_nodes(false); }
+inline scene metric_input() { return free_nodes(true); }
+
+// A TH4 box with two of its interior faces as the surface to open.
+inline scene tetrahedra_and_surface() {
+  scene s = tetrahedra();
+  zel::tessel::get_neighbors(s.connect, zel::TH4, s.neighbors);
+  zel::tessel::get_node_element(s.connect, unsigned(s.coords.cols()), s.node_element);
+  static const unsigned face_nodes[4][3] = {{1, 2, 3}, {2, 0, 3}, {0, 1, 3}, {2, 1, 0}};
+  std::vector<unsigned> faces;
+  for (std::size_t e = 0; e < s.connect.cols() && faces.size() < 6; e += 5)
+    for (unsigned f = 0; f < 4; ++f)
+      if (s.neighbors(f, e) != ~0U) {
+        for (unsigned k : face_nodes[f]) faces.push_back(s.connect(k, e));
+        break;
+      }
+  s.faces.resize(3, faces.size() / 3);
+  std::copy(faces.begin(), faces.end(), s.faces.data());
+  s.ids = {s.faces(0, 0)};  // excluded
+  return s;
+}
+
+// After -199 the interpolations leave the listed nodes handled before the failure with
+// their results and the others as they were: a prefix of the list (in list order) matches
+// the call without failure, the rest of the scene matches the entry. `listed` false: the
+// forms that treat every node, in order.
+template <bool listed, class SameNode>
+void written_prefix(const failure& f, SameNode same_node) {
+  EXPECT_EQ(f.status, -199);
+  const std::size_t nb_nodes = f.entry.coords.cols();
+  std::vector<bool> in_list(nb_nodes, !listed);
+  const std::size_t count = listed ? f.entry.ids.size() : nb_nodes;
+  bool handled = true;
+  for (std::size_t k = 0; k < count; ++k) {
+    const unsigned n = listed ? f.entry.ids[k] : unsigned(k);
+    in_list[n] = true;
+    if (handled && same_node(f.after, f.reference, n)) continue;
+    handled = false;
+    EXPECT_TRUE(same_node(f.after, f.entry, n)) << "node " << n << " after the failure";
+  }
+  for (unsigned n = 0; n < nb_nodes; ++n) {
+    if (!in_list[n]) {
+      EXPECT_TRUE(same_node(f.after, f.entry, n)) << "unlisted node " << n;
+    }
+  }
+  scene expected = f.entry;
+  expected.reals_out = f.after.reals_out;
+  expected.values = f.after.values;
+  expect_same(f.after, expected, "after -199");
+}
+inline bool same_column(const scene& a, const scene& b, unsigned n) {
+  return std::memcmp(&a.reals_out(0, n), &b.reals_out(0, n), a.reals_out.rows() * sizeof(double)) == 0;
+}
+inline bool same_value(const scene& a, const scene& b, unsigned n) { return same(a.values[n], b.values[n]); }
+
 namespace t3 = zel::tessel3d;
 
 inline const vec3 axis_point(-1, 0, 0), axis_turn(0, -1.5707963267948966, 0), lift(0, 0, 1), climb(0, 0, 2);
@@ -377,58 +472,58 @@ inline const std::vector<family_row>& family_table() {
        [](scene& s) { return t3::split_into_H8(s.coords, s.connect, s.out, s.faces, s.edges); }, unchanged},
 
       {"extrude_translate_count", surface,
-       [](scene& s) { return t3::extrude_translate(s.coords, s.connect, lift, 3, s.E, s.E2, s.Q4, s.Top); }, rolled_back_or_complete},
+       [](scene& s) { return t3::extrude_translate(s.coords, s.connect, lift, 3, s.E, s.E2, s.Q4, s.Top); }, unchanged_or_complete},
       {"extrude_translate_count_short", surface,
-       [](scene& s) { return t3::extrude_translate(s.coords, s.connect, lift, 3, s.E); }, rolled_back_or_complete},
+       [](scene& s) { return t3::extrude_translate(s.coords, s.connect, lift, 3, s.E); }, unchanged_or_complete},
       {"extrude_translate_sizes", surface,
        [](scene& s) { return t3::extrude_translate(s.coords, s.connect, lift, 0.2, 0.5, false, s.E, s.E2, s.Q4, s.Top); },
-       rolled_back_or_complete},
+       unchanged_or_complete},
       {"extrude_translate_sizes_short", surface,
-       [](scene& s) { return t3::extrude_translate(s.coords, s.connect, lift, 0.2, 0.5, true, s.E); }, rolled_back_or_complete},
+       [](scene& s) { return t3::extrude_translate(s.coords, s.connect, lift, 0.2, 0.5, true, s.E); }, unchanged_or_complete},
       {"extrude_rotate_count", surface,
        [](scene& s) { return t3::extrude_rotate(s.coords, s.connect, axis_point, axis_turn, 3, s.E, s.E2, s.Q4, s.Top); },
-       rolled_back_or_complete},
+       unchanged_or_complete},
       {"extrude_rotate_count_short", surface,
-       [](scene& s) { return t3::extrude_rotate(s.coords, s.connect, axis_point, axis_turn, 3, s.E); }, rolled_back_or_complete},
+       [](scene& s) { return t3::extrude_rotate(s.coords, s.connect, axis_point, axis_turn, 3, s.E); }, unchanged_or_complete},
       {"extrude_rotate_sizes", surface,
        [](scene& s) {
          return t3::extrude_rotate(s.coords, s.connect, axis_point, axis_turn, 0.3, 0.6, false, s.E, s.E2, s.Q4, s.Top);
        },
-       rolled_back_or_complete},
+       unchanged_or_complete},
       {"extrude_rotate_sizes_short", surface,
        [](scene& s) { return t3::extrude_rotate(s.coords, s.connect, axis_point, axis_turn, 0.3, 0.6, true, s.E); },
-       rolled_back_or_complete},
+       unchanged_or_complete},
       {"extrude_spiral_count", surface,
        [](scene& s) {
          return t3::extrude_spiral(s.coords, s.connect, axis_point, axis_turn, climb, 3, s.E, s.E2, s.Q4, s.Top);
        },
-       rolled_back_or_complete},
+       unchanged_or_complete},
       {"extrude_spiral_count_short", surface,
-       [](scene& s) { return t3::extrude_spiral(s.coords, s.connect, axis_point, axis_turn, climb, 3, s.E); }, rolled_back_or_complete},
+       [](scene& s) { return t3::extrude_spiral(s.coords, s.connect, axis_point, axis_turn, climb, 3, s.E); }, unchanged_or_complete},
       {"extrude_spiral_sizes", surface,
        [](scene& s) {
          return t3::extrude_spiral(s.coords, s.connect, axis_point, axis_turn, climb, 0.4, 0.8, false, s.E, s.E2, s.Q4,
                                    s.Top);
        },
-       rolled_back_or_complete},
+       unchanged_or_complete},
       {"extrude_spiral_sizes_short", surface,
        [](scene& s) {
          return t3::extrude_spiral(s.coords, s.connect, axis_point, axis_turn, climb, 0.4, 0.8, false, s.E);
        },
-       rolled_back_or_complete},
+       unchanged_or_complete},
       {"extrude_normal_given", surface_with_normals,
-       [](scene& s) { return t3::extrude_normal(s.coords, s.connect, s.reals_in, 3, s.E, s.E2, s.Q4, s.Top); }, rolled_back_or_complete},
+       [](scene& s) { return t3::extrude_normal(s.coords, s.connect, s.reals_in, 3, s.E, s.E2, s.Q4, s.Top); }, unchanged_or_complete},
       {"extrude_normal_given_short", surface_with_normals,
-       [](scene& s) { return t3::extrude_normal(s.coords, s.connect, s.reals_in, 3, s.E); }, rolled_back_or_complete},
+       [](scene& s) { return t3::extrude_normal(s.coords, s.connect, s.reals_in, 3, s.E); }, unchanged_or_complete},
       {"extrude_normal_count", surface,
-       [](scene& s) { return t3::extrude_normal(s.coords, s.connect, 1.0, 3u, s.E, s.E2, s.Q4, s.Top); }, rolled_back_or_complete},
+       [](scene& s) { return t3::extrude_normal(s.coords, s.connect, 1.0, 3u, s.E, s.E2, s.Q4, s.Top); }, unchanged_or_complete},
       {"extrude_normal_count_short", surface,
-       [](scene& s) { return t3::extrude_normal(s.coords, s.connect, 1.0, 3u, s.E); }, rolled_back_or_complete},
+       [](scene& s) { return t3::extrude_normal(s.coords, s.connect, 1.0, 3u, s.E); }, unchanged_or_complete},
       {"extrude_normal_sizes", surface,
        [](scene& s) { return t3::extrude_normal(s.coords, s.connect, 1.0, 0.2, 0.4, false, s.E, s.E2, s.Q4, s.Top); },
-       rolled_back_or_complete},
+       unchanged_or_complete},
       {"extrude_normal_sizes_short", surface,
-       [](scene& s) { return t3::extrude_normal(s.coords, s.connect, 1.0, 0.2, 0.4, true, s.E); }, rolled_back_or_complete},
+       [](scene& s) { return t3::extrude_normal(s.coords, s.connect, 1.0, 0.2, 0.4, true, s.E); }, unchanged_or_complete},
       {"extrude_line_tensors", surface_and_line,
        [](scene& s) { return t3::extrude_line(s.coords, s.connect, s.ids, lift, s.reals_in, s.E, s.E2, s.Q4, s.Top); },
        unmerged_or_unchanged},
@@ -440,6 +535,48 @@ inline const std::vector<family_row>& family_table() {
        unmerged_or_unchanged},
       {"extrude_line_factors_short", surface_and_line,
        [](scene& s) { return t3::extrude_line(s.coords, s.connect, s.ids, lift, s.values, s.E); }, unmerged_or_unchanged},
+
+      {"get_element_containing_point", field_input,
+       [](scene& s) {
+         return t3::get_element_containing_point(s.coords, s.connect, s.neighbors, s.node_element, s.detector, zel::TH4,
+                                                 vec3(1.02, 0.5, 0.4), s.element, 1e-9);
+       },
+       [](const failure& f) {
+         EXPECT_EQ(f.status, -199);
+         scene expected = f.entry;
+         expected.element = ~0U;
+         expect_same(f.after, expected, "after -199");
+       }},
+      {"interpolate_components", field_input,
+       [](scene& s) { return t3::interpolate(s.coords, s.connect, s.neighbors, s.node_element, s.reals_out, s.ids); },
+       [](const failure& f) { written_prefix<true>(f, same_column); }},
+      {"interpolate_scalar", field_input,
+       [](scene& s) { return t3::interpolate(s.coords, s.connect, s.neighbors, s.node_element, s.values, s.ids); },
+       [](const failure& f) { written_prefix<true>(f, same_value); }},
+      {"interpolate_metrics_tensors", metric_input,
+       [](scene& s) {
+         return t3::interpolate_metrics(s.coords, s.connect, s.neighbors, s.node_element, s.reals_out, s.ids, true);
+       },
+       [](const failure& f) { written_prefix<true>(f, same_column); }},
+      {"interpolate_metrics_tensors_every_node", metric_input,
+       [](scene& s) {
+         return t3::interpolate_metrics(s.coords, s.connect, s.neighbors, s.node_element, s.reals_out, false);
+       },
+       [](const failure& f) { written_prefix<false>(f, same_column); }},
+      {"interpolate_metrics_sizes", metric_input,
+       [](scene& s) {
+         return t3::interpolate_metrics(s.coords, s.connect, s.neighbors, s.node_element, s.values, s.ids, false);
+       },
+       [](const failure& f) { written_prefix<true>(f, same_value); }},
+      {"interpolate_metrics_sizes_every_node", metric_input,
+       [](scene& s) { return t3::interpolate_metrics(s.coords, s.connect, s.neighbors, s.node_element, s.values, true); },
+       [](const failure& f) { written_prefix<false>(f, same_value); }},
+      {"duplicate_surface_nodes", tetrahedra_and_surface,
+       [](scene& s) {
+         return t3::duplicate_surface_nodes(s.coords, s.connect, s.neighbors, s.node_element, s.faces, s.ids, true, true,
+                                            zel::TH4);
+       },
+       unchanged_or_complete},
 
       {"get_neighbors", neighbors_input, [](scene& s) { return zel::tessel::get_neighbors(s.connect, zel::TH4, s.out); },
        unchanged},
