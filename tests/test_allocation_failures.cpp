@@ -3,13 +3,17 @@
 // an overflow or an attempt to obtain unbounded memory.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cmath>
 #include <cstdlib>
 #include <limits>
 #include <string>
+#include <utility>
 
 #include "box_mesh.h"
 #include "failing_allocator.h"
 #include "family_table.h"
+#include "zel/tessel.h"
 #include "zel/tessel3d.h"
 
 namespace {
@@ -72,5 +76,191 @@ TEST_P(allocation_failures, each_one_is_reported_and_leaves_the_outputs_as_docum
 
 INSTANTIATE_TEST_SUITE_P(every_family, allocation_failures, ::testing::ValuesIn(tessel3d_test::family_table()),
                          [](const ::testing::TestParamInfo<family_row>& info) { return std::string(info.param.name); });
+
+// ---- hostile sizes ---------------------------------------------------------------------------
+
+// Refuses every request above 64 MiB, as a machine without that memory would, and counts
+// the refusals: a hostile size then ends in the library's -199 path instead of taking the
+// machine's memory, and a test can tell a call that tried to size its outputs (one
+// refusal or more) from one that refused the size before asking (none).
+class capped_allocator {
+ public:
+  capped_allocator() {
+    refused() = 0;
+    previous_ = zel::set_vector_num_allocator(&allocate, &release);
+  }
+  ~capped_allocator() { zel::set_vector_num_allocator(previous_.first, previous_.second); }
+  capped_allocator(const capped_allocator&) = delete;
+  capped_allocator& operator=(const capped_allocator&) = delete;
+  long refusals() const { return refused(); }
+
+ private:
+  static std::atomic<long>& refused() {
+    static std::atomic<long> count{0};
+    return count;
+  }
+  static void* allocate(std::size_t bytes) {
+    if (bytes > (std::size_t(64) << 20)) {
+      ++refused();
+      return nullptr;
+    }
+    return std::malloc(bytes ? bytes : 1);
+  }
+  static void release(void* memory) { std::free(memory); }
+  std::pair<zel::vector_num_alloc_fn, zel::vector_num_free_fn> previous_;
+};
+
+constexpr unsigned max_unsigned = std::numeric_limits<unsigned>::max();
+constexpr double inf = std::numeric_limits<double>::infinity();
+
+// One triangle and one quadrangle, and outputs that already hold a column each.
+scene small_surface() {
+  scene s;
+  s.coords = dense2D<double>(3, 5, {0, 0, 0, 1, 0, 0, 0, 1, 0, 1, 1, 0, 2, 1, 0});
+  s.connect = dense2D<unsigned>(4, 2, {0, 1, 2, ~0U, 1, 3, 4, 2});
+  s.E = dense2D<unsigned>(8, 1, 7u);
+  s.Q4 = dense2D<unsigned>(4, 1, 7u);
+  s.Top = dense2D<unsigned>(4, 1, 7u);
+  s.E2 = dense2D<unsigned>(2, 1, {0, 1});
+  s.reals_in = dense2D<double>(3, 5, 1.0);
+  return s;
+}
+
+// A coordinates view that claims `columns` nodes over memory holding only the first
+// ones: calls must read no more than the columns the connectivities name, and must not
+// number a node past 2^32 - 2 (~0U is the absent marker).
+struct claimed_coords {
+  std::vector<double> memory;
+  dense2D<double> view;
+  claimed_coords(const dense2D<double>& first, std::size_t columns) : memory(3 * first.cols()) {
+    for (std::size_t j = 0; j < first.cols(); ++j)
+      for (int d = 0; d < 3; ++d) memory[3 * j + d] = first(d, j);
+    view = dense2D<double>::wrap(memory.data(), 3, columns, 3);
+  }
+};
+
+using extrusion = int (*)(scene&);
+
+// Each call refuses its size with -199 before it allocates anything big, leaving every
+// output as it was.
+TEST(bounds, layer_counts_that_cannot_be_represented_give_minus_199_before_anything_is_written) {
+  const vec3 up(0, 0, 1), axis(0, 0, 0), spin(0, 1e300, 0), far(0, 0, 1e300), nan3(0, 0, NAN);
+  static vec3 saved[4];
+  saved[0] = up, saved[1] = spin, saved[2] = far, saved[3] = nan3;
+  const extrusion calls[] = {
+      // N * #surface nodes + #nodes >= 2^32
+      [](scene& s) { return t3::extrude_translate(s.coords, s.connect, saved[0], max_unsigned, s.E, s.E2, s.Q4, s.Top); },
+      [](scene& s) { return t3::extrude_normal(s.coords, s.connect, s.reals_in, max_unsigned / 4, s.E, s.E2, s.Q4, s.Top); },
+      [](scene& s) { return t3::extrude_normal(s.coords, s.connect, 1.0, max_unsigned, s.E); },
+      // tiny sizes: L / h >= 2^32
+      [](scene& s) { return t3::extrude_translate(s.coords, s.connect, saved[0], 1e-300, 1e-300, false, s.E); },
+      [](scene& s) { return t3::extrude_translate(s.coords, s.connect, saved[0], 2.3e-10, 2.3e-10, true, s.E); },
+      [](scene& s) { return t3::extrude_rotate(s.coords, s.connect, vec3(-1, 0, 0), saved[1], 0.5, 2.0, false, s.E); },
+      [](scene& s) { return t3::extrude_spiral(s.coords, s.connect, vec3(-1, 0, 0), saved[0], saved[2], 1.0, 1.0, false, s.E); },
+      [](scene& s) { return t3::extrude_normal(s.coords, s.connect, 1e300, 1.0, 2.0, false, s.E, s.E2, s.Q4, s.Top); },
+      // an infinite or undefined length
+      [](scene& s) { return t3::extrude_spiral(s.coords, s.connect, vec3(-1, 0, 0), saved[0], saved[3], 1.0, 1.0, false, s.E); },
+      [](scene& s) { return t3::extrude_rotate(s.coords, s.connect, vec3(inf, 0, 0), saved[0], 1.0, 1.0, false, s.E); },
+  };
+  for (std::size_t k = 0; k < std::size(calls); ++k) {
+    SCOPED_TRACE("call " + std::to_string(k));
+    scene s = small_surface();
+    const scene entry = small_surface();
+    capped_allocator cap;
+    failing_allocator counter;  // counts without failing
+    EXPECT_EQ(calls[k](s), -199);
+    EXPECT_EQ(cap.refusals(), 0);
+    EXPECT_LT(counter.peak_bytes(), 1 << 16);
+    tessel3d_test::expect_same(s, entry, "after the refused size");
+  }
+}
+
+TEST(bounds, extrusion_node_ids_stop_below_the_absent_marker) {
+  const scene surface = small_surface();  // 5 surface nodes
+  for (const std::size_t room : {5u, 4u}) {  // 5 more IDs fit below ~0U, 4 do not
+    SCOPED_TRACE("room for " + std::to_string(room) + " more nodes");
+    claimed_coords coords(surface.coords, std::size_t(max_unsigned) - room);
+    scene s = small_surface(), entry = small_surface();
+    s.coords = entry.coords = coords.view;
+    capped_allocator cap;
+    EXPECT_EQ(t3::extrude_translate(s.coords, s.connect, vec3(0, 0, 1), 1u, s.E, s.E2, s.Q4, s.Top), -199);
+    // When the IDs fit, the call goes on to size coords (which this machine refuses).
+    EXPECT_EQ(cap.refusals() > 0, room == 5);
+    EXPECT_TRUE(s.coords.data() == coords.memory.data() && s.coords.cols() == entry.coords.cols());
+    s.coords = entry.coords = dense2D<double>();  // not compared entry by entry: 2^32 columns
+    tessel3d_test::expect_same(s, entry, "rolled back");
+  }
+}
+
+TEST(bounds, conversion_node_ids_stop_below_the_absent_marker) {
+  const dense2D<double> tetrahedron(3, 4, {0, 1, 0, 1, 0, 0, 0, 0, 0, 0, 0, 1});
+  const dense2D<unsigned> connect(4, 1, {0, 1, 2, 3}), none;
+  for (const unsigned e : {2u, 3u}) {  // 6 e new edge nodes; 13 IDs are left below ~0U
+    SCOPED_TRACE("nodes per edge " + std::to_string(e));
+    claimed_coords coords(tetrahedron, std::size_t(max_unsigned) - 13);
+    dense2D<double> c = coords.view;
+    dense2D<unsigned> high(1, 1, 7u);
+    capped_allocator cap;
+    EXPECT_EQ(t3::convert_into_high_order(c, connect, e, 0, 0, 0, 0, 0, 0, high, none, none), -199);
+    EXPECT_EQ(cap.refusals() > 0, e == 2);  // 12 new nodes fit: sizing coords is tried
+    EXPECT_EQ(high.rows() * high.cols(), 0u);
+    EXPECT_TRUE(c.data() == coords.memory.data() && c.cols() == coords.view.cols());
+  }
+}
+
+// Counts up to 2^32 - 1 per edge, face or element ask for outputs the machine does not
+// have: -199 with the result cleared and coords as it was, never a wrapped row count.
+TEST(bounds, huge_node_counts_of_the_conversion_give_minus_199) {
+  struct counts {
+    unsigned e, q, t, h, w, p, n;
+  };
+  const counts cases[] = {{max_unsigned, 0, 0, 0, 0, 0, 0},
+                          {0, 65535u * 65535u, 0, 0, 0, 0, 0},
+                          {0, 0, 0, 0, 0, max_unsigned, 0},
+                          {max_unsigned, 65535u * 65535u, 3, 27, 1, max_unsigned, 1}};
+  for (const counts& c : cases) {
+    scene s = tessel3d_test::every_solid_kind();
+    const scene entry = tessel3d_test::every_solid_kind();
+    s.out = dense2D<unsigned>(1, 1, 7u);
+    capped_allocator cap;
+    EXPECT_EQ(t3::convert_into_high_order(s.coords, s.connect, c.e, c.q, c.t, c.h, c.w, c.p, c.n, s.out, s.faces, s.edges),
+              -199);
+    EXPECT_GT(cap.refusals(), 0);
+    EXPECT_EQ(s.out.rows() * s.out.cols(), 0u);
+    EXPECT_TRUE(tessel3d_test::same(s.coords, entry.coords));
+  }
+}
+
+// A face adjacency that sends every walk round a cycle through all the elements, and one
+// drawn at random: every search ends, with a status, within its step limits.
+TEST(bounds, walks_on_a_tangled_adjacency_end) {
+  scene s = tessel3d_test::field_input();
+  const std::size_t nb_elements = s.connect.cols();
+  const dense2D<unsigned> sane = s.neighbors;
+  dense2D<unsigned> cycle(4, nb_elements), random_links(4, nb_elements);
+  tessel3d_test::random_stream random(3);
+  for (std::size_t e = 0; e < nb_elements; ++e)
+    for (unsigned f = 0; f < 4; ++f) {
+      cycle(f, e) = unsigned((e + 1) % nb_elements);
+      random_links(f, e) = random.next() % 5 == 0 ? ~0U : unsigned(random.next() % nb_elements);
+    }
+  for (const dense2D<unsigned>* neighbors : {&cycle, &random_links}) {
+    for (const vec3& p : {vec3(0.6, 0.3, 0.2), vec3(3, 3, 3), vec3(0.5, 0.5, 1.0)}) {
+      unsigned element = 7;
+      const int status = t3::get_element_containing_point(s.coords, s.connect, *neighbors, s.node_element, s.detector,
+                                                          zel::TH4, p, element, 0.0);
+      EXPECT_TRUE(status == 1 || status == 0) << status;
+      EXPECT_EQ(element == ~0U, status != 1);
+    }
+    dense1D<double, 8> field = s.values;
+    EXPECT_EQ(t3::interpolate(s.coords, s.connect, *neighbors, s.node_element, field, s.ids), 0)
+        << (neighbors == &cycle ? "cycle" : "random");
+  }
+  // The true adjacency finds a point inside (away from the free nodes, which give no seed).
+  unsigned element = 7;
+  EXPECT_EQ(t3::get_element_containing_point(s.coords, s.connect, sane, s.node_element, s.detector, zel::TH4,
+                                             vec3(0.6, 0.3, 0.2), element, 0.0),
+            1);
+}
 
 }  // namespace
