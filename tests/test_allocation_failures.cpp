@@ -13,6 +13,7 @@
 #include "box_mesh.h"
 #include "failing_allocator.h"
 #include "family_table.h"
+#include "locate/node_octree.h"
 #include "zel/tessel.h"
 #include "zel/tessel3d.h"
 
@@ -261,6 +262,79 @@ TEST(bounds, walks_on_a_tangled_adjacency_end) {
   EXPECT_EQ(t3::get_element_containing_point(s.coords, s.connect, sane, s.node_element, s.detector, zel::TH4,
                                              vec3(0.6, 0.3, 0.2), element, 0.0),
             1);
+}
+
+// The interpolations' node search over meshes whose nodes crowd into one point of its
+// integer grid: many coincident nodes, and a node at infinity (which squeezes every
+// finite node into one cell). Each must end with values from the nearest mesh node.
+struct crowded_mesh {
+  dense2D<double> coords;
+  dense2D<unsigned> connect, neighbors;
+  dense1D<unsigned, 8> node_element, nodes;
+  dense1D<double, 8> field;
+};
+
+crowded_mesh coincident_nodes(unsigned nb_elements) {
+  crowded_mesh m;
+  const unsigned nb_nodes = 4 * nb_elements;
+  m.coords = dense2D<double>(3, nb_nodes + 1, 0.5);
+  m.coords(0, nb_nodes) = 0.75;  // the node to fill, off the crowd
+  m.connect.resize(4, nb_elements);
+  for (unsigned k = 0; k < nb_nodes; ++k) m.connect.data()[k] = k;
+  m.neighbors = dense2D<unsigned>(4, nb_elements, ~0U);
+  m.node_element.resize(nb_nodes + 1, ~0U);
+  for (unsigned k = 0; k < nb_nodes; ++k) m.node_element[k] = k / 4;
+  m.nodes = {nb_nodes};
+  m.field = dense1D<double, 8>(nb_nodes + 1, 3.0);
+  m.field[nb_nodes] = -1;
+  return m;
+}
+
+TEST(bounds, node_search_over_coincident_nodes) {
+  crowded_mesh m = coincident_nodes(100000);
+  const unsigned filled = unsigned(m.coords.cols() - 1);
+  EXPECT_EQ(t3::interpolate(m.coords, m.connect, m.neighbors, m.node_element, m.field, m.nodes), 0);
+  EXPECT_EQ(m.field[filled], 3.0);
+  dense1D<double, 8> sizes = m.field;
+  sizes[filled] = 0;
+  EXPECT_EQ(t3::interpolate_metrics(m.coords, m.connect, m.neighbors, m.node_element, sizes, m.nodes, true), 0);
+  EXPECT_EQ(sizes[filled], 3.0);
+}
+
+// One node far away (infinite, NaN, or finite but huge, which squeezes every other node
+// into one integer position of the grid): the search must stay exact, and the search of
+// a point on a node must give that node.
+TEST(bounds, node_search_with_a_far_outlier) {
+  const tessel3d_test::box_mesh box = tessel3d_test::make_box(tessel3d_test::box_kind::TH4, 8, 8, 8, 1, 1, 1, 0.2);
+  const char* names[] = {"+infinity", "-infinity", "NaN", "1e300"};
+  const double outliers[] = {inf, -inf, double(NAN), 1e300};
+  for (int o = 0; o < 4; ++o) {
+    const double outlier = outliers[o];
+    SCOPED_TRACE(std::string("outlier ") + names[o]);
+    dense2D<double> coords;
+    ASSERT_TRUE(coords.copy(box.coords));
+    coords(0, 0) = outlier;
+    elfes::node_octree tree;
+    ASSERT_EQ(tree.build(coords, box.connect), 0);
+    tessel3d_test::random_stream random(8);
+    for (int trial = 0; trial < 300; ++trial) {
+      const unsigned m = 1 + unsigned(random.next() % (coords.cols() - 1));
+      const vec3 on_node(coords(0, m), coords(1, m), coords(2, m));
+      const vec3 p = trial % 2 ? on_node : vec3(random.uniform(-0.5, 1.5), random.uniform(), random.uniform());
+      double best = inf;
+      for (std::size_t n = 1; n < coords.cols(); ++n) {
+        const double dx = coords(0, n) - p[0], dy = coords(1, n) - p[1], dz = coords(2, n) - p[2];
+        best = std::min(best, dx * dx + dy * dy + dz * dz);
+      }
+      const unsigned closest = tree.find_closest(p);
+      ASSERT_LT(closest, coords.cols());
+      const double dx = coords(0, closest) - p[0], dy = coords(1, closest) - p[1], dz = coords(2, closest) - p[2];
+      EXPECT_EQ(dx * dx + dy * dy + dz * dz, best);
+      if (trial % 2) {
+        EXPECT_EQ(tree.find_close(p), m);
+      }
+    }
+  }
 }
 
 }  // namespace
