@@ -683,7 +683,7 @@ TESSEL3D_EXPORT int interpolate_metrics(const dense2D<double>& coords, const den
 ///         node_element entry is missing or not an element holding it (the negative side
 ///         is not run when the positive one failed); -199, also with nothing changed,
 ///         when memory cannot be had (the room in coords, the working copy of the
-///         connectivity or an internal table).
+///         connectivity or an internal table), or when a new node ID would reach ~0U.
 TESSEL3D_EXPORT int duplicate_surface_nodes(dense2D<double>& coords, dense2D<unsigned>& connectivity,
                                             const dense2D<unsigned>& neighbors,
                                             const dense1D<unsigned, 8>& node_element,
