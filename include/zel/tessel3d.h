@@ -562,7 +562,10 @@ TESSEL3D_EXPORT int get_element_containing_point(const dense2D<double>& coords, 
 /// the call) and receives F3 + l0 (F0 - F3) + l1 (F1 - F3) + l2 (F2 - F3) from the four
 /// nodes of its element and its barycentric weights; a node that is not located (outside
 /// the mesh, or its walk met an invalid element) receives an exact copy of the nearest
-/// mesh node's values. Mesh nodes and unlisted nodes are only read.
+/// mesh node's values. Mesh nodes and unlisted nodes are only read. Mesh nodes with a
+/// coordinate that is not finite take no part in the node search (none is copied from
+/// them); nodes crowded into one 2^-32 step of the mesh's extent (coincident nodes, or
+/// a far outlier squeezing the rest) are searched one by one.
 /// @param[in]     coords        3 x #nodes: mesh nodes and the nodes to fill
 /// @param[in]     connectivity  4 x #elements TH4 (node IDs not checked: must be valid)
 /// @param[in]     neighbors     4 x #elements face adjacency
