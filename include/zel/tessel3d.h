@@ -330,6 +330,9 @@ TESSEL3D_EXPORT int split_into_H8(dense2D<double>& coords, const dense2D<unsigne
 //     (nbNodes + N * #surface nodes >= 2^32): returned before anything is written;
 //   - an output cannot be sized: every output is brought back to its column count on
 //     entry (rows as resized: a planar coords stays 3 x nbNodes).
+// The map of surface nodes is sized up front; when that reservation fails the map grows
+// as it fills instead, and the call goes on (only what the map cannot hold fails it).
+// The work is linear in the output: no count reaches a loop before its outputs are sized.
 
 /// Sweeps a surface along the vector T: layer k is the surface moved by u_k T. L = |T|.
 /// @param[in,out] coords      2 or 3 x #nodes (see the shared rules)
