@@ -337,4 +337,28 @@ TEST(bounds, node_search_with_a_far_outlier) {
   }
 }
 
+// Node IDs and adjacency entries that the interpolations would read coordinates or
+// elements through are refused as invalid connectivity (-2) and neighbors (-3).
+TEST(bounds, interpolations_refuse_ids_they_would_read_through) {
+  const scene good = tessel3d_test::field_input();
+  const unsigned nb_nodes = unsigned(good.coords.cols()), nb_elements = unsigned(good.connect.cols());
+  for (const unsigned bad : {nb_nodes, 1000000000u, ~0U}) {
+    scene s = tessel3d_test::field_input();
+    ASSERT_TRUE(s.connect.copy(good.connect));
+    s.connect(2, 5) = bad;
+    dense1D<double, 8> field = s.values;
+    EXPECT_EQ(t3::interpolate(s.coords, s.connect, s.neighbors, s.node_element, field, s.ids), -2);
+    EXPECT_EQ(t3::interpolate_metrics(s.coords, s.connect, s.neighbors, s.node_element, field, s.ids, false), -2);
+  }
+  for (const unsigned bad : {nb_elements, 1000000000u}) {
+    scene s = tessel3d_test::field_input();
+    ASSERT_TRUE(s.neighbors.copy(good.neighbors));
+    s.neighbors(1, 3) = bad;
+    dense1D<double, 8> field = s.values;
+    EXPECT_EQ(t3::interpolate(s.coords, s.connect, s.neighbors, s.node_element, field, s.ids), -3);
+    EXPECT_EQ(t3::interpolate_metrics(s.coords, s.connect, s.neighbors, s.node_element, s.reals_out, s.ids, false), -3);
+    EXPECT_TRUE(tessel3d_test::same(field, good.values));
+  }
+}
+
 }  // namespace

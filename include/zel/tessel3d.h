@@ -570,14 +570,15 @@ TESSEL3D_EXPORT int get_element_containing_point(const dense2D<double>& coords, 
 /// them); nodes crowded into one 2^-32 step of the mesh's extent (coincident nodes, or
 /// a far outlier squeezing the rest) are searched one by one.
 /// @param[in]     coords        3 x #nodes: mesh nodes and the nodes to fill
-/// @param[in]     connectivity  4 x #elements TH4 (node IDs not checked: must be valid)
+/// @param[in]     connectivity  4 x #elements TH4
 /// @param[in]     neighbors     4 x #elements face adjacency
 /// @param[in]     node_element  #nodes entries
 /// @param[in,out] field         #components x #nodes (any row count, 0 included), or
 ///                              #nodes values
 /// @param[in]     nodes         node IDs at which values may be computed
 /// @return 0 (also for an empty `nodes`, checked first) | -1 coords not 3 rows | -2
-///         connectivity not 4 rows | -3 neighbors not 4 rows or not #elements columns
+///         connectivity not 4 rows, or a node ID not below #nodes | -3 neighbors not 4
+///         rows or not #elements columns, or an entry neither an element nor ~0U
 ///         | -4 node_element size not #nodes | -5 field not one column (entry) per node
 ///         | -6 an entry of nodes is not a node ID | -199 memory for the octree (nothing
 ///         written) or for a second chance (the nodes before it hold their values)
@@ -604,8 +605,9 @@ TESSEL3D_EXPORT int interpolate(const dense2D<double>& coords, const dense2D<uns
 ///                            eigenvalue > 0, or size in (0, DBL_MAX))
 /// Other arguments as for interpolate(). Mesh nodes are never changed.
 /// @return 0 (also for an empty `nodes`) | -1 coords not 3 rows | -2 connectivity not 4
-///         rows | -3 neighbors not 4 rows or not #elements columns | -4 node_element
-///         size not #nodes | -5 metrics not 6 x #nodes (or not #nodes long) | -6 an entry
+///         rows, or a node ID not below #nodes | -3 neighbors not 4 rows or not #elements
+///         columns, or an entry neither an element nor ~0U | -4 node_element size not
+///         #nodes | -5 metrics not 6 x #nodes (or not #nodes long) | -6 an entry
 ///         of nodes is not a node ID | -199 memory (the octree, the list of every node
 ///         or a second chance)
 TESSEL3D_EXPORT int interpolate_metrics(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,

@@ -8,18 +8,27 @@
 #include "locate/node_octree.h"
 #include "locate/solve3.h"
 #include "zel/matrix.h"
+#include "zel/tessel.h"
 
 namespace elfes {
 
-/// Checks of coords, connectivity, neighbors and node_element, in this order.
-/// @return 0 | -1 coords not 3 rows | -2 connectivity not 4 rows | -3 neighbors not 4
-///         rows or not one column per element | -4 node_element not one entry per node
+/// Checks of coords, connectivity, neighbors and node_element, in this order. The IDs
+/// are checked too although a valid mesh never fails there: the walk reads coordinates
+/// and elements through them, so a bad one would read outside the matrices.
+/// @return 0 | -1 coords not 3 rows | -2 connectivity not 4 rows, or a node ID not below
+///         #nodes | -3 neighbors not 4 rows or not one column per element, or an entry
+///         neither an element nor ~0U | -4 node_element not one entry per node
 inline int check_placement_mesh(const zel::dense2D<double>& coords, const zel::dense2D<unsigned>& connectivity,
                                 const zel::dense2D<unsigned>& neighbors,
                                 const zel::dense1D<unsigned, 8>& node_element) {
   if (coords.rows() != 3) return -1;
-  if (connectivity.rows() != 4) return -2;
-  if (neighbors.rows() != 4 || neighbors.cols() != connectivity.cols()) return -3;
+  const std::size_t nb_nodes = coords.cols(), nb_elements = connectivity.cols();
+  if (connectivity.rows() != 4 ||
+      !zel::tessel::check_IDs(connectivity, zel::TH4, nb_nodes < ~0U ? static_cast<unsigned>(nb_nodes) : ~0U))
+    return -2;
+  if (neighbors.rows() != 4 || neighbors.cols() != nb_elements ||
+      !zel::tessel::check_IDs(neighbors, nb_elements < ~0U ? static_cast<unsigned>(nb_elements) : ~0U))
+    return -3;
   if (node_element.size() != coords.cols()) return -4;
   return 0;
 }
