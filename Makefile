@@ -2,6 +2,9 @@
 # missing, then configures and builds with the CMake presets.
 PRESET ?= release
 JOBS ?= 2
+# Debian's interpreter carries NumPy, meshio and matplotlib (python3 on PATH may not).
+PYTHON ?= $(shell test -x /usr/bin/python3 && echo /usr/bin/python3 || echo python3)
+DEMO_OUT ?= demo-output
 
 .PHONY: all deps build test demo bench test-asan test-tsan fuzz clean
 
@@ -17,8 +20,9 @@ build: deps
 test: build
 	ctest --preset $(PRESET) --parallel $(JOBS)
 
+# The Python package's demo (build/$(PRESET)/examples/tessel3d_demo is the C++ one).
 demo: build
-	build/$(PRESET)/examples/tessel3d_demo
+	PYTHONPATH=build/$(PRESET)/python $(PYTHON) -m tessel3d demo --out $(DEMO_OUT)
 
 bench: build
 	@for b in build/$(PRESET)/bench/bench_*; do echo "== $$b"; $$b; done

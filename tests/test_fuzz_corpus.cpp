@@ -16,6 +16,9 @@ TESSEL3D_DECLARE_TARGET(common)
 TESSEL3D_DECLARE_TARGET(measures)
 TESSEL3D_DECLARE_TARGET(extrude)
 TESSEL3D_DECLARE_TARGET(order)
+TESSEL3D_DECLARE_TARGET(locate)
+TESSEL3D_DECLARE_TARGET(surface)
+TESSEL3D_DECLARE_TARGET(split)
 #undef TESSEL3D_DECLARE_TARGET
 
 namespace {
@@ -27,7 +30,8 @@ struct target {
 
 const target targets[] = {{"common", tessel3d_fuzz_common}, {"measures", tessel3d_fuzz_measures},
                             {"extrude", tessel3d_fuzz_extrude},
-                            {"order", tessel3d_fuzz_order}};
+                            {"order", tessel3d_fuzz_order},     {"locate", tessel3d_fuzz_locate},
+                            {"surface", tessel3d_fuzz_surface}, {"split", tessel3d_fuzz_split}};
 
 class fuzz_corpus : public ::testing::TestWithParam<target> {};
 

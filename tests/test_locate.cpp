@@ -540,8 +540,14 @@ TEST(interpolate, status_codes_in_order_and_nothing_written) {
   both(coords2, t5, nb3, ne_short, short_field, short_scalar, empty, 0);  // nothing else is checked
   both(coords2, t, nb, f.node_element, field, scalar, f.nodes, -1);
   both(f.coords, t5, nb, f.node_element, field, scalar, f.nodes, -2);
+  dense2D<unsigned> bad_id, bad_neighbor;  // IDs the walk would index with
+  ASSERT_TRUE(bad_id.copy(t) && bad_neighbor.copy(nb));
+  bad_id(2, 1) = unsigned(f.coords.cols());
+  bad_neighbor(0, 0) = unsigned(t.cols());
+  both(f.coords, bad_id, nb, f.node_element, field, scalar, f.nodes, -2);
   both(f.coords, t, nb3, f.node_element, field, scalar, f.nodes, -3);
   both(f.coords, t, nb_short, f.node_element, field, scalar, f.nodes, -3);
+  both(f.coords, t, bad_neighbor, f.node_element, field, scalar, f.nodes, -3);
   both(f.coords, t, nb, ne_short, field, scalar, f.nodes, -4);
   both(f.coords, t, nb, f.node_element, short_field, short_scalar, f.nodes, -5);
   both(f.coords, t, nb, f.node_element, field, scalar, bad_nodes, -6);

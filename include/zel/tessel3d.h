@@ -578,7 +578,7 @@ TESSEL3D_EXPORT int get_element_containing_point(const dense2D<double>& coords, 
 /// @param[in]     nodes         node IDs at which values may be computed
 /// @return 0 (also for an empty `nodes`, checked first) | -1 coords not 3 rows | -2
 ///         connectivity not 4 rows, or a node ID not below #nodes | -3 neighbors not 4
-///         rows or not #elements columns, or an entry neither an element nor ~0U
+///         rows, not #elements columns, or an entry neither an element nor ~0U
 ///         | -4 node_element size not #nodes | -5 field not one column (entry) per node
 ///         | -6 an entry of nodes is not a node ID | -199 memory for the octree (nothing
 ///         written) or for a second chance (the nodes before it hold their values)
@@ -698,9 +698,58 @@ TESSEL3D_EXPORT int duplicate_surface_nodes(dense2D<double>& coords, dense2D<uns
                                             const dense2D<unsigned>& surface, const dense1D<unsigned, 8>& excluded,
                                             bool positive_side, bool negative_side, element_type type);
 
-/// Splits the solids that carry one of the listed quadrangles so that each listed
-/// quadrangle becomes two triangles; other solids are copied unchanged.
-/// @return 0 | -1 coords | -2 connect | -3 quads | -4 min_quality | -199 memory
+/// Makes a solid mesh conform to a triangulated interface: every solid that carries one
+/// of the listed quadrangles is cut so that each listed quadrangle becomes two triangles
+/// while its other faces stay as they were (so the pieces still match the neighbours);
+/// the other solids are copied unchanged.
+/// A solid carries a listed quadrangle when one of its faces is that quadrangle with the
+/// same orientation, whatever corner the listing starts from. The faces, in face order,
+/// with right-hand normals pointing into the solid:
+///   PY5  0 4 1, 1 4 2, 2 4 3, 3 4 0, base 0 1 2 3
+///   W6   0 1 2, 3 5 4, 2 1 4 5, 0 2 5 3, 1 0 3 4
+///   H8   0 3 7 4, 1 5 6 2, 0 4 5 1, 3 2 6 7, 0 1 2 3, 4 7 6 5
+/// So list a face as seen from the solid to split, and list it in both orientations to
+/// split both solids that share it.
+///   PY5 whose base (0 1 2 3) is listed: two TH4 with the pyramid's apex, cut along 0-2 or
+///     1-3.
+///   W6 or H8 carrying one or more listed faces: one new node at the mean of its corners,
+///     and one element on each face with that node as apex, in the solid's face order: a
+///     TH4 on a triangle, a PY5 on an unlisted quadrangle, two TH4 on a listed quadrangle.
+///   TH4 (and the TH4 columns of the mixed layout): copied, having no quadrangle.
+/// The quality of an element is its smallest normalised dihedral angle, computed exactly
+/// as dihedral_angles with normalisation does (1 for a regular element). A listed face is
+/// cut along the diagonal whose two tetrahedra have the higher smallest quality, taken
+/// over every solid that carries the face in either orientation, so a face listed both
+/// ways is cut the same way on both sides; on a tie, the diagonal whose two node IDs,
+/// sorted, are lexicographically smaller. A solid is split only when every piece has a
+/// quality above min_quality (a NaN quality is not); otherwise it is copied unchanged,
+/// its column goes to `failed` and it gets no new node. A face shared with such a solid
+/// is then a quadrangle on its side and two triangles on the other.
+/// Every piece is positive when its solid is (TH4 with the library's handedness, see the
+/// file comment), and the pieces of a solid with plane faces fill exactly its volume. An
+/// inverted solid gives inverted pieces: dihedral angles do not see orientation.
+/// A degenerate solid gives degenerate pieces, whose quality (0, or NaN) fails any
+/// threshold of 0 or more.
+/// @param[in,out] coords       3 x #nodes; on success grown by one column per split W6 or
+///                             H8, in column order (old columns untouched)
+/// @param[in]     connect      5 (PY5), 6 (W6) or 8 rows (H8, or the mixed layout whose
+///                             columns are classified by their absent rows) x #solids
+/// @param[in]     quads        4 x #quadrangles, each oriented as seen from a solid that
+///                             carries it; duplicates and quadrangles no solid carries have
+///                             no effect
+/// @param[in]     min_quality  threshold on the quality of every piece (any finite value)
+/// @param[out]    connectOut   cleared first; on success 8 x #elements in the mixed layout,
+///                             the elements in input column order, a split solid's pieces
+///                             (face by face) in its place, absent rows ~0U
+/// @param[out]    failed       cleared first; on success the columns, ascending, of the
+///                             solids that carry a listed face but were left whole
+/// @return 0 (also for a connect without columns, connectOut then 8 x 0) | -1 coords not 3
+///         rows | -2 connect with columns and a row count other than 5, 6, 8, a bad node
+///         ID, or a mixed column whose kind needs an absent node | -3 quads with columns
+///         and not 4 rows, or a bad node ID (~0U included) | -4 min_quality NaN or
+///         infinite | -199 memory, also when a new node ID would reach ~0U. On any failure
+///         connectOut and failed are left empty and coords keeps its columns. Time and
+///         memory linear in #nodes + #solids + #quadrangles.
 TESSEL3D_EXPORT int split_solid_Q4(dense2D<double>& coords, const dense2D<unsigned>& connect,
                                    const dense2D<unsigned>& quads, double min_quality, dense2D<unsigned>& connectOut,
                                    dense1D<unsigned, 8>& failed);

@@ -8,6 +8,7 @@
 // local_index[n]; layer 0 is the surface itself.
 #pragma once
 
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 
@@ -163,6 +164,37 @@ int extrude_layers(extrusion_outputs& out, const dense2D<unsigned>& connectS, co
   if (status == 0) status = place();
   if (status != 0) out.roll_back();
   return status;
+}
+
+/// Euclidean length of a vector.
+inline double norm(const zel::vector_fixed<double, 3>& v) { return std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]); }
+
+/// Status codes of a size form: h0, h1 and the outputs' row checks.
+struct size_form_codes {
+  int h0, h1;
+  output_codes outputs;
+};
+
+/// The size forms of the translation, rotation and spiral: the checks (coords with 2 or
+/// 3 rows, the surface, h0 > 0, h1 > 0, the outputs), the node map, N layers over
+/// sweep_length() (called once the surface is known to be valid), then the elements and
+/// place(map, nb_nodes, N), with the roll-back of extrude_layers.
+template <class SweepLength, class Place>
+int extrude_sized(dense2D<double>& coords, const dense2D<unsigned>& connectS, double h0, double h1, bool even_layers,
+                  const size_form_codes& codes, dense2D<unsigned>& connectE, const dense2D<unsigned>& connectE2,
+                  dense2D<unsigned>& connectQ4, dense2D<unsigned>& connectTop, SweepLength&& sweep_length,
+                  Place&& place) {
+  if (const int status = check_surface(coords, connectS, true, coords.cols())) return status > 0 ? 0 : status;
+  if (!positive(h0)) return codes.h0;
+  if (!positive(h1)) return codes.h1;
+  if (const int status = check_outputs(codes.outputs, connectE, connectE2, connectQ4, connectTop)) return status;
+
+  surface_node_map map;
+  build_surface_node_map(connectS, map);  // a failed reservation still leaves a usable map
+  std::uint64_t N = 0;
+  if (!layer_count(sweep_length(), h0, h1, even_layers, N)) return -199;
+  extrusion_outputs out(coords, connectE, connectE2, connectQ4, connectTop);
+  return extrude_layers(out, connectS, map, N, [&] { return place(map, out.nb_nodes, N); });
 }
 
 }  // namespace elfes

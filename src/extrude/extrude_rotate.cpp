@@ -27,21 +27,13 @@ int extrude_rotate(dense2D<double>& coords, const dense2D<unsigned>& connectS, c
                    const vector_fixed<double, 3>& R, double h0, double h1, bool even_layers,
                    dense2D<unsigned>& connectE, const dense2D<unsigned>& connectE2, dense2D<unsigned>& connectQ4,
                    dense2D<unsigned>& connectTop) {
-  if (const int status = elfes::check_surface(coords, connectS, true, coords.cols())) return status > 0 ? 0 : status;
-  if (!elfes::positive(h0)) return -5;
-  if (!elfes::positive(h1)) return -6;
-  if (const int status = elfes::check_outputs({-8, -9, -10, -11}, connectE, connectE2, connectQ4, connectTop))
-    return status;
-
-  elfes::surface_node_map map;
-  elfes::build_surface_node_map(connectS, map);  // a failed reservation still leaves a usable map
-  std::uint64_t N = 0;
-  if (!elfes::layer_count(sweep_length(coords, connectS(0, 0), C, R), h0, h1, even_layers, N)) return -199;
-  elfes::extrusion_outputs out(coords, connectE, connectE2, connectQ4, connectTop);
   const vector_fixed<double, 3> no_translation;
-  return elfes::extrude_layers(out, connectS, map, N, [&] {
-    return elfes::place_rotated(coords, map, out.nb_nodes, N, C, R, no_translation, h0, h1);
-  });
+  return elfes::extrude_sized(
+      coords, connectS, h0, h1, even_layers, {-5, -6, {-8, -9, -10, -11}}, connectE, connectE2, connectQ4, connectTop,
+      [&] { return sweep_length(coords, connectS(0, 0), C, R); },
+      [&](const elfes::surface_node_map& map, std::size_t nb_nodes, std::size_t N) {
+        return elfes::place_rotated(coords, map, nb_nodes, N, C, R, no_translation, h0, h1);
+      });
 }
 
 int extrude_rotate(dense2D<double>& coords, const dense2D<unsigned>& connectS, const vector_fixed<double, 3>& C,

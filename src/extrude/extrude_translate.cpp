@@ -1,14 +1,10 @@
 // extrude_translate: layers of a surface swept along a straight vector.
-#include <cmath>
-
 #include "extrude/extrude_core.h"
 #include "zel/tessel3d.h"
 
 namespace zel {
 namespace tessel3d {
 namespace {
-
-double norm(const vector_fixed<double, 3>& v) { return std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]); }
 
 int place_translated(dense2D<double>& coords, const elfes::surface_node_map& map, std::size_t nb_nodes,
                      std::size_t N, const vector_fixed<double, 3>& T, double h0, double h1) {
@@ -41,19 +37,12 @@ int place_translated(dense2D<double>& coords, const elfes::surface_node_map& map
 int extrude_translate(dense2D<double>& coords, const dense2D<unsigned>& connectS, const vector_fixed<double, 3>& T,
                       double h0, double h1, bool even_layers, dense2D<unsigned>& connectE,
                       const dense2D<unsigned>& connectE2, dense2D<unsigned>& connectQ4, dense2D<unsigned>& connectTop) {
-  if (const int status = elfes::check_surface(coords, connectS, true, coords.cols())) return status > 0 ? 0 : status;
-  if (!elfes::positive(h0)) return -4;
-  if (!elfes::positive(h1)) return -5;
-  if (const int status = elfes::check_outputs({-7, -8, -9, -10}, connectE, connectE2, connectQ4, connectTop))
-    return status;
-
-  elfes::surface_node_map map;
-  elfes::build_surface_node_map(connectS, map);  // a failed reservation still leaves a usable map
-  std::uint64_t N = 0;
-  if (!elfes::layer_count(norm(T), h0, h1, even_layers, N)) return -199;
-  elfes::extrusion_outputs out(coords, connectE, connectE2, connectQ4, connectTop);
-  return elfes::extrude_layers(out, connectS, map, N,
-                               [&] { return place_translated(coords, map, out.nb_nodes, N, T, h0, h1); });
+  return elfes::extrude_sized(
+      coords, connectS, h0, h1, even_layers, {-4, -5, {-7, -8, -9, -10}}, connectE, connectE2, connectQ4, connectTop,
+      [&] { return elfes::norm(T); },
+      [&](const elfes::surface_node_map& map, std::size_t nb_nodes, std::size_t N) {
+        return place_translated(coords, map, nb_nodes, N, T, h0, h1);
+      });
 }
 
 int extrude_translate(dense2D<double>& coords, const dense2D<unsigned>& connectS, const vector_fixed<double, 3>& T,
@@ -66,7 +55,7 @@ int extrude_translate(dense2D<double>& coords, const dense2D<unsigned>& connectS
                       unsigned nbLayers, dense2D<unsigned>& connectE, const dense2D<unsigned>& connectE2,
                       dense2D<unsigned>& connectQ4, dense2D<unsigned>& connectTop) {
   if (nbLayers == 0) return 0;
-  const double h = norm(T) / nbLayers;
+  const double h = elfes::norm(T) / nbLayers;
   return extrude_translate(coords, connectS, T, h, h, false, connectE, connectE2, connectQ4, connectTop);
 }
 

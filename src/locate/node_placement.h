@@ -12,22 +12,19 @@
 
 namespace elfes {
 
-/// Checks of coords, connectivity, neighbors and node_element, in this order. The IDs
-/// are checked too although a valid mesh never fails there: the walk reads coordinates
-/// and elements through them, so a bad one would read outside the matrices.
+/// Checks of coords, connectivity, neighbors and node_element, in this order. The IDs of
+/// connectivity and neighbors are checked too: the walks index coordinates and elements
+/// with them, so an invalid one must be refused rather than read.
 /// @return 0 | -1 coords not 3 rows | -2 connectivity not 4 rows, or a node ID not below
-///         #nodes | -3 neighbors not 4 rows or not one column per element, or an entry
-///         neither an element nor ~0U | -4 node_element not one entry per node
+///         the node count | -3 neighbors not 4 rows, not one column per element, or an
+///         entry neither an element nor ~0U | -4 node_element not one entry per node
 inline int check_placement_mesh(const zel::dense2D<double>& coords, const zel::dense2D<unsigned>& connectivity,
                                 const zel::dense2D<unsigned>& neighbors,
                                 const zel::dense1D<unsigned, 8>& node_element) {
   if (coords.rows() != 3) return -1;
-  const std::size_t nb_nodes = coords.cols(), nb_elements = connectivity.cols();
-  if (connectivity.rows() != 4 ||
-      !zel::tessel::check_IDs(connectivity, zel::TH4, nb_nodes < ~0U ? static_cast<unsigned>(nb_nodes) : ~0U))
-    return -2;
-  if (neighbors.rows() != 4 || neighbors.cols() != nb_elements ||
-      !zel::tessel::check_IDs(neighbors, nb_elements < ~0U ? static_cast<unsigned>(nb_elements) : ~0U))
+  if (connectivity.rows() != 4 || !zel::tessel::check_IDs(connectivity, zel::TH4, unsigned(coords.cols()))) return -2;
+  if (neighbors.rows() != 4 || neighbors.cols() != connectivity.cols() ||
+      !zel::tessel::check_IDs(neighbors, unsigned(connectivity.cols())))
     return -3;
   if (node_element.size() != coords.cols()) return -4;
   return 0;

@@ -1,89 +1,16 @@
 // dihedral_angles: smallest and largest angle between two faces sharing an edge, per
-// element.
-#include <cmath>
-
+// element. The element kernel is in measures/dihedral_kernel.h, shared with the
+// functions that judge the shape of the elements they create.
 #include "measures/angle_walk.h"
-#include "measures/triangle_kernels.h"
+#include "measures/dihedral_kernel.h"
 #include "zel/tessel3d.h"
 
 namespace zel {
 namespace tessel3d {
-namespace {
-
-using elfes::solid_kind;
-using elfes::vec3;
-
-// The faces meeting at each edge, as indices into the kind's face list (TH4 faces named
-// by their opposite vertex), with the factor that scores the regular element 1.
-struct face_pairs {
-  unsigned count;
-  unsigned pair[12][2];
-  double factor[12];
-};
-
-constexpr double th4_factor = 0.8123744665443859;      // 1 / acos(1/3)
-constexpr double py5_lateral = 0.5233866872132998;     // 1 / acos(-1/3)
-constexpr double py5_base = 1.0467733744265997;        // 1 / acos(1/sqrt(3))
-constexpr double w6_between_quads = 0.954929658551372; // 3 / pi
-constexpr double right_angle = 0.6366197723675814;     // 2 / pi
-
-constexpr face_pairs pairs_table[4] = {
-    {6, {{0, 3}, {1, 3}, {2, 3}, {2, 1}, {0, 2}, {1, 0}},
-     {th4_factor, th4_factor, th4_factor, th4_factor, th4_factor, th4_factor}},
-    // lateral edges k-4 (faces k and k-1), then base edges k-(k+1) (base and face k)
-    {8, {{0, 3}, {1, 0}, {2, 1}, {3, 2}, {4, 0}, {4, 1}, {4, 2}, {4, 3}},
-     {py5_lateral, py5_lateral, py5_lateral, py5_lateral, py5_base, py5_base, py5_base, py5_base}},
-    // lateral edges (quadrangle pairs), then the edges of the two triangles
-    {9, {{4, 3}, {2, 4}, {3, 2}, {0, 2}, {0, 3}, {0, 4}, {2, 1}, {3, 1}, {4, 1}},
-     {w6_between_quads, w6_between_quads, w6_between_quads, right_angle, right_angle, right_angle, right_angle,
-      right_angle, right_angle}},
-    {12, {{4, 2}, {4, 1}, {4, 3}, {4, 0}, {2, 5}, {1, 5}, {3, 5}, {0, 5}, {2, 0}, {1, 2}, {3, 1}, {0, 3}},
-     {right_angle, right_angle, right_angle, right_angle, right_angle, right_angle, right_angle, right_angle,
-      right_angle, right_angle, right_angle, right_angle}},
-};
-
-// Interior angle between two faces from their inward normals na, nb:
-// acos(-(na . nb) / sqrt(|na|^2 |nb|^2)), or 0 when a normal vanishes. The cosine is
-// deliberately not clamped. The cosines of an element are formed first and the arc
-// cosines taken after, so that the arithmetic of all pairs can overlap.
-struct dihedral_measure {
-  template <solid_kind kind, class Reader>
-  static void element(const unsigned* column, const Reader& node, elfes::value_list& list) {
-    constexpr const elfes::solid_descriptor& solid = elfes::solid_table[kind];
-    constexpr const face_pairs& pairs = pairs_table[kind];
-    vec3 p[8];
-    elfes::load_vertices<solid.nb_vertices>(column, node, p);
-    vec3 normal[6];
-    double squared[6];
-#pragma GCC unroll 6
-    for (unsigned f = 0; f < solid.nb_faces; ++f) {
-      const unsigned* v = solid.faces[f];
-      // A pyramid base or wedge side without its fourth node (mixed layout) is a triangle.
-      const bool triangle = solid.face_size[f] == 3 ||
-                            (Reader::may_be_absent && kind != elfes::kind_H8 && column[v[3]] == elfes::absent);
-      normal[f] = triangle ? elfes::triangle_normal(p[v[0]], p[v[1]], p[v[2]])
-                           : elfes::quadrangle_normal(p[v[0]], p[v[1]], p[v[2]], p[v[3]]);
-      squared[f] = dot(normal[f], normal[f]);
-    }
-    double cosine[12];
-    bool defined[12];
-#pragma GCC unroll 12
-    for (unsigned k = 0; k < pairs.count; ++k) {
-      const unsigned a = pairs.pair[k][0], b = pairs.pair[k][1];
-      const double product = squared[a] * squared[b];
-      defined[k] = product > 0;
-      cosine[k] = -dot(normal[a], normal[b]) / std::sqrt(defined[k] ? product : 1.0);
-    }
-#pragma GCC unroll 12
-    for (unsigned k = 0; k < pairs.count; ++k) list.add(defined[k] ? std::acos(cosine[k]) : 0.0, pairs.factor[k]);
-  }
-};
-
-}  // namespace
 
 int dihedral_angles(const dense2D<double>& coords, const dense2D<unsigned>& connect, bool normalise,
                     dense1D<double, 8>& minValues, dense1D<double, 8>& maxValues) {
-  return elfes::walk_angles<dihedral_measure>(coords, connect, normalise, minValues, maxValues);
+  return elfes::walk_angles<elfes::dihedral_measure>(coords, connect, normalise, minValues, maxValues);
 }
 
 }  // namespace tessel3d

@@ -1,0 +1,64 @@
+// Fuzz target: point location, field and metric interpolation.
+#include "fuzz_input.h"
+#include "zel/tessel3d.h"
+
+namespace t3 = zel::tessel3d;
+
+TESSEL3D_FUZZ_TARGET(locate) {
+  tessel3d_fuzz::byte_reader in(data, size);
+  auto coords = in.coords(24);
+  const unsigned nb_nodes = static_cast<unsigned>(coords.cols());
+  auto connect = in.connectivity({4, 8, 6}, nb_nodes, 16);
+  const unsigned nb_elements = static_cast<unsigned>(connect.cols());
+  // Adjacency: mostly the true one (so that walks go somewhere), sometimes garbage.
+  zel::dense2D<unsigned> neighbors;
+  zel::dense1D<unsigned, 8> node_element;
+  if (in.flag()) {
+    zel::tessel::get_neighbors(connect, connect.rows() == 4 ? zel::TH4 : zel::SOLID_MIX8, neighbors);
+    zel::tessel::get_node_element(connect, nb_nodes, node_element);
+  } else {
+    neighbors = in.matrix<unsigned>(in.flag() ? 4 : 6, nb_elements, [&](std::size_t) { return in.id(nb_elements); });
+    node_element = in.ids(nb_elements, nb_nodes + 1);
+  }
+  auto nodes = in.ids(nb_nodes, 12);
+  switch (in.below(5)) {
+    case 0: {
+      zel::tessel::node_detector detector(coords);
+      unsigned element = 12345;
+      const int status = t3::get_element_containing_point(coords, connect, neighbors, node_element, detector,
+                                                          in.type(), in.point(), element, in.real());
+      if (status == 1 && element >= nb_elements) __builtin_trap();
+      if (status != 1 && element != ~0U) __builtin_trap();
+      break;
+    }
+    case 1: {
+      auto field = in.matrix<double>(in.below(4), in.flag() ? nb_nodes : in.below(30), [&](std::size_t) { return in.real(); });
+      t3::interpolate(coords, connect, neighbors, node_element, field, nodes);
+      break;
+    }
+    case 2: {
+      zel::dense1D<double, 8> field = in.reals(in.flag() ? nb_nodes : 30);
+      if (in.flag()) field.resize(nb_nodes, 1.0);
+      t3::interpolate(coords, connect, neighbors, node_element, field, nodes);
+      break;
+    }
+    case 3: {
+      auto metrics = in.matrix<double>(in.flag() ? 6 : 5, in.flag() ? nb_nodes : in.below(30), [&](std::size_t) { return in.real(); });
+      if (in.flag())
+        t3::interpolate_metrics(coords, connect, neighbors, node_element, metrics, nodes, in.flag());
+      else
+        t3::interpolate_metrics(coords, connect, neighbors, node_element, metrics, in.flag());
+      break;
+    }
+    default: {
+      zel::dense1D<double, 8> sizes = in.reals(nb_nodes);
+      if (in.flag()) sizes.resize(nb_nodes, 0.5);
+      if (in.flag())
+        t3::interpolate_metrics(coords, connect, neighbors, node_element, sizes, nodes, in.flag());
+      else
+        t3::interpolate_metrics(coords, connect, neighbors, node_element, sizes, in.flag());
+      break;
+    }
+  }
+  return 0;
+}

@@ -1,0 +1,104 @@
+// tessel3d._locate: point location, field and metric interpolation. Fields and metrics
+// are in-out: the library writes into the caller's array (zero copy).
+#include <pybind11/pybind11.h>
+
+#include "arrays.h"
+#include "zel/tessel3d.h"
+
+namespace py = pybind11;
+namespace t3 = zel::tessel3d;
+using t3py::matrix_view;
+using t3py::vector_view;
+
+namespace {
+
+struct located_mesh {
+  zel::dense2D<double> coords;
+  zel::dense2D<unsigned> connect, neighbors;
+  zel::dense1D<unsigned, 8> node_element;
+
+  located_mesh(py::array x, py::array c, py::array n, py::array e)
+      : coords(matrix_view<double>(x, "coords")),
+        connect(matrix_view<unsigned>(c, "connect")),
+        neighbors(matrix_view<unsigned>(n, "neighbors")),
+        node_element(vector_view<unsigned>(e, "node_element")) {}
+};
+
+#define MESH_ARGS py::array coords, py::array connect, py::array neighbors, py::array node_element
+#define MAKE_MESH located_mesh mesh(coords, connect, neighbors, node_element)
+
+}  // namespace
+
+PYBIND11_MODULE(_locate, m) {
+  m.doc() = "tessel3d point location and interpolation";
+  py::module_::import("tessel3d._mesh");  // registers NodeDetector
+
+  m.def("get_element_containing_point", [](MESH_ARGS, const t3py::detector_holder& detector, int type,
+                                           py::object point, double tolerance) {
+    MAKE_MESH;
+    const auto p = t3py::point3(point);
+    unsigned element = ~0U;
+    int status;
+    {
+      py::gil_scoped_release release;
+      status = t3::get_element_containing_point(mesh.coords, mesh.connect, mesh.neighbors, mesh.node_element,
+                                                detector.detector, t3py::element_type_of(type), p, element, tolerance);
+    }
+    return py::make_tuple(status, element);
+  });
+
+  // Many points, one call each: (elements, statuses) as two arrays.
+  m.def("locate_points", [](MESH_ARGS, const t3py::detector_holder& detector, int type, py::array points,
+                            double tolerance) {
+    MAKE_MESH;
+    const zel::dense2D<double> p = matrix_view<double>(points, "points");
+    if (!p.empty() && p.rows() != 3) throw std::invalid_argument("points: an (n, 3) array is expected");
+    py::array_t<unsigned> elements(p.cols());
+    py::array_t<int> statuses(p.cols());
+    unsigned* found = elements.mutable_data();
+    int* status = statuses.mutable_data();
+    {
+      py::gil_scoped_release release;
+      for (std::size_t j = 0; j < p.cols(); ++j) {
+        const zel::vector_fixed<double, 3> x(p(0, j), p(1, j), p(2, j));
+        status[j] = t3::get_element_containing_point(mesh.coords, mesh.connect, mesh.neighbors, mesh.node_element,
+                                                     detector.detector, t3py::element_type_of(type), x, found[j],
+                                                     tolerance);
+      }
+    }
+    return py::make_tuple(elements, statuses);
+  });
+
+  m.def("interpolate", [](MESH_ARGS, py::array field, py::array nodes) {
+    MAKE_MESH;
+    const zel::dense1D<unsigned, 8> list = vector_view<unsigned>(nodes, "nodes");
+    if (field.ndim() == 1) {
+      zel::dense1D<double, 8> f = vector_view<double>(field, "field", true);
+      py::gil_scoped_release release;
+      return t3::interpolate(mesh.coords, mesh.connect, mesh.neighbors, mesh.node_element, f, list);
+    }
+    zel::dense2D<double> f = matrix_view<double>(field, "field", true);
+    py::gil_scoped_release release;
+    return t3::interpolate(mesh.coords, mesh.connect, mesh.neighbors, mesh.node_element, f, list);
+  });
+
+  m.def("interpolate_metrics", [](MESH_ARGS, py::array metrics, py::object nodes, bool keep_valid) {
+    MAKE_MESH;
+    const bool listed = !nodes.is_none();
+    const zel::dense1D<unsigned, 8> list = t3py::optional_vector<unsigned>(nodes, "nodes");
+    if (metrics.ndim() == 1) {
+      zel::dense1D<double, 8> sizes = vector_view<double>(metrics, "metrics", true);
+      py::gil_scoped_release release;
+      return listed ? t3::interpolate_metrics(mesh.coords, mesh.connect, mesh.neighbors, mesh.node_element, sizes,
+                                              list, keep_valid)
+                    : t3::interpolate_metrics(mesh.coords, mesh.connect, mesh.neighbors, mesh.node_element, sizes,
+                                              keep_valid);
+    }
+    zel::dense2D<double> tensors = matrix_view<double>(metrics, "metrics", true);
+    py::gil_scoped_release release;
+    return listed ? t3::interpolate_metrics(mesh.coords, mesh.connect, mesh.neighbors, mesh.node_element, tensors,
+                                            list, keep_valid)
+                  : t3::interpolate_metrics(mesh.coords, mesh.connect, mesh.neighbors, mesh.node_element, tensors,
+                                            keep_valid);
+  });
+}
