@@ -430,6 +430,20 @@ inline bool same_column(const scene& a, const scene& b, unsigned n) {
 }
 inline bool same_value(const scene& a, const scene& b, unsigned n) { return same(a.values[n], b.values[n]); }
 
+// Every solid kind, with a quadrangle of the hexahedron, of a wedge and of a pyramid's
+// base listed for splitting (as seen from their solids).
+inline scene split_q4_input() {
+  scene s = every_solid_kind();  // columns: 6 TH4, 6 PY5, 2 W6, 1 H8
+  const unsigned pyramid = 6, wedge = 12, hexahedron = 14;
+  auto node = [&](unsigned e, unsigned k) { return s.connect(k, e); };
+  s.faces = dense2D<unsigned>(4, 3, {node(hexahedron, 0), node(hexahedron, 1), node(hexahedron, 2), node(hexahedron, 3),
+                                     node(wedge, 2), node(wedge, 1), node(wedge, 4), node(wedge, 5),
+                                     node(pyramid, 0), node(pyramid, 1), node(pyramid, 2), node(pyramid, 3)});
+  s.out = dense2D<unsigned>(1, 1, 7u);
+  s.ids_out = {7};
+  return s;
+}
+
 namespace t3 = zel::tessel3d;
 
 inline const vec3 axis_point(-1, 0, 0), axis_turn(0, -1.5707963267948966, 0), lift(0, 0, 1), climb(0, 0, 2);
@@ -577,6 +591,16 @@ inline const std::vector<family_row>& family_table() {
                                             zel::TH4);
        },
        unchanged_or_complete},
+
+      {"split_solid_Q4", split_q4_input,
+       [](scene& s) { return t3::split_solid_Q4(s.coords, s.connect, s.faces, 0.05, s.out, s.ids_out); },
+       [](const failure& f) {
+         EXPECT_EQ(f.status, -199);
+         scene expected = f.entry;
+         expected.out = dense2D<unsigned>();  // cleared first
+         expected.ids_out = dense1D<unsigned, 8>();
+         expect_same(f.after, expected, "after -199");
+       }},
 
       {"get_neighbors", neighbors_input, [](scene& s) { return zel::tessel::get_neighbors(s.connect, zel::TH4, s.out); },
        unchanged},
