@@ -361,4 +361,21 @@ TEST(bounds, interpolations_refuse_ids_they_would_read_through) {
   }
 }
 
+// The adjacency helpers number elements and nodes in 32 bits: a mesh past that range is
+// refused with -199 before it is read, and a node count of 2^32 - 1 asks for memory the
+// machine refuses rather than for a wrapped size.
+TEST(bounds, adjacency_helpers_at_the_32_bit_limit) {
+  std::vector<unsigned> memory(8, 0);
+  const dense2D<unsigned> claimed = dense2D<unsigned>::wrap(memory.data(), 4, std::size_t(max_unsigned), 4);
+  dense2D<unsigned> neighbors(1, 1, 7u);
+  EXPECT_EQ(zel::tessel::get_neighbors(claimed, zel::TH4, neighbors), -199);
+  EXPECT_EQ(neighbors.rows() * neighbors.cols(), 1u);
+  const dense2D<unsigned> one(4, 1, {0, 1, 2, 3});
+  dense1D<unsigned, 8> node_element = {7};
+  capped_allocator cap;
+  EXPECT_EQ(zel::tessel::get_node_element(one, max_unsigned, node_element), -199);
+  EXPECT_GT(cap.refusals(), 0);
+  EXPECT_EQ(node_element.size(), 1u);
+}
+
 }  // namespace
