@@ -150,17 +150,25 @@ TEST(bounds, layer_counts_that_cannot_be_represented_give_minus_199_before_anyth
   saved[0] = up, saved[1] = spin, saved[2] = far, saved[3] = nan3;
   const extrusion calls[] = {
       // N * #surface nodes + #nodes >= 2^32
-      [](scene& s) { return t3::extrude_translate(s.coords, s.connect, saved[0], max_unsigned, s.E, s.E2, s.Q4, s.Top); },
-      [](scene& s) { return t3::extrude_normal(s.coords, s.connect, s.reals_in, max_unsigned / 4, s.E, s.E2, s.Q4, s.Top); },
+      [](scene& s) {
+        return t3::extrude_translate(s.coords, s.connect, saved[0], max_unsigned, s.E, s.E2, s.Q4, s.Top);
+      },
+      [](scene& s) {
+        return t3::extrude_normal(s.coords, s.connect, s.reals_in, max_unsigned / 4, s.E, s.E2, s.Q4, s.Top);
+      },
       [](scene& s) { return t3::extrude_normal(s.coords, s.connect, 1.0, max_unsigned, s.E); },
       // tiny sizes: L / h >= 2^32
       [](scene& s) { return t3::extrude_translate(s.coords, s.connect, saved[0], 1e-300, 1e-300, false, s.E); },
       [](scene& s) { return t3::extrude_translate(s.coords, s.connect, saved[0], 2.3e-10, 2.3e-10, true, s.E); },
       [](scene& s) { return t3::extrude_rotate(s.coords, s.connect, vec3(-1, 0, 0), saved[1], 0.5, 2.0, false, s.E); },
-      [](scene& s) { return t3::extrude_spiral(s.coords, s.connect, vec3(-1, 0, 0), saved[0], saved[2], 1.0, 1.0, false, s.E); },
+      [](scene& s) {
+        return t3::extrude_spiral(s.coords, s.connect, vec3(-1, 0, 0), saved[0], saved[2], 1.0, 1.0, false, s.E);
+      },
       [](scene& s) { return t3::extrude_normal(s.coords, s.connect, 1e300, 1.0, 2.0, false, s.E, s.E2, s.Q4, s.Top); },
       // an infinite or undefined length
-      [](scene& s) { return t3::extrude_spiral(s.coords, s.connect, vec3(-1, 0, 0), saved[0], saved[3], 1.0, 1.0, false, s.E); },
+      [](scene& s) {
+        return t3::extrude_spiral(s.coords, s.connect, vec3(-1, 0, 0), saved[0], saved[3], 1.0, 1.0, false, s.E);
+      },
       [](scene& s) { return t3::extrude_rotate(s.coords, s.connect, vec3(inf, 0, 0), saved[0], 1.0, 1.0, false, s.E); },
   };
   for (std::size_t k = 0; k < std::size(calls); ++k) {
@@ -177,7 +185,7 @@ TEST(bounds, layer_counts_that_cannot_be_represented_give_minus_199_before_anyth
 }
 
 TEST(bounds, extrusion_node_ids_stop_below_the_absent_marker) {
-  const scene surface = small_surface();  // 5 surface nodes
+  const scene surface = small_surface();     // 5 surface nodes
   for (const std::size_t room : {5u, 4u}) {  // 5 more IDs fit below ~0U, 4 do not
     SCOPED_TRACE("room for " + std::to_string(room) + " more nodes");
     claimed_coords coords(surface.coords, std::size_t(max_unsigned) - room);
@@ -224,8 +232,9 @@ TEST(bounds, huge_node_counts_of_the_conversion_give_minus_199) {
     const scene entry = tessel3d_test::every_solid_kind();
     s.out = dense2D<unsigned>(1, 1, 7u);
     capped_allocator cap;
-    EXPECT_EQ(t3::convert_into_high_order(s.coords, s.connect, c.e, c.q, c.t, c.h, c.w, c.p, c.n, s.out, s.faces, s.edges),
-              -199);
+    EXPECT_EQ(
+        t3::convert_into_high_order(s.coords, s.connect, c.e, c.q, c.t, c.h, c.w, c.p, c.n, s.out, s.faces, s.edges),
+        -199);
     EXPECT_GT(cap.refusals(), 0);
     EXPECT_EQ(s.out.rows() * s.out.cols(), 0u);
     EXPECT_TRUE(tessel3d_test::same(s.coords, entry.coords));

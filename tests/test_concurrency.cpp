@@ -99,7 +99,8 @@ TEST(node_detector, concurrent_queries_match_queries_alone) {
   const zel::tessel::node_detector detector(box.coords);
   std::vector<vec3> points;
   tessel3d_test::random_stream random(5);
-  for (int i = 0; i < 500; ++i) points.emplace_back(random.uniform(-0.2, 1.2), random.uniform(-0.2, 1.2), random.uniform(-0.2, 1.2));
+  for (int i = 0; i < 500; ++i)
+    points.emplace_back(random.uniform(-0.2, 1.2), random.uniform(-0.2, 1.2), random.uniform(-0.2, 1.2));
   std::vector<unsigned> close_alone, closest_alone;
   for (const vec3& p : points) {
     close_alone.push_back(detector.find_close(p));

@@ -134,7 +134,7 @@ inline scene surface() {
   s.coords.resize(3, 9);
   for (unsigned j = 0; j < 3; ++j)
     for (unsigned i = 0; i < 3; ++i) s.coords(0, 3 * j + i) = 0.5 * i, s.coords(1, 3 * j + i) = 0.5 * j;
-  s.connect = dense2D<unsigned>(4, 6, {0, 1, 4, 3,  1, 2, 5, ~0U,  1, 5, 4, ~0U,  3, 4, 7, ~0U,  3, 7, 6, ~0U,  4, 5, 8, 7});
+  s.connect = dense2D<unsigned>(4, 6, {0, 1, 4, 3, 1, 2, 5, ~0U, 1, 5, 4, ~0U, 3, 4, 7, ~0U, 3, 7, 6, ~0U, 4, 5, 8, 7});
   s.E2 = dense2D<unsigned>(2, 2, {0, 1, 1, 2});
   s.E = dense2D<unsigned>(8, 1, 7u);
   s.Q4 = dense2D<unsigned>(4, 1, 7u);
@@ -151,7 +151,7 @@ inline scene surface_and_line() {
   for (unsigned k = 0; k < 3; ++k)
     for (int d = 0; d < 3; ++d) s.coords(d, 9 + k) = line[k][d];
   s.ids = {0, 9, 10, 11};
-  s.reals_in = dense2D<double>(6, 4, {1, 0, 1, 0, 0, 1,  1, 0, 1, 0, 0, 1,  4, 0, 4, 0, 0, 4,  1, 0.2, 2, 0, 0, 1});
+  s.reals_in = dense2D<double>(6, 4, {1, 0, 1, 0, 0, 1, 1, 0, 1, 0, 0, 1, 4, 0, 4, 0, 0, 4, 1, 0.2, 2, 0, 0, 1});
   s.values = {1, 2, 2, 1};
   return s;
 }
@@ -245,16 +245,18 @@ inline void in_place_cleared(const failure& f) {
   expect_same(f.after, expected, "after -199");
 }
 
-// Extrusion along a line: as the other extrusions, and when the removal of the polyline's
-// unused copies runs out of memory, the copies stay and 0 is returned: the same elements, node for node at the same places, with the copies
-// of the start node left in coords unreferenced.
+// Extrusion along a line: as the other extrusions; and when the removal of the
+// polyline's unused copies runs out of memory, the copies stay and 0 is returned: the
+// same elements, node for node at the same places, with the copies of the start node
+// left in coords unreferenced.
 inline void unmerged_or_unchanged(const failure& f) {
   if (f.status != 0) return unchanged(f);
   const scene& r = f.reference;
   if (f.after.coords.cols() == r.coords.cols()) return expect_same(f.after, r, "after an absorbed failure");
   ASSERT_EQ(f.after.coords.cols(), r.coords.cols() + (f.after.ids.size() - 1));
   for (const auto member : {&scene::E, &scene::Q4, &scene::Top}) {
-    const dense2D<unsigned>&a = f.after.*member, &b = r.*member;
+    const dense2D<unsigned>& a = f.after.*member;
+    const dense2D<unsigned>& b = r.*member;
     ASSERT_EQ(a.cols(), b.cols());
     for (std::size_t j = 0; j < a.cols(); ++j)
       for (std::size_t i = 0; i < a.rows(); ++i) {
@@ -337,7 +339,6 @@ inline scene neighbors_input() {
   s.ids_out = {7};
   return s;
 }
-
 
 // A TH4 box with its adjacency and node search, and extra nodes in no element (inside,
 // on a mesh node, outside) appended to coords; `ids` lists them, with one mesh node.
@@ -436,9 +437,10 @@ inline scene split_q4_input() {
   scene s = every_solid_kind();  // columns: 6 TH4, 6 PY5, 2 W6, 1 H8
   const unsigned pyramid = 6, wedge = 12, hexahedron = 14;
   auto node = [&](unsigned e, unsigned k) { return s.connect(k, e); };
-  s.faces = dense2D<unsigned>(4, 3, {node(hexahedron, 0), node(hexahedron, 1), node(hexahedron, 2), node(hexahedron, 3),
-                                     node(wedge, 2), node(wedge, 1), node(wedge, 4), node(wedge, 5),
-                                     node(pyramid, 0), node(pyramid, 1), node(pyramid, 2), node(pyramid, 3)});
+  s.faces = dense2D<unsigned>(4, 3,
+                              {node(hexahedron, 0), node(hexahedron, 1), node(hexahedron, 2), node(hexahedron, 3),
+                               node(wedge, 2), node(wedge, 1), node(wedge, 4), node(wedge, 5), node(pyramid, 0),
+                               node(pyramid, 1), node(pyramid, 2), node(pyramid, 3)});
   s.out = dense2D<unsigned>(1, 1, 7u);
   s.ids_out = {7};
   return s;
@@ -469,16 +471,20 @@ inline const std::vector<family_row>& family_table() {
        one_value_left_out},
 
       {"convert_into_high_order_result", every_solid_kind,
-       [](scene& s) { return t3::convert_into_high_order(s.coords, s.connect, 2, 4, 3, 8, 1, 2, 1, s.out, s.faces, s.edges); },
+       [](scene& s) {
+         return t3::convert_into_high_order(s.coords, s.connect, 2, 4, 3, 8, 1, 2, 1, s.out, s.faces, s.edges);
+       },
        result_cleared},
       {"convert_into_high_order_caller_nodes", hexahedra_with_caller_nodes,
-       [](scene& s) { return t3::convert_into_high_order(s.coords, s.connect, 1, 1, 0, 1, 0, 0, 0, s.out, s.faces, s.edges); },
+       [](scene& s) {
+         return t3::convert_into_high_order(s.coords, s.connect, 1, 1, 0, 1, 0, 0, 0, s.out, s.faces, s.edges);
+       },
        result_cleared},
       {"convert_into_high_order_in_place", every_solid_kind,
        [](scene& s) { return t3::convert_into_high_order(s.coords, s.connect, 1, 1, 1, 1, 1, 1, 1, s.faces, s.edges); },
        in_place_cleared},
-      {"convert_into_quadratic", every_solid_kind, [](scene& s) { return t3::convert_into_quadratic(s.coords, s.connect); },
-       in_place_cleared},
+      {"convert_into_quadratic", every_solid_kind,
+       [](scene& s) { return t3::convert_into_quadratic(s.coords, s.connect); }, in_place_cleared},
       {"convert_into_quadratic_caller_nodes", hexahedra_with_caller_nodes,
        [](scene& s) { return t3::convert_into_quadratic(s.coords, s.connect, s.faces, s.edges); }, in_place_cleared},
       {"convert_into_linear", quadratic_input, [](scene& s) { return t3::convert_into_linear(s.connect); }, unchanged},
@@ -486,19 +492,26 @@ inline const std::vector<family_row>& family_table() {
        [](scene& s) { return t3::split_into_H8(s.coords, s.connect, s.out, s.faces, s.edges); }, unchanged},
 
       {"extrude_translate_count", surface,
-       [](scene& s) { return t3::extrude_translate(s.coords, s.connect, lift, 3, s.E, s.E2, s.Q4, s.Top); }, unchanged_or_complete},
+       [](scene& s) { return t3::extrude_translate(s.coords, s.connect, lift, 3, s.E, s.E2, s.Q4, s.Top); },
+       unchanged_or_complete},
       {"extrude_translate_count_short", surface,
        [](scene& s) { return t3::extrude_translate(s.coords, s.connect, lift, 3, s.E); }, unchanged_or_complete},
       {"extrude_translate_sizes", surface,
-       [](scene& s) { return t3::extrude_translate(s.coords, s.connect, lift, 0.2, 0.5, false, s.E, s.E2, s.Q4, s.Top); },
+       [](scene& s) {
+         return t3::extrude_translate(s.coords, s.connect, lift, 0.2, 0.5, false, s.E, s.E2, s.Q4, s.Top);
+       },
        unchanged_or_complete},
       {"extrude_translate_sizes_short", surface,
-       [](scene& s) { return t3::extrude_translate(s.coords, s.connect, lift, 0.2, 0.5, true, s.E); }, unchanged_or_complete},
+       [](scene& s) { return t3::extrude_translate(s.coords, s.connect, lift, 0.2, 0.5, true, s.E); },
+       unchanged_or_complete},
       {"extrude_rotate_count", surface,
-       [](scene& s) { return t3::extrude_rotate(s.coords, s.connect, axis_point, axis_turn, 3, s.E, s.E2, s.Q4, s.Top); },
+       [](scene& s) {
+         return t3::extrude_rotate(s.coords, s.connect, axis_point, axis_turn, 3, s.E, s.E2, s.Q4, s.Top);
+       },
        unchanged_or_complete},
       {"extrude_rotate_count_short", surface,
-       [](scene& s) { return t3::extrude_rotate(s.coords, s.connect, axis_point, axis_turn, 3, s.E); }, unchanged_or_complete},
+       [](scene& s) { return t3::extrude_rotate(s.coords, s.connect, axis_point, axis_turn, 3, s.E); },
+       unchanged_or_complete},
       {"extrude_rotate_sizes", surface,
        [](scene& s) {
          return t3::extrude_rotate(s.coords, s.connect, axis_point, axis_turn, 0.3, 0.6, false, s.E, s.E2, s.Q4, s.Top);
@@ -513,7 +526,8 @@ inline const std::vector<family_row>& family_table() {
        },
        unchanged_or_complete},
       {"extrude_spiral_count_short", surface,
-       [](scene& s) { return t3::extrude_spiral(s.coords, s.connect, axis_point, axis_turn, climb, 3, s.E); }, unchanged_or_complete},
+       [](scene& s) { return t3::extrude_spiral(s.coords, s.connect, axis_point, axis_turn, climb, 3, s.E); },
+       unchanged_or_complete},
       {"extrude_spiral_sizes", surface,
        [](scene& s) {
          return t3::extrude_spiral(s.coords, s.connect, axis_point, axis_turn, climb, 0.4, 0.8, false, s.E, s.E2, s.Q4,
@@ -526,18 +540,21 @@ inline const std::vector<family_row>& family_table() {
        },
        unchanged_or_complete},
       {"extrude_normal_given", surface_with_normals,
-       [](scene& s) { return t3::extrude_normal(s.coords, s.connect, s.reals_in, 3, s.E, s.E2, s.Q4, s.Top); }, unchanged_or_complete},
+       [](scene& s) { return t3::extrude_normal(s.coords, s.connect, s.reals_in, 3, s.E, s.E2, s.Q4, s.Top); },
+       unchanged_or_complete},
       {"extrude_normal_given_short", surface_with_normals,
        [](scene& s) { return t3::extrude_normal(s.coords, s.connect, s.reals_in, 3, s.E); }, unchanged_or_complete},
       {"extrude_normal_count", surface,
-       [](scene& s) { return t3::extrude_normal(s.coords, s.connect, 1.0, 3u, s.E, s.E2, s.Q4, s.Top); }, unchanged_or_complete},
+       [](scene& s) { return t3::extrude_normal(s.coords, s.connect, 1.0, 3u, s.E, s.E2, s.Q4, s.Top); },
+       unchanged_or_complete},
       {"extrude_normal_count_short", surface,
        [](scene& s) { return t3::extrude_normal(s.coords, s.connect, 1.0, 3u, s.E); }, unchanged_or_complete},
       {"extrude_normal_sizes", surface,
        [](scene& s) { return t3::extrude_normal(s.coords, s.connect, 1.0, 0.2, 0.4, false, s.E, s.E2, s.Q4, s.Top); },
        unchanged_or_complete},
       {"extrude_normal_sizes_short", surface,
-       [](scene& s) { return t3::extrude_normal(s.coords, s.connect, 1.0, 0.2, 0.4, true, s.E); }, unchanged_or_complete},
+       [](scene& s) { return t3::extrude_normal(s.coords, s.connect, 1.0, 0.2, 0.4, true, s.E); },
+       unchanged_or_complete},
       {"extrude_line_tensors", surface_and_line,
        [](scene& s) { return t3::extrude_line(s.coords, s.connect, s.ids, lift, s.reals_in, s.E, s.E2, s.Q4, s.Top); },
        unmerged_or_unchanged},
@@ -548,7 +565,8 @@ inline const std::vector<family_row>& family_table() {
        [](scene& s) { return t3::extrude_line(s.coords, s.connect, s.ids, lift, s.values, s.E, s.E2, s.Q4, s.Top); },
        unmerged_or_unchanged},
       {"extrude_line_factors_short", surface_and_line,
-       [](scene& s) { return t3::extrude_line(s.coords, s.connect, s.ids, lift, s.values, s.E); }, unmerged_or_unchanged},
+       [](scene& s) { return t3::extrude_line(s.coords, s.connect, s.ids, lift, s.values, s.E); },
+       unmerged_or_unchanged},
 
       {"get_element_containing_point", field_input,
        [](scene& s) {
@@ -583,12 +601,14 @@ inline const std::vector<family_row>& family_table() {
        },
        [](const failure& f) { written_prefix<true>(f, same_value); }},
       {"interpolate_metrics_sizes_every_node", metric_input,
-       [](scene& s) { return t3::interpolate_metrics(s.coords, s.connect, s.neighbors, s.node_element, s.values, true); },
+       [](scene& s) {
+         return t3::interpolate_metrics(s.coords, s.connect, s.neighbors, s.node_element, s.values, true);
+       },
        [](const failure& f) { written_prefix<false>(f, same_value); }},
       {"duplicate_surface_nodes", tetrahedra_and_surface,
        [](scene& s) {
-         return t3::duplicate_surface_nodes(s.coords, s.connect, s.neighbors, s.node_element, s.faces, s.ids, true, true,
-                                            zel::TH4);
+         return t3::duplicate_surface_nodes(s.coords, s.connect, s.neighbors, s.node_element, s.faces, s.ids, true,
+                                            true, zel::TH4);
        },
        unchanged_or_complete},
 
@@ -602,8 +622,8 @@ inline const std::vector<family_row>& family_table() {
          expect_same(f.after, expected, "after -199");
        }},
 
-      {"get_neighbors", neighbors_input, [](scene& s) { return zel::tessel::get_neighbors(s.connect, zel::TH4, s.out); },
-       unchanged},
+      {"get_neighbors", neighbors_input,
+       [](scene& s) { return zel::tessel::get_neighbors(s.connect, zel::TH4, s.out); }, unchanged},
       {"get_node_element", neighbors_input,
        [](scene& s) {
          return zel::tessel::get_node_element(s.connect, static_cast<unsigned>(s.coords.cols()), s.ids_out);
@@ -626,8 +646,8 @@ inline const std::vector<family_row>& family_table() {
          return zel::tessel::simplify(s.coords, &s.out, &s.out + 1, s.ids_out, unsigned(s.coords.cols() - 3));
        },
        unchanged},
-      {"normals", normals_input, [](scene& s) { return zel::tessel2d::normals(s.coords, s.connect, 0.2, true, s.reals_out); },
-       unchanged},
+      {"normals", normals_input,
+       [](scene& s) { return zel::tessel2d::normals(s.coords, s.connect, 0.2, true, s.reals_out); }, unchanged},
   };
   return rows;
 }
