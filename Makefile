@@ -6,7 +6,7 @@ JOBS ?= 2
 PYTHON ?= $(shell test -x /usr/bin/python3 && echo /usr/bin/python3 || echo python3)
 DEMO_OUT ?= demo-output
 
-.PHONY: all deps build test demo bench bench-peers test-asan fuzz clean
+.PHONY: all deps build test demo bench bench-peers test-asan test-tsan fuzz clean
 
 all: build
 
@@ -37,6 +37,13 @@ bench-peers: build
 
 test-asan:
 	$(MAKE) test PRESET=asan
+
+# The concurrency test under ThreadSanitizer: only it and the libraries are built.
+test-tsan:
+	@tools/install-deps.sh libtsan2
+	cmake --preset tsan
+	cmake --build --preset tsan --parallel $(JOBS)
+	TSAN_OPTIONS=halt_on_error=1 build/tsan/tests/test_concurrency
 
 # libFuzzer targets under ASan and UBSan, each run FUZZ_SECONDS from its seed corpus
 # (fuzz/corpus/<target>); findings land in build/fuzz/findings.

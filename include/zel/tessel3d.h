@@ -330,6 +330,9 @@ TESSEL3D_EXPORT int split_into_H8(dense2D<double>& coords, const dense2D<unsigne
 //     (nbNodes + N * #surface nodes >= 2^32): returned before anything is written;
 //   - an output cannot be sized: every output is brought back to its column count on
 //     entry (rows as resized: a planar coords stays 3 x nbNodes).
+// The map of surface nodes is sized up front; when that reservation fails the map grows
+// as it fills instead, and the call goes on (only what the map cannot hold fails it).
+// The work is linear in the output: no count reaches a loop before its outputs are sized.
 
 /// Sweeps a surface along the vector T: layer k is the surface moved by u_k T. L = |T|.
 /// @param[in,out] coords      2 or 3 x #nodes (see the shared rules)
@@ -562,7 +565,10 @@ TESSEL3D_EXPORT int get_element_containing_point(const dense2D<double>& coords, 
 /// the call) and receives F3 + l0 (F0 - F3) + l1 (F1 - F3) + l2 (F2 - F3) from the four
 /// nodes of its element and its barycentric weights; a node that is not located (outside
 /// the mesh, or its walk met an invalid element) receives an exact copy of the nearest
-/// mesh node's values. Mesh nodes and unlisted nodes are only read.
+/// mesh node's values. Mesh nodes and unlisted nodes are only read. Mesh nodes with a
+/// coordinate that is not finite take no part in the node search (none is copied from
+/// them); nodes crowded into one 2^-32 step of the mesh's extent (coincident nodes, or
+/// a far outlier squeezing the rest) are searched one by one.
 /// @param[in]     coords        3 x #nodes: mesh nodes and the nodes to fill
 /// @param[in]     connectivity  4 x #elements TH4
 /// @param[in]     neighbors     4 x #elements face adjacency
@@ -599,8 +605,9 @@ TESSEL3D_EXPORT int interpolate(const dense2D<double>& coords, const dense2D<uns
 ///                            eigenvalue > 0, or size in (0, DBL_MAX))
 /// Other arguments as for interpolate(). Mesh nodes are never changed.
 /// @return 0 (also for an empty `nodes`) | -1 coords not 3 rows | -2 connectivity not 4
-///         rows or a node ID not below #nodes | -3 neighbors not 4 rows, not #elements
-///         columns or an entry neither an element nor ~0U | -4 node_element size not #nodes | -5 metrics not 6 x #nodes (or not #nodes long) | -6 an entry
+///         rows, or a node ID not below #nodes | -3 neighbors not 4 rows or not #elements
+///         columns, or an entry neither an element nor ~0U | -4 node_element size not
+///         #nodes | -5 metrics not 6 x #nodes (or not #nodes long) | -6 an entry
 ///         of nodes is not a node ID | -199 memory (the octree, the list of every node
 ///         or a second chance)
 TESSEL3D_EXPORT int interpolate_metrics(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
@@ -684,7 +691,7 @@ TESSEL3D_EXPORT int interpolate_metrics(const dense2D<double>& coords, const den
 ///         node_element entry is missing or not an element holding it (the negative side
 ///         is not run when the positive one failed); -199, also with nothing changed,
 ///         when memory cannot be had (the room in coords, the working copy of the
-///         connectivity or an internal table).
+///         connectivity or an internal table), or when a new node ID would reach ~0U.
 TESSEL3D_EXPORT int duplicate_surface_nodes(dense2D<double>& coords, dense2D<unsigned>& connectivity,
                                             const dense2D<unsigned>& neighbors,
                                             const dense1D<unsigned, 8>& node_element,

@@ -6,8 +6,16 @@
 // column of eight unsigned words: a leaf holds its node count (0 to 7) in word 0 and the
 // node IDs after it; an inner cell holds its eight children, each word flagged with
 // inner_flag. The child of a point at depth d is taken from bit 31 - d of its integer
-// coordinates: x bit + 2 y bit + 4 z bit. Past depth 32 (more than seven nodes on one
-// integer position) the cells chain through child 0 and pruning uses the parent's box.
+// coordinates: x bit + 2 y bit + 4 z bit. A cell at depth 32 is one integer position;
+// more than seven nodes there (a crowd: coincident nodes, or nodes squeezed together by
+// a far outlier) make it an inner cell whose children 1-7 are leaves and whose child 0
+// continues the crowd one level down. An insertion fills the first of those leaves
+// with room, else moves the children one level down and starts seven new leaves, so it
+// never walks the crowd; a search scans a crowd in a loop, never by recursion, so no
+// input can exhaust the stack.
+//
+// Nodes with a coordinate that is not finite are left out: they cannot be placed on the
+// grid, and an infinite extent would squeeze every finite node into one crowd.
 //
 // Queries: find_close (the nearest node of the leaf holding the point, else of the
 // first non-empty sibling, else of the whole tree; ~0U outside the cube) and
@@ -27,6 +35,7 @@ class node_octree {
  public:
   static constexpr unsigned inner_flag = 0x80000000u;
   static constexpr unsigned leaf_size = 7;
+  static constexpr unsigned crowd_depth = 32;  // cells of one integer position
 
   /// Builds the tree over the nodes of the columns of a 4-row connectivity (each node
   /// once, in order of first appearance). Node IDs must be columns of coords.
@@ -55,7 +64,7 @@ class node_octree {
     integer_position(p, key);
     box b = root_box(), parent_box = b;
     unsigned cell = 0, parent = ~0U, child = 0, depth = 0;
-    while (is_inner(cell)) {
+    while (depth < crowd_depth && is_inner(cell)) {
       parent = cell;
       parent_box = b;
       child = child_index(key, depth);
@@ -65,7 +74,7 @@ class node_octree {
     }
     double best = infinity();
     unsigned found = ~0U;
-    nearest_in_leaf(cell, p, best, found);
+    nearest_in_crowd(cell, p, best, found);  // a leaf, or the whole crowd of a position
     if (found != ~0U) return found;
     if (parent != ~0U) {
       // Siblings differing in one bit, in two bits, then in all three.
@@ -117,6 +126,7 @@ class node_octree {
   // Squared distances start from infinity, so any finite distance is an answer.
   static double infinity() { return std::numeric_limits<double>::infinity(); }
 
+  static bool finite(const double* x) { return std::isfinite(x[0]) && std::isfinite(x[1]) && std::isfinite(x[2]); }
   bool in_cube(const double* p) const {
     for (unsigned d = 0; d < 3; ++d)
       if (!(p[d] >= lower_[d] && p[d] <= upper_[d])) return false;
@@ -140,6 +150,7 @@ class node_octree {
       for (unsigned k = 0; k < 4; ++k) {
         const unsigned n = column[k];
         if (n >= coords_.cols()) continue;  // invalid IDs are the caller's fault, but never written through
+        if (!finite(xyz_ + n * ld_)) continue;
         unsigned& word = seen[n >> 5];
         if (word & (1u << (n & 31))) continue;
         word |= 1u << (n & 31);
@@ -190,6 +201,7 @@ class node_octree {
     integer_position(x, key);
     unsigned cell = 0, depth = 0;
     for (;;) {
+      if (depth == crowd_depth) return insert_in_crowd(cell, node);
       unsigned* words = cells_.data() + cell * std::size_t(8);
       if (words[0] & inner_flag) {
         cell = words[child_index(key, depth)] & ~inner_flag;
@@ -205,7 +217,8 @@ class node_octree {
     }
   }
 
-  // Turns a full leaf into an inner cell whose children share its nodes.
+  // Turns a full leaf into an inner cell whose children share its nodes (all of them in
+  // child 1 for a crowd, whose nodes have no bit left to tell them apart).
   bool split(unsigned cell, unsigned depth) {
     const unsigned first = new_cells(8);
     if (first == ~0U) return false;
@@ -216,15 +229,51 @@ class node_octree {
     for (unsigned k = 0; k < leaf_size; ++k) {
       std::uint32_t key[3];
       integer_position(xyz_ + moved[k] * ld_, key);
-      // Past the last bit every node maps to child 0: park the old ones in child 1.
-      const unsigned child = depth >= 32 ? 1 : child_index(key, depth);
+      const unsigned child = depth >= crowd_depth ? 1 : child_index(key, depth);
       unsigned* leaf = cells_.data() + (first + child) * std::size_t(8);
       leaf[1 + leaf[0]] = moved[k];
       ++leaf[0];
     }
     return true;
   }
+  static bool append(unsigned* leaf, unsigned node) {
+    if (leaf[0] >= leaf_size) return false;
+    leaf[1 + leaf[0]] = node;
+    ++leaf[0];
+    return true;
+  }
+  // A node into the crowd at `cell` (see the file comment): the cell itself while it is a
+  // leaf with room, else the first of its leaf children with room, else seven new leaves
+  // after the children have moved one level down. Constant time whatever the crowd.
+  bool insert_in_crowd(unsigned cell, unsigned node) {
+    if (!is_inner(cell)) {
+      if (append(cells_.data() + cell * std::size_t(8), node)) return true;
+      if (!split(cell, crowd_depth)) return false;
+    }
+    for (unsigned k = 0; k < 8; ++k) {
+      const unsigned child = child_cell(cell, k);
+      if (!is_inner(child) && append(cells_.data() + child * std::size_t(8), node)) return true;
+    }
+    const unsigned first = new_cells(8);
+    if (first == ~0U) return false;
+    unsigned* words = cells_.data() + cell * std::size_t(8);
+    unsigned* below = cells_.data() + first * std::size_t(8);
+    for (unsigned k = 0; k < 8; ++k) {
+      below[k] = words[k];  // child 0 of the new block takes over the crowd so far
+      words[k] = (first + k) | inner_flag;
+    }
+    return append(cells_.data() + (first + 1) * std::size_t(8), node);
+  }
 
+  // Nearest node of a crowd (or of a plain leaf): its leaves level by level, in a loop.
+  // An exact hit ends the scan, no node being nearer.
+  void nearest_in_crowd(unsigned cell, const double* p, double& best, unsigned& found) const {
+    while (is_inner(cell) && best > 0) {
+      for (unsigned k = 1; k < 8; ++k) nearest_in_leaf(child_cell(cell, k), p, best, found);
+      cell = child_cell(cell, 0);
+    }
+    if (!is_inner(cell)) nearest_in_leaf(cell, p, best, found);
+  }
   // Squared distance from p to a box, enlarged by margin_ on each side so that the
   // rounding of the integer mapping never prunes a node that lies in the box.
   double box_distance2(const box& b, const double* p) const {
@@ -256,8 +305,8 @@ class node_octree {
   // squared distance) and found; children are visited nearest box first.
   void nearest_in(unsigned cell, const box& b, unsigned depth, const double* p, double& best,
                   unsigned& found) const {
-    if (!is_inner(cell)) {
-      nearest_in_leaf(cell, p, best, found);
+    if (depth >= crowd_depth || !is_inner(cell)) {
+      nearest_in_crowd(cell, p, best, found);
       return;
     }
     box boxes[8];

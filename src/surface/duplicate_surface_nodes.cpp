@@ -151,6 +151,8 @@ class surface_opener {
     }
 
     const std::size_t nb_new = nb_surface_nodes * ((positive_side ? 1 : 0) + (negative_side ? 1 : 0));
+    // New IDs stay below the absent marker ~0U, and their count fits the int returned.
+    if (coords_.cols() + nb_new > 0xFFFFFFFFu || nb_new > 0x7FFFFFFFu) return side_no_memory;
     if (nb_new > 0 && !coords_.reserve(3, coords_.cols() + nb_new, 1)) return side_no_memory;
     if (!work_.copy(conn_)) return side_no_memory;
 

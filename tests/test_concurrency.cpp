@@ -1,0 +1,128 @@
+// Concurrent calls: every family runs in four threads at once on inputs that share one
+// set of buffers (shallow copies), each thread with outputs of its own, and every thread
+// must get what a call alone gets while the shared buffers stay as they were. Run under
+// ThreadSanitizer by `make test-tsan`.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "box_mesh.h"
+#include "family_table.h"
+#include "zel/tessel.h"
+
+namespace {
+
+using tessel3d_test::family_row;
+using tessel3d_test::scene;
+using zel::dense1D;
+using zel::dense2D;
+using vec3 = zel::vector_fixed<double, 3>;
+
+constexpr int nb_threads = 4;
+
+// Starts every thread's work at the same moment, so that the calls overlap.
+class start_line {
+ public:
+  void arrive_and_wait() {
+    waiting_.fetch_add(1);
+    while (waiting_.load() < nb_threads) std::this_thread::yield();
+  }
+
+ private:
+  std::atomic<int> waiting_{0};
+};
+
+template <class M>
+void own(M& m) {
+  M copy;
+  ASSERT_TRUE(copy.copy(m));
+  m = copy;
+}
+
+// A thread's scene: the shared inputs as shallow copies (in-out coordinates and in-place
+// connectivities included: growing or converting them must detach), the pure outputs as
+// copies of its own.
+scene thread_scene(const family_row& row, const scene& shared) {
+  scene mine = shared;
+  // simplify closes the gaps by moving columns down inside the buffer of coords (so that
+  // it never allocates): that buffer is written, so each thread needs one of its own.
+  if (std::string(row.name) == "simplify") own(mine.coords);
+  own(mine.out);
+  own(mine.E);
+  own(mine.Q4);
+  own(mine.Top);
+  own(mine.reals_out);
+  own(mine.ids_out);
+  own(mine.values);
+  own(mine.min_values);
+  own(mine.max_values);
+  return mine;
+}
+
+class concurrent_calls : public ::testing::TestWithParam<family_row> {};
+
+TEST_P(concurrent_calls, match_a_call_alone_and_leave_the_shared_inputs_alone) {
+  const family_row& row = GetParam();
+  scene alone = row.make();
+  const int alone_status = row.call(alone);
+  const scene shared = row.make(), pristine = row.make();
+
+  std::vector<scene> results(nb_threads);
+  std::vector<int> statuses(nb_threads, 1000);
+  start_line start;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < nb_threads; ++t)
+    threads.emplace_back([&, t] {
+      scene mine = thread_scene(row, shared);
+      start.arrive_and_wait();
+      statuses[t] = row.call(mine);
+      results[t] = mine;
+    });
+  for (std::thread& thread : threads) thread.join();
+
+  for (int t = 0; t < nb_threads; ++t) {
+    EXPECT_EQ(statuses[t], alone_status) << "thread " << t;
+    tessel3d_test::expect_same(results[t], alone, "thread " + std::to_string(t));
+  }
+  tessel3d_test::expect_same(shared, pristine, "shared inputs");
+}
+
+INSTANTIATE_TEST_SUITE_P(every_family, concurrent_calls, ::testing::ValuesIn(tessel3d_test::family_table()),
+                         [](const ::testing::TestParamInfo<family_row>& info) { return std::string(info.param.name); });
+
+// One detector, queried from every thread: the queries are const and share its buffers.
+TEST(node_detector, concurrent_queries_match_queries_alone) {
+  const tessel3d_test::box_mesh box = tessel3d_test::make_box(tessel3d_test::box_kind::H8, 6, 5, 4, 1, 1, 1, 0.2);
+  const zel::tessel::node_detector detector(box.coords);
+  std::vector<vec3> points;
+  tessel3d_test::random_stream random(5);
+  for (int i = 0; i < 500; ++i)
+    points.emplace_back(random.uniform(-0.2, 1.2), random.uniform(-0.2, 1.2), random.uniform(-0.2, 1.2));
+  std::vector<unsigned> close_alone, closest_alone;
+  for (const vec3& p : points) {
+    close_alone.push_back(detector.find_close(p));
+    closest_alone.push_back(detector.find_closest(p));
+  }
+  std::vector<std::vector<unsigned>> close(nb_threads), closest(nb_threads);
+  start_line start;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < nb_threads; ++t)
+    threads.emplace_back([&, t] {
+      const zel::tessel::node_detector mine = detector;  // a shallow copy, as callers pass it around
+      start.arrive_and_wait();
+      for (const vec3& p : points) {
+        close[t].push_back(mine.find_close(p));
+        closest[t].push_back(mine.find_closest(p));
+      }
+    });
+  for (std::thread& thread : threads) thread.join();
+  for (int t = 0; t < nb_threads; ++t) {
+    EXPECT_EQ(close[t], close_alone) << "thread " << t;
+    EXPECT_EQ(closest[t], closest_alone) << "thread " << t;
+  }
+}
+
+}  // namespace
