@@ -110,7 +110,7 @@ def angles(b, name, mesh):
         a = C.numpy_dihedral_angles(mesh.coords, mesh.vtk_tets)
         return a.min(axis=1), a.max(axis=1)
     np_t, (lo, hi) = b.time(numpy_run)
-    b.row("dihedral angles", name, m, ours_t, "NumPy (vectorised)", np_t, "smallest and largest angle of each element")
+    b.row("dihedral angles", name, m, ours_t, "NumPy (vectorised)", np_t, "NumPy: all six angles of each element")
     diff = max(np.abs(ours.min - lo).max(), np.abs(ours.max - hi).max()) if m else 0.0
     b.check(f"dihedral angles {name}: smallest and largest angle vs NumPy", diff < 1e-9,
             f"largest difference {diff:.3g} rad")
@@ -131,7 +131,7 @@ def angles(b, name, mesh):
         return C.to_numpy(q.GetOutput().GetCellData().GetArray("Quality")).copy()
     vtk_t, vtk_min = b.time(run, make)
     b.row("dihedral angles", name, m, ours_t, "VTK vtkMeshQuality (MinAngle)", vtk_t,
-          "VTK gives one angle per element, ours the smallest and the largest")
+          "VTK: one angle per element, tessel3d the smallest and the largest")
     six = np.degrees(C.numpy_dihedral_angles(mesh.coords, mesh.vtk_tets))
     candidates = np.concatenate([six, 180.0 - six], axis=1)
     gap = np.abs(candidates - vtk_min[:, None]).min(axis=1).max() if m else 0.0
@@ -205,7 +205,7 @@ def extrusion(b, faces, layers, quads):
     ours_t, ours = b.time(lambda: t3.extrude_translate(coords, base, (0, 0, 1), layers))
     m = len(base)
     b.row("extrusion", f"{kind}", m * layers, ours_t, f"Gmsh extrude, {layers} layers", max(full_t - base_t, 1e-9),
-          f"{m} faces; Gmsh: meshing of the extruded volume less meshing of its base")
+          "Gmsh: the meshing of the extruded volume less that of its base surface")
     b.check(f"extrusion {kind}: solids", len(ours.solids) == m * layers == gmsh_solids,
             f"ours {len(ours.solids)}, Gmsh {gmsh_solids}, expected {m * layers}")
     b.close(f"extrusion {kind}: volume", t3.volume(ours.coords, ours.solids), 1.0, 1e-12, len(ours.solids))
@@ -261,12 +261,13 @@ def location(b, name, mesh, points, ours_budget=8.0):
     note = ""
     if sample < k:
         ours_t = ours_t * k / sample
-        note = f"ours timed on {sample} of the {k} points and scaled"
+        note = f" Ours timed on {sample} of the {k} points and scaled."
 
     from scipy.spatial import Delaunay
     sp_t, simplex = b.time(lambda: Delaunay(coords).find_simplex(points))
     b.row("point location", name, k, ours_t, "SciPy Delaunay + find_simplex", sp_t,
-          f"{k} points; SciPy triangulates the nodes itself. " + note)
+          "random points in the cube, as many as elements (at most 10^5); SciPy triangulates the nodes "
+          "itself, a mesh of their convex hull" + note)
 
     from vtkmodules.vtkCommonCore import vtkIdTypeArray
     from vtkmodules.vtkCommonDataModel import vtkStaticCellLocator
@@ -283,7 +284,7 @@ def location(b, name, mesh, points, ours_budget=8.0):
         return C.to_numpy(data.GetArray("cell")), C.to_numpy(data.GetArray("vtkValidPointMask"))
     vtk_t, (cells, valid) = b.time(vtk_run)
     b.row("point location", name, k, ours_t, "VTK vtkStaticCellLocator (probe)", vtk_t,
-          f"{k} points; VTK's locator run by vtkProbeFilter on a cell-ID array. " + note)
+          "VTK's locator run by vtkProbeFilter on a cell-ID array" + note)
 
     # Agreement, on the points that ours searched. Near the faces of the hole the tools
     # may differ: VTK accepts points within its tolerance of a cell.
@@ -328,7 +329,8 @@ def interpolation(b, name, mesh, points):
     from scipy.interpolate import LinearNDInterpolator
     sp_t, sp = b.time(lambda: LinearNDInterpolator(coords, values)(points))
     b.row("interpolation", name, k, ours_t, "SciPy LinearNDInterpolator", sp_t,
-          f"{k} points, a linear field; ours includes the adjacency, SciPy its triangulation")
+          "a linear field at the points of the location; tessel3d's time includes the adjacency, SciPy's "
+          "its triangulation")
 
     from vtkmodules.util import numpy_support as ns
     from vtkmodules.vtkCommonDataModel import vtkStaticCellLocator
@@ -342,7 +344,7 @@ def interpolation(b, name, mesh, points):
         data = probe(grid, cloud, vtkStaticCellLocator)
         return C.to_numpy(data.GetArray("f")).copy(), C.to_numpy(data.GetArray("vtkValidPointMask")).astype(bool)
     vtk_t, (vt, valid) = b.time(vtk_run)
-    b.row("interpolation", name, k, ours_t, "VTK vtkProbeFilter", vtk_t, f"{k} points, a linear field")
+    b.row("interpolation", name, k, ours_t, "VTK vtkProbeFilter", vtk_t, "VTK's time includes its cell locator")
 
     exact = linear_field(points)
     inside = in_mesh(points, M.tet_size(len(tets)))[0]  # ours copies the nearest node's value outside
@@ -373,7 +375,7 @@ def duplication(b, name, mesh):
         gmsh.plugin.run("Crack")
     gmsh_t, _ = b.time(crack, gmsh_reload(mesh.msh, {}))
     b.row("surface duplication", name, m, ours_t, "Gmsh Crack plugin", gmsh_t,
-          f"{len(mesh.crack)} triangles; the perimeter's nodes stay shared")
+          "the internal square's nodes off its perimeter duplicated")
 
     gmsh_added = len(M.all_nodes()) - len(coords)
     expected = len(np.unique(mesh.crack)) - len(mesh.crack_edge)

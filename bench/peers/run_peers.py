@@ -34,6 +34,7 @@ def parse():
     p.add_argument("--layers", type=int, default=10, help="layers of the extrusions")
     p.add_argument("--points", type=float, help="points to locate (default: the element count, at most 1e5)")
     p.add_argument("--scaling-max", type=float, help="largest mesh of the scaling (default 1e7, 1e5 with --quick)")
+    p.add_argument("--fine", action="store_true", help="scaling at half decades too (3e3, 3e4, ...)")
     p.add_argument("--no-peers", action="store_true", help="only the scaling")
     p.add_argument("--no-scaling", action="store_true", help="only the comparison")
     p.add_argument("--out", default=str(C.ROOT / "build" / "peers"), help="output directory")
@@ -121,7 +122,7 @@ def main():
             log("  " + d)
     if not a.no_scaling:
         import scaling
-        results["scaling"] = scaling.run(t3, a.scaling_max, log)
+        results["scaling"] = scaling.run(t3, a.scaling_max, log, scaling.FINE if a.fine else None)
         scaling.plot(results["scaling"], out / "scaling.png")
     results["seconds"] = time.perf_counter() - start
     (out / "results.json").write_text(json.dumps(results, indent=1))

@@ -8,7 +8,8 @@ import numpy as np
 
 import common as C
 
-SIZES = [10 ** e for e in range(3, 8)] + [3 * 10 ** e for e in range(3, 7)]
+DECADES = [10 ** e for e in range(3, 8)]
+FINE = sorted(DECADES + [3 * 10 ** e for e in range(3, 7)])
 
 
 def grid(k, jitter=0.0, seed=5):
@@ -140,9 +141,10 @@ def families(t3):
 
 
 def run(t3, largest, log=print, sizes=None):
-    """{family: {elements of the mesh: seconds per element (per point for the point
-    families)}} for the sizes up to `largest`."""
-    sizes = sorted(s for s in (sizes or SIZES) if s <= largest)
+    """{family: {nominal elements of the mesh: seconds per element (per point for the
+    point families)}} for the sizes up to `largest`. The boxes have whole numbers of
+    cells, so a mesh holds up to about 30% more or fewer elements than its nominal size."""
+    sizes = sorted(s for s in (sizes or DECADES) if s <= largest)
     out = {}
     log(f"\n== scaling, {sizes[0]:.0e} to {sizes[-1]:.0e} elements: time per element (ns)")
     for name, (make, run_one) in families(t3).items():
@@ -151,7 +153,7 @@ def run(t3, largest, log=print, sizes=None):
             state = make(n)
             budget = 2.0 if n < 10 ** 6 else 0.5
             seconds, _ = C.best_time(lambda s=state: run_one(s), repeat=5, budget=budget)
-            curve[state["m"]] = seconds / state.get("per", state["m"])
+            curve[n] = seconds / state.get("per", state["m"])
             state.clear()
         out[name] = curve
         log(f"  {name:<36}" + "".join(f" {curve[m] * 1e9:9.3g}" for m in sorted(curve)))
@@ -159,23 +161,31 @@ def run(t3, largest, log=print, sizes=None):
 
 
 def plot(scaling, path):
+    """Two panels: the element families (time per element) and the point families (time
+    per point), log-log."""
     import matplotlib
     matplotlib.use("Agg")
     import matplotlib.pyplot as plt
 
-    fig, ax = plt.subplots(figsize=(10, 6.5))
-    styles = ["-", "--", "-.", ":"]
-    for i, (name, curve) in enumerate(scaling.items()):
-        m = sorted(curve, key=float)
-        ax.plot([float(v) for v in m], [curve[v] * 1e9 for v in m], styles[i // 10 % 4], marker="o", markersize=3,
-                label=name)
-    ax.set_xscale("log")
-    ax.set_yscale("log")
-    ax.set_xlabel("elements of the mesh")
-    ax.set_ylabel("time per element (per point for location and interpolation), ns")
-    ax.set_title("tessel3d through its Python package: time per element (a flat line is a linear cost)")
-    ax.grid(True, which="both", alpha=0.3)
-    ax.legend(fontsize=7, ncol=2, loc="upper left")
+    fig, axes = plt.subplots(1, 2, figsize=(13, 8), gridspec_kw={"width_ratios": [1.6, 1]})
+    colours = plt.get_cmap("tab20").colors
+    markers = "os^vD<>ph*"
+    panels = ([n for n in scaling if "per point" not in n], [n for n in scaling if "per point" in n])
+    for ax, names, unit in zip(axes, panels, ("element", "point")):
+        for i, name in enumerate(names):
+            curve = scaling[name]
+            sizes = sorted(curve, key=float)
+            ax.plot([float(v) for v in sizes], [curve[v] * 1e9 for v in sizes], color=colours[i % 20],
+                    marker=markers[i % len(markers)], markersize=4, label=name.replace(" (per point)", ""))
+        ax.set_xscale("log")
+        ax.set_yscale("log")
+        ax.set_xlabel("elements of the mesh (nominal)")
+        ax.set_ylabel(f"time per {unit} (ns)")
+        ax.grid(True, which="both", alpha=0.3)
+        ax.legend(fontsize=8, loc="upper center", bbox_to_anchor=(0.5, -0.11), ncol=3 if unit == "element" else 1)
+    axes[0].set_title("per element: a flat line is a cost linear in the mesh")
+    axes[1].set_title("per point (as many points as mesh nodes; location: 100)")
+    fig.suptitle("tessel3d through its Python package")
     fig.tight_layout()
-    fig.savefig(path, dpi=110)
+    fig.savefig(path, dpi=100)
     plt.close(fig)
