@@ -82,6 +82,43 @@ TEST(hash_table, matches_std_map_through_growth) {
   EXPECT_EQ(live, reference.size());
 }
 
+TEST(hash_table, homes_taken_ahead_give_the_table_of_plain_insertions) {
+  // Homes taken before the insertions, as a bulk insertion takes them: those taken at an
+  // older bucket count must be recomputed, so the table ends slot for slot as one filled
+  // by plain insertions, across the rehashes of its growth.
+  const auto mesh = tessel3d_test::make_box(tessel3d_test::box_kind::H8, 5, 4, 3);
+  using edge_map = hash_table<map_entry<edge2, unsigned>>;
+  edge_map plain, ahead;
+  ASSERT_TRUE(plain.reset(23, 23, 1.0));
+  ASSERT_TRUE(ahead.reset(23, 23, 1.0));
+  std::vector<edge2> keys;
+  for (std::size_t j = 0; j < mesh.connect.cols(); ++j)
+    for (unsigned a = 0; a < 8; ++a) keys.push_back(edge2{{mesh.connect(a, j), mesh.connect((a + 1) % 8, j)}});
+  std::size_t stale = 0;
+  for (std::size_t k = 0; k < keys.size(); k += 16) {  // homes for a block of 16, then its insertions
+    std::vector<std::size_t> homes;
+    const std::size_t buckets = ahead.bucket_count();
+    for (std::size_t i = k; i < keys.size() && i < k + 16; ++i) homes.push_back(ahead.home(hash_key(keys[i])));
+    for (std::size_t i = k; i < keys.size() && i < k + 16; ++i) {
+      const unsigned value = static_cast<unsigned>(i);
+      bool added_plain = false, added_ahead = false;
+      const std::size_t p = plain.insert_growing(hash_key(keys[i]), {keys[i], value}, &added_plain);
+      stale += ahead.bucket_count() != buckets;
+      const std::size_t q = ahead.insert_growing(hash_key(keys[i]), homes[i - k], buckets, {keys[i], value}, &added_ahead);
+      ASSERT_EQ(p, q);
+      EXPECT_EQ(added_plain, added_ahead);
+    }
+  }
+  EXPECT_GT(stale, 0u);  // some homes went stale through a rehash
+  ASSERT_EQ(plain.end(), ahead.end());
+  for (std::size_t pos = plain.begin(); pos < plain.end(); ++pos) {
+    ASSERT_EQ(plain.occupied(pos), ahead.occupied(pos));
+    if (!plain.occupied(pos)) continue;
+    EXPECT_EQ(compare_keys(plain.value(pos).first, ahead.value(pos).first), 1);
+    EXPECT_EQ(plain.value(pos).second, ahead.value(pos).second);
+  }
+}
+
 TEST(hash_table, face_maps_follow_their_match_policy) {
   hash_table<map_entry<face_mix, unsigned>> any;
   hash_table<map_entry<faceQ4, std::size_t>, same_orientation> oriented;
