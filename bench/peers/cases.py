@@ -346,6 +346,20 @@ def interpolation(b, name, mesh, points):
     vtk_t, (vt, valid) = b.time(vtk_run)
     b.row("interpolation", name, k, ours_t, "VTK vtkProbeFilter", vtk_t, "VTK's time includes its cell locator")
 
+    # The library's call alone, given the adjacency a caller keeps between calls.
+    neighbors, node_element = t3.get_neighbors(tets, t3.TH4), t3.get_node_element(tets, n + k)
+
+    def given_run():
+        field = np.zeros(n + k)
+        field[:n] = values
+        return t3.interpolate(every, tets, field, nodes, neighbors=neighbors, node_element=node_element)[n:]
+    given_t, given = b.time(given_run)
+    note = "the library's call alone: the caller passes the adjacency (neighbors=, node_element=)"
+    b.row("interpolation, adjacency given", name, k, given_t, "SciPy LinearNDInterpolator", sp_t, note)
+    b.row("interpolation, adjacency given", name, k, given_t, "VTK vtkProbeFilter", vtk_t, note)
+    b.check(f"interpolation {name}: the same values with the adjacency given", np.array_equal(given, ours),
+            "the values differ")
+
     exact = linear_field(points)
     inside = in_mesh(points, M.tet_size(len(tets)))[0]  # ours copies the nearest node's value outside
     b.check(f"interpolation {name}: VTK's probe covers the points inside the mesh", valid[inside].all(),
@@ -376,6 +390,13 @@ def duplication(b, name, mesh):
     gmsh_t, _ = b.time(crack, gmsh_reload(mesh.msh, {}))
     b.row("surface duplication", name, m, ours_t, "Gmsh Crack plugin", gmsh_t,
           "the internal square's nodes off its perimeter duplicated")
+    neighbors, node_element = t3.get_neighbors(tets, t3.TH4), t3.get_node_element(tets, len(coords))
+    given_t, given = b.time(lambda: t3.duplicate_surface_nodes(coords, tets, mesh.crack, excluded=mesh.crack_edge,
+                                                               neighbors=neighbors, node_element=node_element))
+    b.row("surface duplication, adjacency given", name, m, given_t, "Gmsh Crack plugin", gmsh_t,
+          "the library's call alone: the caller passes the adjacency (neighbors=, node_element=)")
+    b.check(f"duplication {name}: the same result with the adjacency given",
+            given.added == ours.added and np.array_equal(given.connect, ours.connect), "the results differ")
 
     gmsh_added = len(M.all_nodes()) - len(coords)
     expected = len(np.unique(mesh.crack)) - len(mesh.crack_edge)

@@ -139,6 +139,13 @@ def same_points(a, b, digits=9):
 VTK_TETRA, VTK_WEDGE, VTK_HEXAHEDRON = 10, 13, 12
 
 
+def vtk_one_thread():
+    """VTK's threaded filters (Debian's build uses TBB) on one thread, as everyone else."""
+    from vtkmodules.vtkCommonCore import vtkSMPTools
+    vtkSMPTools.Initialize(1)
+    return vtkSMPTools.GetBackend(), vtkSMPTools.GetEstimatedNumberOfThreads()
+
+
 def vtk_grid(coords, cells, cell_type):
     """A vtkUnstructuredGrid of one cell type from (n, 3) coordinates and (m, k) cells in
     VTK's node order."""

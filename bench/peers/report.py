@@ -31,7 +31,8 @@ def table(rows):
         tool = r["peer"].split()[0]
         lines[key][tool] = (r["peer_time"], r["ratio"])
         lines[key]["sampled"] |= "scaled" in r["note"]
-    out = ["| family | mesh | elements (points) | tessel3d (ms) | " + " | ".join(f"{t} (ms, ratio)" for t in TOOLS) + " |",
+    head = " | ".join(f"{t} (ms, ratio)" for t in TOOLS)
+    out = [f"| family | mesh | elements (points) | tessel3d (ms) | {head} |",
            "|---|---|---:|---:|" + "---:|" * len(TOOLS)]
     for key in order:
         line = lines[key]

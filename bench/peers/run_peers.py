@@ -54,6 +54,8 @@ def compare(a, t3, log):
     from tessel3d import io
 
     b = cases.Bench(t3, io, log=log)
+    backend, threads = C.vtk_one_thread()
+    log(f"VTK's threads: {backend}, {threads}; Gmsh's timed operations: 1 thread")
     M.start()
     work = pathlib.Path(tempfile.mkdtemp(prefix="tessel3d-peers-"))
     try:
