@@ -257,22 +257,35 @@ TEST(extrude_spiral, helix_is_the_rotation_plus_a_proportional_shift) {
   EXPECT_NEAR(solid_volume(s.coords, E), 1.5 * 5 * std::sin(2.0 / 5), 1e-12);
 }
 
-TEST(extrude_translate, sizes_grow_layers_from_h0_to_h1) {
-  // ln 2 / 0.1 = 6.93 layers: 7, or 8 when even (6.93^2 = 48.05 >= 6 x 8).
+TEST(extrusion_sizes, layers_grow_from_h0_to_h1_in_every_family) {
+  // Each family sweeps node 0 of the unit square by a length of 1: along z, about the z
+  // axis through (-1, 0, 0) (an angle of 1), along that helix climbing by 1, along the
+  // normals. ln 2 / 0.1 = 6.93 layers: 7, or 8 when even (6.93^2 = 48.05 >= 6 x 8).
+  const vec3 C(-1, 0, 0), R(0, 0, 1), T(0, 0, 1);
   for (bool even : {false, true}) {
-    surface s = grid(face_kind::T3, 1, 1);
-    dense2D<unsigned> E;
-    ASSERT_EQ(t3::extrude_translate(s.coords, s.connect, vec3(0, 0, 1), 0.1, 0.2, even, E), 0);
     const unsigned N = even ? 8 : 7;
-    ASSERT_EQ(E.cols(), N * 2);
-    ASSERT_EQ(s.coords.cols(), 4 + 4 * N);
-    std::vector<double> z(N + 1, 0.0);
-    for (unsigned k = 1; k <= N; ++k) z[k] = s.coords(2, 4 + 4 * (k - 1));
-    EXPECT_NEAR(z[N], 1.0, 1e-15);
-    if (!even) {  // about h0 next to the surface, about h1 at the cap
-      EXPECT_NEAR(z[1], 0.1, 0.01);
-      EXPECT_NEAR(z[N] - z[N - 1], 0.2, 0.015);
+    std::vector<double> u[4];  // the fraction of the sweep at the end of each layer
+    for (int family = 0; family < 4; ++family) {
+      surface s = grid(face_kind::T3, 1, 1);
+      dense2D<unsigned> E;
+      ASSERT_EQ(family == 0   ? t3::extrude_translate(s.coords, s.connect, T, 0.1, 0.2, even, E)
+                : family == 1 ? t3::extrude_rotate(s.coords, s.connect, C, R, 0.1, 0.2, even, E)
+                : family == 2 ? t3::extrude_spiral(s.coords, s.connect, C, R, T, 0.1, 0.2, even, E)
+                              : t3::extrude_normal(s.coords, s.connect, 1.0, 0.1, 0.2, even, E),
+                0);
+      ASSERT_EQ(E.cols(), N * 2);
+      for (unsigned k = 0; k <= N; ++k) {
+        const double* p = &s.coords(0, k == 0 ? 0 : 4 + 4 * (k - 1));
+        u[family].push_back(family == 1 ? std::atan2(p[1], p[0] + 1) : p[2]);
+      }
     }
+    EXPECT_NEAR(u[0][N], 1.0, 1e-15);
+    if (!even) {  // about h0 next to the surface, about h1 at the cap
+      EXPECT_NEAR(u[0][1], 0.1, 0.01);
+      EXPECT_NEAR(u[0][N] - u[0][N - 1], 0.2, 0.015);
+    }
+    for (int family = 1; family < 4; ++family)
+      for (unsigned k = 0; k <= N; ++k) EXPECT_NEAR(u[family][k], u[0][k], 1e-14) << family << " " << k;
   }
 }
 
