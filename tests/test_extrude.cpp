@@ -41,7 +41,10 @@ struct surface {
 surface grid(face_kind kind, unsigned nx, unsigned ny, double lx = 1, double ly = 1) {
   surface s{dense2D<double>(3, std::size_t(nx + 1) * (ny + 1), 0.0), {}, lx * ly};
   for (unsigned j = 0; j <= ny; ++j)
-    for (unsigned i = 0; i <= nx; ++i) s.coords(0, j * (nx + 1) + i) = lx * i / nx, s.coords(1, j * (nx + 1) + i) = ly * j / ny;
+    for (unsigned i = 0; i <= nx; ++i) {
+      s.coords(0, j * (nx + 1) + i) = lx * i / nx;
+      s.coords(1, j * (nx + 1) + i) = ly * j / ny;
+    }
   const unsigned rows = kind == face_kind::T3 ? 3 : 4;
   s.connect.resize(rows, 0);
   auto add = [&](std::initializer_list<unsigned> face) {
@@ -65,7 +68,8 @@ surface grid(face_kind kind, unsigned nx, unsigned ny, double lx = 1, double ly 
 // reversed so that their normals point along +y: ready to turn about the z axis.
 surface standing(face_kind kind) {
   surface s = grid(kind, 2, 2);
-  for (std::size_t n = 0; n < s.coords.cols(); ++n) s.coords(2, n) = s.coords(1, n), s.coords(1, n) = 0, s.coords(0, n) += 1;
+  for (std::size_t n = 0; n < s.coords.cols(); ++n)
+    s.coords(2, n) = s.coords(1, n), s.coords(1, n) = 0, s.coords(0, n) += 1;
   for (std::size_t j = 0; j < s.connect.cols(); ++j)
     std::swap(s.connect(1, j), s.connect(s.connect.rows() == 4 && s.connect(3, j) != absent ? 3 : 2, j));
   return s;
@@ -383,9 +387,9 @@ TEST(extrude_line, factors_and_tensors_scale_the_section) {
 // (a sweep length of 0); h0 = 0 or NaN, h1 < 0, thickness 0, T = 0; normals with fewer
 // columns than the surface has nodes, or 2 rows; a polyline of one node, or with a node
 // out of range; metrics with 5 rows; outputs with the wrong row count; no layer.
-enum bad { layers_zero, coords_rows, coords_planar, surface_id, surface_absent, surface_empty, P0_id, P0_at_C, h0_zero, h0_nan,
-           h1_negative, thickness_zero, T_zero, normals_cols, normals_rows, line_short, line_id, metrics_rows, E_rows,
-           E2_rows, Q4_rows, Top_rows };
+enum bad { layers_zero, coords_rows, coords_planar, surface_id, surface_absent, surface_empty, P0_id, P0_at_C,
+           h0_zero, h0_nan, h1_negative, thickness_zero, T_zero, normals_cols, normals_rows, line_short, line_id,
+           metrics_rows, E_rows, E2_rows, Q4_rows, Top_rows };
 
 struct call_args {
   dense2D<double> coords{3, 6, {0, 0, 0, 1, 0, 0, 1, 1, 0, 0, 1, 0, 5, 5, 0, 5, 5, 1}};

@@ -234,9 +234,9 @@ TEST(node_octree, nearest_against_brute_force) {
 
 int locate(const th4_box& box, const point3& p, double tolerance, unsigned& element) {
   element = 12345u;
-  const int status = t3::get_element_containing_point(box.mesh.coords, box.mesh.connect, box.neighbors,
-                                                      box.node_element, zel::tessel::node_detector(box.mesh.coords),
-                                                      zel::TH4, p, element, tolerance);
+  const int status =
+      t3::get_element_containing_point(box.mesh.coords, box.mesh.connect, box.neighbors, box.node_element,
+                                       zel::tessel::node_detector(box.mesh.coords), zel::TH4, p, element, tolerance);
   EXPECT_EQ(element == ~0U, status != 1);
   return status;
 }
@@ -266,40 +266,6 @@ TEST(get_element_containing_point, points_on_nodes_in_the_tolerance_band_and_beh
   for (int k = 0; k < 4; ++k)
     for (int d = 0; d < 3; ++d) centre[d] += box.mesh.coords(d, box.mesh.connect(k, bad)) / 4;
   EXPECT_EQ(locate(box, centre, 1e-9, element), -1);
-}
-
-TEST(get_element_containing_point, status_codes_in_order) {
-  th4_box box(2);
-  const auto& c = box.mesh.coords;
-  const auto& t = box.mesh.connect;
-  const auto& nb = box.neighbors;
-  const auto& ne = box.node_element;
-  dense2D<unsigned> bad_id, bad_neighbor;
-  bad_id.copy(t.sub_matrix(0, 0, 4, 4));
-  bad_id(1, 2) = unsigned(c.cols());
-  bad_neighbor.copy(nb);
-  bad_neighbor(0, 0) = unsigned(t.cols());
-  // Six rows of nodes and of neighbours fit type H8 (22) in the checks, and are not searched.
-  const box_mesh wedges = make_box(box_kind::W6, 2, 2, 2);
-  dense1D<unsigned, 8> wedge_ne;
-  zel::tessel::get_node_element(wedges.connect, unsigned(wedges.coords.cols()), wedge_ne);
-  auto status = [](const dense2D<double>& c, const dense2D<unsigned>& t, const dense2D<unsigned>& nb,
-                   const dense1D<unsigned, 8>& ne, zel::element_type type) {
-    unsigned element = 77;
-    const int r = t3::get_element_containing_point(c, t, nb, ne, zel::tessel::node_detector(c), type,
-                                                   point3(0.5, 0.5, 0.5), element, 0);
-    EXPECT_EQ(element == ~0U, r != 1);
-    return r;
-  };
-  EXPECT_EQ(status(c.sub_matrix(0, 0, 2, c.cols()), t, nb, ne, zel::TH4), -1);
-  EXPECT_EQ(status(c, bad_id, nb, ne, zel::TH4), -2);
-  EXPECT_EQ(status(c, t, nb.sub_matrix(0, 0, 4, nb.cols() - 1), ne, zel::TH4), -3);  // a column short
-  EXPECT_EQ(status(c, t, nb, ne, zel::H8), -3);                                      // H8 needs 6 rows
-  EXPECT_EQ(status(c, t, bad_neighbor, ne, zel::TH4), -3);
-  EXPECT_EQ(status(c, t, nb, dense1D<unsigned, 8>(c.cols() - 1, 0u), zel::TH4), -4);
-  EXPECT_EQ(status(wedges.coords, wedges.connect, dense2D<unsigned>(6, wedges.connect.cols(), ~0U), wedge_ne, zel::H8), 0);
-  EXPECT_EQ(status(c, dense2D<unsigned>(4, 0), dense2D<unsigned>(4, 0), dense1D<unsigned, 8>(c.cols(), ~0U), zel::TH4), 0);
-  EXPECT_EQ(status(c, t, nb, ne, zel::TH4), 1);
 }
 
 // ---- interpolate -------------------------------------------------------------------------
@@ -362,16 +328,23 @@ TEST(interpolation, linear_fields_and_sizes_inside_nearest_copies_outside) {
     const double* x = &f.coords(0, n);
     const unsigned m = f.nearest_mesh_node(n);
     const bool in = f.is_inside(n), written = n >= f.mesh_nodes && listed.count(n), valid = n < f.mesh_nodes || n % 2;
-    for (int c = 0; c < 3; ++c) EXPECT_NEAR(field(c, n), !written ? field0(c, n) : in ? linear(x, c) : field(c, m), 1e-12);
+    for (int c = 0; c < 3; ++c)
+      EXPECT_NEAR(field(c, n), !written ? field0(c, n) : in ? linear(x, c) : field(c, m), 1e-12);
     EXPECT_NEAR(scalar[n], !written ? scalar0[n] : in ? linear(x, 1) : scalar[m], 1e-12);
     const double h = valid ? sizes0[n] : in ? size_at(x) : sizes[m];
     EXPECT_NEAR(sizes[n], h, 1e-13);
     for (int k = 0; k < 6; ++k)
-      EXPECT_NEAR(tensors(k, n), valid ? tensors0(k, n) : k == 0 || k == 2 || k == 5 ? 1 / (h * h) : 0.0, 1e-11 / (h * h));
+      EXPECT_NEAR(tensors(k, n),
+                  valid                        ? tensors0(k, n)
+                  : k == 0 || k == 2 || k == 5 ? 1 / (h * h)
+                                               : 0.0,
+                  1e-11 / (h * h));
   }
 }
 
-TEST(interpolation_status, every_code_in_validation_order_and_nothing_written) {
+// The point search and the interpolations check the mesh arguments alike; the
+// interpolations then their field and their node list.
+TEST(location_status, every_code_in_validation_order_and_nothing_written) {
   free_nodes f(2, 5, 0);
   const std::size_t n = f.coords.cols();
   const auto& c = f.coords;
@@ -388,12 +361,22 @@ TEST(interpolation_status, every_code_in_validation_order_and_nothing_written) {
   const dense2D<unsigned> t5(5, t.cols()), nb3 = nb.sub_matrix(0, 0, 3, nb.cols()), none4(4, 0);
   const dense2D<unsigned> nb_short = nb.sub_matrix(0, 0, 4, nb.cols() - 1);
   const dense1D<unsigned, 8> ne_short(n - 1, ~0U), bad_nodes = {0u, unsigned(n)}, empty;
+  auto search = [](const dense2D<double>& c, const dense2D<unsigned>& t, const dense2D<unsigned>& nb,
+                   const dense1D<unsigned, 8>& ne, zel::element_type type) {
+    unsigned element = 77;
+    const int status = t3::get_element_containing_point(c, t, nb, ne, zel::tessel::node_detector(c), type,
+                                                        point3(0.5, 0.5, 0.5), element, 0);
+    EXPECT_EQ(element == ~0U, status != 1);
+    return status;
+  };
   // Every form with the given arguments, fields that fit or fields that do not; the forms
   // that treat every node are left out where the node list decides.
   auto all = [&](const dense2D<double>& c, const dense2D<unsigned>& t, const dense2D<unsigned>& nb,
-                 const dense1D<unsigned, 8>& ne, bool fit, const dense1D<unsigned, 8>& nodes, int expected) {
+                 const dense1D<unsigned, 8>& ne, bool fit, const dense1D<unsigned, 8>& nodes, int expected,
+                 int located) {
     dense2D<double>&m = fit ? field : short_field, &mt = fit ? tensors : short_tensors;
     dense1D<double, 8>& v = fit ? values : long_values;
+    EXPECT_EQ(search(c, t, nb, ne, zel::TH4), located);
     EXPECT_EQ(t3::interpolate(c, t, nb, ne, m, nodes), expected);
     EXPECT_EQ(t3::interpolate(c, t, nb, ne, v, nodes), expected);
     EXPECT_EQ(t3::interpolate_metrics(c, t, nb, ne, mt, nodes, false), expected);
@@ -402,23 +385,31 @@ TEST(interpolation_status, every_code_in_validation_order_and_nothing_written) {
     EXPECT_EQ(t3::interpolate_metrics(c, t, nb, ne, mt, false), expected);
     EXPECT_EQ(t3::interpolate_metrics(c, t, nb, ne, v, true), expected);
   };
-  all(coords2, t5, nb3, ne_short, false, empty, 0);  // an empty list is checked first
-  all(coords2, t5, nb3, ne_short, false, f.nodes, -1);
-  all(c, t5, nb3, ne_short, false, f.nodes, -2);
-  all(c, bad_id, nb, ne, true, f.nodes, -2);
-  all(c, t, nb3, ne_short, false, f.nodes, -3);
-  all(c, t, nb_short, ne, true, f.nodes, -3);
-  all(c, t, bad_neighbor, ne, true, f.nodes, -3);
-  all(c, t, nb, ne_short, false, f.nodes, -4);
-  all(c, t, nb, ne, false, f.nodes, -5);
-  all(c, t, nb, ne, true, bad_nodes, -6);
-  all(c, none4, none4, ne, true, f.nodes, 0);  // no element: nothing to copy from
+  all(coords2, t5, nb3, ne_short, false, empty, 0, -1);  // an empty list is checked first
+  all(coords2, t5, nb3, ne_short, false, f.nodes, -1, -1);
+  all(c, t5, nb3, ne_short, false, f.nodes, -2, -3);  // the search checks only the IDs of its nodes
+  all(c, bad_id, nb, ne, true, f.nodes, -2, -2);
+  all(c, t, nb3, ne_short, false, f.nodes, -3, -3);
+  all(c, t, nb_short, ne, true, f.nodes, -3, -3);
+  all(c, t, bad_neighbor, ne, true, f.nodes, -3, -3);
+  all(c, t, nb, ne_short, false, f.nodes, -4, -4);
+  all(c, t, nb, ne, false, f.nodes, -5, 1);
+  all(c, t, nb, ne, true, bad_nodes, -6, 1);
+  all(c, none4, none4, ne, true, f.nodes, 0, 0);  // no element: nothing to copy from, nothing found
   for (const dense2D<double>* m : {&field, &tensors, &short_field, &short_tensors})
     EXPECT_TRUE(same(*m, dense2D<double>(m->rows(), m->cols(), 3.0)));
   EXPECT_TRUE(same(values, dense1D<double, 8>(n, 3.0)));
   dense2D<double> metrics5(5, n, 3.0), components0(0, n);
   EXPECT_EQ(t3::interpolate_metrics(c, t, nb, ne, metrics5, f.nodes, false), -5);  // tensors have 6 rows
-  EXPECT_EQ(t3::interpolate(c, t, nb, ne, components0, f.nodes), 0);                // a field may have any
+  EXPECT_EQ(t3::interpolate(c, t, nb, ne, components0, f.nodes), 0);               // a field may have any
+  // The search takes any solid type: H8 needs 6 rows of neighbours, and only a TH4 mesh
+  // is searched (6 rows of nodes and of neighbours fit type H8).
+  EXPECT_EQ(search(c, t, nb, ne, zel::H8), -3);
+  const box_mesh wedges = make_box(box_kind::W6, 2, 2, 2);
+  dense1D<unsigned, 8> wedge_ne;
+  zel::tessel::get_node_element(wedges.connect, unsigned(wedges.coords.cols()), wedge_ne);
+  EXPECT_EQ(search(wedges.coords, wedges.connect, dense2D<unsigned>(6, wedges.connect.cols(), ~0U), wedge_ne, zel::H8),
+            0);
 }
 
 // ---- mix and interpolate_metrics -----------------------------------------------------------
@@ -432,8 +423,8 @@ elfes::metric6 packed(std::initializer_list<double> values) {
 
 // Positive definite by the leading minors.
 bool positive_definite(const elfes::metric6& m) {
-  const double d3 = m[0] * (m[2] * m[5] - m[4] * m[4]) - m[1] * (m[1] * m[5] - m[4] * m[3]) +
-                    m[3] * (m[1] * m[4] - m[2] * m[3]);
+  const double d3 =
+      m[0] * (m[2] * m[5] - m[4] * m[4]) - m[1] * (m[1] * m[5] - m[4] * m[3]) + m[3] * (m[1] * m[4] - m[2] * m[3]);
   return m[0] > 0 && m[0] * m[2] - m[1] * m[1] > 0 && d3 > 0;
 }
 
@@ -480,8 +471,9 @@ TEST(combine, negligible_weights_leave_nodes_out) {
     bool succeeds;
   };
   const row rows[] = {
-      {{1, 0, 0, 0}, 1, true},           {{0, 0, 0, 1}, 2, true},          {{0.3, 5e-13, 0.7, 0}, 1, true},
-      {{0.3, 1e-9, 0.7, -1e-9}, 1, false}, {{0.5, 0, 0, 0.5}, 2, true},    {{0.5, 0, 0, 0.5}, 3, false},
+      {{1, 0, 0, 0}, 1, true},           {{0, 0, 0, 1}, 2, true},
+      {{0.3, 5e-13, 0.7, 0}, 1, true},   {{0.3, 1e-9, 0.7, -1e-9}, 1, false},
+      {{0.5, 0, 0, 0.5}, 2, true},       {{0.5, 0, 0, 0.5}, 3, false},
       {{0.2, 0.3, 0.5, 1e-13}, 3, true}, {{0.2, 0.3, 0.4, 0.1}, 0, false},
   };
   for (const row& r : rows) {
@@ -510,13 +502,13 @@ TEST(interpolate_metrics, anisotropic_listed_nodes_and_failed_combinations) {
   dense2D<double> metrics(6, nb, 0.0);
   for (unsigned n = 0; n < f.mesh_nodes; ++n)
     for (unsigned k = 0; k < 6; ++k) metrics(k, n) = metric_a[k];
-  metrics(0, 0) = -1;  // node 0, the corner at the origin, is not positive definite
+  metrics(0, 0) = -1;                        // node 0, the corner at the origin, is not positive definite
   const unsigned was_valid = by_corner + 3;  // valid, but replaced without keep_valid
   f.coords(0, was_valid) = f.coords(1, was_valid) = f.coords(2, was_valid) = 0.9;
   metrics(0, was_valid) = metrics(2, was_valid) = metrics(5, was_valid) = 1.0;
-  ASSERT_EQ(t3::interpolate_metrics(f.coords, f.box.mesh.connect, f.box.neighbors, f.node_element, metrics, f.nodes,
-                                    false),
-            0);
+  ASSERT_EQ(
+      t3::interpolate_metrics(f.coords, f.box.mesh.connect, f.box.neighbors, f.node_element, metrics, f.nodes, false),
+      0);
   // Far from node 0 (beyond the elements that hold it) the equal metrics give that metric.
   const std::set<unsigned> listed(f.nodes.begin(), f.nodes.end());
   for (unsigned n = f.mesh_nodes; n < nb; ++n) {

@@ -86,7 +86,9 @@ const cut_case cases[] = {
     {"H8", zel::H8, [](unsigned, unsigned) { return box_kind::H8; }, 0},
     // H8, PY5 and W6 columns side by side (they meet on quadrangles)
     {"mixed_H8_PY5_W6", zel::SOLID_MIX8,
-     [](unsigned i, unsigned) { return i < 1 ? box_kind::H8 : i < 3 ? box_kind::PY5 : box_kind::W6; }, 8},
+     [](unsigned i, unsigned) { return i < 1   ? box_kind::H8
+                                       : i < 3 ? box_kind::PY5
+                                               : box_kind::W6; }, 8},
     // W6 below the cut, TH4 above (they meet on the same triangles)
     {"mixed_W6_TH4", zel::SOLID_MIX8, [](unsigned, unsigned k) { return k < kc ? box_kind::W6 : box_kind::TH4; }, 8},
     {"mixed_W6_in_6_rows", zel::SOLID_MIX8, [](unsigned, unsigned) { return box_kind::W6; }, 6},
@@ -222,8 +224,8 @@ TEST_P(duplicate_surface, cut_on_the_boundary_gives_unused_copies) {
 TEST_P(duplicate_surface, bad_node_element_entry_changes_nothing) {
   const mesh m = make_cut_mesh(GetParam());
   // A node of the last surface face, so that copies were made before it fails.
-  const unsigned n = m.surface(m.surface.rows() == 3 || m.surface(3, m.surface.cols() - 1) == absent ? 2 : 3,
-                               m.surface.cols() - 1);
+  const unsigned n =
+      m.surface(m.surface.rows() == 3 || m.surface(3, m.surface.cols() - 1) == absent ? 2 : 3, m.surface.cols() - 1);
   std::size_t far = 0;  // an element that does not hold n
   while (std::count(&m.connect(0, far), &m.connect(0, far) + m.connect.rows(), n)) ++far;
   for (unsigned bad : {unsigned(far), unsigned(m.connect.cols()), absent})
@@ -232,8 +234,8 @@ TEST_P(duplicate_surface, bad_node_element_entry_changes_nothing) {
       node_element[n] = bad;
       dense2D<double> coords = deep(m.coords);
       dense2D<unsigned> connect = deep(m.connect);
-      EXPECT_EQ(duplicate_surface_nodes(coords, connect, m.neighbors, node_element, m.surface, {}, sides & 1,
-                                        sides & 2, m.type),
+      EXPECT_EQ(duplicate_surface_nodes(coords, connect, m.neighbors, node_element, m.surface, {}, sides & 1, sides & 2,
+                                        m.type),
                 0);
       EXPECT_TRUE(same(coords, m.coords) && same(connect, m.connect));
     }
@@ -255,57 +257,57 @@ TEST(duplicate_surface_nodes, numbering_on_two_tetrahedra) {
             6);
   // Positive copies 5, 6, 7 of nodes 0, 1, 2; negative copies 8, 9, 10 of nodes 2, 1, 0.
   EXPECT_TRUE(same(connect, dense2D<unsigned>(4, 2, {6, 5, 7, 3, 10, 9, 8, 4})));
-  EXPECT_TRUE(same(coords.sub_matrix(0, 5, 3, 6), dense2D<double>(3, 6, {0, 0, 0, 1, 0, 0, 0, 1, 0,  //
-                                                                         0, 1, 0, 1, 0, 0, 0, 0, 0})));
+  EXPECT_TRUE(same(coords.sub_matrix(0, 5, 3, 6), dense2D<double>(3, 6,
+                                                                  {0, 0, 0, 1, 0, 0, 0, 1, 0,  //
+                                                                   0, 1, 0, 1, 0, 0, 0, 0, 0})));
 }
 
 TEST(duplicate_surface_nodes, status_codes_in_order) {
   const mesh m = make_cut_mesh(cases[0]);
-  dense2D<unsigned> bad_connect, bad_neighbors, bad_surface;
-  bad_connect.copy(m.connect);
-  bad_connect(1, 3) = unsigned(m.coords.cols());
-  bad_neighbors.copy(m.neighbors);
-  bad_neighbors(0, 0) = unsigned(m.connect.cols());
-  bad_surface.copy(m.surface);
-  bad_surface(2, 0) = unsigned(m.coords.cols());
-  const dense2D<double> flat(2, m.coords.cols());
-  const dense1D<unsigned, 8> short_ne(m.coords.cols() / 2, 0u);
-  const dense2D<unsigned> none(4, 0), narrow = m.neighbors.sub_matrix(0, 0, 4, 5);
+  const auto& c = m.coords;
+  const auto& t = m.connect;
+  const auto& nb = m.neighbors;
+  const auto& ne = m.node_element;
+  const auto& S = m.surface;
+  dense2D<unsigned> bad_t = deep(t), bad_nb = deep(nb), bad_S = deep(S);
+  bad_t(1, 3) = unsigned(c.cols());
+  bad_nb(0, 0) = unsigned(t.cols());
+  bad_S(2, 0) = unsigned(c.cols());
+  const dense2D<double> flat(2, c.cols());
+  const dense1D<unsigned, 8> short_ne(c.cols() / 2, 0u);
+  const dense2D<unsigned> none(4, 0), nb_cols = nb.sub_matrix(0, 0, 4, 5), nb_rows = nb.sub_matrix(0, 0, 3, nb.cols());
   struct row {
     int expected;
-    dense2D<double> coords;
-    dense2D<unsigned> connect, neighbors;
-    dense1D<unsigned, 8> node_element;
+    const dense2D<double>& coords;
+    const dense2D<unsigned>&connect, &neighbors;
+    const dense1D<unsigned, 8>& node_element;
     dense2D<unsigned> surface;
     bool pos, neg;
     zel::element_type type;
   };
   // Each row breaks one argument and every argument checked after it.
   const row rows[] = {
-      {0, flat, none, bad_neighbors, short_ne, bad_surface, true, true, zel::W6},
-      {0, flat, bad_connect, bad_neighbors, short_ne, {}, true, true, zel::W6},
-      {0, flat, bad_connect, bad_neighbors, short_ne, bad_surface, false, false, zel::W6},
-      {-1, flat, bad_connect, bad_neighbors, short_ne, bad_surface, true, false, zel::W6},
-      {-2, m.coords, bad_connect, bad_neighbors, short_ne, bad_surface, true, false, zel::TH4},
-      {-2, m.coords, dense2D<unsigned>(5, m.connect.cols(), 0u), m.neighbors, m.node_element, m.surface, true, false,
-       zel::TH4},
-      {-2, m.coords, dense2D<unsigned>(7, 3, 0u), m.neighbors, m.node_element, m.surface, true, true, zel::SOLID_MIX8},
-      {-3, m.coords, m.connect, narrow, short_ne, bad_surface, false, true, zel::TH4},
-      {-3, m.coords, m.connect, m.neighbors.sub_matrix(0, 0, 3, m.neighbors.cols()), short_ne, bad_surface, false,
-       true, zel::TH4},
-      {-3, m.coords, m.connect, bad_neighbors, short_ne, bad_surface, false, true, zel::TH4},
-      {-4, m.coords, m.connect, m.neighbors, short_ne, bad_surface, true, true, zel::TH4},
-      {-5, m.coords, m.connect, m.neighbors, m.node_element, bad_surface, true, true, zel::TH4},
-      {-5, m.coords, m.connect, m.neighbors, m.node_element, dense2D<unsigned>(4, m.surface.cols(), 0u), true, true,
-       zel::TH4},
-      {-9, m.coords, m.connect, m.neighbors, m.node_element, m.surface, true, true, zel::TH10},
+      {0, flat, none, bad_nb, short_ne, bad_S, true, true, zel::W6},
+      {0, flat, bad_t, bad_nb, short_ne, {}, true, true, zel::W6},
+      {0, flat, bad_t, bad_nb, short_ne, bad_S, false, false, zel::W6},
+      {-1, flat, bad_t, bad_nb, short_ne, bad_S, true, false, zel::W6},
+      {-2, c, bad_t, bad_nb, short_ne, bad_S, true, false, zel::TH4},
+      {-2, c, dense2D<unsigned>(5, t.cols(), 0u), nb, ne, S, true, false, zel::TH4},
+      {-2, c, dense2D<unsigned>(7, 3, 0u), nb, ne, S, true, true, zel::SOLID_MIX8},
+      {-3, c, t, nb_cols, short_ne, bad_S, false, true, zel::TH4},
+      {-3, c, t, nb_rows, short_ne, bad_S, false, true, zel::TH4},
+      {-3, c, t, bad_nb, short_ne, bad_S, false, true, zel::TH4},
+      {-4, c, t, nb, short_ne, bad_S, true, true, zel::TH4},
+      {-5, c, t, nb, ne, bad_S, true, true, zel::TH4},
+      {-5, c, t, nb, ne, dense2D<unsigned>(4, S.cols(), 0u), true, true, zel::TH4},
+      {-9, c, t, nb, ne, S, true, true, zel::TH10},
   };
   for (const row& r : rows) {
     dense2D<double> coords = deep(r.coords);
     dense2D<unsigned> connect = deep(r.connect);
-    EXPECT_EQ(duplicate_surface_nodes(coords, connect, r.neighbors, r.node_element, r.surface, {}, r.pos, r.neg,
-                                      r.type),
-              r.expected)
+    EXPECT_EQ(
+        duplicate_surface_nodes(coords, connect, r.neighbors, r.node_element, r.surface, {}, r.pos, r.neg, r.type),
+        r.expected)
         << "row expecting " << r.expected;
     EXPECT_TRUE(same(coords, r.coords) && same(connect, r.connect)) << "row expecting " << r.expected;
   }

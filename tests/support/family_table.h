@@ -98,11 +98,8 @@ inline void expect_same(const scene& a, const scene& b, const std::string& where
 inline unsigned append_nodes(dense2D<double>& coords, std::initializer_list<vec3> points) {
   const std::size_t first = coords.cols();
   coords.resize(3, first + points.size());
-  std::size_t n = first;
-  for (const vec3& p : points) {
-    for (int d = 0; d < 3; ++d) coords(d, n) = p[d];
-    ++n;
-  }
+  for (std::size_t k = 0; k < points.size(); ++k)
+    for (int d = 0; d < 3; ++d) coords(d, first + k) = points.begin()[k][d];
   return unsigned(first);
 }
 
@@ -325,11 +322,8 @@ inline void unmerged_or_unchanged(const failure& f) {
     for (std::size_t j = 0; j < a.cols(); ++j)
       for (std::size_t i = 0; i < a.rows(); ++i)
         for (int d = 0; d < 3; ++d)
-          if (a(i, j) == ~0U || b(i, j) == ~0U) {
-            EXPECT_EQ(a(i, j), b(i, j));
-          } else {
-            EXPECT_EQ(f.after.coords(d, a(i, j)), r.coords(d, b(i, j)));
-          }
+          EXPECT_TRUE(a(i, j) == ~0U || b(i, j) == ~0U ? a(i, j) == b(i, j)
+                                                       : f.after.coords(d, a(i, j)) == r.coords(d, b(i, j)));
   }
 }
 
@@ -397,7 +391,8 @@ inline const std::vector<family_row>& family_table() {
     TESSEL3D_ROW("flip", ([] { scene s = every_solid_kind(); s.out.copy(s.connect); return s; }), unchanged,
                  t3::flip(s.out, zel::H8)),
     TESSEL3D_ROW("volume", every_solid_kind, unchanged, t3::volume(s.coords, s.connect, s.scalar)),
-    TESSEL3D_ROW("circumcenters", tetrahedra, [](const failure& f) { entry_but(f, [](scene& e) { e.reals_out = {}; }); },
+    TESSEL3D_ROW("circumcenters", tetrahedra,
+                 [](const failure& f) { entry_but(f, [](scene& e) { e.reals_out = {}; }); },  // emptied first
                  t3::circumcenters(s.coords, s.connect, s.reals_out)),
     TESSEL3D_ROW("dihedral_angles", every_solid_kind, one_value_left_out,
                  t3::dihedral_angles(s.coords, s.connect, true, s.min_values, s.max_values)),
@@ -487,7 +482,8 @@ inline const std::vector<family_row>& family_table() {
                    const unsigned n = append_nodes(s.coords, {vec3(0, 0, 0), vec3(5, 6, 7), vec3(0, 0, 0)});
                    s.out = dense2D<unsigned>(2, 2, {0, n + 1, n + 1, 1});
                    return s; }),
-                 unchanged, zel::tessel::simplify(s.coords, &s.out, &s.out + 1, s.ids_out, unsigned(s.coords.cols() - 3))),
+                 unchanged,
+                 zel::tessel::simplify(s.coords, &s.out, &s.out + 1, s.ids_out, unsigned(s.coords.cols() - 3))),
     // a bent surface: the feature angle filters some faces
     TESSEL3D_ROW("normals", ([] { scene s = surface(); s.coords(2, 4) = 0.3; return s; }), unchanged,
                  zel::tessel2d::normals(s.coords, s.connect, 0.2, true, s.reals_out)),
@@ -505,26 +501,19 @@ inline const std::vector<family_row>& family_table() {
 inline void expect_same_on_views(const family_row& row) {
   scene plain = row.make(), padded = row.make();
   const int status = row.call(plain);
-  struct shape {
-    const void* data;
-    std::size_t rows, cols;
+  std::vector<std::tuple<const void*, std::size_t, std::size_t>> entry;  // data, rows, columns
+  auto pad = [&](auto& m) {
+    m = padded_view(m, 2, typename std::decay_t<decltype(m)>::value_type(7));
+    entry.emplace_back(m.data(), m.rows(), m.cols());
   };
-  std::vector<shape> entry;
-  std::apply(
-      [&](auto&... m) {
-        ((m = padded_view(m, 2, typename std::decay_t<decltype(m)>::value_type(7)),
-          entry.push_back({m.data(), m.rows(), m.cols()})),
-         ...);
-      },
-      matrices(padded));
+  std::apply([&](auto&... m) { (pad(m), ...); }, matrices(padded));
   EXPECT_EQ(row.call(padded), status) << row.name;
   expect_same(padded, plain, std::string(row.name) + " on views");
   std::size_t k = 0;
   auto guards_kept = [&](const auto& m) {
-    const shape& e = entry[k++];
-    if (m.data() != e.data) return;
-    for (std::size_t j = 0; j + 1 < std::min(e.cols, m.cols()); ++j)
-      for (std::size_t i = std::max(e.rows, m.rows()); i < m.ld(); ++i)
+    const auto [data, rows, cols] = entry[k++];
+    for (std::size_t j = 0; m.data() == data && j + 1 < std::min(cols, m.cols()); ++j)
+      for (std::size_t i = std::max(rows, m.rows()); i < m.ld(); ++i)
         EXPECT_EQ(m.data()[j * m.ld() + i], 7) << row.name << ": " << field_names[k - 1] << " padding";
   };
   std::apply([&](const auto&... m) { (guards_kept(m), ...); }, matrices(padded));
