@@ -308,11 +308,12 @@ TEST(dihedral_and_solid_angles, status_codes_and_outputs) {
     const box_mesh m = make_box(box_kind::TH4, 1, 1, 1);  // 6 elements
     dense1D<double, 8> lo(6, -7.0), hi(6, -7.0);
     const dense2D<unsigned> bad(4, 1, {0, unsigned(m.coords.cols()), 1, 2});
-    // Coordinates with 2 rows cannot be read; then IDs, then row counts; nothing written.
-    EXPECT_EQ(fn(m.coords.sub_matrix(0, 0, 2, m.coords.cols()), m.connect, false, lo, hi), -1);
-    EXPECT_EQ(fn(m.coords, bad, false, lo, hi), -2);
-    EXPECT_EQ(fn(m.coords, dense2D<unsigned>(7, 1, 0u), false, lo, hi), -2);
-    EXPECT_EQ(fn(m.coords, dense2D<unsigned>(8, 0), false, lo, hi), 0);
+    // IDs and row counts first, then emptiness, then coordinates with 2 rows; nothing written.
+    const dense2D<double> flat = m.coords.sub_matrix(0, 0, 2, m.coords.cols());
+    EXPECT_EQ(fn(flat, bad, false, lo, hi), -2);
+    EXPECT_EQ(fn(flat, dense2D<unsigned>(7, 1, 0u), false, lo, hi), -2);
+    EXPECT_EQ(fn(flat, dense2D<unsigned>(8, 0), false, lo, hi), 0);
+    EXPECT_EQ(fn(flat, m.connect, false, lo, hi), -1);
     for (std::size_t j = 0; j < 6; ++j) EXPECT_EQ(lo[j] + hi[j], -14.0) << "written on failure or empty input";
     // A fourth coordinate row is ignored; short outputs are neither enlarged nor written
     // past their end.
