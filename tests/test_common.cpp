@@ -73,7 +73,7 @@ TEST(element_tables, every_face_normal_points_into_the_reference_element) {
   const double py5[5][3] = {{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {0, 1, 0}, {0.5, 0.5, 1}};
   const double w6[6][3] = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}, {1, 0, 1}, {0, 1, 1}};
   const double h8[8][3] = {{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {0, 1, 0}, {0, 0, 1}, {1, 0, 1}, {1, 1, 1}, {0, 1, 1}};
-  const double (*vertices[4])[3] = {th4, py5, w6, h8};
+  const double(*vertices[4])[3] = {th4, py5, w6, h8};
   for (const auto& kind : elfes::solid_table) {
     const double(*p)[3] = vertices[&kind - elfes::solid_table];
     double centre[3] = {0, 0, 0};
@@ -95,7 +95,8 @@ TEST(element_tables, every_face_normal_points_into_the_reference_element) {
     // No edge is listed twice.
     for (unsigned e = 0; e < kind.nb_edges; ++e)
       for (unsigned o = 0; o < e; ++o)
-        EXPECT_FALSE(std::minmax(kind.edges[e][0], kind.edges[e][1]) == std::minmax(kind.edges[o][0], kind.edges[o][1]));
+        EXPECT_FALSE(std::minmax(kind.edges[e][0], kind.edges[e][1]) ==
+                     std::minmax(kind.edges[o][0], kind.edges[o][1]));
   }
 }
 

@@ -49,7 +49,9 @@ double volume_of(const dense2D<double>& coords, const dense2D<unsigned>& connect
 // the diagonals cut the quadrangles the way the kernels do.
 double split_volume(const box_mesh& m, box_kind kind) {
   static const std::vector<std::vector<std::array<unsigned, 4>>> splits = {
-      {{3, 0, 1, 2}}, {{0, 1, 2, 4}, {0, 2, 3, 4}}, {{1, 2, 0, 4}, {2, 0, 4, 3}, {2, 4, 5, 3}},
+      {{3, 0, 1, 2}},
+      {{0, 1, 2, 4}, {0, 2, 3, 4}},
+      {{1, 2, 0, 4}, {2, 0, 4, 3}, {2, 4, 5, 3}},
       {{0, 1, 3, 4}, {2, 3, 1, 6}, {5, 4, 6, 1}, {7, 6, 4, 3}, {1, 3, 4, 6}}};
   double total = 0;
   for (std::size_t j = 0; j < m.connect.cols(); ++j)
@@ -176,9 +178,13 @@ TEST(volume, status_codes_and_result_on_failure) {
     dense2D<unsigned> connect;
     int status;
   } table[] = {{flat, dense2D<unsigned>(4, 0), 0},  // empty connectivity first: even malformed coordinates pass
-               {flat, m.connect, -1},     {flat, bad_id, -1},  // coordinates are checked before IDs
-               {m.coords, bad_id, -2},    {m.coords, no_node, -2},    {m.coords, dense2D<unsigned>(3, 2, 0u), -2},
-               {m.coords, dense2D<unsigned>(7, 2, 0u), -2},           {m.coords, dense2D<unsigned>(9, 2, 0u), -2}};
+               {flat, m.connect, -1},
+               {flat, bad_id, -1},  // coordinates are checked before IDs
+               {m.coords, bad_id, -2},
+               {m.coords, no_node, -2},
+               {m.coords, dense2D<unsigned>(3, 2, 0u), -2},
+               {m.coords, dense2D<unsigned>(7, 2, 0u), -2},
+               {m.coords, dense2D<unsigned>(9, 2, 0u), -2}};
   for (const auto& r : table) {
     double v = 42.0;
     EXPECT_EQ(t3::volume(r.coords, r.connect, v), r.status) << r.connect.rows();
@@ -261,9 +267,9 @@ TEST_P(angles_on_boxes, mixed_layout_views_and_inversion) {
   for (std::size_t j = 0; j < n; ++j) EXPECT_LT(hi[j], 0.0) << "element " << j;
 }
 
-INSTANTIATE_TEST_SUITE_P(every_kind, angles_on_boxes,
-                         ::testing::Combine(::testing::Values(angle_fn(t3::dihedral_angles), angle_fn(t3::solid_angles)),
-                                            every_kind));
+INSTANTIATE_TEST_SUITE_P(
+    every_kind, angles_on_boxes,
+    ::testing::Combine(::testing::Values(angle_fn(t3::dihedral_angles), angle_fn(t3::solid_angles)), every_kind));
 
 // Nodes 0 and 1 of a tetrahedron coincide: the faces opposite 2 and 3 have no normal.
 // Mixed columns that lack a node their kind needs read an absent node as NaN, never as
@@ -273,7 +279,7 @@ TEST(dihedral_and_solid_angles, degenerate_and_malformed_columns) {
   box_mesh m{unit_pyramid().coords, to_mixed8(unit_pyramid().connect)};
   m.connect(3, 0) = absent;
   const extremes scaled = angles_of(t3::dihedral_angles, m, true);
-  EXPECT_EQ(scaled.lo, 0.0);                                               // faces through node 3
+  EXPECT_EQ(scaled.lo, 0.0);                                              // faces through node 3
   EXPECT_NEAR(scaled.hi, pi / 2 / std::acos(1 / std::sqrt(3.0)), 1e-14);  // base and face (0, 4, 1)
   EXPECT_TRUE(std::isnan(volume_of(m.coords, m.connect)));
   m.connect(4, 0) = absent;  // rows 3 to 7 absent: read as a hexahedron

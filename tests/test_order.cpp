@@ -41,11 +41,14 @@ struct kind_info {
 const kind_info& info(unsigned corners) {
   static const kind_info kinds[4] = {
       {4, {{1, 2}, {2, 0}, {0, 1}, {3, 0}, {3, 1}, {3, 2}}, {{1, 2, 3}, {2, 0, 3}, {0, 1, 3}, {2, 1, 0}}},
-      {5, {{0, 4}, {1, 4}, {2, 4}, {3, 4}, {0, 1}, {1, 2}, {2, 3}, {3, 0}},
+      {5,
+       {{0, 4}, {1, 4}, {2, 4}, {3, 4}, {0, 1}, {1, 2}, {2, 3}, {3, 0}},
        {{0, 4, 1}, {1, 4, 2}, {2, 4, 3}, {3, 4, 0}, {0, 1, 2, 3}}},
-      {6, {{0, 3}, {1, 4}, {2, 5}, {1, 2}, {2, 0}, {0, 1}, {4, 5}, {5, 3}, {3, 4}},
+      {6,
+       {{0, 3}, {1, 4}, {2, 5}, {1, 2}, {2, 0}, {0, 1}, {4, 5}, {5, 3}, {3, 4}},
        {{0, 1, 2}, {3, 5, 4}, {2, 1, 4, 5}, {0, 2, 5, 3}, {1, 0, 3, 4}}},
-      {8, {{0, 1}, {1, 2}, {2, 3}, {3, 0}, {4, 5}, {5, 6}, {6, 7}, {7, 4}, {0, 4}, {1, 5}, {2, 6}, {3, 7}},
+      {8,
+       {{0, 1}, {1, 2}, {2, 3}, {3, 0}, {4, 5}, {5, 6}, {6, 7}, {7, 4}, {0, 4}, {1, 5}, {2, 6}, {3, 7}},
        {{0, 3, 7, 4}, {1, 5, 6, 2}, {0, 4, 5, 1}, {3, 2, 6, 7}, {0, 1, 2, 3}, {4, 7, 6, 5}}}};
   return kinds[corners == 4 ? 0 : corners == 5 ? 1 : corners == 6 ? 2 : 3];
 }
@@ -80,8 +83,9 @@ mesh mixed_mesh(bool with_pyramid) {
   mesh m;
   m.coords = dense2D<double>(3, 11, {0, 0, 0, 1, 0, 0, 1, 1,   0, 0,   1,   0, 0,   0,   1,    1,  0,
                                      1, 1, 1, 1, 0, 1, 1, 1.5, 0, 0.5, 1.5, 1, 0.5, 0.5, -0.5, 0.5});
-  m.connect = dense2D<unsigned>(8, 4, {0, 1, 2, 3, 4, 5, 6, 7, 1, 5, 8, 2, 6, 9, absent, absent,  //
-                                       5, 1, 10, 8, absent, absent, absent, absent, 0, 1, 5, 4, 10, absent, absent, absent});
+  m.connect =
+      dense2D<unsigned>(8, 4, {0, 1, 2,  3, 4,      5,      6,      7,      1, 5, 8, 2, 6,  9,      absent, absent,  //
+                               5, 1, 10, 8, absent, absent, absent, absent, 0, 1, 5, 4, 10, absent, absent, absent});
   EXPECT_TRUE(m.connect.resize(8, 3 + with_pyramid));
   return m;
 }
@@ -245,7 +249,8 @@ TEST(convert_into_high_order, edge_and_face_nodes_are_placed_and_shared) {
         for (unsigned s = 0; s < e; ++s) {
           const vec a = point(m.coords, high(k.edges[i][0], j)), b = point(m.coords, high(k.edges[i][1], j));
           const double f = (s + 1.0) / (e + 1);
-          expect_at(m.coords, high(k.corners + i * e + s, j), {a[0] + f * (b[0] - a[0]), a[1] + f * (b[1] - a[1]), a[2] + f * (b[2] - a[2])});
+          expect_at(m.coords, high(k.corners + i * e + s, j),
+                    {a[0] + f * (b[0] - a[0]), a[1] + f * (b[1] - a[1]), a[2] + f * (b[2] - a[2])});
         }
       std::size_t row = k.corners + k.edges.size() * e;
       for (const auto& f : k.faces) {
@@ -292,42 +297,38 @@ TEST(convert_into_high_order, caller_nodes_are_reused_and_bend_their_neighbours)
   const std::vector<unsigned> cube = {0, 1, 2, 3, 4, 5, 6, 7}, tet = {1, 0, 3, 4};
   const counts quadratic{1, 1, 0, 1, 0, 0, 0};
   const dense2D<unsigned> no, cube_edge(3, 1, {1, 0, 8});
-  const struct {
-    std::vector<unsigned> element;
-    unsigned node;  // the caller's, moved to `at`, expected in row `row`
-    vec at;
-    counts c;
-    dense2D<unsigned> faces, edges;
-    unsigned row, new_nodes;
-    std::vector<std::pair<unsigned, vec>> expected;  // rows of the result and their positions
-  } table[] = {{cube, 8, {0.5, d, 0}, quadratic, no, dense2D<unsigned>(3, 2, {0, 1, 10, 1, 0, 8}), 8, 11 + 6 + 1,
-                {{20, {0, 0.5, 0.5}}, {21, {1, 0.5, 0.5}}, {22, {0.5, d / 2, 0.5}}, {23, {0.5, 1, 0.5}},
-                 {24, {0.5, 0.5 + d / 2, 0}}, {25, {0.5, 0.5, 1}}, {26, {0.5, 0.5 + d / 4, 0.5}}}},
-               {cube, 8, {0.5, 0.5, -0.4}, quadratic, dense2D<unsigned>(9, 1, {2, 1, 0, 3, 0, 0, 0, 0, 8}), no, 24,
-                12 + 5 + 1, {{26, {0.5, 0.5, 0.3}}}},
-               {tet, 8, {0.5, d, 0}, {1, 0, 1, 0, 0, 0, 1}, no, cube_edge, 6, 5 + 4 + 1,
-                {{10, {0, third, third}}, {11, {third, third, third}}, {12, {third, 4.0 / 9 * d, third}},
-                 {13, {third, third + 4.0 / 9 * d, 0}}}},
-               {tet, 8, {0.5, d, 0}, {1, 0, 0, 0, 0, 0, 1}, no, cube_edge, 6, 5 + 1, {{10, {0.25, 0.25 + d / 4, 0.25}}}},
-               {{1, 5, 8, 2, 6, 9}, 10, {1, 0.5, u}, {1, 1, 0, 0, 1, 0, 0}, no, dense2D<unsigned>(3, 1, {2, 1, 10}), 6,
-                8 + 3 + 1, {{18, {7.0 / 6, 0.5, 0.5 + u / 3}}}},
-               {{0, 1, 5, 4, 10, absent}, 9, {0.5, u, 0}, {1, 1, 0, 0, 0, 1, 0}, no, dense2D<unsigned>(3, 1, {0, 1, 9}),
-                9, 7 + 1 + 1, {{13, {0.5, u / 2, 0.5}}, {14, {0.5, -0.25 + u / 8, 0.5}}}}};
-  for (const auto& r : table) {
-    SCOPED_TRACE("row " + std::to_string(&r - table));
-    mesh m = one_element(r.element, r.node, r.at);
+  // The caller's `node`, moved to `at`, is expected in row `row`; `expected` lists rows
+  // of the result, each followed by its position.
+  const auto check = [&](const std::vector<unsigned>& element, unsigned node, vec at, counts c,
+                         const dense2D<unsigned>& faces, const dense2D<unsigned>& edges, unsigned row,
+                         unsigned new_nodes, const std::vector<double>& expected) {
+    mesh m = one_element(element, node, at);
     dense2D<unsigned> high;
-    ASSERT_EQ(convert(m, r.c, high, r.faces, r.edges), 0);
-    EXPECT_EQ(high(r.row, 0), r.node);
-    EXPECT_EQ(m.coords.cols(), 11 + r.new_nodes);
-    expect_at(m.coords, r.node, r.at);
-    for (const auto& [row, at] : r.expected) expect_at(m.coords, high(row, 0), at);
-    if (r.c.h == 0) continue;
-    mesh in_place = one_element(r.element, r.node, r.at);  // the quadratic form gives the same
-    ASSERT_EQ(t3::convert_into_quadratic(in_place.coords, in_place.connect, r.faces, r.edges), 0);
+    ASSERT_EQ(convert(m, c, high, faces, edges), 0);
+    EXPECT_EQ(high(row, 0), node);
+    EXPECT_EQ(m.coords.cols(), 11 + new_nodes);
+    expect_at(m.coords, node, at);
+    for (std::size_t k = 0; k < expected.size(); k += 4)
+      expect_at(m.coords, high(unsigned(expected[k]), 0), {expected[k + 1], expected[k + 2], expected[k + 3]});
+    if (c.h == 0) return;
+    mesh in_place = one_element(element, node, at);  // the quadratic form gives the same
+    ASSERT_EQ(t3::convert_into_quadratic(in_place.coords, in_place.connect, faces, edges), 0);
     EXPECT_TRUE(std::equal(high.data(), high.data() + 27, in_place.connect.data()));
     EXPECT_EQ(in_place.coords.cols(), m.coords.cols());
-  }
+  };
+  check(cube, 8, {0.5, d, 0}, quadratic, no, dense2D<unsigned>(3, 2, {0, 1, 10, 1, 0, 8}), 8, 11 + 6 + 1,
+        {20, 0,   0.5, 0.5, 21,          1, 0.5, 0.5, 22,  0.5, d / 2, 0.5, 23,          0.5,
+         1,  0.5, 24,  0.5, 0.5 + d / 2, 0, 25,  0.5, 0.5, 1,   26,    0.5, 0.5 + d / 4, 0.5});
+  check(cube, 8, {0.5, 0.5, -0.4}, quadratic, dense2D<unsigned>(9, 1, {2, 1, 0, 3, 0, 0, 0, 0, 8}), no, 24, 12 + 5 + 1,
+        {26, 0.5, 0.5, 0.3});
+  check(
+      tet, 8, {0.5, d, 0}, {1, 0, 1, 0, 0, 0, 1}, no, cube_edge, 6, 5 + 4 + 1,
+      {10, 0, third, third, 11, third, third, third, 12, third, 4.0 / 9 * d, third, 13, third, third + 4.0 / 9 * d, 0});
+  check(tet, 8, {0.5, d, 0}, {1, 0, 0, 0, 0, 0, 1}, no, cube_edge, 6, 5 + 1, {10, 0.25, 0.25 + d / 4, 0.25});
+  check({1, 5, 8, 2, 6, 9}, 10, {1, 0.5, u}, {1, 1, 0, 0, 1, 0, 0}, no, dense2D<unsigned>(3, 1, {2, 1, 10}), 6,
+        8 + 3 + 1, {18, 7.0 / 6, 0.5, 0.5 + u / 3});
+  check({0, 1, 5, 4, 10, absent}, 9, {0.5, u, 0}, {1, 1, 0, 0, 0, 1, 0}, no, dense2D<unsigned>(3, 1, {0, 1, 9}), 9,
+        7 + 1 + 1, {13, 0.5, u / 2, 0.5, 14, 0.5, -0.25 + u / 8, 0.5});
 }
 
 // A triangle among 9-row faces: ~0U in the last row, its interior node in row 6. The
@@ -345,7 +346,8 @@ TEST(convert_into_high_order, caller_triangle_among_quadrangle_faces) {
 TEST(convert_into_high_order, views_with_larger_leading_dimension) {
   const auto box = make_box(box_kind::W6, 2, 2, 1, 1, 1, 1, 0.1, 3);
   const dense2D<unsigned> edges(3, 1, {0, 1, 2}), faces(7, 1, {0, 1, 4, 3, 4, 5, 6});
-  mesh plain = copy_of({box.coords, box.connect}), view{padded_view(box.coords, 2, -7.0), padded_view(box.connect, 3, 0u)};
+  mesh plain = copy_of({box.coords, box.connect}),
+       view{padded_view(box.coords, 2, -7.0), padded_view(box.connect, 3, 0u)};
   dense2D<unsigned> expected, high;
   ASSERT_EQ(convert(plain, {1, 1, 1, 0, 1, 0, 0}, expected, faces, edges), 0);
   ASSERT_EQ(convert(view, {1, 1, 1, 0, 1, 0, 0}, high, padded_view(faces, 1, 0u), padded_view(edges, 4, 0u)), 0);
@@ -360,9 +362,10 @@ TEST(convert_into_high_order, views_with_larger_leading_dimension) {
 
 TEST(convert_into_quadratic, rows_and_failure) {
   // Only tetrahedra: TH10; only wedges: W18; tetrahedra and wedges: the largest, 27.
-  for (const auto& [connect, rows] : {std::pair{dense2D<unsigned>(4, 1, {5, 1, 10, 8}), 10u},
-                                      {dense2D<unsigned>(6, 1, {1, 5, 8, 2, 6, 9}), 18u},
-                                      {dense2D<unsigned>(6, 2, {5, 1, 10, 8, absent, absent, 1, 5, 8, 2, 6, 9}), 27u}}) {
+  for (const auto& [connect, rows] :
+       {std::pair{dense2D<unsigned>(4, 1, {5, 1, 10, 8}), 10u},
+        {dense2D<unsigned>(6, 1, {1, 5, 8, 2, 6, 9}), 18u},
+        {dense2D<unsigned>(6, 2, {5, 1, 10, 8, absent, absent, 1, 5, 8, 2, 6, 9}), 27u}}) {
     mesh c = mixed_mesh(true);
     c.connect = connect;
     ASSERT_EQ(t3::convert_into_quadratic(c.coords, c.connect), 0);
@@ -484,13 +487,15 @@ TEST(split_into_H8, positive_conforming_and_volume_preserving) {
   for (box_kind kind : {box_kind::TH4, box_kind::W6, box_kind::H8}) {
     const auto box = make_box(kind, n, n, n, 1.0, 2.0, 0.5, 0.2, 11);
     const std::size_t corners = tessel3d_test::box_rows(kind);
-    const dense2D<unsigned> hexahedra = split({box.coords, box.connect}, n * n * n * per_cell[int(kind)] * corners, 1).first;
+    const dense2D<unsigned> hexahedra =
+        split({box.coords, box.connect}, n * n * n * per_cell[int(kind)] * corners, 1).first;
     dense2D<unsigned> neighbors;
     ASSERT_EQ(zel::tessel::get_neighbors(hexahedra, zel::H8, neighbors), 0);
     const std::size_t once = std::count(neighbors.data(), neighbors.data() + 6 * neighbors.cols(), absent);
     // Faces without a neighbour: 6 quadrangles per boundary square for TH4 (two triangles), 4 for H8; wedges: 3 per
     // boundary triangle (z faces), 4 per boundary square (sides).
-    EXPECT_EQ(once, kind == box_kind::W6 ? 2 * n * n * 2 * 3 + 4 * n * n * 4 : 6 * n * n * (kind == box_kind::TH4 ? 6 : 4));
+    EXPECT_EQ(once,
+              kind == box_kind::W6 ? 2 * n * n * 2 * 3 + 4 * n * n * 4 : 6 * n * n * (kind == box_kind::TH4 ? 6 : 4));
   }
 }
 

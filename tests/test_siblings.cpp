@@ -75,7 +75,7 @@ TEST(dense2D, resize_keeps_entries_in_place) {
   for (bool padded : {false, true}) {
     dense2D<double> m(3, 3, {0, 1, 2, 10, 11, 12, 20, 21, 22});
     if (padded) m = padded_view(m, 4, -7.0);  // a view with ld 7 that alone owns its buffer
-    std::size_t rows = 3, cols = 3;  // the block still holding the original entries
+    std::size_t rows = 3, cols = 3;           // the block still holding the original entries
     for (const auto& s : steps) {
       ASSERT_TRUE(m.resize(s[0], s[1], -1.0));
       for (std::size_t j = 0; j < s[1]; ++j)
@@ -182,10 +182,14 @@ TEST(allocation, every_allocating_call_fails_cleanly) {
   const dense2D<double> other_m(2, 2, 3.0);
   const dense1D<unsigned, 8> other_v{4, 5};
   const std::function<bool(matrices&)> ops[] = {
-      [](matrices& f) { return f.m.resize(3, 9, 0.0); },     [](matrices& f) { return f.m.resize(5, 4); },
-      [](matrices& f) { return f.m.reserve(3, 40, 1); },     [](matrices& f) { return f.m.reserve(6, 4, 0); },
-      [&](matrices& f) { return f.m.copy(other_m); },        [](matrices& f) { return f.v.push_back(9); },
-      [](matrices& f) { return f.v.resize(30, 1U); },        [](matrices& f) { return f.v.reserve(100, 1); },
+      [](matrices& f) { return f.m.resize(3, 9, 0.0); },
+      [](matrices& f) { return f.m.resize(5, 4); },
+      [](matrices& f) { return f.m.reserve(3, 40, 1); },
+      [](matrices& f) { return f.m.reserve(6, 4, 0); },
+      [&](matrices& f) { return f.m.copy(other_m); },
+      [](matrices& f) { return f.v.push_back(9); },
+      [](matrices& f) { return f.v.resize(30, 1U); },
+      [](matrices& f) { return f.v.reserve(100, 1); },
       [&](matrices& f) { return f.v.copy(other_v); },
       [](matrices& f) {  // the same calls on buffers that other matrices share
         const dense2D<double> sharer(f.m);
@@ -268,10 +272,10 @@ TEST(check_IDs, typed_rules_by_type_and_rows) {
     std::size_t rows;
     bool with_absent, expected;
   } table[] = {
-      {zel::TH4, 4, false, true},         {zel::TH4, 4, true, false},        {zel::T3, 5, false, true},
-      {zel::FACE_MIX4, 3, true, true},    {zel::FACE_MIX4, 4, true, true},   {zel::FACE_MIX4, 5, false, false},
-      {zel::FACE_MIX4, 2, false, false},  {zel::SOLID_MIX8, 4, true, true},  {zel::SOLID_MIX8, 5, true, true},
-      {zel::SOLID_MIX8, 6, true, true},   {zel::SOLID_MIX8, 8, true, true},  {zel::SOLID_MIX8, 7, false, false},
+      {zel::TH4, 4, false, true},         {zel::TH4, 4, true, false},         {zel::T3, 5, false, true},
+      {zel::FACE_MIX4, 3, true, true},    {zel::FACE_MIX4, 4, true, true},    {zel::FACE_MIX4, 5, false, false},
+      {zel::FACE_MIX4, 2, false, false},  {zel::SOLID_MIX8, 4, true, true},   {zel::SOLID_MIX8, 5, true, true},
+      {zel::SOLID_MIX8, 6, true, true},   {zel::SOLID_MIX8, 8, true, true},   {zel::SOLID_MIX8, 7, false, false},
       {zel::SOLID_MIX8, 9, false, false}, {zel::SOLID_MIX8, 3, false, false}, {zel::FACE_MIX9, 9, true, true},
       {zel::FACE_MIX9, 10, false, false}, {zel::SOLID_MIX27, 27, true, true}, {zel::SOLID_MIX27, 28, false, false},
       {zel::H27, 27, true, false},
@@ -476,7 +480,8 @@ TEST(get_neighbors, boxes_match_brute_force_and_count_the_surface) {
       const std::vector<unsigned> found = entries(neighbors);
       EXPECT_EQ(found, brute_neighbors(mesh.connect, k, nb_faces));
       const std::size_t xy = nx * ny, yz = ny * nz, zx = nz * nx;
-      const std::size_t surface[] = {4 * (xy + yz + zx), 2 * (xy + yz + zx), 4 * xy + 2 * (yz + zx), 2 * (xy + yz + zx)};
+      const std::size_t surface[] = {4 * (xy + yz + zx), 2 * (xy + yz + zx), 4 * xy + 2 * (yz + zx),
+                                     2 * (xy + yz + zx)};
       EXPECT_EQ(std::size_t(std::count(found.begin(), found.end(), absent)), surface[k]);
 
       ASSERT_EQ(zel::tessel::get_neighbors(to_mixed8(mesh.connect), zel::SOLID_MIX8, mixed), 0);
@@ -485,7 +490,8 @@ TEST(get_neighbors, boxes_match_brute_force_and_count_the_surface) {
         for (std::size_t f = 0; f < 6; ++f) ASSERT_EQ(mixed(f, e), f < nb_faces ? neighbors(f, e) : absent);
 
       ASSERT_TRUE(sparse.copy(mesh.connect));
-      for (std::size_t i = 0; i < sparse.rows() * sparse.cols(); ++i) sparse.data()[i] = 0xF0000000u + 977u * sparse.data()[i];
+      for (std::size_t i = 0; i < sparse.rows() * sparse.cols(); ++i)
+        sparse.data()[i] = 0xF0000000u + 977u * sparse.data()[i];
       ASSERT_EQ(zel::tessel::get_neighbors(sparse, box_types[k], from_sparse), 0);
       EXPECT_EQ(entries(from_sparse), found);
     }
@@ -495,18 +501,20 @@ TEST(get_neighbors, boxes_match_brute_force_and_count_the_surface) {
 // (triangles 1-2-9 and 5-6-10); 3: tetrahedron on the pyramid's face 4-8-5. Then a face
 // shared by three tetrahedra: each takes the lowest other element.
 TEST(get_neighbors, mixed_solids_and_a_non_manifold_face) {
-  const dense2D<unsigned> connect(8, 4, {0, 1, 2, 3, 4, 5, 6, 7, 4, 5, 6, 7, 8, absent, absent, absent,  //
-                                         1, 2, 9, 5, 6, 10, absent, absent, 4, 5, 8, 11, absent, absent, absent, absent});
+  const dense2D<unsigned> connect(8, 4,
+                                  {0, 1, 2, 3, 4, 5,  6,      7,      4, 5, 6, 7,  8,      absent, absent, absent,  //
+                                   1, 2, 9, 5, 6, 10, absent, absent, 4, 5, 8, 11, absent, absent, absent, absent});
   dense2D<unsigned> neighbors;
   ASSERT_EQ(zel::tessel::get_neighbors(connect, zel::SOLID_MIX8, neighbors), 0);
-  EXPECT_EQ(entries(neighbors), (std::vector<unsigned>{
-                                    absent, 2, absent, absent, absent, 1,       // cube: (1,5,6,2) wedge, (4,7,6,5) pyramid
-                                    3, absent, absent, absent, 0, absent,       // pyramid: (4,8,5) tetrahedron, base cube
-                                    absent, absent, absent, absent, 0, absent,  // wedge: (2,1,5,6) cube
-                                    absent, absent, absent, 1, absent, absent}));  // tetrahedron: (8,5,4) pyramid
-  ASSERT_EQ(zel::tessel::get_neighbors(dense2D<unsigned>(4, 3, {0, 1, 2, 3, 0, 2, 1, 4, 1, 0, 2, 5}), zel::TH4,
-                                       neighbors),
-            0);
+  EXPECT_EQ(
+      entries(neighbors),
+      (std::vector<unsigned>{absent, 2,      absent, absent, absent, 1,  // cube: (1,5,6,2) wedge, (4,7,6,5) pyramid
+                             3,      absent, absent, absent, 0,      absent,  // pyramid: (4,8,5) tetrahedron, base cube
+                             absent, absent, absent, absent, 0,      absent,  // wedge: (2,1,5,6) cube
+                             absent, absent, absent, 1,      absent, absent}));  // tetrahedron: (8,5,4) pyramid
+  ASSERT_EQ(
+      zel::tessel::get_neighbors(dense2D<unsigned>(4, 3, {0, 1, 2, 3, 0, 2, 1, 4, 1, 0, 2, 5}), zel::TH4, neighbors),
+      0);
   EXPECT_TRUE(neighbors(3, 0) == 1 && neighbors(3, 1) == 0 && neighbors(3, 2) == 0);
 }
 
@@ -554,7 +562,8 @@ struct square {
     for (unsigned c = 0; c < n * n; ++c)
       for (unsigned half = 0; half < (c % 2 ? 1u : 2u); ++half) {
         mixed.resize(4, mixed.cols() + 1);
-        for (int k = 0; k < 4; ++k) mixed(k, mixed.cols() - 1) = c % 2 ? quads(k, c) : k < 3 ? triangles(k, 2 * c + half) : absent;
+        for (int k = 0; k < 4; ++k)
+          mixed(k, mixed.cols() - 1) = c % 2 ? quads(k, c) : k < 3 ? triangles(k, 2 * c + half) : absent;
       }
   }
 };
@@ -631,15 +640,17 @@ TEST(normals, status_codes_in_order) {
 // (1, -sqrt 2, 1) / 2, (1, 0, -1) / sqrt 2, (1, sqrt 2, 1) / 2; diag(4, 1, 2) is sorted.
 TEST(dspev, diagonal_and_tridiagonal_matrices) {
   const double h = std::sqrt(0.5), tri_lambda[3] = {2 - 2 * h, 2, 2 + 2 * h}, diag_lambda[3] = {1, 2, 4};
-  const double tri_basis[3][3] = {{0.5, h, 0.5}, {-h, 0, h}, {0.5, -h, 0.5}};   // column k: vector k
-  const double diag_basis[3][3] = {{0, 0, 1}, {1, 0, 0}, {0, 1, 0}};            // e2, e3, e1
+  const double tri_basis[3][3] = {{0.5, h, 0.5}, {-h, 0, h}, {0.5, -h, 0.5}};  // column k: vector k
+  const double diag_basis[3][3] = {{0, 0, 1}, {1, 0, 0}, {0, 1, 0}};           // e2, e3, e1
   const double tri_upper[6] = {2, 1, 2, 0, 1, 2}, tri_lower[6] = {2, 1, 0, 2, 1, 2}, diag[6] = {4, 0, 1, 0, 0, 2};
   const struct {
     const double* packed;
     char uplo;
     const double* lambda;
     const double (*basis)[3];
-  } inputs[] = {{diag, 'U', diag_lambda, diag_basis}, {tri_upper, 'U', tri_lambda, tri_basis}, {tri_lower, 'L', tri_lambda, tri_basis}};
+  } inputs[] = {{diag, 'U', diag_lambda, diag_basis},
+                {tri_upper, 'U', tri_lambda, tri_basis},
+                {tri_lower, 'L', tri_lambda, tri_basis}};
   for (const auto& in : inputs)
     for (char jobz : {'N', 'V'}) {
       double ap[6], w[3], z[9], work[9];
@@ -649,8 +660,9 @@ TEST(dspev, diagonal_and_tridiagonal_matrices) {
       ASSERT_EQ(info, 0);
       for (int m = 0; m < 3; ++m) EXPECT_NEAR(w[m], in.lambda[m], 1e-13);
       for (int m = 0; m < 3 && jobz == 'V'; ++m)  // each column of z is +- the expected vector
-        EXPECT_NEAR(std::fabs(z[3 * m] * in.basis[0][m] + z[3 * m + 1] * in.basis[1][m] + z[3 * m + 2] * in.basis[2][m]), 1,
-                    1e-12);
+        EXPECT_NEAR(
+            std::fabs(z[3 * m] * in.basis[0][m] + z[3 * m + 1] * in.basis[1][m] + z[3 * m + 2] * in.basis[2][m]), 1,
+            1e-12);
     }
 }
 

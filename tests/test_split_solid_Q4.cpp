@@ -82,7 +82,8 @@ std::vector<double> qualities(const dense2D<double>& coords, const dense2D<unsig
 
 // Every output column positive, and the total volume kept.
 void expect_positive_and_same_volume(const result& r, const box_mesh& m) {
-  for (std::size_t j = 0; j < r.out.cols(); ++j) EXPECT_GT(volume_of(r.coords, r.out.sub_matrix(0, j, 8, 1)), 1e-6) << j;
+  for (std::size_t j = 0; j < r.out.cols(); ++j)
+    EXPECT_GT(volume_of(r.coords, r.out.sub_matrix(0, j, 8, 1)), 1e-6) << j;
   EXPECT_NEAR(volume_of(r.coords, r.out), volume_of(m.coords, m.connect), 1e-12);
 }
 
@@ -123,8 +124,9 @@ double cut_quality(const dense2D<double>& coords, quad q, const double* apex, in
   dense2D<double> xyz(3, 5);
   for (std::size_t j = 0; j < 5; ++j)
     for (int d = 0; d < 3; ++d) xyz(d, j) = j < 4 ? coords(d, q[j]) : apex[d];
-  dense2D<unsigned> tets(4, 2, diagonal == 0 ? std::initializer_list<unsigned>{0, 1, 2, 4, 0, 2, 3, 4}
-                                             : std::initializer_list<unsigned>{1, 2, 3, 4, 1, 3, 0, 4});
+  dense2D<unsigned> tets(4, 2,
+                         diagonal == 0 ? std::initializer_list<unsigned>{0, 1, 2, 4, 0, 2, 3, 4}
+                                       : std::initializer_list<unsigned>{1, 2, 3, 4, 1, 3, 0, 4});
   for (std::size_t j = 0; j < 2; ++j)
     if (tet_volume(xyz, tets(3, j), tets(0, j), tets(1, j), tets(2, j)) < 0) std::swap(tets(0, j), tets(1, j));
   const std::vector<double> worst = qualities(xyz, tets);
@@ -135,7 +137,8 @@ double cut_quality(const dense2D<double>& coords, quad q, const double* apex, in
 // [first, last) use.
 int diagonal_used(const dense2D<unsigned>& out, std::size_t first, std::size_t last) {
   for (const face& f : boundary(out, first, last))
-    if (f.size() == 3 && f[2] < 4) return (std::count(f.begin(), f.end(), 0u) && std::count(f.begin(), f.end(), 2u)) ? 0 : 1;
+    if (f.size() == 3 && f[2] < 4)
+      return (std::count(f.begin(), f.end(), 0u) && std::count(f.begin(), f.end(), 2u)) ? 0 : 1;
   return -1;
 }
 
@@ -191,7 +194,8 @@ TEST(split_solid_Q4, middle_layer_of_a_box_is_triangulated_conformingly) {
 TEST(split_solid_Q4, face_listed_both_ways_is_cut_along_one_diagonal) {
   box_mesh p;
   p.coords = dense2D<double>(3, 12);
-  const double square[4][2] = {{0, 0}, {1, 0}, {1, 1}, {0, 1}}, shift[3][3] = {{0, 0, 0}, {0.4, 0.4, -2}, {0.8, -0.8, 2}};
+  const double square[4][2] = {{0, 0}, {1, 0}, {1, 1}, {0, 1}},
+               shift[3][3] = {{0, 0, 0}, {0.4, 0.4, -2}, {0.8, -0.8, 2}};
   for (unsigned layer = 0; layer < 3; ++layer)
     for (unsigned k = 0; k < 4; ++k)
       for (int d = 0; d < 3; ++d) p.coords(d, 4 * layer + k) = (d < 2 ? square[k][d] : 0) + shift[layer][d];
@@ -231,8 +235,8 @@ TEST(split_solid_Q4, pyramid_base_takes_the_better_diagonal) {
   // that the better cut is 0-2 in one and 1-3 in the other; the quadrangles are listed
   // from another corner, which matches as well.
   box_mesh m;
-  m.coords = dense2D<double>(3, 10, {0, 0, 0, 2, -0.5, 0, 2.4, 0, 0, 2, 0.5, 0, 1.6, 0, 0.8,  //
-                                     0, 0, 0, 0.5, 2, 0, 0, 2.4, 0, -0.5, 2, 0, 0, 1.6, 0.8});
+  m.coords = dense2D<double>(3, 10, {0, 0, 0, 2,   -0.5, 0, 2.4, 0,   0, 2,    0.5, 0, 1.6, 0,   0.8,  //
+                                     0, 0, 0, 0.5, 2,    0, 0,   2.4, 0, -0.5, 2,   0, 0,   1.6, 0.8});
   m.connect = dense2D<unsigned>(5, 2, {0, 1, 2, 3, 4, 6, 7, 8, 5, 9});
   const result r = run(m, columns({{1, 2, 3, 0}, {7, 8, 5, 6}}), -1);
   ASSERT_EQ(r.out.cols(), 4u);
@@ -254,10 +258,11 @@ TEST(split_solid_Q4, pyramid_base_takes_the_better_diagonal) {
 TEST(split_solid_Q4, every_kind_in_the_mixed_layout) {
   // Unit cube, prism and pyramid, a tetrahedron; one quadrangle of each listed.
   box_mesh m;
-  m.coords = dense2D<double>(3, 12, {0, 0, 0, 1, 0, 0, 1, 1, 0, 0, 1, 0, 0, 0, 1, 1, 0, 1,  //
+  m.coords = dense2D<double>(3, 12, {0, 0, 0, 1, 0, 0, 1, 1, 0, 0, 1, 0, 0, 0, 1, 1,   0,   1,  //
                                      1, 1, 1, 0, 1, 1, 0, 0, 2, 1, 0, 2, 0, 1, 2, 0.5, 0.5, -1});
-  m.connect = dense2D<unsigned>(8, 4, {0, 1, 2, 3, 4, 5, 6, 7, 4, 5, 7, 8, 9, 10, absent, absent,  //
-                                       0, 3, 2, 1, 11, absent, absent, absent, 5, 4, 7, 8, absent, absent, absent, absent});
+  m.connect =
+      dense2D<unsigned>(8, 4, {0, 1, 2, 3, 4,  5,      6,      7,      4, 5, 7, 8, 9,      10,     absent, absent,  //
+                               0, 3, 2, 1, 11, absent, absent, absent, 5, 4, 7, 8, absent, absent, absent, absent});
   const result r = run(m, columns({{3, 2, 6, 7}, {5, 4, 8, 9}, {0, 3, 2, 1}}), 0.05);
   EXPECT_TRUE(r.failed.empty());
   ASSERT_TRUE(r.out.cols() == 7 + 6 + 2 + 1 && r.coords.cols() == 14);  // new nodes: cube, then prism
@@ -317,10 +322,14 @@ TEST(split_solid_Q4, status_codes_in_order) {
                {xyz, dense2D<unsigned>(4, 1), bad_ids, nan, -2},
                {xyz, dense2D<unsigned>(5, 1, {0, 1, 2, 3, 99}), b.quads, 0, -2},
                {xyz, dense2D<unsigned>(6, 1, {0, 1, 2, 3, 4, absent}), b.quads, 0, -2},
-               {xyz, to_mixed8(bad_ids), b.quads, 0, -2},     {xyz, no_corner, b.quads, 0, -2},
-               {xyz, c, dense2D<unsigned>(3, 1), nan, -3},    {xyz, c, bad_ids, nan, -3},
-               {xyz, c, absent_id, nan, -3},                  {xyz, c, b.quads, nan, -4},
-               {xyz, c, b.quads, inf, -4},                    {xyz, c, b.quads, -inf, -4},
+               {xyz, to_mixed8(bad_ids), b.quads, 0, -2},
+               {xyz, no_corner, b.quads, 0, -2},
+               {xyz, c, dense2D<unsigned>(3, 1), nan, -3},
+               {xyz, c, bad_ids, nan, -3},
+               {xyz, c, absent_id, nan, -3},
+               {xyz, c, b.quads, nan, -4},
+               {xyz, c, b.quads, inf, -4},
+               {xyz, c, b.quads, -inf, -4},
                {xyz, dense2D<unsigned>(7, 0), dense2D<unsigned>(), 0, 0},  // nothing to split: copied
                {xyz, c, dense2D<unsigned>(9, 0), 0, 0}};
   for (const auto& row : table) {
