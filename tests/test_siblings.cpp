@@ -7,10 +7,10 @@
 #include <cmath>
 #include <functional>
 #include <limits>
-#include <map>
 #include <vector>
 
 #include "box_mesh.h"
+#include "common/element_tables.h"
 #include "failing_allocator.h"
 #include "zel/lapack.h"
 #include "zel/matrix.h"
@@ -20,6 +20,7 @@
 using namespace tessel3d_test;
 using zel::dense1D;
 using zel::dense2D;
+using vec3 = zel::vector_fixed<double, 3>;
 
 namespace {
 
@@ -52,36 +53,6 @@ struct snapshot {
   }
 };
 
-// Makes the n-th allocation of `op` fail for n = 1, 2, ... until op gets through. Each
-// round builds a fresh fixture under the failing allocator (so that every block is freed
-// by the allocator that made it), checks that op reported the failure and left the
-// fixture as `unchanged` says, and that no block leaked. Returns the failures injected.
-template <class Make, class Op, class Unchanged>
-long inject_failures(Make make, Op op, Unchanged unchanged) {
-  long setup = 0;
-  {
-    failing_allocator counter;
-    auto fixture = make();
-    setup = counter.allocations();
-  }
-  for (long n = 1; n < 64; ++n) {
-    failing_allocator guard(setup + n);
-    {
-      auto fixture = make();
-      const bool ok = op(fixture);
-      if (!guard.failed()) {
-        EXPECT_TRUE(ok);
-        return n - 1;
-      }
-      EXPECT_FALSE(ok) << "allocation " << n << " failed unnoticed";
-      unchanged(fixture);
-    }
-    EXPECT_EQ(guard.live_blocks(), 0) << "leak after failing allocation " << n;
-  }
-  ADD_FAILURE() << "operation never succeeded";
-  return -1;
-}
-
 }  // namespace
 
 // ---- matrix ----------------------------------------------------------------------------
@@ -100,24 +71,17 @@ TEST(dense2D, sub_matrix_is_a_shared_view_with_the_parent_ld) {
 }
 
 TEST(dense2D, resize_keeps_entries_in_place) {
-  struct step {
-    std::size_t rows, cols;
-  };
-  const step steps[] = {{5, 3}, {5, 6}, {2, 6}, {2, 2}, {7, 1}};
+  const std::size_t steps[][2] = {{4, 3}, {5, 3}, {5, 6}, {2, 6}, {2, 2}, {7, 1}};
   for (bool padded : {false, true}) {
-    dense2D<double> m(3, 3);
-    for (std::size_t j = 0; j < 3; ++j)
-      for (std::size_t i = 0; i < 3; ++i) m(i, j) = 10.0 * j + i;
+    dense2D<double> m(3, 3, {0, 1, 2, 10, 11, 12, 20, 21, 22});
     if (padded) m = padded_view(m, 4, -7.0);  // a view with ld 7 that alone owns its buffer
-    std::size_t rows = 3, cols = 3;
-    for (const step& s : steps) {
-      ASSERT_TRUE(m.resize(s.rows, s.cols, -1.0));
-      for (std::size_t j = 0; j < s.cols; ++j)
-        for (std::size_t i = 0; i < s.rows; ++i) {
-          const bool old = i < rows && j < cols && i < 3 && j < 3;
-          EXPECT_EQ(m(i, j), old ? 10.0 * j + i : -1.0) << i << "," << j << " padded " << padded;
-        }
-      rows = std::min(rows, s.rows), cols = std::min(cols, s.cols);  // entries still original
+    std::size_t rows = 3, cols = 3;           // the block still holding the original entries
+    for (const auto& s : steps) {
+      ASSERT_TRUE(m.resize(s[0], s[1], -1.0));
+      for (std::size_t j = 0; j < s[1]; ++j)
+        for (std::size_t i = 0; i < s[0]; ++i)
+          EXPECT_EQ(m(i, j), i < rows && j < cols ? 10.0 * j + i : -1.0) << i << "," << j << " padded " << padded;
+      rows = std::min(rows, s[0]), cols = std::min(cols, s[1]);
     }
   }
 }
@@ -125,23 +89,20 @@ TEST(dense2D, resize_keeps_entries_in_place) {
 TEST(dense2D, reserve_then_resize_neither_moves_nor_changes_entries) {
   dense2D<unsigned> m(2, 3, {1, 2, 3, 4, 5, 6});
   ASSERT_TRUE(m.reserve(4, 50, 1));
-  EXPECT_EQ(m.rows(), 2u);
-  EXPECT_EQ(m.cols(), 3u);
+  EXPECT_TRUE(m.rows() == 2 && m.cols() == 3);
   EXPECT_EQ(entries(m), (std::vector<unsigned>{1, 2, 3, 4, 5, 6}));
   const unsigned* data = m.data();
   for (std::size_t c = 4; c <= 50; c += 3) {
     ASSERT_TRUE(m.resize(c % 2 ? 2 : 4, c, absent));
     EXPECT_EQ(m.data(), data);
-    EXPECT_EQ(m(1, 2), 6u);
-    EXPECT_EQ(m(0, 0), 1u);
+    EXPECT_TRUE(m(1, 2) == 6 && m(0, 0) == 1);
   }
 }
 
 TEST(dense2D, copies_are_shallow_and_counted) {
   dense2D<double> a(3, 2, 1.5);
   {
-    dense2D<double> b(a);
-    dense2D<double> c;
+    dense2D<double> b(a), c;
     c.shallow_copy(a);
     EXPECT_EQ(a.storage()->__count(), 3u);
     EXPECT_EQ(c.data(), a.data());
@@ -149,13 +110,11 @@ TEST(dense2D, copies_are_shallow_and_counted) {
     EXPECT_EQ(a(0, 1), 9);
   }
   EXPECT_EQ(a.storage()->__count(), 1u);
-
-  dense2D<double> padded = padded_view(a, 2, nan_value);
+  const dense2D<double> padded = padded_view(a, 2, nan_value);
   dense2D<double> deep;
   ASSERT_TRUE(deep.copy(padded));
   EXPECT_NE(deep.data(), padded.data());
-  EXPECT_EQ(deep.ld(), 3u);
-  EXPECT_EQ(deep.storage()->__count(), 1u);
+  EXPECT_TRUE(deep.ld() == 3 && deep.storage()->__count() == 1);
   EXPECT_EQ(entries(deep), entries(a));
 }
 
@@ -163,11 +122,9 @@ TEST(dense2D, growth_of_a_shared_buffer_detaches) {
   dense2D<unsigned> a(2, 2, {1, 2, 3, 4});
   for (int how = 0; how < 3; ++how) {
     dense2D<unsigned> b(a);
-    const bool ok = how == 0 ? b.resize(2, 5, 7U) : how == 1 ? b.resize(3, 2, 7U) : b.reserve(2, 9, 1);
-    ASSERT_TRUE(ok);
+    ASSERT_TRUE(how == 0 ? b.resize(2, 5, 7U) : how == 1 ? b.resize(3, 2, 7U) : b.reserve(2, 9, 1));
     EXPECT_NE(b.data(), a.data());
     EXPECT_EQ(a.storage()->__count(), 1u);
-    EXPECT_EQ(a.cols(), 2u);
     EXPECT_EQ(entries(a), (std::vector<unsigned>{1, 2, 3, 4}));
     EXPECT_EQ(b(1, 1), 4u);
   }
@@ -183,13 +140,11 @@ TEST(dense2D, clear_and_as_vector) {
   const dense1D<unsigned, 8> all = m.as_vector();  // contiguous: shares the buffer
   EXPECT_EQ(all.data(), m.data());
   EXPECT_EQ(entries(all), entries(m));
-  const dense1D<unsigned, 8> strided = padded_view(m, 3, 0U).sub_matrix(1, 0, 1, 3).as_vector();
-  EXPECT_EQ(entries(strided), (std::vector<unsigned>{2, 4, 6}));
-
+  EXPECT_EQ(entries(padded_view(m, 3, 0U).sub_matrix(1, 0, 1, 3).as_vector()), (std::vector<unsigned>{2, 4, 6}));
   dense2D<unsigned> shared(m);
   shared.clear();
   EXPECT_EQ(shared.rows() + shared.cols(), 0u);
-  EXPECT_EQ(entries(m).size(), 6u);  // the other user keeps its matrix
+  EXPECT_EQ(entries(m).size(), 6u);       // the other user keeps its matrix
   EXPECT_EQ(m.storage()->__count(), 2u);  // m and `all`
 }
 
@@ -198,57 +153,34 @@ TEST(dense1D, push_back_resize_reserve_clear) {
   for (unsigned i = 0; i < 100; ++i) ASSERT_TRUE(v.push_back(i * i));
   for (unsigned i = 0; i < 100; ++i) ASSERT_EQ(v[i], i * i);
   ASSERT_TRUE(v.resize(103, 5U));
-  EXPECT_EQ(v[99], 99u * 99u);
-  EXPECT_EQ(v[102], 5u);
+  EXPECT_TRUE(v[99] == 99u * 99u && v[102] == 5);
   ASSERT_TRUE(v.reserve(1000, 1));
   const unsigned* data = v.data();
   for (unsigned i = 0; i < 800; ++i) ASSERT_TRUE(v.push_back(i));
-  EXPECT_EQ(v.data(), data);
-  EXPECT_EQ(v[50], 2500u);
+  EXPECT_TRUE(v.data() == data && v[50] == 2500);
 
   dense1D<unsigned, 8> shared(v);
   ASSERT_TRUE(shared.reserve(3, 1));  // fewer than its entries: detaches with all of them
   ASSERT_TRUE(shared.push_back(1));
-  EXPECT_EQ(shared.size(), 904u);
-  EXPECT_EQ(shared[50], 2500u);
-  EXPECT_EQ(v.size(), 903u);
-  EXPECT_EQ(v.storage()->__count(), 1u);
-
+  EXPECT_TRUE(shared.size() == 904 && shared[50] == 2500);
+  EXPECT_TRUE(v.size() == 903 && v.storage()->__count() == 1);
   v.clear();
   EXPECT_TRUE(v.empty());
   ASSERT_TRUE(v.push_back(4));
   EXPECT_EQ(v.data(), data);  // the buffer was kept for reuse
-  const dense1D<double, 8> filled(4, 2.5);
-  EXPECT_EQ(entries(filled), (std::vector<double>{2.5, 2.5, 2.5, 2.5}));
+  EXPECT_EQ(entries(dense1D<double, 8>(4, 2.5)), (std::vector<double>{2.5, 2.5, 2.5, 2.5}));
 }
 
+// The library's roll-back after -199 rests on this: every allocating call of the
+// containers, alone or on a buffer another matrix shares, fails with false, leaves the
+// object as it was and leaks nothing, whichever of its allocations fails.
 TEST(allocation, every_allocating_call_fails_cleanly) {
   struct matrices {
-    dense2D<double> m;
-    dense1D<unsigned, 8> v;
-    snapshot<dense2D<double>> m_before;
-    snapshot<dense1D<unsigned, 8>> v_before;
-  };
-  auto make = [] {
-    dense2D<double> m(3, 4, 1.0);
-    dense1D<unsigned, 8> v{1, 2, 3, 4, 5, 6, 7, 8};
-    return matrices{m, v, snapshot<dense2D<double>>(m), snapshot<dense1D<unsigned, 8>>(v)};
-  };
-  auto unchanged = [](matrices& f) {
-    f.m_before.expect_same(f.m);
-    f.v_before.expect_same(f.v);
-    EXPECT_EQ(f.m.rows(), 3u);
-    EXPECT_EQ(f.v.size(), 8u);
+    dense2D<double> m = dense2D<double>(3, 4, 1.0);
+    dense1D<unsigned, 8> v = {1, 2, 3, 4, 5, 6, 7, 8};
   };
   const dense2D<double> other_m(2, 2, 3.0);
   const dense1D<unsigned, 8> other_v{4, 5};
-  auto with_sharer = [&](auto op) {  // the same call on a buffer that another matrix shares
-    return [op](matrices& f) {
-      dense2D<double> sharer(f.m);
-      dense1D<unsigned, 8> vsharer(f.v);
-      return op(f);
-    };
-  };
   const std::function<bool(matrices&)> ops[] = {
       [](matrices& f) { return f.m.resize(3, 9, 0.0); },
       [](matrices& f) { return f.m.resize(5, 4); },
@@ -259,96 +191,102 @@ TEST(allocation, every_allocating_call_fails_cleanly) {
       [](matrices& f) { return f.v.resize(30, 1U); },
       [](matrices& f) { return f.v.reserve(100, 1); },
       [&](matrices& f) { return f.v.copy(other_v); },
-      with_sharer([](matrices& f) { return f.m.resize(3, 2); }),
-      with_sharer([](matrices& f) { return f.v.push_back(1); }),
-  };
-  for (const auto& op : ops) EXPECT_GT(inject_failures(make, op, unchanged), 0);
-
+      [](matrices& f) {  // the same calls on buffers that other matrices share
+        const dense2D<double> sharer(f.m);
+        return f.m.resize(3, 2);
+      },
+      [](matrices& f) {
+        const dense1D<unsigned, 8> sharer(f.v);
+        return f.v.push_back(1);
+      }};
+  for (const auto& op : ops) {
+    long setup = 0, n = 1;
+    {
+      failing_allocator counter;
+      const matrices f;
+      setup = counter.allocations();
+    }
+    for (;; ++n) {
+      ASSERT_LT(n, 64) << "the call never succeeded";
+      failing_allocator guard(setup + n);
+      bool done = false;
+      {
+        matrices f;
+        const snapshot<dense2D<double>> m_before(f.m);
+        const snapshot<dense1D<unsigned, 8>> v_before(f.v);
+        const bool ok = op(f);
+        done = !guard.failed();
+        EXPECT_EQ(ok, done) << "allocation " << n;
+        if (!done) m_before.expect_same(f.m), v_before.expect_same(f.v);
+      }
+      EXPECT_EQ(guard.live_blocks(), 0) << "leak after failing allocation " << n;
+      if (done) break;
+    }
+    EXPECT_GT(n, 1) << "the call allocates nothing";
+  }
   // Allocating constructors leave an empty object (the buffer takes two blocks).
   for (long n : {1, 2}) {
     failing_allocator guard(n);
-    {
-      const dense2D<double> m(10, 10, 1.0);
-      EXPECT_TRUE(m.empty());
-      EXPECT_EQ(m.data(), nullptr);
-    }
-    {
-      failing_allocator inner(n);
-      const dense1D<double, 8> v(10, 1.0);
-      EXPECT_EQ(v.size(), 0u);
-    }
+    EXPECT_EQ(dense2D<double>(10, 10, 1.0).data(), nullptr);
     EXPECT_EQ(guard.live_blocks(), 0);
+    failing_allocator inner(n);
+    EXPECT_TRUE((dense1D<double, 8>(10, 1.0).empty()));
+    EXPECT_EQ(inner.live_blocks(), 0);
   }
 }
 
-namespace {
-long custom_allocations = 0;
-void* counting_alloc(std::size_t bytes) {
-  ++custom_allocations;
-  return std::malloc(bytes);
-}
-void counting_free(void* p) { std::free(p); }
-}  // namespace
-
+// nullptr restores the default pair; each call returns the pair it replaced.
 TEST(allocation, set_vector_num_allocator_returns_the_previous_pair) {
-  const auto initial = zel::set_vector_num_allocator(&counting_alloc, &counting_free);
-  dense1D<double, 8> v(5, 1.0);
-  EXPECT_GT(custom_allocations, 0);
-  const auto mine = zel::set_vector_num_allocator(nullptr, nullptr);  // back to the default
-  EXPECT_EQ(mine.first, &counting_alloc);
-  EXPECT_EQ(mine.second, &counting_free);
-  const long before = custom_allocations;
-  dense1D<double, 8> w(5, 1.0);
-  EXPECT_EQ(custom_allocations, before);
-  const auto restored = zel::set_vector_num_allocator(initial.first, initial.second);
-  EXPECT_EQ(restored.first, initial.first);
-  zel::set_vector_num_allocator(&counting_alloc, &counting_free);  // v must go back to free()
-  v = dense1D<double, 8>();
+  const auto initial = zel::set_vector_num_allocator(nullptr, nullptr);
+  {
+    failing_allocator counter;  // installs its own pair, restores the previous one on exit
+    dense1D<double, 8> v(5, 1.0);
+    const long counted = counter.allocations();
+    EXPECT_GT(counted, 0);
+    const auto mine = zel::set_vector_num_allocator(nullptr, nullptr);
+    EXPECT_NE(mine.first, initial.first);
+    { const dense1D<double, 8> w(5, 1.0); }
+    EXPECT_EQ(counter.allocations(), counted);  // served by the default pair
+    EXPECT_EQ(zel::set_vector_num_allocator(mine.first, mine.second).first, initial.first);
+  }
   zel::set_vector_num_allocator(initial.first, initial.second);
 }
 
 TEST(fixed, vector_and_symmetric_indexing) {
-  const zel::vector_fixed<double, 3> p(1, 2.5, -3);
-  EXPECT_EQ(p[0], 1);
-  EXPECT_EQ(p[1], 2.5);
-  EXPECT_EQ(p[2], -3);
-  zel::symmetric_fixed<double, 3> a;
+  const vec3 p(1, 2.5, -3);
+  EXPECT_TRUE(p[0] == 1 && p[1] == 2.5 && p[2] == -3);
+  zel::symmetric_fixed<double, 3> a, b;
   for (unsigned k = 0; k < 6; ++k) a[k] = k + 1;  // a11 a12 a22 a13 a23 a33
-  const double expected[3][3] = {{1, 2, 4}, {2, 3, 5}, {4, 5, 6}};
-  for (unsigned i = 0; i < 3; ++i)
-    for (unsigned j = 0; j < 3; ++j) EXPECT_EQ(a(i, j), expected[i][j]);
-  zel::symmetric_fixed<double, 3> b;
+  const double expected[9] = {1, 2, 4, 2, 3, 5, 4, 5, 6};
+  for (unsigned k = 0; k < 9; ++k) EXPECT_EQ(a(k / 3, k % 3), expected[k]) << k;
   b = a;
   b(2, 0) = 9;
-  EXPECT_EQ(b(0, 2), 9);
-  EXPECT_EQ(a(0, 2), 4);
+  EXPECT_TRUE(b(0, 2) == 9 && a(0, 2) == 4);
 }
 
 // ---- check_IDs -------------------------------------------------------------------------
 
 TEST(check_IDs, typed_rules_by_type_and_rows) {
-  struct row {
+  const struct {
     zel::element_type type;
     std::size_t rows;
     bool with_absent, expected;
-  };
-  const row table[] = {
-      {zel::TH4, 4, false, true},         {zel::TH4, 4, true, false},        {zel::T3, 5, false, true},
-      {zel::FACE_MIX4, 3, true, true},    {zel::FACE_MIX4, 4, true, true},   {zel::FACE_MIX4, 5, false, false},
-      {zel::FACE_MIX4, 2, false, false},  {zel::SOLID_MIX8, 4, true, true},  {zel::SOLID_MIX8, 5, true, true},
-      {zel::SOLID_MIX8, 6, true, true},   {zel::SOLID_MIX8, 8, true, true},  {zel::SOLID_MIX8, 7, false, false},
+  } table[] = {
+      {zel::TH4, 4, false, true},         {zel::TH4, 4, true, false},         {zel::T3, 5, false, true},
+      {zel::FACE_MIX4, 3, true, true},    {zel::FACE_MIX4, 4, true, true},    {zel::FACE_MIX4, 5, false, false},
+      {zel::FACE_MIX4, 2, false, false},  {zel::SOLID_MIX8, 4, true, true},   {zel::SOLID_MIX8, 5, true, true},
+      {zel::SOLID_MIX8, 6, true, true},   {zel::SOLID_MIX8, 8, true, true},   {zel::SOLID_MIX8, 7, false, false},
       {zel::SOLID_MIX8, 9, false, false}, {zel::SOLID_MIX8, 3, false, false}, {zel::FACE_MIX9, 9, true, true},
       {zel::FACE_MIX9, 10, false, false}, {zel::SOLID_MIX27, 27, true, true}, {zel::SOLID_MIX27, 28, false, false},
       {zel::H27, 27, true, false},
   };
-  for (const row& r : table) {
+  for (const auto& r : table) {
     dense2D<unsigned> c(r.rows, 3, 4U);
     if (r.with_absent) c(r.rows - 1, 1) = absent;
     EXPECT_EQ(zel::tessel::check_IDs(c, r.type, 5), r.expected) << r.type << " rows " << r.rows;
     EXPECT_TRUE(zel::tessel::check_IDs(dense2D<unsigned>(r.rows, 0), r.type, 0));  // empty passes
   }
-  dense2D<unsigned> c(4, 2, 1U);
-  c(3, 1) = 5;  // ID == nbNodes
+  const dense2D<unsigned> c(4, 2, {1, 1, 1, 1, 1, 1, 1, 5});  // ID == nbNodes
   EXPECT_FALSE(zel::tessel::check_IDs(c, zel::TH4, 5));
   EXPECT_TRUE(zel::tessel::check_IDs(c, zel::TH4, 6));
   EXPECT_FALSE(zel::tessel::check_IDs(padded_view(c, 2, 99U), zel::TH4, 5));  // the view, not the guard
@@ -356,7 +294,7 @@ TEST(check_IDs, typed_rules_by_type_and_rows) {
 }
 
 TEST(check_IDs, untyped_matrix_and_vector_forms) {
-  dense2D<unsigned> c(3, 2, {0, 1, 2, absent, 4, 2});
+  const dense2D<unsigned> c(3, 2, {0, 1, 2, absent, 4, 2});
   EXPECT_TRUE(zel::tessel::check_IDs(c, 5));  // the marker is accepted
   EXPECT_FALSE(zel::tessel::check_IDs(c, 4));
   const dense1D<unsigned, 8> ids{0, 1, 4};
@@ -371,7 +309,7 @@ TEST(check_IDs, untyped_matrix_and_vector_forms) {
 namespace {
 
 // Nearest of `candidates` by the detector's own distance formula, ties to the smallest ID.
-unsigned brute_nearest(const dense2D<double>& coords, const std::vector<unsigned>& candidates, const double* q) {
+unsigned brute_nearest(const dense2D<double>& coords, const std::vector<unsigned>& candidates, const vec3& q) {
   unsigned best = absent;
   double best_d = 0;
   for (unsigned id : candidates) {
@@ -382,93 +320,70 @@ unsigned brute_nearest(const dense2D<double>& coords, const std::vector<unsigned
   return best;
 }
 
-dense2D<double> random_points(std::size_t n, random_stream& random, double grid = 0) {
-  dense2D<double> coords(3, n);
-  for (std::size_t j = 0; j < n; ++j)
-    for (int d = 0; d < 3; ++d) {
-      const double x = random.uniform(-1, 1) * (d == 2 ? 0.1 : 1);  // flat cloud: uneven axes
-      coords(d, j) = grid > 0 ? std::round(x / grid) * grid : x;
-    }
-  return coords;
-}
-
 }  // namespace
 
 TEST(node_detector, matches_brute_force_on_random_points) {
   random_stream random(7);
   for (double grid : {0.0, 0.25}) {  // 0.25: many duplicate points and equidistant ties
-    const dense2D<double> coords = padded_view(random_points(3000, random, grid), 2, nan_value);
-    std::vector<unsigned> all(coords.cols()), subset;
-    for (unsigned i = 0; i < all.size(); ++i) all[i] = i;
+    dense2D<double> cloud(3, 3000);
+    for (std::size_t j = 0; j < 3000; ++j)
+      for (int d = 0; d < 3; ++d) {
+        const double x = random.uniform(-1, 1) * (d == 2 ? 0.1 : 1);  // flat cloud: uneven axes
+        cloud(d, j) = grid > 0 ? std::round(x / grid) * grid : x;
+      }
+    const dense2D<double> coords = padded_view(cloud, 2, nan_value);
+    std::vector<unsigned> all(3000), subset;
     dense1D<unsigned, 8> ids{absent, 3000};  // out of range: skipped
-    for (unsigned i = 0; i < all.size(); i += 3) subset.push_back(i), ids.push_back(i);
-
+    for (unsigned i = 0; i < 3000; ++i) {
+      all[i] = i;
+      if (i % 3 == 0) subset.push_back(i), ids.push_back(i);
+    }
     const zel::tessel::node_detector every(coords), some(coords, ids);
     EXPECT_EQ(every.size(), 3000u);
     EXPECT_EQ(some.size(), subset.size());
     for (int k = 0; k < 2000; ++k) {
-      double q[3] = {random.uniform(-1.5, 1.5), random.uniform(-1.5, 1.5), random.uniform(-0.3, 0.3)};
+      vec3 q(random.uniform(-1.5, 1.5), random.uniform(-1.5, 1.5), random.uniform(-0.3, 0.3));
       if (grid > 0 && k % 2) q[0] = std::round(q[0] / 0.125) * 0.125, q[1] = std::round(q[1] / 0.125) * 0.125;
       if (k % 3 == 0) {  // on a node: with the grid, a tie between its copies on both sides of a split
         const std::size_t j = random.next() % coords.cols();
-        for (int d = 0; d < 3; ++d) q[d] = coords(d, j);
+        q = vec3(coords(0, j), coords(1, j), coords(2, j));
       }
-      const zel::vector_fixed<double, 3> p(q[0], q[1], q[2]);
-      ASSERT_EQ(every.find_closest(p), brute_nearest(coords, all, q)) << k;
-      ASSERT_EQ(some.find_closest(p), brute_nearest(coords, subset, q)) << k;
-      const unsigned close = every.find_close(p);
-      ASSERT_LT(close, 3000u);
+      ASSERT_EQ(every.find_closest(q), brute_nearest(coords, all, q)) << k;
+      ASSERT_EQ(some.find_closest(q), brute_nearest(coords, subset, q)) << k;
+      ASSERT_LT(every.find_close(q), 3000u);
     }
-    if (grid == 0) {  // distinct points: a node's own position lands in its own leaf
-      for (unsigned j = 0; j < coords.cols(); j += 7)
-        EXPECT_EQ(every.find_close({coords(0, j), coords(1, j), coords(2, j)}), j);
-    }
+    for (unsigned j = 0; j < coords.cols() && grid == 0; j += 7)  // distinct points: a node lands in its own leaf
+      EXPECT_EQ(every.find_close({coords(0, j), coords(1, j), coords(2, j)}), j);
   }
 }
 
-TEST(node_detector, empty_detectors_answer_absent) {
-  const zel::vector_fixed<double, 3> p(0, 0, 0);
-  const dense2D<double> two_rows(2, 5, 1.0), three_rows(3, 5, 1.0);
-  const zel::tessel::node_detector detectors[] = {
-      zel::tessel::node_detector(), zel::tessel::node_detector(two_rows), zel::tessel::node_detector(dense2D<double>(3, 0)),
-      zel::tessel::node_detector(three_rows, dense1D<unsigned, 8>{5, 9, absent})};
-  for (const auto& d : detectors) {
+TEST(node_detector, empty_and_non_finite) {
+  const vec3 origin(0, 0, 0);
+  const dense2D<double> three_rows(3, 5, 1.0);
+  for (const auto& d : {zel::tessel::node_detector(), zel::tessel::node_detector(dense2D<double>(2, 5, 1.0)),
+                        zel::tessel::node_detector(dense2D<double>(3, 0)),
+                        zel::tessel::node_detector(three_rows, dense1D<unsigned, 8>{5, 9, absent})}) {
     EXPECT_EQ(d.size(), 0u);
-    EXPECT_EQ(d.find_close(p), absent);
-    EXPECT_EQ(d.find_closest(p), absent);
+    EXPECT_TRUE(d.find_close(origin) == absent && d.find_closest(origin) == absent);
   }
-}
-
-TEST(node_detector, non_finite_coordinates) {
   dense2D<double> coords(3, 40);
   random_stream random(3);
   for (std::size_t j = 0; j < 40; ++j)
     for (int d = 0; d < 3; ++d) coords(d, j) = random.uniform();
-  coords(0, 0) = nan_value;                  // left out
-  coords(1, 5) = inf_value;                  // kept, far from everything
+  coords(0, 0) = nan_value;  // left out
+  coords(1, 5) = inf_value;  // kept, far from everything
   coords(2, 6) = -inf_value;
   const zel::tessel::node_detector detector(coords);
   EXPECT_EQ(detector.size(), 39u);
-  const zel::vector_fixed<double, 3> at0(coords(0, 1), coords(1, 1), coords(2, 1));
-  EXPECT_EQ(detector.find_closest(at0), 1u);
+  EXPECT_EQ(detector.find_closest({coords(0, 1), coords(1, 1), coords(2, 1)}), 1u);
   EXPECT_EQ(detector.find_closest({nan_value, 0, 0}), absent);
   EXPECT_EQ(detector.find_close({0, nan_value, 0}), absent);
   // Seen from y = inf every node is infinitely far (a tie: smallest ID) except node 5,
   // whose distance is NaN and ranks last.
   EXPECT_EQ(detector.find_closest({0, inf_value, 0}), 1u);
   EXPECT_LT(detector.find_close({inf_value, -inf_value, inf_value}), 40u);
-
-  dense2D<double> far(3, 4, inf_value);  // every distance from a finite point is infinite: a tie
-  EXPECT_EQ(zel::tessel::node_detector(far).find_closest({0, 0, 0}), 0u);
-}
-
-TEST(node_detector, allocation_failure_gives_an_empty_detector) {
-  random_stream random(5);
-  const auto make = [&random] { return random_points(100, random); };
-  long failures = inject_failures(
-      make, [](dense2D<double>& coords) { return zel::tessel::node_detector(coords).size() == 100; },
-      [](dense2D<double>&) {});
-  EXPECT_GT(failures, 0);
+  // Every distance from a finite point to infinite nodes is infinite: a tie.
+  EXPECT_EQ(zel::tessel::node_detector(dense2D<double>(3, 4, inf_value)).find_closest(origin), 0u);
 }
 
 // ---- simplify --------------------------------------------------------------------------
@@ -489,87 +404,57 @@ struct swept {
 
 }  // namespace
 
+// Unused: 4, 7, 8. Kept 5, 6, 9, 10, 11 become 4, 5, 6, 7, 8 (20 is beyond coords: kept).
+// A padded view (its guard rows do not keep node 7) and a matrix listed twice (renumbered
+// once) give the same.
 TEST(simplify, drops_unused_copies_and_keeps_order) {
-  swept s;
-  dense1D<unsigned, 8> work{1, 2, 3};
-  ASSERT_EQ(zel::tessel::simplify(s.coords, s.connect, s.connect + 2, work, 4), 0);
-  // Unused: 4, 7, 8. Kept 5, 6, 9, 10, 11 become 4, 5, 6, 7, 8.
-  EXPECT_EQ(s.coords.cols(), 9u);
-  std::vector<double> x;
-  for (std::size_t j = 0; j < 9; ++j) {
-    x.push_back(s.coords(0, j));
-    EXPECT_EQ(s.coords(1, j), -s.coords(0, j));
-    EXPECT_EQ(s.coords(2, j), 0.5 * s.coords(0, j));
+  for (bool views : {false, true}) {
+    swept s;
+    dense2D<unsigned> range[3] = {views ? padded_view(s.connect[0], 1, 7U) : s.connect[0], s.connect[1], s.connect[1]};
+    dense1D<unsigned, 8> work{1, 2, 3};
+    ASSERT_EQ(zel::tessel::simplify(s.coords, range, range + (views ? 3 : 2), work, 4), 0);
+    ASSERT_EQ(s.coords.cols(), 9u);
+    const double x[9] = {0, 1, 2, 3, 5, 6, 9, 10, 11};
+    for (std::size_t j = 0; j < 9; ++j)
+      EXPECT_TRUE(s.coords(0, j) == x[j] && s.coords(1, j) == -x[j] && s.coords(2, j) == 0.5 * x[j]) << j;
+    EXPECT_EQ(entries(range[0]), (std::vector<unsigned>{0, 1, 4, 20, 4, 5, 7, 6}));
+    EXPECT_EQ(entries(s.connect[1]), (std::vector<unsigned>{6, 8, absent, 3, 1, 8}));
   }
-  EXPECT_EQ(x, (std::vector<double>{0, 1, 2, 3, 5, 6, 9, 10, 11}));
-  EXPECT_EQ(entries(s.connect[0]), (std::vector<unsigned>{0, 1, 4, 20, 4, 5, 7, 6}));  // 20: beyond coords, kept
-  EXPECT_EQ(entries(s.connect[1]), (std::vector<unsigned>{6, 8, absent, 3, 1, 8}));
 }
 
-TEST(simplify, views_repeats_and_empty_ranges) {
-  swept s;
-  dense2D<unsigned> range[3] = {padded_view(s.connect[0], 1, 7U), s.connect[1], s.connect[1]};
-  dense1D<unsigned, 8> work;
-  ASSERT_EQ(zel::tessel::simplify(s.coords, range, range + 3, work, 4), 0);
-  EXPECT_EQ(s.coords.cols(), 9u);  // the guard rows (7) do not keep node 7
-  EXPECT_EQ(entries(range[0]), (std::vector<unsigned>{0, 1, 4, 20, 4, 5, 7, 6}));
-  EXPECT_EQ(entries(s.connect[1]), (std::vector<unsigned>{6, 8, absent, 3, 1, 8}));  // renumbered once
-
+TEST(simplify, empty_ranges_and_status) {
   swept t;
+  dense1D<unsigned, 8> work;
   ASSERT_EQ(zel::tessel::simplify(t.coords, nullptr, nullptr, work, 4), 0);  // nothing used
   EXPECT_EQ(t.coords.cols(), 4u);
   ASSERT_EQ(zel::tessel::simplify(t.coords, t.connect, t.connect + 2, work, 12), 0);  // all kept
   EXPECT_EQ(t.coords.cols(), 4u);
-
   dense2D<double> flat(2, 12);
   EXPECT_EQ(zel::tessel::simplify(flat, t.connect, t.connect + 2, work, 4), -1);
   EXPECT_EQ(flat.cols(), 12u);
-}
-
-TEST(simplify, work_allocation_failure_changes_nothing) {
-  struct fixture {
-    swept s;
-    dense1D<unsigned, 8> work;
-  };
-  const long failures = inject_failures(
-      [] { return fixture(); },
-      [](fixture& f) { return zel::tessel::simplify(f.s.coords, f.s.connect, f.s.connect + 2, f.work, 4) == 0; },
-      [](fixture& f) {
-        const swept fresh;
-        EXPECT_EQ(entries(f.s.coords), entries(fresh.coords));
-        EXPECT_EQ(entries(f.s.connect[0]), entries(fresh.connect[0]));
-        EXPECT_EQ(entries(f.s.connect[1]), entries(fresh.connect[1]));
-      });
-  EXPECT_GT(failures, 0);
 }
 
 // ---- get_neighbors ---------------------------------------------------------------------
 
 namespace {
 
-const std::vector<std::vector<std::vector<unsigned>>> reference_faces = {
-    {{1, 2, 3}, {2, 0, 3}, {0, 1, 3}, {2, 1, 0}},
-    {{0, 4, 1}, {1, 4, 2}, {2, 4, 3}, {3, 4, 0}, {0, 1, 2, 3}},
-    {{0, 1, 2}, {3, 5, 4}, {2, 1, 4, 5}, {0, 2, 5, 3}, {1, 0, 3, 4}},
-    {{0, 3, 7, 4}, {1, 5, 6, 2}, {0, 4, 5, 1}, {3, 2, 6, 7}, {0, 1, 2, 3}, {4, 7, 6, 5}}};
-
-unsigned kind_of_rows(std::size_t rows) { return rows == 4 ? 0 : rows == 5 ? 1 : rows == 6 ? 2 : 3; }
+const zel::element_type box_types[] = {zel::TH4, zel::PY5, zel::W6, zel::H8};
 
 // Every pair of elements compared: entry (f, e) is the smallest other element with a
-// face of the same node set. `mesh` holds pure kinds (by their row count).
-std::vector<unsigned> brute_neighbors(const dense2D<unsigned>& c, std::size_t out_rows) {
-  const auto& faces = reference_faces[kind_of_rows(c.rows())];
+// face of the same node set, from this library's own face tables.
+std::vector<unsigned> brute_neighbors(const dense2D<unsigned>& c, int kind, std::size_t out_rows) {
+  const elfes::solid_descriptor& d = elfes::solid_table[kind];
   auto key = [&](std::size_t e, std::size_t f) {
     std::vector<unsigned> k;
-    for (unsigned l : faces[f]) k.push_back(c(l, e));
+    for (unsigned l = 0; l < d.face_size[f]; ++l) k.push_back(c(d.faces[f][l], e));
     std::sort(k.begin(), k.end());
     return k;
   };
   std::vector<unsigned> result(out_rows * c.cols(), absent);
   for (std::size_t e = 0; e < c.cols(); ++e)
-    for (std::size_t f = 0; f < faces.size(); ++f)
+    for (std::size_t f = 0; f < d.nb_faces; ++f)
       for (std::size_t o = 0; o < c.cols() && result[e * out_rows + f] == absent; ++o)
-        for (std::size_t g = 0; g < faces.size() && o != e; ++g)
+        for (std::size_t g = 0; g < d.nb_faces && o != e; ++g)
           if (key(e, f) == key(o, g)) {
             result[e * out_rows + f] = unsigned(o);
             break;
@@ -577,74 +462,60 @@ std::vector<unsigned> brute_neighbors(const dense2D<unsigned>& c, std::size_t ou
   return result;
 }
 
-const zel::element_type box_types[] = {zel::TH4, zel::PY5, zel::W6, zel::H8};
-
 }  // namespace
 
+// Also: the number of boundary faces, the same elements in the 8-row mixed layout (rows
+// past the faces absent), and sparse IDs near the top of the range, which must not cost
+// a table indexed by ID.
 TEST(get_neighbors, boxes_match_brute_force_and_count_the_surface) {
   const unsigned nx = 3, ny = 2, nz = 4;
   for (int k = 0; k < 4; ++k)
     for (double jitter : {0.0, 0.2}) {
-      const box_kind kind = static_cast<box_kind>(k);
-      const box_mesh mesh = make_box(kind, nx, ny, nz, 1, 1, 1, jitter, 11);
-      const std::size_t nb_faces = reference_faces[k].size();
-      dense2D<unsigned> neighbors;
+      SCOPED_TRACE("kind " + std::to_string(k));
+      const box_mesh mesh = make_box(static_cast<box_kind>(k), nx, ny, nz, 1, 1, 1, jitter, 11);
+      const std::size_t nb_faces = elfes::solid_table[k].nb_faces;
+      dense2D<unsigned> neighbors, mixed, sparse, from_sparse;
       ASSERT_EQ(zel::tessel::get_neighbors(padded_view(mesh.connect, 3, 0U), box_types[k], neighbors), 0);
-      ASSERT_EQ(neighbors.rows(), nb_faces);
-      ASSERT_EQ(neighbors.cols(), mesh.connect.cols());
+      ASSERT_TRUE(neighbors.rows() == nb_faces && neighbors.cols() == mesh.connect.cols());
       const std::vector<unsigned> found = entries(neighbors);
-      EXPECT_EQ(found, brute_neighbors(mesh.connect, nb_faces)) << k;
-
-      const std::size_t boundary = std::count(found.begin(), found.end(), absent);
+      EXPECT_EQ(found, brute_neighbors(mesh.connect, k, nb_faces));
       const std::size_t xy = nx * ny, yz = ny * nz, zx = nz * nx;
-      const std::size_t surface[] = {4 * (xy + yz + zx), 2 * (xy + yz + zx), 4 * xy + 2 * (yz + zx), 2 * (xy + yz + zx)};
-      EXPECT_EQ(boundary, surface[k]) << k;
+      const std::size_t surface[] = {4 * (xy + yz + zx), 2 * (xy + yz + zx), 4 * xy + 2 * (yz + zx),
+                                     2 * (xy + yz + zx)};
+      EXPECT_EQ(std::size_t(std::count(found.begin(), found.end(), absent)), surface[k]);
 
-      dense2D<unsigned> mixed;  // the same elements in the 8-row layout: rows past the faces absent
       ASSERT_EQ(zel::tessel::get_neighbors(to_mixed8(mesh.connect), zel::SOLID_MIX8, mixed), 0);
       ASSERT_EQ(mixed.rows(), 6u);
       for (std::size_t e = 0; e < mixed.cols(); ++e)
         for (std::size_t f = 0; f < 6; ++f) ASSERT_EQ(mixed(f, e), f < nb_faces ? neighbors(f, e) : absent);
+
+      ASSERT_TRUE(sparse.copy(mesh.connect));
+      for (std::size_t i = 0; i < sparse.rows() * sparse.cols(); ++i)
+        sparse.data()[i] = 0xF0000000u + 977u * sparse.data()[i];
+      ASSERT_EQ(zel::tessel::get_neighbors(sparse, box_types[k], from_sparse), 0);
+      EXPECT_EQ(entries(from_sparse), found);
     }
 }
 
-TEST(get_neighbors, mixed_solids_share_triangles_and_quadrangles) {
-  // 0: unit cube 0-7; 1: pyramid on its top face, apex 8; 2: wedge beside its face
-  // x = 1 (triangles 1-2-9 and 5-6-10); 3: tetrahedron on the pyramid's face 4-8-5.
-  const dense2D<unsigned> connect(8, 4, {0, 1, 2, 3, 4, 5, 6, 7,                          //
-                                         4, 5, 6, 7, 8, absent, absent, absent,           //
-                                         1, 2, 9, 5, 6, 10, absent, absent,               //
-                                         4, 5, 8, 11, absent, absent, absent, absent});
+// 0: unit cube 0-7; 1: pyramid on its top face, apex 8; 2: wedge beside its face x = 1
+// (triangles 1-2-9 and 5-6-10); 3: tetrahedron on the pyramid's face 4-8-5. Then a face
+// shared by three tetrahedra: each takes the lowest other element.
+TEST(get_neighbors, mixed_solids_and_a_non_manifold_face) {
+  const dense2D<unsigned> connect(8, 4,
+                                  {0, 1, 2, 3, 4, 5,  6,      7,      4, 5, 6, 7,  8,      absent, absent, absent,  //
+                                   1, 2, 9, 5, 6, 10, absent, absent, 4, 5, 8, 11, absent, absent, absent, absent});
   dense2D<unsigned> neighbors;
   ASSERT_EQ(zel::tessel::get_neighbors(connect, zel::SOLID_MIX8, neighbors), 0);
-  const std::vector<unsigned> expected = {
-      absent, 2, absent, absent, absent, 1,            // cube: face (1,5,6,2) wedge, (4,7,6,5) pyramid
-      3, absent, absent, absent, 0, absent,            // pyramid: (4,8,5) tetrahedron, base cube
-      absent, absent, absent, absent, 0, absent,       // wedge: (2,1,5,6) cube
-      absent, absent, absent, 1, absent, absent};      // tetrahedron: (8,5,4) pyramid
-  EXPECT_EQ(entries(neighbors), expected);
-}
-
-TEST(get_neighbors, sparse_huge_node_ids_give_the_same_adjacency) {
-  // IDs near the top of the range must not cost a table indexed by ID.
-  const box_mesh mesh = make_box(box_kind::H8, 3, 3, 2);
-  dense2D<unsigned> sparse;
-  ASSERT_TRUE(sparse.copy(mesh.connect));
-  for (std::size_t j = 0; j < sparse.cols(); ++j)
-    for (std::size_t i = 0; i < 8; ++i) sparse(i, j) = 0xF0000000u + 977u * sparse(i, j);
-  dense2D<unsigned> expected, found;
-  ASSERT_EQ(zel::tessel::get_neighbors(mesh.connect, zel::H8, expected), 0);
-  ASSERT_EQ(zel::tessel::get_neighbors(sparse, zel::H8, found), 0);
-  EXPECT_EQ(entries(found), entries(expected));
-}
-
-TEST(get_neighbors, non_manifold_face_takes_the_lowest_other_element) {
-  const dense2D<unsigned> connect(4, 3, {0, 1, 2, 3, 0, 2, 1, 4, 1, 0, 2, 5});  // face 0-1-2 thrice
-  dense2D<unsigned> neighbors;
-  ASSERT_EQ(zel::tessel::get_neighbors(connect, zel::TH4, neighbors), 0);
-  EXPECT_EQ(neighbors(3, 0), 1u);
-  EXPECT_EQ(neighbors(3, 1), 0u);
-  EXPECT_EQ(neighbors(3, 2), 0u);
+  EXPECT_EQ(
+      entries(neighbors),
+      (std::vector<unsigned>{absent, 2,      absent, absent, absent, 1,  // cube: (1,5,6,2) wedge, (4,7,6,5) pyramid
+                             3,      absent, absent, absent, 0,      absent,  // pyramid: (4,8,5) tetrahedron, base cube
+                             absent, absent, absent, absent, 0,      absent,  // wedge: (2,1,5,6) cube
+                             absent, absent, absent, 1,      absent, absent}));  // tetrahedron: (8,5,4) pyramid
+  ASSERT_EQ(
+      zel::tessel::get_neighbors(dense2D<unsigned>(4, 3, {0, 1, 2, 3, 0, 2, 1, 4, 1, 0, 2, 5}), zel::TH4, neighbors),
+      0);
+  EXPECT_TRUE(neighbors(3, 0) == 1 && neighbors(3, 1) == 0 && neighbors(3, 2) == 0);
 }
 
 TEST(get_neighbors, status_codes_leave_neighbors_untouched) {
@@ -658,19 +529,7 @@ TEST(get_neighbors, status_codes_leave_neighbors_untouched) {
   EXPECT_EQ(zel::tessel::get_neighbors(mesh.connect.sub_matrix(0, 0, 6, 8), zel::SOLID_MIX8, neighbors), -1);
   before.expect_same(neighbors);
   ASSERT_EQ(zel::tessel::get_neighbors(dense2D<unsigned>(), zel::W6, neighbors), 0);  // no element
-  EXPECT_EQ(neighbors.rows(), 5u);
-  EXPECT_EQ(neighbors.cols(), 0u);
-
-  const long failures = inject_failures(
-      [] {
-        dense2D<unsigned> n(2, 2, 5U);
-        return std::make_pair(n, snapshot<dense2D<unsigned>>(n));
-      },
-      [&](std::pair<dense2D<unsigned>, snapshot<dense2D<unsigned>>>& f) {
-        return zel::tessel::get_neighbors(mesh.connect, zel::H8, f.first) == 0;
-      },
-      [](std::pair<dense2D<unsigned>, snapshot<dense2D<unsigned>>>& f) { f.second.expect_same(f.first); });
-  EXPECT_GT(failures, 0);
+  EXPECT_TRUE(neighbors.rows() == 5 && neighbors.cols() == 0);
 }
 
 // ---- get_node_element ------------------------------------------------------------------
@@ -680,58 +539,34 @@ TEST(get_node_element, first_element_of_each_node) {
   dense1D<unsigned, 8> node_element{7};
   ASSERT_EQ(zel::tessel::get_node_element(padded_view(connect, 2, 5U), 6, node_element), 0);
   EXPECT_EQ(entries(node_element), (std::vector<unsigned>{2, 0, 1, absent, 0, absent}));
-
   const snapshot<dense1D<unsigned, 8>> before(node_element);
   EXPECT_EQ(zel::tessel::get_node_element(connect, 4, node_element), -1);  // node 4 == nbNodes
   before.expect_same(node_element);
-  const long failures = inject_failures(
-      [] {
-        dense1D<unsigned, 8> out{7};
-        return std::make_pair(out, snapshot<dense1D<unsigned, 8>>(out));
-      },
-      [&](std::pair<dense1D<unsigned, 8>, snapshot<dense1D<unsigned, 8>>>& f) {
-        return zel::tessel::get_node_element(connect, 6, f.first) == 0;
-      },
-      [](std::pair<dense1D<unsigned, 8>, snapshot<dense1D<unsigned, 8>>>& f) { f.second.expect_same(f.first); });
-  EXPECT_GT(failures, 0);
 }
 
 // ---- normals ---------------------------------------------------------------------------
 
 namespace {
 
-// (n + 1)^2 nodes on the unit square, z = 0; faces counter-clockwise seen from +z. The
-// mixed form has the even cells as two triangles (row 3 absent), the odd ones as quadrangles.
+// (n + 1)^2 nodes on the unit square, z = 0: the bottoms of a box of hexahedra (counter-
+// clockwise seen from +z), of one of wedges (two triangles per cell), and a mix of both
+// in 4-row columns, the even cells as two triangles (row 3 absent), the odd ones whole.
 struct square {
   dense2D<double> coords;
-  dense2D<unsigned> triangles, quads, mixed;
-  explicit square(unsigned n) : coords(3, (n + 1) * (n + 1)), triangles(3, 2 * n * n), quads(4, n * n), mixed(4, 0) {
-    auto id = [n](unsigned i, unsigned j) { return j * (n + 1) + i; };
-    for (unsigned j = 0; j <= n; ++j)
-      for (unsigned i = 0; i <= n; ++i) coords(0, id(i, j)) = double(i) / n, coords(1, id(i, j)) = double(j) / n;
-    for (unsigned j = 0, c = 0; j < n; ++j)
-      for (unsigned i = 0; i < n; ++i, ++c) {
-        const unsigned q[4] = {id(i, j), id(i + 1, j), id(i + 1, j + 1), id(i, j + 1)};
-        for (int k = 0; k < 4; ++k) quads(k, c) = q[k];
-        const unsigned t[2][3] = {{q[0], q[1], q[2]}, {q[0], q[2], q[3]}};
-        for (int k = 0; k < 3; ++k) triangles(k, 2 * c) = t[0][k], triangles(k, 2 * c + 1) = t[1][k];
-        for (int half = 0; half < (c % 2 ? 1 : 2); ++half) {
-          mixed.resize(4, mixed.cols() + 1);
-          for (int k = 0; k < 4; ++k) mixed(k, mixed.cols() - 1) = c % 2 ? q[k] : k < 3 ? t[half][k] : absent;
-        }
+  dense2D<unsigned> triangles, quads, mixed{4, 0};
+  explicit square(unsigned n) {
+    const box_mesh hexahedra = make_box(box_kind::H8, n, n, 1), wedges = make_box(box_kind::W6, n, n, 1);
+    coords.copy(hexahedra.coords.sub_matrix(0, 0, 3, (n + 1) * (n + 1)));
+    quads.copy(hexahedra.connect.sub_matrix(0, 0, 4, n * n));
+    triangles.copy(wedges.connect.sub_matrix(0, 0, 3, 2 * n * n));
+    for (unsigned c = 0; c < n * n; ++c)
+      for (unsigned half = 0; half < (c % 2 ? 1u : 2u); ++half) {
+        mixed.resize(4, mixed.cols() + 1);
+        for (int k = 0; k < 4; ++k)
+          mixed(k, mixed.cols() - 1) = c % 2 ? quads(k, c) : k < 3 ? triangles(k, 2 * c + half) : absent;
       }
   }
 };
-
-dense2D<unsigned> reversed(const dense2D<unsigned>& faces) {  // opposite orientation
-  dense2D<unsigned> r;
-  r.copy(faces);
-  for (std::size_t j = 0; j < r.cols(); ++j) {
-    const bool triangle = r.rows() == 3 || r(3, j) == absent;
-    std::swap(r(1, j), r(triangle ? 2 : 3, j));
-  }
-  return r;
-}
 
 }  // namespace
 
@@ -740,14 +575,14 @@ TEST(normals, flat_square_of_every_face_kind) {
   for (const dense2D<unsigned>* faces : {&sq.triangles, &sq.quads, &sq.mixed})
     for (bool flip : {false, true}) {
       dense2D<double> n;
-      const dense2D<unsigned> f = flip ? reversed(*faces) : *faces;
+      dense2D<unsigned> f;
+      f.copy(*faces);
+      for (std::size_t j = 0; j < f.cols() && flip; ++j)  // the opposite orientation
+        std::swap(f(1, j), f(f.rows() == 3 || f(3, j) == absent ? 2 : 3, j));
       ASSERT_EQ(zel::tessel2d::normals(padded_view(sq.coords, 1, nan_value), f, 0, true, n), 0);
       ASSERT_EQ(n.cols(), sq.coords.cols());
-      for (std::size_t j = 0; j < n.cols(); ++j) {
-        EXPECT_NEAR(n(0, j), 0, 1e-15);
-        EXPECT_NEAR(n(1, j), 0, 1e-15);
-        EXPECT_NEAR(n(2, j), flip ? -1 : 1, 1e-15);
-      }
+      for (std::size_t j = 0; j < n.cols(); ++j)
+        EXPECT_TRUE(n(0, j) == 0 && n(1, j) == 0 && std::fabs(n(2, j) - (flip ? -1 : 1)) < 1e-15) << j;
       // Without scaling the length is the sum of the angles at the node.
       ASSERT_EQ(zel::tessel2d::normals(sq.coords, f, 0, false, n), 0);
       EXPECT_NEAR(std::fabs(n(2, 6)), 2 * M_PI, 1e-12);  // interior node
@@ -755,145 +590,90 @@ TEST(normals, flat_square_of_every_face_kind) {
     }
 }
 
-TEST(normals, sphere_normals_approach_the_radius) {
-  // Cube surface split into n x n quadrangles per face, projected onto the unit sphere.
-  auto max_error = [](int n) {
-    std::map<std::array<int, 3>, unsigned> ids;
-    std::vector<std::array<int, 3>> grid;
-    std::vector<unsigned> quads;
-    auto node = [&](std::array<int, 3> g) {
-      auto it = ids.emplace(g, unsigned(grid.size())).first;
-      if (it->second == grid.size()) grid.push_back(g);
-      return it->second;
-    };
-    for (int axis = 0; axis < 3; ++axis)
-      for (int side : {-n, n})
-        for (int a = -n; a < n; a += 2)
-          for (int b = -n; b < n; b += 2) {
-            const int u = (axis + 1) % 3, v = (axis + 2) % 3;
-            std::array<unsigned, 4> q;
-            const int corner[4][2] = {{a, b}, {a + 2, b}, {a + 2, b + 2}, {a, b + 2}};
-            for (int k = 0; k < 4; ++k) {
-              std::array<int, 3> g;
-              g[axis] = side, g[u] = corner[k][0], g[v] = corner[k][1];
-              q[k] = node(g);
-            }
-            if (side < 0) std::swap(q[1], q[3]);  // outward right-hand normal
-            quads.insert(quads.end(), q.begin(), q.end());
-          }
-    dense2D<double> coords(3, grid.size());
-    for (std::size_t j = 0; j < grid.size(); ++j) {
-      const double r = std::sqrt(double(grid[j][0]) * grid[j][0] + double(grid[j][1]) * grid[j][1] +
-                                 double(grid[j][2]) * grid[j][2]);
-      for (int d = 0; d < 3; ++d) coords(d, j) = grid[j][d] / r;
-    }
-    dense2D<unsigned> connect(4, quads.size() / 4);
-    std::copy(quads.begin(), quads.end(), connect.data());
-    dense2D<double> normal;
-    EXPECT_EQ(zel::tessel2d::normals(coords, connect, 0, true, normal), 0);
-    double worst = 0;
-    for (std::size_t j = 0; j < coords.cols(); ++j) {
-      const double dot = normal(0, j) * coords(0, j) + normal(1, j) * coords(1, j) + normal(2, j) * coords(2, j);
-      worst = std::max(worst, std::acos(std::min(1.0, dot)));
-    }
-    return worst;
-  };
-  const double coarse = max_error(4), fine = max_error(16);
-  EXPECT_LT(coarse, 0.1);
-  EXPECT_LT(fine, coarse / 4);  // angle error falls at least with the element size
+// At a corner of the unit cube whose face y = 0 is cut into two triangles through it,
+// the angle weights (pi/2; pi/4 + pi/4; pi/2) keep the normal on the diagonal, whichever
+// way the face is cut (a weight per face would tilt it towards -y).
+TEST(normals, angle_weights_make_the_normal_independent_of_the_cut) {
+  const dense2D<double> cube(3, 8, {0, 0, 0, 1, 0, 0, 1, 1, 0, 0, 1, 0, 0, 0, 1, 1, 0, 1, 1, 1, 1, 0, 1, 1});
+  const dense2D<unsigned> faces(4, 4, {0, 3, 2, 1, 0, 4, 7, 3, 0, 1, 5, absent, 0, 5, 4, absent});  // outward
+  dense2D<double> n;
+  ASSERT_EQ(zel::tessel2d::normals(cube, faces, 0, true, n), 0);
+  for (int d = 0; d < 3; ++d) EXPECT_NEAR(n(d, 0), -1 / std::sqrt(3.0), 1e-15);
+}
+
+// Lifting a corner of the square tilts one face of the centre node by about 55 degrees
+// (the flat ones are about 13 degrees from the all-face average): a feature angle of
+// 0.5 leaves it out of that node's normal.
+TEST(normals, feature_angle_leaves_out_the_faces_beyond_it) {
+  square bent(2);
+  bent.coords(2, 2) = 1;
+  dense2D<double> all, flat;
+  ASSERT_EQ(zel::tessel2d::normals(bent.coords, bent.quads, 0, true, all), 0);
+  ASSERT_EQ(zel::tessel2d::normals(bent.coords, bent.quads, 0.5, true, flat), 0);
+  EXPECT_LT(all(0, 4), -0.1);
+  EXPECT_TRUE(std::fabs(flat(0, 4)) + std::fabs(flat(1, 4)) + std::fabs(flat(2, 4) - 1) < 1e-15) << flat(0, 4);
 }
 
 TEST(normals, status_codes_in_order) {
   const square sq(2);
   dense2D<double> n(1, 1, 42.0);
   const snapshot<dense2D<double>> before(n);
-  dense2D<unsigned> bad_corner = sq.quads;
-  bad_corner.copy(sq.quads);
-  bad_corner(0, 1) = absent;  // only corner 3 may be absent
-  dense2D<unsigned> too_big;
-  too_big.copy(sq.triangles);
-  too_big(2, 0) = 9;  // == number of nodes
-  EXPECT_EQ(zel::tessel2d::normals(dense2D<double>(2, 9), sq.triangles, -1, true, n), -1);
+  const dense2D<unsigned> bad_corner(4, 1, {0, absent, 4, 3}),  // only corner 3 may be absent
+      too_big(3, 1, {0, 1, 9});                                 // == number of nodes
+  EXPECT_EQ(zel::tessel2d::normals(dense2D<double>(2, 9), too_big, -1, true, n), -1);
   EXPECT_EQ(zel::tessel2d::normals(sq.coords, dense2D<unsigned>(5, 2), -1, true, n), -2);
   EXPECT_EQ(zel::tessel2d::normals(sq.coords, bad_corner, -1, true, n), -2);
   EXPECT_EQ(zel::tessel2d::normals(sq.coords, too_big, -1, true, n), -2);
   EXPECT_EQ(zel::tessel2d::normals(sq.coords, sq.triangles, -1, true, n), -3);
   EXPECT_EQ(zel::tessel2d::normals(sq.coords, sq.triangles, nan_value, true, n), -3);
   before.expect_same(n);
-
-  dense2D<double> lonely(3, 10);  // node 9 in no face
-  for (std::size_t j = 0; j < 9; ++j)
-    for (int d = 0; d < 3; ++d) lonely(d, j) = sq.coords(d, j);
+  dense2D<double> lonely;  // node 9 in no face
+  ASSERT_TRUE(lonely.copy(sq.coords) && lonely.resize(3, 10, 0.5));
   ASSERT_EQ(zel::tessel2d::normals(lonely, sq.mixed, M_PI, true, n), 0);
-  EXPECT_EQ((std::vector<double>{n(0, 9), n(1, 9), n(2, 9)}), (std::vector<double>{0, 0, 0}));
+  EXPECT_TRUE(n(0, 9) == 0 && n(1, 9) == 0 && n(2, 9) == 0);
   EXPECT_NEAR(n(2, 4), 1, 1e-15);
-
-  const long failures = inject_failures(
-      [] {
-        dense2D<double> out(1, 1, 42.0);
-        return std::make_pair(out, snapshot<dense2D<double>>(out));
-      },
-      [&](std::pair<dense2D<double>, snapshot<dense2D<double>>>& f) {
-        return zel::tessel2d::normals(sq.coords, sq.quads, 0.5, true, f.first) == 0;
-      },
-      [](std::pair<dense2D<double>, snapshot<dense2D<double>>>& f) { f.second.expect_same(f.first); });
-  EXPECT_GT(failures, 1);  // the feature angle needs a second table
 }
 
 // ---- dspev -----------------------------------------------------------------------------
 
-TEST(dspev, diagonal_and_rotated_matrices) {
-  // A = R diag(1, 2, 4) R^T with R a rotation about (1, 1, 1) by 0.7 radians.
-  const double lambda[3] = {1, 2, 4};
-  double r[3][3];
-  {
-    const double c = std::cos(0.7), s = std::sin(0.7), k = 1 / std::sqrt(3.0), t = 1 - c;
-    const double m[3][3] = {{c + k * k * t, k * k * t - k * s, k * k * t + k * s},
-                            {k * k * t + k * s, c + k * k * t, k * k * t - k * s},
-                            {k * k * t - k * s, k * k * t + k * s, c + k * k * t}};
-    std::copy(&m[0][0], &m[0][0] + 9, &r[0][0]);
-  }
-  auto a = [&](int i, int j) {
-    double sum = 0;
-    for (int k = 0; k < 3; ++k) sum += r[i][k] * lambda[k] * r[j][k];
-    return sum;
-  };
-  const double diagonal[6] = {4, 0, 1, 0, 0, 2};  // diag(4, 1, 2), upper packed
-  const double rotated[6] = {a(0, 0), a(0, 1), a(1, 1), a(0, 2), a(1, 2), a(2, 2)};
-  const double rotated_lower[6] = {a(0, 0), a(1, 0), a(2, 0), a(1, 1), a(2, 1), a(2, 2)};
-  const double permutation[3][3] = {{0, 0, 1}, {1, 0, 0}, {0, 1, 0}};  // eigenvectors e2, e3, e1
-  struct input {
+// tridiag(1, 2, 1) has eigenvalues 2 - sqrt 2, 2, 2 + sqrt 2 with eigenvectors
+// (1, -sqrt 2, 1) / 2, (1, 0, -1) / sqrt 2, (1, sqrt 2, 1) / 2; diag(4, 1, 2) is sorted.
+TEST(dspev, diagonal_and_tridiagonal_matrices) {
+  const double h = std::sqrt(0.5), tri_lambda[3] = {2 - 2 * h, 2, 2 + 2 * h}, diag_lambda[3] = {1, 2, 4};
+  const double tri_basis[3][3] = {{0.5, h, 0.5}, {-h, 0, h}, {0.5, -h, 0.5}};  // column k: vector k
+  const double diag_basis[3][3] = {{0, 0, 1}, {1, 0, 0}, {0, 1, 0}};           // e2, e3, e1
+  const double tri_upper[6] = {2, 1, 2, 0, 1, 2}, tri_lower[6] = {2, 1, 0, 2, 1, 2}, diag[6] = {4, 0, 1, 0, 0, 2};
+  const struct {
     const double* packed;
     char uplo;
-    const double (*basis)[3];  // column k: the eigenvector of lambda[k]
-  };
-  const input inputs[] = {{diagonal, 'U', permutation}, {rotated, 'U', r}, {rotated_lower, 'L', r}};
-  for (const input& in : inputs)
+    const double* lambda;
+    const double (*basis)[3];
+  } inputs[] = {{diag, 'U', diag_lambda, diag_basis},
+                {tri_upper, 'U', tri_lambda, tri_basis},
+                {tri_lower, 'L', tri_lambda, tri_basis}};
+  for (const auto& in : inputs)
     for (char jobz : {'N', 'V'}) {
       double ap[6], w[3], z[9], work[9];
       std::copy(in.packed, in.packed + 6, ap);
       int info = 99;
       zel::lapack::dspev(jobz, in.uplo, 3, ap, w, z, 3, work, info);
       ASSERT_EQ(info, 0);
-      for (int k = 0; k < 3; ++k) EXPECT_NEAR(w[k], lambda[k], 1e-13);
-      if (jobz == 'N') continue;
-      for (int k = 0; k < 3; ++k) {  // each column of z is +- the expected axis
-        double dot = 0;
-        for (int i = 0; i < 3; ++i) dot += z[3 * k + i] * in.basis[i][k];
-        EXPECT_NEAR(std::fabs(dot), 1, 1e-12);
-      }
+      for (int m = 0; m < 3; ++m) EXPECT_NEAR(w[m], in.lambda[m], 1e-13);
+      for (int m = 0; m < 3 && jobz == 'V'; ++m)  // each column of z is +- the expected vector
+        EXPECT_NEAR(
+            std::fabs(z[3 * m] * in.basis[0][m] + z[3 * m + 1] * in.basis[1][m] + z[3 * m + 2] * in.basis[2][m]), 1,
+            1e-12);
     }
 }
 
 TEST(dspev, invalid_arguments_in_order) {
   double ap[6] = {1, 0, 1, 0, 0, 1}, w[3], z[9], work[9];
-  struct call {
+  const struct {
     char jobz, uplo;
     int n, ldz, info;
-  };
-  const call calls[] = {{'X', 'Q', -1, 0, -1}, {'v', 'Q', -1, 0, -2}, {'n', 'l', -1, 0, -3},
-                        {'N', 'U', 3, 0, -7},  {'V', 'U', 3, 2, -7},  {'N', 'U', 3, 1, 0}};
-  for (const call& c : calls) {
+  } calls[] = {{'X', 'Q', -1, 0, -1}, {'v', 'Q', -1, 0, -2}, {'n', 'l', -1, 0, -3},
+               {'N', 'U', 3, 0, -7},  {'V', 'U', 3, 2, -7},  {'N', 'U', 3, 1, 0}};
+  for (const auto& c : calls) {
     int info = 99;
     zel::lapack::dspev(c.jobz, c.uplo, c.n, ap, w, z, c.ldz, work, info);
     EXPECT_EQ(info, c.info) << c.jobz << c.uplo << c.n << " " << c.ldz;
