@@ -29,7 +29,8 @@ namespace py = pybind11;
 
 template <class T>
 bool has_dtype(const py::array& a) {
-  return a.dtype().is(py::dtype::of<T>());
+  // Equivalence, not identity: other libraries hand out float64 dtypes of their own.
+  return py::isinstance<py::array_t<T, 0>>(a);
 }
 
 // Leading dimension of a 2-D array whose rows are contiguous, or 0 when it does not fit.

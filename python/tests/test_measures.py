@@ -21,6 +21,12 @@ def test_tetrahedron_sign_convention():
     # node 3 above 0-1-2 (counter-clockwise seen from it) is negative in this library
     coords = np.array([[0, 0, 0], [1, 0, 0], [0, 1, 0], [0, 0, 1]], float)
     assert t3.volume(coords, [[0, 1, 2, 3]]) == pytest.approx(-1 / 6)
+    # a dtype object equal to float64 but not numpy's own instance (as other libraries
+    # hand out) is the same type and is accepted
+    import pickle
+    other_float64 = pickle.loads(pickle.dumps(np.dtype(float)))
+    assert other_float64 is not np.dtype(float)
+    assert t3.volume(coords.astype(other_float64), [[0, 1, 2, 3]]) == pytest.approx(-1 / 6)
 
 
 @pytest.mark.parametrize("kind", ["TH4", "PY5", "W6", "H8"])
