@@ -7,6 +7,9 @@
 #include <cmath>
 #include <functional>
 #include <limits>
+#include <map>
+#include <random>
+#include <set>
 #include <vector>
 
 #include "box_mesh.h"
@@ -440,25 +443,35 @@ namespace {
 
 const zel::element_type box_types[] = {zel::TH4, zel::PY5, zel::W6, zel::H8};
 
-// Every pair of elements compared: entry (f, e) is the smallest other element with a
-// face of the same node set, from this library's own face tables.
-std::vector<unsigned> brute_neighbors(const dense2D<unsigned>& c, int kind, std::size_t out_rows) {
-  const elfes::solid_descriptor& d = elfes::solid_table[kind];
+// Entry (f, e) is the smallest other element with a face of the same size and the same
+// node set, from this library's own face tables (the mixed layout classified per column):
+// every face filed in an ordered map under its node set.
+std::vector<unsigned> reference_neighbors(const dense2D<unsigned>& c, int kind, std::size_t out_rows) {
+  auto descriptor = [&](std::size_t e) -> const elfes::solid_descriptor& {
+    return elfes::solid_table[kind >= 0 ? unsigned(kind) : unsigned(elfes::mixed8_kind(&c(0, e)))];
+  };
   auto key = [&](std::size_t e, std::size_t f) {
-    std::vector<unsigned> k;
+    const elfes::solid_descriptor& d = descriptor(e);
+    std::vector<unsigned> k{d.face_size[f]};
     for (unsigned l = 0; l < d.face_size[f]; ++l) k.push_back(c(d.faces[f][l], e));
-    std::sort(k.begin(), k.end());
+    std::sort(k.begin() + 1, k.end());
+    k.erase(std::unique(k.begin() + 1, k.end()), k.end());
     return k;
   };
+  std::map<std::vector<unsigned>, std::set<unsigned>> holders;
+  for (std::size_t e = 0; e < c.cols(); ++e)
+    for (std::size_t f = 0; f < descriptor(e).nb_faces; ++f) holders[key(e, f)].insert(unsigned(e));
   std::vector<unsigned> result(out_rows * c.cols(), absent);
   for (std::size_t e = 0; e < c.cols(); ++e)
-    for (std::size_t f = 0; f < d.nb_faces; ++f)
-      for (std::size_t o = 0; o < c.cols() && result[e * out_rows + f] == absent; ++o)
-        for (std::size_t g = 0; g < d.nb_faces && o != e; ++g)
-          if (key(e, f) == key(o, g)) {
-            result[e * out_rows + f] = unsigned(o);
-            break;
-          }
+    for (std::size_t f = 0; f < descriptor(e).nb_faces; ++f) {
+      const std::vector<unsigned> k = key(e, f);
+      if (std::find(k.begin() + 1, k.end(), absent) != k.end()) continue;
+      for (unsigned o : holders[k])
+        if (o != e) {
+          result[e * out_rows + f] = o;
+          break;
+        }
+    }
   return result;
 }
 
@@ -478,7 +491,7 @@ TEST(get_neighbors, boxes_match_brute_force_and_count_the_surface) {
       ASSERT_EQ(zel::tessel::get_neighbors(padded_view(mesh.connect, 3, 0U), box_types[k], neighbors), 0);
       ASSERT_TRUE(neighbors.rows() == nb_faces && neighbors.cols() == mesh.connect.cols());
       const std::vector<unsigned> found = entries(neighbors);
-      EXPECT_EQ(found, brute_neighbors(mesh.connect, k, nb_faces));
+      EXPECT_EQ(found, reference_neighbors(mesh.connect, k, nb_faces));
       const std::size_t xy = nx * ny, yz = ny * nz, zx = nz * nx;
       const std::size_t surface[] = {4 * (xy + yz + zx), 2 * (xy + yz + zx), 4 * xy + 2 * (yz + zx),
                                      2 * (xy + yz + zx)};
@@ -516,6 +529,31 @@ TEST(get_neighbors, mixed_solids_and_a_non_manifold_face) {
       zel::tessel::get_neighbors(dense2D<unsigned>(4, 3, {0, 1, 2, 3, 0, 2, 1, 4, 1, 0, 2, 5}), zel::TH4, neighbors),
       0);
   EXPECT_TRUE(neighbors(3, 0) == 1 && neighbors(3, 1) == 0 && neighbors(3, 2) == 0);
+}
+
+// Elements drawn at random from a handful of nodes: repeated nodes, faces shared by many
+// elements, elements holding the same face twice, and one node in every element so that
+// its bucket of faces is large.
+TEST(get_neighbors, random_crowded_meshes_match_the_reference) {
+  std::mt19937 random(7);
+  for (int kind : {0, 3, -1})
+    for (unsigned nb_elements : {40u, 3000u}) {
+      SCOPED_TRACE("kind " + std::to_string(kind) + ", " + std::to_string(nb_elements) + " elements");
+      const unsigned rows = kind == 0 ? 4 : 8;
+      dense2D<unsigned> connect(rows, nb_elements);
+      for (unsigned e = 0; e < nb_elements; ++e) {
+        const elfes::solid_kind k = kind >= 0 ? elfes::solid_kind(kind) : elfes::solid_kind(random() % 4);
+        for (unsigned r = 0; r < rows; ++r)
+          connect(r, e) = r < elfes::solid_table[k].nb_vertices ? unsigned(random() % 9) : absent;
+        connect(random() % elfes::solid_table[k].nb_vertices, e) = 4;
+      }
+      const std::size_t out_rows = kind == 0 ? 4 : 6;
+      dense2D<unsigned> neighbors;
+      ASSERT_EQ(zel::tessel::get_neighbors(connect, kind == 0 ? zel::TH4 : kind == 3 ? zel::H8 : zel::SOLID_MIX8,
+                                           neighbors),
+                0);
+      EXPECT_EQ(entries(neighbors), reference_neighbors(connect, kind, out_rows));
+    }
 }
 
 TEST(get_neighbors, status_codes_leave_neighbors_untouched) {

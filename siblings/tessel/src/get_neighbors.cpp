@@ -1,8 +1,8 @@
 // get_neighbors: face adjacency of a linear solid mesh.
 //
-// Linear in the mesh: a node -> elements incidence (compressed rows, built by counting;
-// by a sort when the node IDs are sparse) lets each face be compared only with the faces
-// of the elements around its smallest node, which every element sharing the face must hold.
+// Linear in the mesh: every face is filed under its smallest node (a counting sort; the
+// rank of the node among the distinct IDs when the IDs are sparse), so faces that share
+// their nodes meet in one short bucket, where a sort on the remaining nodes pairs them.
 #include <algorithm>
 #include <cstdint>
 
@@ -63,17 +63,210 @@ inline bool face_nodes(const unsigned* column, const solid_faces& table, unsigne
   return true;
 }
 
-inline bool contains(const unsigned* nodes, unsigned size, unsigned node) {
-  for (unsigned k = 0; k < size; ++k)
-    if (nodes[k] == node) return true;
-  return false;
+// A face filed under its smallest node: the other nodes of its node set, ascending, with
+// absent past them (a repeated node counts once, so faces match as node sets), and the
+// face itself as element << 3 | local face, so that a bucket filled element by element
+// is ordered by element.
+template <typename Ref>
+struct face_record {
+  unsigned rest[3];
+  Ref ref;
+};
+
+template <typename Ref>
+inline bool key_less(const face_record<Ref>& a, const face_record<Ref>& b) {
+  if (a.rest[0] != b.rest[0]) return a.rest[0] < b.rest[0];
+  if (a.rest[1] != b.rest[1]) return a.rest[1] < b.rest[1];
+  return a.rest[2] < b.rest[2];
 }
 
-// Same node set (any order), without sorting: each list contains the other.
-inline bool same_nodes(const unsigned* a, const unsigned* b, unsigned size) {
-  for (unsigned k = 0; k < size; ++k)
-    if (!contains(a, size, b[k]) || !contains(b, size, a[k])) return false;
-  return true;
+template <typename Ref>
+inline bool same_key(const face_record<Ref>& a, const face_record<Ref>& b) {
+  return a.rest[0] == b.rest[0] && a.rest[1] == b.rest[1] && a.rest[2] == b.rest[2];
+}
+
+inline void order(unsigned& a, unsigned& b) {
+  const unsigned low = std::min(a, b);
+  b = std::max(a, b);
+  a = low;
+}
+
+// The node set of a face: its smallest node, returned, and the others in rest[]. Sorted
+// in registers by a network of compare-exchanges (an array sorted in place on the stack
+// stalls on store forwarding).
+inline unsigned face_key(const unsigned* nodes, unsigned size, unsigned rest[3]) {
+  unsigned a = nodes[0], b = nodes[1], c = nodes[2], d = size == 4 ? nodes[3] : absent;
+  if (size == 4) {
+    order(a, b), order(c, d), order(a, c), order(b, d), order(b, c);
+  } else {
+    order(a, b), order(b, c), order(a, b);
+  }
+  rest[0] = b, rest[1] = c, rest[2] = d;
+  if (a == b || b == c || (size == 4 && c == d)) {  // a repeated node: keep each once
+    const unsigned sorted[4] = {a, b, c, d};
+    unsigned n = 0;
+    for (unsigned k = 1; k < size; ++k)
+      if (sorted[k] != sorted[k - 1]) rest[n++] = sorted[k];
+    while (n < 3) rest[n++] = absent;
+  }
+  return a;
+}
+
+// Faces of the same node set are the faces of one bucket with the same key; within a
+// group, every face takes the lowest-numbered other element of the group. Buckets are
+// filled element by element, so a group's faces come in element order.
+
+// By a stable sort on the key: any bucket, any group.
+template <typename Ref>
+void pair_by_sorting(face_record<Ref>* first, face_record<Ref>* last, unsigned* out, std::size_t ld) {
+  std::stable_sort(first, last, key_less<Ref>);
+  for (face_record<Ref>* group = first; group < last;) {
+    face_record<Ref>* end = group + 1;
+    while (end < last && same_key(*end, *group)) ++end;
+    if (end - group > 1) {
+      const unsigned lowest = static_cast<unsigned>(group->ref >> 3);
+      unsigned second = absent;
+      for (face_record<Ref>* r = group + 1; r < end && second == absent; ++r)
+        if (static_cast<unsigned>(r->ref >> 3) != lowest) second = static_cast<unsigned>(r->ref >> 3);
+      for (face_record<Ref>* r = group; r < end; ++r) {
+        const std::size_t element = std::size_t(r->ref >> 3);
+        out[element * ld + (r->ref & 7)] = element == lowest ? second : lowest;
+      }
+    }
+    group = end;
+  }
+}
+
+// By a small open-addressing table over the bucket, whose slots hold the first face of
+// each group (its lowest element): a later face of the group takes that element, and
+// gives its own to the first face when that one has none yet (the second element of the
+// group). A group where the lowest element comes twice (a degenerate element) needs the
+// second element for faces already seen, and a long probe run means colliding keys:
+// both hand the bucket to the sort, which rewrites every face of every group.
+constexpr unsigned table_bits = 11;
+constexpr std::size_t largest_hashed_bucket = (std::size_t(1) << table_bits) / 2;
+
+template <typename Ref>
+void pair_bucket(face_record<Ref>* first, face_record<Ref>* last, unsigned* out, std::size_t ld,
+                 unsigned* table) {
+  const std::size_t size = std::size_t(last - first);
+  if (size < 2) return;
+  if (size == 2) {  // the usual bucket of a face shared by two elements
+    const unsigned e0 = static_cast<unsigned>(first->ref >> 3), e1 = static_cast<unsigned>(first[1].ref >> 3);
+    if (same_key(first[0], first[1]) && e0 != e1) {
+      out[std::size_t(e0) * ld + (first->ref & 7)] = e1;
+      out[std::size_t(e1) * ld + (first[1].ref & 7)] = e0;
+    }
+    return;
+  }
+  if (size > largest_hashed_bucket) return pair_by_sorting(first, last, out, ld);
+  unsigned bits = 3;
+  while ((std::size_t(1) << bits) < 2 * size) ++bits;
+  const unsigned mask = (1U << bits) - 1;
+  std::fill(table, table + mask + 1, absent);
+  std::size_t probes = 0;
+  for (face_record<Ref>* r = first; r < last; ++r) {
+    unsigned slot = (r->rest[0] * 0x9E3779B1U ^ r->rest[1] * 0x85EBCA77U ^ r->rest[2] * 0xC2B2AE3DU) >> (32 - bits);
+    for (;; slot = (slot + 1) & mask) {
+      if (table[slot] == absent) {
+        table[slot] = static_cast<unsigned>(r - first);
+        break;
+      }
+      const face_record<Ref>& head = first[table[slot]];
+      if (++probes > 4 * size) return pair_by_sorting(first, last, out, ld);
+      if (!same_key(head, *r)) continue;
+      const unsigned lowest = static_cast<unsigned>(head.ref >> 3), element = static_cast<unsigned>(r->ref >> 3);
+      if (element == lowest) return pair_by_sorting(first, last, out, ld);
+      out[std::size_t(element) * ld + (r->ref & 7)] = lowest;
+      unsigned& back = out[std::size_t(lowest) * ld + (head.ref & 7)];
+      if (back == absent) back = element;
+      break;
+    }
+  }
+}
+
+template <typename Ref>
+int match_faces(const solid_mesh& mesh, std::size_t nb_elements, dense2D<unsigned>& result) {
+  // Faces without an absent node, the largest node ID and the number of vertex entries.
+  std::size_t nb_records = 0, nb_incidences = 0, max_id = 0;
+  for (std::size_t e = 0; e < nb_elements; ++e) {
+    const unsigned* column = mesh.column(e);
+    const solid_faces& table = face_table[mesh.kind_of(column)];
+    for (unsigned k = 0; k < table.nb_vertices; ++k)
+      if (column[k] != absent) {
+        max_id = std::max(max_id, std::size_t(column[k]));
+        ++nb_incidences;
+      }
+    for (unsigned f = 0; f < table.nb_faces; ++f) {
+      unsigned nodes[4];
+      nb_records += face_nodes(column, table, f, nodes);
+    }
+  }
+  if (nb_records == 0) return 0;
+
+  // Bucket of a face: 2 x (its smallest node, or that node's rank among the distinct IDs
+  // when the IDs are sparse, so that huge IDs cost no huge table), + 1 for quadrangles.
+  const bool dense = max_id <= 2 * nb_incidences + 1024;
+  dense1D<unsigned, 8> distinct_ids;
+  if (!dense) {
+    if (!distinct_ids.reserve(nb_incidences, 1)) return -199;
+    for (std::size_t e = 0; e < nb_elements; ++e) {
+      const unsigned* column = mesh.column(e);
+      const unsigned nb_vertices = face_table[mesh.kind_of(column)].nb_vertices;
+      for (unsigned k = 0; k < nb_vertices; ++k)
+        if (column[k] != absent) distinct_ids.push_back(column[k]);  // room reserved: cannot fail
+    }
+    std::sort(distinct_ids.begin(), distinct_ids.end());
+    const std::size_t n = std::size_t(std::unique(distinct_ids.begin(), distinct_ids.end()) - distinct_ids.begin());
+    distinct_ids.resize(n);  // shrinking: cannot fail
+  }
+  const std::size_t nb_buckets = 2 * (dense ? max_id + 1 : distinct_ids.size());
+  auto bucket_of = [&](unsigned smallest, unsigned size) {
+    const std::size_t node = dense ? smallest
+                                   : std::size_t(std::lower_bound(distinct_ids.begin(), distinct_ids.end(), smallest) -
+                                                 distinct_ids.begin());
+    return 2 * node + (size == 4);
+  };
+
+  dense1D<Ref, 8> start;
+  dense1D<face_record<Ref>, 8> records;
+  // Room only: every record is written below, so the buffer is not filled first.
+  if (!start.resize(nb_buckets + 1, 0) || !records.reserve(nb_records, 1)) return -199;
+  for (std::size_t e = 0; e < nb_elements; ++e) {
+    const unsigned* column = mesh.column(e);
+    const solid_faces& table = face_table[mesh.kind_of(column)];
+    for (unsigned f = 0; f < table.nb_faces; ++f) {
+      unsigned nodes[4];
+      const unsigned size = face_size(table, f);
+      if (!face_nodes(column, table, f, nodes)) continue;
+      unsigned smallest = std::min(std::min(nodes[0], nodes[1]), nodes[2]);
+      if (size == 4) smallest = std::min(smallest, nodes[3]);
+      ++start[bucket_of(smallest, size) + 1];
+    }
+  }
+  for (std::size_t b = 0; b < nb_buckets; ++b) start[b + 1] += start[b];
+  // Fill with start[b] as the cursor of bucket b, which leaves it at the end of b, then
+  // shift the starts back by one bucket.
+  for (std::size_t e = 0; e < nb_elements; ++e) {
+    const unsigned* column = mesh.column(e);
+    const solid_faces& table = face_table[mesh.kind_of(column)];
+    for (unsigned f = 0; f < table.nb_faces; ++f) {
+      unsigned nodes[4];
+      const unsigned size = face_size(table, f);
+      if (!face_nodes(column, table, f, nodes)) continue;
+      unsigned rest[3];
+      face_record<Ref>& record = records.data()[start[bucket_of(face_key(nodes, size, rest), size)]++];
+      record.rest[0] = rest[0], record.rest[1] = rest[1], record.rest[2] = rest[2];
+      record.ref = Ref(e) << 3 | f;
+    }
+  }
+  for (std::size_t b = nb_buckets; b > 0; --b) start[b] = start[b - 1];
+  start[0] = 0;
+
+  unsigned table[std::size_t(1) << table_bits];
+  for (std::size_t b = 0; b < nb_buckets; ++b)
+    pair_bucket(records.data() + start[b], records.data() + start[b + 1], result.data(), result.ld(), table);
+  return 0;
 }
 
 }  // namespace
@@ -96,112 +289,10 @@ int get_neighbors(const dense2D<unsigned>& connect, element_type type, dense2D<u
 
   dense2D<unsigned> result;
   if (!result.resize(nb_faces, nb_elements, absent)) return -199;
-
-  // Node -> elements incidence: the elements of node v are incident[start[i] .. start[i + 1]),
-  // ascending, with i = v when the IDs are dense (a counting pass) and i = the rank of v
-  // among the distinct IDs otherwise (a sort, so that huge IDs cost no huge table).
-  std::size_t max_id = 0, nb_incidences = 0;
-  for (std::size_t e = 0; e < nb_elements; ++e) {
-    const unsigned* column = mesh.column(e);
-    const unsigned nb_vertices = face_table[mesh.kind_of(column)].nb_vertices;
-    for (unsigned k = 0; k < nb_vertices; ++k)
-      if (column[k] != absent) {
-        max_id = std::max(max_id, std::size_t(column[k]));
-        ++nb_incidences;
-      }
-  }
-  const bool dense = max_id <= 2 * nb_incidences + 1024;
-  dense1D<std::size_t, 8> start;
-  dense1D<unsigned, 8> incident, distinct_ids;
-  if (!incident.resize(nb_incidences)) return -199;
-  if (dense) {
-    const std::size_t nb_nodes = nb_incidences ? max_id + 1 : 0;
-    if (!start.resize(nb_nodes + 1, 0)) return -199;
-    for (std::size_t e = 0; e < nb_elements; ++e) {
-      const unsigned* column = mesh.column(e);
-      const unsigned nb_vertices = face_table[mesh.kind_of(column)].nb_vertices;
-      for (unsigned k = 0; k < nb_vertices; ++k)
-        if (column[k] != absent) ++start[column[k] + std::size_t(1)];
-    }
-    for (std::size_t v = 0; v < nb_nodes; ++v) start[v + 1] += start[v];
-    // Fill with start[v] as the cursor of v, which leaves start[v] at the end of v's list,
-    // then shift the starts back by one node.
-    for (std::size_t e = 0; e < nb_elements; ++e) {
-      const unsigned* column = mesh.column(e);
-      const unsigned nb_vertices = face_table[mesh.kind_of(column)].nb_vertices;
-      for (unsigned k = 0; k < nb_vertices; ++k)
-        if (column[k] != absent) incident[start[column[k]]++] = static_cast<unsigned>(e);
-    }
-    for (std::size_t v = nb_nodes; v > 0; --v) start[v] = start[v - 1];
-    start[0] = 0;
-  } else {
-    dense1D<std::uint64_t, 8> pairs;  // node << 32 | element, sorted
-    if (!pairs.resize(nb_incidences) || !distinct_ids.reserve(nb_incidences, 1) ||
-        !start.reserve(nb_incidences + 1, 1))
-      return -199;
-    std::size_t n = 0;
-    for (std::size_t e = 0; e < nb_elements; ++e) {
-      const unsigned* column = mesh.column(e);
-      const unsigned nb_vertices = face_table[mesh.kind_of(column)].nb_vertices;
-      for (unsigned k = 0; k < nb_vertices; ++k)
-        if (column[k] != absent) pairs[n++] = std::uint64_t(column[k]) << 32 | e;
-    }
-    std::sort(pairs.begin(), pairs.end());
-    for (std::size_t i = 0; i < n; ++i) {
-      const unsigned id = static_cast<unsigned>(pairs[i] >> 32);
-      if (i == 0 || id != distinct_ids[distinct_ids.size() - 1]) {
-        distinct_ids.push_back(id);  // room reserved: cannot fail
-        start.push_back(i);
-      }
-      incident[i] = static_cast<unsigned>(pairs[i]);
-    }
-    start.push_back(n);
-  }
-  auto elements_of = [&](unsigned id, std::size_t& first, std::size_t& last) {
-    std::size_t i = id;
-    if (!dense) i = std::size_t(std::lower_bound(distinct_ids.begin(), distinct_ids.end(), id) - distinct_ids.begin());
-    first = start[i];
-    last = start[i + 1];
-  };
-
-  // Face f of e is matched with the lowest-numbered other element holding a face with the
-  // same nodes; every such element holds the face's smallest node, so only that node's
-  // elements are compared. The match is written on both sides: the other side's entry,
-  // when still empty, has e as its lowest other element too (a lower one would have
-  // been e's match), and faces already written are skipped.
-  const std::size_t ld = result.ld();
-  unsigned* out = result.data();
-  for (std::size_t e = 0; e < nb_elements; ++e) {
-    const unsigned* column = mesh.column(e);
-    const solid_faces& table = face_table[mesh.kind_of(column)];
-    for (unsigned f = 0; f < table.nb_faces; ++f) {
-      unsigned& entry = out[e * ld + f];
-      unsigned nodes[4];
-      if (entry != absent || !face_nodes(column, table, f, nodes)) continue;
-      const unsigned size = face_size(table, f);
-      const unsigned smallest = *std::min_element(nodes, nodes + size);
-      unsigned previous = absent;
-      std::size_t first = 0, last = 0;
-      elements_of(smallest, first, last);
-      for (std::size_t i = first; i < last && entry == absent; ++i) {
-        const unsigned other = incident[i];
-        if (other == e || other == previous) continue;  // a repeated node lists an element twice
-        previous = other;
-        const unsigned* other_column = mesh.column(other);
-        const solid_faces& other_table = face_table[mesh.kind_of(other_column)];
-        for (unsigned g = 0; g < other_table.nb_faces; ++g) {
-          unsigned other_nodes[4];
-          if (face_size(other_table, g) != size || !face_nodes(other_column, other_table, g, other_nodes) ||
-              !same_nodes(nodes, other_nodes, size))
-            continue;
-          entry = other;
-          unsigned& back = out[other * ld + g];
-          if (back == absent) back = static_cast<unsigned>(e);
-          break;
-        }
-      }
-    }
-  }
+  // 32-bit face references and bucket starts while element << 3 and the face count fit.
+  const int status = nb_elements < (std::size_t(1) << 28) ? match_faces<std::uint32_t>(mesh, nb_elements, result)
+                                                           : match_faces<std::uint64_t>(mesh, nb_elements, result);
+  if (status != 0) return status;
   neighbors.swap(result);
   return 0;
 }

@@ -132,8 +132,9 @@ ZEL_TESSEL_EXPORT int simplify(dense2D<double>& coords, dense2D<unsigned>* first
 ///               absent H8, else row 6 absent W6, else H8
 /// A face with an absent node (~0U) matches nothing. Where three or more elements share a
 /// face, each takes the lowest-numbered other one (the adjacency is then not symmetric).
-/// Runs in time linear in the mesh: faces are compared only with the faces of the
-/// elements around their smallest node; memory is linear in the largest node ID.
+/// Runs in time linear in the mesh: faces are filed under their smallest node and paired
+/// within that short list; memory is 16 bytes per face plus a table linear in the largest
+/// node ID (a sort of the distinct IDs replaces the table when the IDs are sparse).
 /// @param[in]  connect    4 (TH4), 5 (PY5), 6 (W6), 8 (H8, SOLID_MIX8) x #elements;
 ///                        any row count when it has no column; node IDs are not checked
 ///                        against a node count
