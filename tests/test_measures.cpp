@@ -190,6 +190,19 @@ TEST(volume, status_codes_and_result_on_failure) {
     EXPECT_EQ(t3::volume(r.coords, r.connect, v), r.status) << r.connect.rows();
     EXPECT_EQ(v, 0.0);
   }
+  // An invalid ID anywhere (a column read four at a time, the last column) in every layout.
+  for (int k = 0; k < 4; ++k) {
+    const box_mesh b = make_box(static_cast<box_kind>(k), k == 0 ? 1 : 2, 1, 1);  // 6 TH4: 4 + 2
+    for (bool mixed : {false, true})
+      for (std::size_t column : {std::size_t(1), b.connect.cols() - 1}) {
+        dense2D<unsigned> connect;
+        ASSERT_TRUE(connect.copy(mixed ? to_mixed8(b.connect) : b.connect));
+        connect(2, column) = unsigned(b.coords.cols()) + 5;
+        double v = 42.0;
+        EXPECT_EQ(t3::volume(b.coords, connect, v), -2) << k << mixed << column;
+        EXPECT_EQ(v, 0.0);
+      }
+  }
 }
 
 // ---- circumcenters -------------------------------------------------------------------

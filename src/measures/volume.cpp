@@ -36,54 +36,74 @@ inline double six_volume(const unsigned* column, const elfes::node_reader& node)
   }
 }
 
+// The node IDs are validated in the summing pass itself, column by column before any of
+// its coordinates is read: the verdict of check_IDs, without a second pass over the
+// connectivity (which costs as much memory traffic as the sum of a hexahedral mesh).
+
+// All n IDs of a column are below the node count (the absent marker is not).
+template <unsigned n>
+inline bool valid_column(const unsigned* column, unsigned nb_nodes) {
+  bool valid = true;
+  for (unsigned k = 0; k < n; ++k) valid &= column[k] < nb_nodes;
+  return valid;
+}
+
 // Tetrahedra four columns at a time into separate partial sums: the loads of one
-// column overlap the arithmetic of the others.
-double sum_TH4(const dense2D<unsigned>& connect, const elfes::node_reader& node) {
+// column overlap the arithmetic of the others. False on an invalid ID.
+bool sum_TH4(const dense2D<unsigned>& connect, const elfes::node_reader& node, unsigned nb_nodes, double& sum) {
   const std::size_t n = connect.cols(), ld = connect.ld();
   const unsigned* column = connect.data();
   double s0 = 0, s1 = 0, s2 = 0, s3 = 0;
   std::size_t j = 0;
   for (; j + 4 <= n; j += 4, column += 4 * ld) {
+    if (!(valid_column<4>(column, nb_nodes) & valid_column<4>(column + ld, nb_nodes) &
+          valid_column<4>(column + 2 * ld, nb_nodes) & valid_column<4>(column + 3 * ld, nb_nodes)))
+      return false;
     s0 += six_volume<elfes::kind_TH4>(column, node);
     s1 += six_volume<elfes::kind_TH4>(column + ld, node);
     s2 += six_volume<elfes::kind_TH4>(column + 2 * ld, node);
     s3 += six_volume<elfes::kind_TH4>(column + 3 * ld, node);
   }
-  for (; j < n; ++j, column += ld) s0 += six_volume<elfes::kind_TH4>(column, node);
-  return (s0 + s1) + (s2 + s3);
+  for (; j < n; ++j, column += ld) {
+    if (!valid_column<4>(column, nb_nodes)) return false;
+    s0 += six_volume<elfes::kind_TH4>(column, node);
+  }
+  sum = (s0 + s1) + (s2 + s3);
+  return true;
 }
 
 template <elfes::solid_kind kind>
-double sum_pure(const dense2D<unsigned>& connect, const elfes::node_reader& node) {
+bool sum_pure(const dense2D<unsigned>& connect, const elfes::node_reader& node, unsigned nb_nodes, double& sum) {
+  constexpr unsigned rows = elfes::solid_table[kind].nb_vertices;
   const std::size_t n = connect.cols(), ld = connect.ld();
   const unsigned* column = connect.data();
-  double sum = 0;
-  for (std::size_t j = 0; j < n; ++j, column += ld) sum += six_volume<kind>(column, node);
-  return sum;
+  sum = 0;
+  for (std::size_t j = 0; j < n; ++j, column += ld) {
+    if (!valid_column<rows>(column, nb_nodes)) return false;
+    sum += six_volume<kind>(column, node);
+  }
+  return true;
 }
 
-// Every row holds a node: a hexahedron whose nodes need no test for the marker.
-inline bool complete_H8(const unsigned* column) {
-  bool complete = true;
-  for (unsigned k = 0; k < 8; ++k) complete &= column[k] != elfes::absent;
-  return complete;
-}
-
-// Mixed columns: each classified by its absent rows, then measured with the kernel of
-// its kind (the same kernels as the pure paths). A hexahedron with all its nodes, the
-// whole of an 8-row H8 mesh, is read without the marker tests: the same values.
-double sum_mixed(const dense2D<unsigned>& connect, const elfes::mixed_node_reader& node) {
+// Mixed columns (8 rows): an entry is a node or the absent marker. Each column is
+// classified by its absent rows, then measured with the kernel of its kind (the same
+// kernels as the pure paths). A column of 8 nodes, the whole of an 8-row H8 mesh, is a
+// hexahedron read without the marker tests: the same values.
+bool sum_mixed(const dense2D<unsigned>& connect, const elfes::mixed_node_reader& node, unsigned nb_nodes,
+               double& sum) {
   const std::size_t n = connect.cols(), ld = connect.ld();
   const unsigned* column = connect.data();
   const elfes::node_reader plain{node.base, node.ld};
-  double sum = 0;
+  sum = 0;
   vec3 p[8];
   for (std::size_t j = 0; j < n; ++j, column += ld) {
-    if (complete_H8(column)) {
+    if (valid_column<8>(column, nb_nodes)) {
       elfes::load_vertices<8>(column, plain, p);
       sum += six_volume_H8(p);
       continue;
     }
+    for (unsigned k = 0; k < 8; ++k)
+      if (column[k] >= nb_nodes && column[k] != elfes::absent) return false;
     switch (elfes::mixed8_kind(column)) {
       case elfes::kind_TH4:
         elfes::load_vertices<4>(column, node, p);
@@ -103,7 +123,7 @@ double sum_mixed(const dense2D<unsigned>& connect, const elfes::mixed_node_reade
         break;
     }
   }
-  return sum;
+  return true;
 }
 
 }  // namespace
@@ -115,20 +135,20 @@ int volume(const dense2D<double>& coords, const dense2D<unsigned>& connect, doub
   const unsigned nb_nodes = static_cast<unsigned>(coords.cols());
   const elfes::node_reader node{coords.data(), coords.ld()};
   elfes::solid_kind kind;
-  double sum;
+  double sum = 0;
+  bool valid;
   if (elfes::pure_kind_of_rows(connect.rows(), kind)) {
-    if (!tessel::check_IDs(connect, elfes::solid_table[kind].type, nb_nodes)) return -2;
     switch (kind) {
-      case elfes::kind_TH4: sum = sum_TH4(connect, node); break;
-      case elfes::kind_PY5: sum = sum_pure<elfes::kind_PY5>(connect, node); break;
-      default: sum = sum_pure<elfes::kind_W6>(connect, node); break;
+      case elfes::kind_TH4: valid = sum_TH4(connect, node, nb_nodes, sum); break;
+      case elfes::kind_PY5: valid = sum_pure<elfes::kind_PY5>(connect, node, nb_nodes, sum); break;
+      default: valid = sum_pure<elfes::kind_W6>(connect, node, nb_nodes, sum); break;
     }
   } else {
-    // Any other row count is the mixed layout; the check rejects those (7, 9, ...)
-    // whose columns could not be read as 8 rows.
-    if (!tessel::check_IDs(connect, SOLID_MIX8, nb_nodes)) return -2;
-    sum = sum_mixed(connect, elfes::mixed_node_reader{coords.data(), coords.ld()});
+    // Any other row count is the mixed layout; only 8 rows can be read as its columns
+    // (4, 5 and 6 rows are the pure kinds above).
+    valid = connect.rows() == 8 && sum_mixed(connect, elfes::mixed_node_reader{coords.data(), coords.ld()}, nb_nodes, sum);
   }
+  if (!valid) return -2;
   result = sum * 0.16666666666666666;
   return 0;
 }
