@@ -31,8 +31,11 @@ bench: build
 # element of every family (bench/peers, about 10 minutes; installs the peers' Debian
 # packages when missing). Not part of `make test`. PEERS_ARGS=--quick for a short run,
 # PEERS_ARGS=--update-docs to rewrite the figures of docs/performance.md.
+# Only the libraries and the Python package are built for it.
 PEERS_ARGS ?=
-bench-peers: build
+bench-peers: deps
+	cmake --preset $(PRESET)
+	cmake --build --preset $(PRESET) --target tessel3d_python --parallel $(JOBS)
 	$(PYTHON) bench/peers/run_peers.py --build build/$(PRESET) $(PEERS_ARGS)
 
 test-asan:
