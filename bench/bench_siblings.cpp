@@ -1,6 +1,8 @@
 // Speed of the sibling library helpers: nearest-node search and face adjacency.
 #include <benchmark/benchmark.h>
 
+#include <random>
+
 #include "box_mesh.h"
 #include "zel/tessel.h"
 
@@ -43,13 +45,23 @@ void node_detector_query(benchmark::State& state) {
 BENCHMARK_TEMPLATE(node_detector_query, true)->RangeMultiplier(10)->Range(1000, 1000000);
 BENCHMARK_TEMPLATE(node_detector_query, false)->RangeMultiplier(10)->Range(1000, 1000000);
 
-// state.range(0): box kind (TH4, PY5, W6, H8), state.range(1): cells per side; range(2): mixed layout.
+// state.range(0): box kind (TH4, PY5, W6, H8), state.range(1): cells per side; range(2): 1 mixed
+// layout, 2 columns in random order (no locality between consecutive elements).
 void get_neighbors(benchmark::State& state) {
   const box_kind kind = static_cast<box_kind>(state.range(0));
   const unsigned side = static_cast<unsigned>(state.range(1));
-  const bool mixed = state.range(2) != 0;
+  const bool mixed = state.range(2) == 1;
   const box_mesh mesh = make_box(kind, side, side, side);
-  const zel::dense2D<unsigned> connect = mixed ? to_mixed8(mesh.connect) : mesh.connect;
+  zel::dense2D<unsigned> connect = mixed ? to_mixed8(mesh.connect) : mesh.connect;
+  if (state.range(2) == 2) {
+    connect = zel::dense2D<unsigned>();
+    connect.copy(mesh.connect);
+    std::mt19937 random(1);
+    for (std::size_t j = connect.cols(); j > 1; --j) {
+      const std::size_t k = random() % j;
+      for (std::size_t r = 0; r < connect.rows(); ++r) std::swap(connect(r, j - 1), connect(r, k));
+    }
+  }
   static const zel::element_type types[] = {zel::TH4, zel::PY5, zel::W6, zel::H8};
   const zel::element_type type = mixed ? zel::SOLID_MIX8 : types[state.range(0)];
   zel::dense2D<unsigned> neighbors;
@@ -62,6 +74,7 @@ BENCHMARK(get_neighbors)
     ->Args({3, 100, 0})
     ->Args({0, 50, 1})
     ->Args({3, 50, 1})
+    ->Args({0, 50, 2})
     ->Unit(benchmark::kMillisecond);
 
 }  // namespace
