@@ -48,9 +48,10 @@ int interpolate_each(const dense2D<double>& coords, const dense2D<unsigned>& con
                      const dense1D<unsigned, 8>& nodes, bool keep_valid) {
   elfes::node_placement placement(coords, connectivity, neighbors, node_element);
   if (placement.build() != 0) return -199;
-  for (std::size_t k = 0; k < nodes.size(); ++k) {
-    const unsigned n = nodes[k];
-    if (node_element[n] != ~0U) continue;
+  elfes::order_records order;
+  if (elfes::free_nodes_in_order(coords, connectivity, node_element, nodes, order) != 0) return -199;
+  for (std::size_t k = 0; k < order.size(); ++k) {
+    const unsigned n = elfes::record_id(order[k]);
     if (keep_valid && metrics.is_valid(n)) continue;
     unsigned where;
     double lambda[4];
