@@ -1,8 +1,8 @@
 // get_elements_containing_points: the TH4 that holds each of many points, with the
 // mesh checked once for all of them. Each point is searched exactly as
 // get_element_containing_point searches it alone (no seed carried from one point to the
-// next); the points are only visited along a space-filling curve, so that consecutive
-// searches walk through elements and nodes that are still in the caches.
+// next); the points are only visited along a space-filling curve (point_order.h), so
+// that consecutive searches walk through elements and nodes that are still in the caches.
 #include <algorithm>
 
 #include "locate/locate_point.h"
@@ -39,15 +39,18 @@ int get_elements_containing_points(const dense2D<double>& coords, const dense2D<
   elfes::locate_scratch scratch;
   bool missed = false, met_invalid = false;
   for (std::size_t k = 0; k < nb_points; ++k) {
+    if (k + elfes::prefetch_distance < nb_points)
+      elfes::prefetch(xyz + elfes::record_id(order[k + elfes::prefetch_distance]) * ld);
     const unsigned j = elfes::record_id(order[k]);
     const double* p = xyz + j * ld;
     unsigned element = ~0U;
     const int r = elfes::locate_point(coords, connectivity, neighbors, node_element, detector,
                                       vector_fixed<double, 3>(p[0], p[1], p[2]), element, tolerance, true, scratch);
     if (r == -199) return -199;
+    if (r == -1) met_invalid = true;
     if (r != 1) {
       element = ~0U;
-      (r == -1 ? met_invalid : missed) = true;
+      missed |= r != -1;
     }
     order[k] = std::uint64_t(element) << 32 | j;
   }
