@@ -275,47 +275,21 @@ TEST(get_element_containing_point, points_on_nodes_in_the_tolerance_band_and_beh
 
 // ---- the order of many points ----------------------------------------------------------------
 
-TEST(spatial_order, morton_keys_interleave_the_cell_bits) {
-  EXPECT_EQ(elfes::morton_key30(1, 0, 0), 1u);
-  EXPECT_EQ(elfes::morton_key30(0, 1, 0), 2u);
-  EXPECT_EQ(elfes::morton_key30(0, 0, 1), 4u);
-  EXPECT_EQ(elfes::morton_key30(2, 0, 0), 8u);
-  EXPECT_EQ(elfes::morton_key30(1023, 1023, 1023), (1u << 30) - 1);
-  random_stream random(4);
-  for (int trial = 0; trial < 100; ++trial) {
-    const std::uint32_t cell[3] = {unsigned(random.next() % 1024), unsigned(random.next() % 1024),
-                                   unsigned(random.next() % 1024)};
-    std::uint32_t back[3];
-    elfes::morton_cell(elfes::morton_key30(cell[0], cell[1], cell[2]), back);
-    EXPECT_TRUE(back[0] == cell[0] && back[1] == cell[1] && back[2] == cell[2]);
-  }
-}
-
-// The IDs of the records, in their order.
-std::vector<unsigned> ids_of(const elfes::order_records& records) {
-  std::vector<unsigned> ids;
-  for (std::size_t k = 0; k < records.size(); ++k) ids.push_back(elfes::record_id(records[k]));
-  return ids;
-}
-
-// Random points in the unit cube, some not finite, every fifth left out: the records
-// hold each chosen ID once, the finite points octant by octant (at two levels, from
-// their coordinates), the others last in their given order. A scan in rows of the same
-// points is coherent already and kept as given.
+// Random points, some not finite, every fifth left out: each chosen ID once, the finite
+// points octant by octant (at two levels, from their coordinates), the others last in
+// their given order. Rows of a grid given in that order are kept; jumbled, they are not.
 TEST(spatial_order, octants_in_turn_non_finite_points_last_coherent_orders_kept) {
-  const unsigned n = 2000;
+  const unsigned n = 2000, odd[3] = {17, 400, 1203};
   dense2D<double> xyz(3, n);
   random_stream random(8);
   for (unsigned j = 0; j < n; ++j)
-    for (int d = 0; d < 3; ++d) xyz(d, j) = random.uniform();
-  xyz(0, 0) = 0, xyz(1, 0) = 0, xyz(2, 0) = 0, xyz(0, 1) = xyz(1, 1) = xyz(2, 1) = 1;  // the box spans [0, 1]^3
-  const unsigned odd[3] = {17, 400, 1203};
+    for (int d = 0; d < 3; ++d) xyz(d, j) = j < 2 ? j : random.uniform();  // the box spans [0, 1]^3
   xyz(1, odd[0]) = NAN, xyz(2, odd[1]) = INFINITY, xyz(0, odd[2]) = -INFINITY;
   auto chosen = [](std::size_t k) { return k % 5 == 4 ? ~0U : unsigned(k); };
   elfes::order_records records;
   ASSERT_EQ(elfes::spatial_order(xyz.data(), xyz.ld(), n, chosen, records), 0);
-  const std::vector<unsigned> ids = ids_of(records);
-  std::vector<unsigned> expected;
+  std::vector<unsigned> ids, expected;
+  for (std::size_t k = 0; k < records.size(); ++k) ids.push_back(elfes::record_id(records[k]));
   for (unsigned k = 0; k < n; ++k)
     if (chosen(k) != ~0U) expected.push_back(k);
   ASSERT_EQ(std::multiset<unsigned>(ids.begin(), ids.end()), std::multiset<unsigned>(expected.begin(), expected.end()));
@@ -324,55 +298,42 @@ TEST(spatial_order, octants_in_turn_non_finite_points_last_coherent_orders_kept)
   for (std::size_t k = 0; k + 3 < ids.size(); ++k) {
     unsigned octants = 0;  // the octant, then the octant inside it, as one number
     for (int level = 1; level <= 2; ++level)
-      for (int d = 0; d < 3; ++d) {
-        const double x = std::min(xyz(d, ids[k]), 0.999999);  // the far corner is in the last cells
-        octants |= unsigned(int(x * (1 << level)) & 1) << (3 * (2 - level) + d);
-      }
+      for (int d = 0; d < 3; ++d)  // the far corner lies in the last cells
+        octants |= unsigned(int(std::min(xyz(d, ids[k]), 0.999999) * (1 << level)) & 1) << (3 * (2 - level) + d);
     EXPECT_GE(octants, previous) << "record " << k;
     previous = octants;
   }
-  // Rows of a grid, given in that order, are kept; shuffled, they are not.
   dense2D<double> grid(3, 1000);
   for (unsigned j = 0; j < 1000; ++j) grid(0, j) = j % 10, grid(1, j) = j / 10 % 10, grid(2, j) = j / 100;
-  auto all = [](std::size_t k) { return unsigned(k); };
-  ASSERT_EQ(elfes::spatial_order(grid.data(), 3, 1000, all, records), 0);
+  ASSERT_EQ(elfes::spatial_order(grid.data(), 3, 1000, [](std::size_t k) { return unsigned(k); }, records), 0);
   for (unsigned k = 0; k < 1000; ++k) ASSERT_EQ(elfes::record_id(records[k]), k);
-  const unsigned stride = 379;  // coprime with 1000: a permutation jumping across the grid
-  auto jumping = [&](std::size_t k) { return unsigned(k * stride % 1000); };
-  ASSERT_EQ(elfes::spatial_order(grid.data(), 3, 1000, jumping, records), 0);
-  EXPECT_NE(elfes::record_id(records[1]), jumping(1));
-  // Allocation failures leave no record.
-  for (long fail = 1; fail <= 2; ++fail) {
-    failing_allocator guard(fail);
-    EXPECT_EQ(elfes::spatial_order(xyz.data(), xyz.ld(), n, chosen, records), -199);
-    EXPECT_EQ(records.size(), 0u);
-  }
+  auto jumbled = [](std::size_t k) { return unsigned(k * 379 % 1000); };
+  ASSERT_EQ(elfes::spatial_order(grid.data(), 3, 1000, jumbled, records), 0);
+  EXPECT_NE(elfes::record_id(records[1]), jumbled(1));
+  failing_allocator guard(1);
+  EXPECT_EQ(elfes::spatial_order(xyz.data(), xyz.ld(), n, chosen, records), -199);
+  EXPECT_EQ(records.size(), 0u);
 }
 
 // ---- get_elements_containing_points --------------------------------------------------------
 
-// Points of every kind, shuffled: random inside, on nodes, on the centroids of faces
-// between two elements and of element 200; with `outside`, just outside the boundary,
-// far outside, not finite. As the columns of a view with padding rows, so that the
-// search must step by the leading dimension.
+// Shuffled points: random inside, on nodes, on centroids of faces between two elements and
+// of element 200; with `outside`, just and far outside the box, not finite. As columns
+// of a view with padding rows.
 dense2D<double> search_points(const th4_box& box, bool outside, std::uint64_t seed) {
+  const auto& x = box.mesh.coords;
+  const auto& t = box.mesh.connect;
   std::vector<point3> points;
   random_stream random(seed);
   for (int k = 0; k < 150; ++k) points.emplace_back(random.uniform(), random.uniform(), random.uniform());
-  const auto& x = box.mesh.coords;
   for (unsigned n = 0; n < x.cols(); n += 5) points.emplace_back(x(0, n), x(1, n), x(2, n));
-  for (unsigned e = 0; e < box.mesh.connect.cols(); e += 7) {
-    const unsigned f = e % 4;
-    if (box.neighbors(f, e) == ~0U) continue;
+  for (unsigned e = 0; e < t.cols(); e += 7) {
+    const unsigned f = e % 4, nodes = e == 200 ? 4 : 3;
     point3 centroid(0, 0, 0);
-    for (unsigned k = 0; k < 3; ++k)
-      for (int d = 0; d < 3; ++d) centroid[d] += x(d, box.mesh.connect(elfes::th4_faces[f][k], e)) / 3;
-    points.push_back(centroid);
+    for (unsigned k = 0; k < nodes; ++k)
+      for (int d = 0; d < 3; ++d) centroid[d] += x(d, t(nodes == 4 ? k : elfes::th4_faces[f][k], e)) / nodes;
+    if (nodes == 4 || box.neighbors(f, e) != ~0U) points.push_back(centroid);
   }
-  point3 centre(0, 0, 0);
-  for (unsigned k = 0; k < 4; ++k)
-    for (int d = 0; d < 3; ++d) centre[d] += x(d, box.mesh.connect(k, 200)) / 4;
-  points.push_back(centre);
   for (int k = 0; k < 40 && outside; ++k)
     points.emplace_back(1 + random.uniform(0, k < 20 ? 1e-3 : 2), random.uniform(), random.uniform());
   if (outside) points.emplace_back(NAN, 0.5, 0.5), points.emplace_back(0.5, INFINITY, 0.5);
@@ -383,17 +344,16 @@ dense2D<double> search_points(const th4_box& box, bool outside, std::uint64_t se
   return padded_view(plain, 2, -7.0);
 }
 
-// The single search, point by point, and the status that sums it up: -6 when one met an
+// The single search point by point, and the status that sums it up: -6 when one met an
 // invalid element (-1), else 0 when one was not located, else 1.
 int one_by_one(const th4_box& box, const dense2D<double>& points, double tolerance, std::vector<unsigned>& elements) {
   const zel::tessel::node_detector detector(box.mesh.coords);
   bool missed = false, invalid = false;
   for (std::size_t j = 0; j < points.cols(); ++j) {
     unsigned element = 7;
-    const int status = t3::get_element_containing_point(box.mesh.coords, box.mesh.connect, box.neighbors,
-                                                        box.node_element, detector, zel::TH4,
-                                                        point3(points(0, j), points(1, j), points(2, j)), element,
-                                                        tolerance);
+    const int status = t3::get_element_containing_point(
+        box.mesh.coords, box.mesh.connect, box.neighbors, box.node_element, detector, zel::TH4,
+        point3(points(0, j), points(1, j), points(2, j)), element, tolerance);
     elements.push_back(element);
     invalid |= status == -1;
     missed |= status != 1 && status != -1;
@@ -403,97 +363,64 @@ int one_by_one(const th4_box& box, const dense2D<double>& points, double toleran
 
 TEST(get_elements_containing_points, each_element_is_that_of_the_single_search) {
   struct row {
-    const char* name;
     double tolerance;
     bool outside, inverted;
     int status;
   };
-  const row rows[] = {{"inside", 0, false, false, 1},
-                      {"outside too", 0, true, false, 0},
-                      {"tolerance", 1e-3, true, false, 0},
-                      {"inverted element", 1e-9, true, true, -6}};
-  for (const row& r : rows) {
+  for (const row& r : {row{0, false, false, 1}, row{0, true, false, 0}, row{1e-3, true, false, 0},
+                       row{1e-9, true, true, -6}}) {
     th4_box box(5);
-    if (r.inverted) {  // its centre is among the points
+    if (r.inverted) {  // element 200, whose centre is searched
       std::swap(box.mesh.connect(0, 200), box.mesh.connect(2, 200));
       box.neighbors = neighbors_of(box.mesh.connect);
     }
     const dense2D<double> points = search_points(box, r.outside, 21);
     std::vector<unsigned> expected;
-    ASSERT_EQ(one_by_one(box, points, r.tolerance, expected), r.status) << r.name;
+    ASSERT_EQ(one_by_one(box, points, r.tolerance, expected), r.status);
     dense1D<unsigned, 8> elements = {7, 7};
     EXPECT_EQ(t3::get_elements_containing_points(box.mesh.coords, box.mesh.connect, box.neighbors, box.node_element,
                                                  zel::tessel::node_detector(box.mesh.coords), zel::TH4, points,
                                                  elements, r.tolerance),
-              r.status)
-        << r.name;
-    EXPECT_EQ(std::vector<unsigned>(elements.begin(), elements.end()), expected) << r.name;
+              r.status);
+    EXPECT_EQ(std::vector<unsigned>(elements.begin(), elements.end()), expected) << r.status;
   }
 }
 
-// Each check in turn, with every later argument bad too; `elements` untouched by a
-// failed check, and all ~0U for a mesh that is not searched.
+// Each check in turn, with every later argument bad too: `elements` untouched; all ~0U
+// for a mesh that is not searched. (Allocation failures: the family table.)
 TEST(get_elements_containing_points, status_codes_in_order_and_what_elements_holds) {
   const th4_box box(2);
   const auto& c = box.mesh.coords;
   const auto& t = box.mesh.connect;
-  const std::size_t n = c.cols();
+  const auto& nb = box.neighbors;
+  const auto& ne = box.node_element;
   dense2D<unsigned> bad_id;
   ASSERT_TRUE(bad_id.copy(t));
-  bad_id(1, 3) = unsigned(n);
-  const dense2D<double> c2 = c.sub_matrix(0, 0, 2, n), p2(2, 4, 0.5), p3(3, 4, 0.5), none(3, 0);
-  const dense2D<unsigned> nb3 = box.neighbors.sub_matrix(0, 0, 3, t.cols());
-  const dense1D<unsigned, 8> ne_short(n - 1, 0u);
+  bad_id(1, 3) = unsigned(c.cols());
+  const dense2D<double> c2 = c.sub_matrix(0, 0, 2, c.cols()), p2(2, 4, 0.5), p3(3, 4, 0.5);
+  const dense2D<unsigned> nb3 = nb.sub_matrix(0, 0, 3, t.cols()), none(4, 0);
+  const dense1D<unsigned, 8> ne_short(c.cols() - 1, 0u);
   auto call = [&](const dense2D<double>& c, const dense2D<unsigned>& t, const dense2D<unsigned>& nb,
-                  const dense1D<unsigned, 8>& ne, const dense2D<double>& p, zel::element_type type,
-                  std::vector<unsigned> expected, int status) {
+                  const dense1D<unsigned, 8>& ne, const dense2D<double>& p, zel::element_type type, int status,
+                  std::vector<unsigned> expected) {
     dense1D<unsigned, 8> elements = {7, 7};
     EXPECT_EQ(t3::get_elements_containing_points(c, t, nb, ne, zel::tessel::node_detector(c), type, p, elements, 0),
               status);
     EXPECT_EQ(std::vector<unsigned>(elements.begin(), elements.end()), expected) << status;
   };
   const std::vector<unsigned> kept = {7, 7}, absent(4, ~0U);
-  call(c2, bad_id, nb3, ne_short, p2, zel::TH4, kept, -1);
-  call(c, bad_id, nb3, ne_short, p2, zel::TH4, kept, -2);
-  call(c, t, nb3, ne_short, p2, zel::TH4, kept, -3);
-  call(c, t, box.neighbors, ne_short, p2, zel::TH4, kept, -4);
-  call(c, t, box.neighbors, box.node_element, p2, zel::TH4, kept, -5);
-  call(c, t, box.neighbors, box.node_element, dense2D<double>(), zel::TH4, kept, -5);
-  call(c, t, box.neighbors, box.node_element, p3, zel::TH10, absent, 0);  // 4 faces, but not searched
-  std::vector<unsigned> centre;  // the middle node of the box, four times
+  call(c2, bad_id, nb3, ne_short, p2, zel::TH4, -1, kept);
+  call(c, bad_id, nb3, ne_short, p2, zel::TH4, -2, kept);
+  call(c, t, nb3, ne_short, p2, zel::TH4, -3, kept);
+  call(c, t, nb, ne_short, p2, zel::TH4, -4, kept);
+  call(c, t, nb, ne, p2, zel::TH4, -5, kept);
+  call(c, t, nb, ne, dense2D<double>(), zel::TH4, -5, kept);
+  call(c, t, nb, ne, p3, zel::TH10, 0, absent);  // 4 faces, but not searched
+  std::vector<unsigned> centre;                  // (0.5, 0.5, 0.5) is the middle node
   ASSERT_EQ(one_by_one(box, p3, 0, centre), 1);
-  call(c, t, box.neighbors, box.node_element, p3, zel::TH4, centre, 1);
-  call(c, t, box.neighbors, box.node_element, none, zel::TH4, {}, 1);
-  call(c, dense2D<unsigned>(4, 0), dense2D<unsigned>(4, 0), box.node_element, p3, zel::TH4, absent, 0);
-}
-
-// An allocation that fails anywhere in a search of many points (the order, the lists of
-// elements around a node for the points outside, the result) leaves `elements` as it was.
-TEST(get_elements_containing_points, allocation_failures_write_nothing) {
-  th4_box box(4);
-  const dense2D<double> points = search_points(box, true, 5);
-  const zel::tessel::node_detector detector(box.mesh.coords);
-  auto call = [&](dense1D<unsigned, 8>& elements) {
-    return t3::get_elements_containing_points(box.mesh.coords, box.mesh.connect, box.neighbors, box.node_element,
-                                              detector, zel::TH4, points, elements, 0);
-  };
-  long total = 0;
-  {
-    dense1D<unsigned, 8> elements = {7};
-    failing_allocator counter;
-    ASSERT_EQ(call(elements), 0);
-    total = counter.allocations();
-  }
-  ASSERT_GT(total, 10);  // the points outside are searched again: every one allocates
-  for (const long fail : {1L, 2L, 3L, total / 2, total - 1, total}) {
-    dense1D<unsigned, 8> elements = {7};
-    {
-      failing_allocator guard(fail);
-      EXPECT_EQ(call(elements), -199) << fail;
-    }
-    ASSERT_EQ(elements.size(), 1u);
-    EXPECT_EQ(elements[0], 7u);
-  }
+  call(c, t, nb, ne, p3, zel::TH4, 1, centre);
+  call(c, t, nb, ne, dense2D<double>(3, 0), zel::TH4, 1, {});
+  call(c, none, none, ne, p3, zel::TH4, 0, absent);
 }
 
 // ---- interpolate -------------------------------------------------------------------------
@@ -750,45 +677,41 @@ TEST(interpolate_metrics, anisotropic_listed_nodes_and_failed_combinations) {
 
 // ---- the order in which the interpolations treat their nodes -------------------------------
 
-// The four kinds of values over a scene: fields given at the mesh nodes (-7 elsewhere),
-// metrics and sizes valid at the mesh nodes and at every third free node.
+// The four kinds of values: fields given at the first `given` nodes (-7 elsewhere),
+// metrics and sizes there and at every third other node.
 struct interpolated {
   dense2D<double> field, tensors;
   dense1D<double, 8> scalar, sizes;
-  interpolated(const dense2D<double>& coords, unsigned mesh_nodes)
-      : field(2, coords.cols(), -7.0), tensors(6, coords.cols(), 0.0), scalar(coords.cols(), -7.0),
-        sizes(coords.cols(), 0.0) {
-    for (unsigned n = 0; n < coords.cols(); ++n) {
-      const double x = coords(0, n), y = coords(1, n), z = coords(2, n);
-      if (n >= mesh_nodes && n % 3) continue;
-      const double tensor[6] = {4 + x, 0.5 * y, 3 + z, 0.1, 0.2 * x, 2 + y};
+  interpolated(const dense2D<double>& x, unsigned given)
+      : field(2, x.cols(), -7.0), tensors(6, x.cols(), 0.0), scalar(x.cols(), -7.0), sizes(x.cols(), 0.0) {
+    for (unsigned n = 0; n < x.cols(); ++n) {
+      if (n >= given && n % 3) continue;
+      const double tensor[6] = {4 + x(0, n), 0.5 * x(1, n), 3 + x(2, n), 0.1, 0.2 * x(0, n), 2 + x(1, n)};
       for (int k = 0; k < 6; ++k) tensors(k, n) = tensor[k];
-      sizes[n] = 1 + x * y + z;
-      if (n >= mesh_nodes) continue;
-      field(0, n) = x - 2 * y + 3 * z, field(1, n) = x * y, scalar[n] = 1 + x + 2 * y + z;
+      sizes[n] = 1 + x(0, n) * x(1, n) + x(2, n);
+      if (n < given) field(0, n) = x(0, n) - 2 * x(1, n), field(1, n) = x(2, n), scalar[n] = 1 + x(0, n) + x(2, n);
     }
   }
-  void fill(const dense2D<double>& coords, const dense2D<unsigned>& connect, const dense2D<unsigned>& neighbors,
-            const dense1D<unsigned, 8>& node_element, const dense1D<unsigned, 8>& nodes) {
-    EXPECT_EQ(t3::interpolate(coords, connect, neighbors, node_element, field, nodes), 0);
-    EXPECT_EQ(t3::interpolate(coords, connect, neighbors, node_element, scalar, nodes), 0);
-    EXPECT_EQ(t3::interpolate_metrics(coords, connect, neighbors, node_element, tensors, nodes, true), 0);
-    EXPECT_EQ(t3::interpolate_metrics(coords, connect, neighbors, node_element, sizes, nodes, true), 0);
-  }
-  // Node by node, in the order of the list.
-  void fill_one_by_one(const dense2D<double>& coords, const dense2D<unsigned>& connect,
-                       const dense2D<unsigned>& neighbors, const dense1D<unsigned, 8>& node_element,
-                       const dense1D<unsigned, 8>& nodes) {
-    for (unsigned n : nodes) fill(coords, connect, neighbors, node_element, {n});
+  // In one call, or one call per node in list order.
+  void fill(const dense2D<double>& x, const dense2D<unsigned>& t, const dense2D<unsigned>& nb,
+            const dense1D<unsigned, 8>& ne, const dense1D<unsigned, 8>& nodes, bool one_by_one) {
+    if (one_by_one) {
+      for (unsigned n : nodes) fill(x, t, nb, ne, {n}, false);
+      return;
+    }
+    EXPECT_EQ(t3::interpolate(x, t, nb, ne, field, nodes), 0);
+    EXPECT_EQ(t3::interpolate(x, t, nb, ne, scalar, nodes), 0);
+    EXPECT_EQ(t3::interpolate_metrics(x, t, nb, ne, tensors, nodes, true), 0);
+    EXPECT_EQ(t3::interpolate_metrics(x, t, nb, ne, sizes, nodes, true), 0);
   }
   bool operator==(const interpolated& o) const {
     return same(field, o.field) && same(tensors, o.tensors) && same(scalar, o.scalar) && same(sizes, o.sizes);
   }
 };
 
-// Listed free nodes inside and outside the mesh, one not finite, some listed twice, with
-// mesh nodes among them, in random order: one call gives bit for bit what one call per
-// node gives, whatever the order of the list.
+// Free nodes inside and outside the mesh, one not finite, some listed twice, mesh nodes
+// among them, in random order (which the interpolations do not keep): one call gives
+// bit for bit what one call per node gives.
 TEST(interpolation, nodes_in_any_order_give_the_values_of_one_call_per_node) {
   free_nodes f(5, 300, 60);
   f.coords(1, f.mesh_nodes + 7) = NAN;
@@ -796,48 +719,44 @@ TEST(interpolation, nodes_in_any_order_give_the_values_of_one_call_per_node) {
   for (unsigned n = 0; n < f.coords.cols(); n += n < f.mesh_nodes ? 11 : 1) list.push_back(n);
   for (unsigned twice : {3u, 7u, 310u}) list.push_back(f.mesh_nodes + twice);
   std::shuffle(list.begin(), list.end(), std::mt19937(3));
-  dense1D<unsigned, 8> shuffled(list.size());
-  std::copy(list.begin(), list.end(), shuffled.begin());
-  elfes::order_records order;  // the list is not kept as given
-  ASSERT_EQ(elfes::free_nodes_in_order(f.coords, f.box.mesh.connect, f.node_element, shuffled, order), 0);
+  dense1D<unsigned, 8> nodes(list.size());
+  std::copy(list.begin(), list.end(), nodes.begin());
+  elfes::order_records order;
+  ASSERT_EQ(elfes::free_nodes_in_order(f.coords, f.box.mesh.connect, f.node_element, nodes, order), 0);
   ASSERT_NE(elfes::record_id(order[0]), list[0] < f.mesh_nodes ? list[1] : list[0]);
-
-  interpolated together(f.coords, f.mesh_nodes), alone(f.coords, f.mesh_nodes);
-  together.fill(f.coords, f.box.mesh.connect, f.box.neighbors, f.node_element, shuffled);
-  alone.fill_one_by_one(f.coords, f.box.mesh.connect, f.box.neighbors, f.node_element, shuffled);
+  interpolated together(f.coords, f.mesh_nodes), alone(f.coords, f.mesh_nodes), before(f.coords, f.mesh_nodes);
+  together.fill(f.coords, f.box.mesh.connect, f.box.neighbors, f.node_element, nodes, false);
+  alone.fill(f.coords, f.box.mesh.connect, f.box.neighbors, f.node_element, nodes, true);
   EXPECT_TRUE(together == alone);
-  interpolated before(f.coords, f.mesh_nodes);
-  EXPECT_FALSE(together == before);  // something was written
+  EXPECT_FALSE(together == before);
 }
 
 // Inconsistent input: node 6 has no element in node_element but is a node of element 1.
 // It is interpolated from element 0, whose node 2 lies at the same place and is found
-// first, and node 8, inside element 1, reads it: the list order decides what node 8
-// gets, and is followed.
+// first, and the next node, inside element 1, reads it: the list order decides what that
+// node gets, and is followed although the list is far from coherent.
 TEST(interpolation, a_written_node_that_the_mesh_reads_keeps_the_list_order) {
-  dense2D<double> coords(3, 8, {0, 1, 0, 1, 0, 0, 0, 0, 0, 0, 0, 1, -1, 0, 0, 0, -1, 0, 0, 0, 0, 0, 0, -1});
-  const dense2D<unsigned> connect(4, 2, {0, 1, 2, 3, 4, 5, 6, 7});
-  const dense2D<unsigned> neighbors(4, 2, ~0U);
-  const unsigned reader = append_nodes(coords, {point3(-0.1, -0.7, -0.1)});  // seeded from node 5
+  dense2D<double> x(3, 8, {0, 1, 0, 1, 0, 0, 0, 0, 0, 0, 0, 1, -1, 0, 0, 0, -1, 0, 0, 0, 0, 0, 0, -1});
+  const dense2D<unsigned> t(4, 2, {0, 1, 2, 3, 4, 5, 6, 7}), nb(4, 2, ~0U);
+  const unsigned reader = append_nodes(x, {point3(-0.1, -0.7, -0.1)});  // seeded from node 5
   random_stream random(6);
-  for (int k = 0; k < 40; ++k)  // far apart in list order: the list alone would be reordered
-    append_nodes(coords, {point3(random.uniform(0, 0.1) + (k % 2 ? -1 : 1) * 0.3, 0.05, k % 2 ? -0.05 : 0.05)});
-  dense1D<unsigned, 8> node_element(coords.cols(), ~0U);
-  for (unsigned n = 0; n < 8; ++n) node_element[n] = n == 6 ? ~0U : n / 4;
+  for (int k = 0; k < 40; ++k)
+    append_nodes(x, {point3(random.uniform(0, 0.1) + (k % 2 ? -0.3 : 0.3), 0.05, k % 2 ? -0.05 : 0.05)});
+  dense1D<unsigned, 8> ne(x.cols(), ~0U);
+  for (unsigned n = 0; n < 8; ++n) ne[n] = n == 6 ? ~0U : n / 4;
   double read[2];
   for (int first = 0; first < 2; ++first) {
     dense1D<unsigned, 8> nodes = {first ? reader : 6u, first ? 6u : reader};
-    for (unsigned n = reader + 1; n < coords.cols(); ++n) nodes.push_back(n);
-    interpolated together(coords, 8), alone(coords, 8);
-    for (interpolated* v : {&together, &alone}) {  // node 6 differs from node 2 at the same place
-      v->field(0, 6) = v->scalar[6] = 50, v->sizes[6] = 5;
-      v->tensors(0, 6) = 9;
-    }
-    together.fill(coords, connect, neighbors, node_element, nodes);
-    alone.fill_one_by_one(coords, connect, neighbors, node_element, nodes);
+    for (unsigned n = reader + 1; n < x.cols(); ++n) nodes.push_back(n);
+    interpolated together(x, 8), alone(x, 8);
+    for (interpolated* v : {&together, &alone})  // node 6 differs from node 2 at the same place
+      v->field(0, 6) = v->scalar[6] = 50, v->sizes[6] = 5, v->tensors(0, 6) = 9;
+    together.fill(x, t, nb, ne, nodes, false);
+    alone.fill(x, t, nb, ne, nodes, true);
     EXPECT_TRUE(together == alone) << first;
     read[first] = together.scalar[reader];
   }
-  EXPECT_NE(read[0], read[1]);  // the order matters here
+  EXPECT_NE(read[0], read[1]);
 }
+
 }  // namespace
