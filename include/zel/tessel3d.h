@@ -602,8 +602,7 @@ TESSEL3D_EXPORT int get_elements_containing_points(const dense2D<double>& coords
 /// them); nodes crowded into one 2^-32 step of the mesh's extent (coincident nodes, or
 /// a far outlier squeezing the rest) are searched one by one. Each node is located and
 /// written on its own, so the nodes are treated in an order of their positions (along a
-/// space-filling curve, unless the list's own order is already coherent), which gives the
-/// same values as the list order, faster; only when a listed node with node_element ~0U
+/// space-filling curve), which gives the same values as the list order, faster; only when a listed node with node_element ~0U
 /// is also a node of connectivity (inconsistent input, whose written value later nodes
 /// may read) is the list order followed.
 /// @param[in]     coords        3 x #nodes: mesh nodes and the nodes to fill

@@ -8,8 +8,6 @@
 // the cube around the finite points; a point with a coordinate that is not finite gets a
 // key above every other and comes last. Records (key << 32 | id) are sorted by key with
 // a stable radix sort, so points of one grid cell keep the order in which they were given.
-// An order that is already coherent (its path from cell to cell not much longer than the
-// curve's) is kept as given.
 #pragma once
 
 #include <cmath>
@@ -64,41 +62,10 @@ inline bool sort_records_by_key(order_records& records) {
   return true;
 }
 
-/// Steps between two grid cells, as the walk between consecutive points sees them
-/// (the largest of the three coordinate differences).
-inline std::uint64_t cell_steps(const std::uint32_t* a, const std::uint32_t* b) {
-  std::uint32_t most = 0;
-  for (unsigned d = 0; d < 3; ++d) {
-    const std::uint32_t step = a[d] > b[d] ? a[d] - b[d] : b[d] - a[d];
-    if (step > most) most = step;
-  }
-  return most;
-}
-
-/// The grid cell of a Morton key.
-inline void morton_cell(std::uint32_t key, std::uint32_t* cell) {
-  for (unsigned d = 0; d < 3; ++d) {
-    std::uint32_t v = (key >> d) & 0x09249249u;
-    v = (v | (v >> 2)) & 0x030C30C3u;
-    v = (v | (v >> 4)) & 0x0300F00Fu;
-    v = (v | (v >> 8)) & 0x030000FFu;
-    v = (v | (v >> 16)) & 0x3FFu;
-    cell[d] = v;
-  }
-}
-
-/// How much longer than the curve's path the given order's path may be and still be
-/// kept (see spatial_order).
-constexpr std::uint64_t kept_order_ratio = 2;
-
 /// Orders the points xyz + id * ld (3 doubles each) of the candidates k = 0 ... count-1,
 /// where id_of(k) gives candidate k's ID, or ~0U to leave it out. `records` receives one
-/// record per chosen candidate, in the order to process them; a candidate listed twice
-/// gets two records. That order is the curve's (see the file comment), unless the given
-/// order is already coherent: when its path from cell to cell is at most twice as long
-/// as the curve's, it is kept (with its records' keys 0), since a caller's own order
-/// often follows the numbering of the mesh, whose memory that order then reads in
-/// sequence.
+/// record per chosen candidate, in the order to process them (see the file comment); a
+/// candidate listed twice gets two records.
 /// @return 0 | -199 memory (records then empty)
 template <class IdOf>
 int spatial_order(const double* xyz, std::size_t ld, std::size_t count, const IdOf& id_of, order_records& records) {
@@ -124,9 +91,6 @@ int spatial_order(const double* xyz, std::size_t ld, std::size_t count, const Id
     if (hi[d] - lo[d] > extent) extent = hi[d] - lo[d];
   const double scale = extent > 0 && std::isfinite(extent) ? 1024.0 / extent : 0.0;
   std::uint64_t* record = records.data();
-  std::uint64_t given_path = 0;
-  std::uint32_t previous[3];
-  bool first = true;
   for (std::size_t k = 0; k < count; ++k) {
     const unsigned id = id_of(k);
     if (id == ~0U) continue;
@@ -139,28 +103,12 @@ int spatial_order(const double* xyz, std::size_t ld, std::size_t count, const Id
         cell[d] = v >= 1023.0 ? 1023u : v > 0 ? static_cast<std::uint32_t>(v) : 0u;
       }
       key = morton_key30(cell[0], cell[1], cell[2]);
-      if (!first) given_path += cell_steps(cell, previous);
-      std::memcpy(previous, cell, sizeof previous);
-      first = false;
     }
     *record++ = std::uint64_t(key) << 32 | id;
   }
   if (!sort_records_by_key(records)) {
     records.clear();
     return -199;
-  }
-
-  std::uint64_t curve_path = 0;
-  for (std::size_t k = 1; k < chosen && (records[k] >> 32) != non_finite_key; ++k) {
-    std::uint32_t a[3], b[3];
-    morton_cell(static_cast<std::uint32_t>(records[k - 1] >> 32), a);
-    morton_cell(static_cast<std::uint32_t>(records[k] >> 32), b);
-    curve_path += cell_steps(a, b);
-  }
-  if (given_path <= kept_order_ratio * curve_path) {
-    record = records.data();
-    for (std::size_t k = 0; k < count; ++k)
-      if (id_of(k) != ~0U) *record++ = id_of(k);
   }
   return 0;
 }
