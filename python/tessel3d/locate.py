@@ -77,7 +77,7 @@ class Locator:
         would search it."""
         f = "get_elements_containing_points"
         p = A.real_matrix(points, f, "points", 7)
-        if p.size == 0:
+        if p.shape[0] == 0:  # no point (an empty list gives shape (0, 0))
             p = p.reshape(0, 3)
         status, elements = A.native("locate", f).locate_points(
             self.coords, self.connect, self.neighbors, self.node_element, self.detector.native, int(self.type), p,
