@@ -1,22 +1,27 @@
 // Point location and interpolation: the element test, the walk, the elements around a
-// node, the octree of nodes, the 3 x 3 solver, get_element_containing_point,
-// interpolate and interpolate_metrics (with the two-metric mix), against brute force
-// (barycentric coordinates, exhaustive nearest node) and closed forms (linear fields,
-// sizes linear along common axes). Allocation failures and views with padding are
+// node, the octree of nodes, the 3 x 3 solver, the order of many points,
+// get_element_containing_point and its form for many points, interpolate and
+// interpolate_metrics (with the two-metric mix), against brute force (barycentric
+// coordinates, exhaustive nearest node), closed forms (linear fields, sizes linear along
+// common axes) and one call per point or node. Allocation failures and views with padding are
 // checked for every form through the family table (test_allocation_failures,
 // test_concurrency).
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
+#include <random>
 #include <set>
 #include <vector>
 
 #include "box_mesh.h"
+#include "failing_allocator.h"
 #include "family_table.h"
 #include "locate/elements_around_node.h"
 #include "locate/metric_mix.h"
 #include "locate/node_octree.h"
+#include "locate/node_placement.h"
+#include "locate/point_order.h"
 #include "locate/solve3.h"
 #include "locate/visibility_walk.h"
 #include "zel/tessel3d.h"
@@ -268,6 +273,151 @@ TEST(get_element_containing_point, points_on_nodes_in_the_tolerance_band_and_beh
   EXPECT_EQ(locate(box, centre, 1e-9, element), -1);
 }
 
+// ---- the order of many points ----------------------------------------------------------------
+
+// Random points, some not finite, every fifth left out: each chosen ID once, the finite
+// points octant by octant (at two levels, from their coordinates), the others last in
+// their given order.
+TEST(spatial_order, octants_in_turn_non_finite_points_last) {
+  const unsigned n = 2000, odd[3] = {17, 400, 1203};
+  dense2D<double> xyz(3, n);
+  random_stream random(8);
+  for (unsigned j = 0; j < n; ++j)
+    for (int d = 0; d < 3; ++d) xyz(d, j) = j < 2 ? j : random.uniform();  // the box spans [0, 1]^3
+  xyz(1, odd[0]) = NAN, xyz(2, odd[1]) = INFINITY, xyz(0, odd[2]) = -INFINITY;
+  auto chosen = [](std::size_t k) { return k % 5 == 4 ? ~0U : unsigned(k); };
+  elfes::order_records records;
+  ASSERT_EQ(elfes::spatial_order(xyz.data(), xyz.ld(), n, chosen, records), 0);
+  std::vector<unsigned> ids, expected;
+  for (std::size_t k = 0; k < records.size(); ++k) ids.push_back(elfes::record_id(records[k]));
+  for (unsigned k = 0; k < n; ++k)
+    if (chosen(k) != ~0U) expected.push_back(k);
+  ASSERT_EQ(std::multiset<unsigned>(ids.begin(), ids.end()), std::multiset<unsigned>(expected.begin(), expected.end()));
+  EXPECT_EQ(std::vector<unsigned>(ids.end() - 3, ids.end()), std::vector<unsigned>(odd, odd + 3));
+  unsigned previous = 0;
+  for (std::size_t k = 0; k + 3 < ids.size(); ++k) {
+    unsigned octants = 0;  // the octant, then the octant inside it, as one number
+    for (int level = 1; level <= 2; ++level)
+      for (int d = 0; d < 3; ++d)  // the far corner lies in the last cells
+        octants |= unsigned(int(std::min(xyz(d, ids[k]), 0.999999) * (1 << level)) & 1) << (3 * (2 - level) + d);
+    EXPECT_GE(octants, previous) << "record " << k;
+    previous = octants;
+  }
+  for (long fail = 1; fail <= 2; ++fail) {  // the records, the sort's second buffer
+    failing_allocator guard(fail);
+    EXPECT_EQ(elfes::spatial_order(xyz.data(), xyz.ld(), n, chosen, records), -199);
+    EXPECT_EQ(records.size(), 0u);
+  }
+}
+
+// ---- get_elements_containing_points --------------------------------------------------------
+
+// Shuffled points: random inside, on nodes, on centroids of faces between two elements and
+// of element 200; with `outside`, just and far outside the box, not finite. As columns
+// of a view with padding rows.
+dense2D<double> search_points(const th4_box& box, bool outside, std::uint64_t seed) {
+  const auto& x = box.mesh.coords;
+  const auto& t = box.mesh.connect;
+  std::vector<point3> points;
+  random_stream random(seed);
+  for (int k = 0; k < 150; ++k) points.emplace_back(random.uniform(), random.uniform(), random.uniform());
+  for (unsigned n = 0; n < x.cols(); n += 5) points.emplace_back(x(0, n), x(1, n), x(2, n));
+  for (unsigned e = 0; e < t.cols(); e += 7) {
+    const unsigned f = e % 4, nodes = e == 200 ? 4 : 3;
+    point3 centroid(0, 0, 0);
+    for (unsigned k = 0; k < nodes; ++k)
+      for (int d = 0; d < 3; ++d) centroid[d] += x(d, t(nodes == 4 ? k : elfes::th4_faces[f][k], e)) / nodes;
+    if (nodes == 4 || box.neighbors(f, e) != ~0U) points.push_back(centroid);
+  }
+  for (int k = 0; k < 40 && outside; ++k)
+    points.emplace_back(1 + random.uniform(0, k < 20 ? 1e-3 : 2), random.uniform(), random.uniform());
+  if (outside) points.emplace_back(NAN, 0.5, 0.5), points.emplace_back(0.5, INFINITY, 0.5);
+  std::shuffle(points.begin(), points.end(), std::mt19937(unsigned(seed)));
+  dense2D<double> plain(3, points.size());
+  for (std::size_t j = 0; j < points.size(); ++j)
+    for (int d = 0; d < 3; ++d) plain(d, j) = points[j][d];
+  return padded_view(plain, 2, -7.0);
+}
+
+// The single search point by point, and the status that sums it up: -6 when one met an
+// invalid element (-1), else 0 when one was not located, else 1.
+int one_by_one(const th4_box& box, const dense2D<double>& points, double tolerance, std::vector<unsigned>& elements) {
+  const zel::tessel::node_detector detector(box.mesh.coords);
+  bool missed = false, invalid = false;
+  for (std::size_t j = 0; j < points.cols(); ++j) {
+    unsigned element = 7;
+    const int status = t3::get_element_containing_point(
+        box.mesh.coords, box.mesh.connect, box.neighbors, box.node_element, detector, zel::TH4,
+        point3(points(0, j), points(1, j), points(2, j)), element, tolerance);
+    elements.push_back(element);
+    invalid |= status == -1;
+    missed |= status != 1 && status != -1;
+  }
+  return invalid ? -6 : missed ? 0 : 1;
+}
+
+TEST(get_elements_containing_points, each_element_is_that_of_the_single_search) {
+  struct row {
+    double tolerance;
+    bool outside, inverted;
+    int status;
+  };
+  for (const row& r : {row{0, false, false, 1}, row{0, true, false, 0}, row{1e-3, true, false, 0},
+                       row{1e-9, true, true, -6}}) {
+    th4_box box(5);
+    if (r.inverted) {  // element 200, whose centre is searched
+      std::swap(box.mesh.connect(0, 200), box.mesh.connect(2, 200));
+      box.neighbors = neighbors_of(box.mesh.connect);
+    }
+    const dense2D<double> points = search_points(box, r.outside, 21);
+    std::vector<unsigned> expected;
+    ASSERT_EQ(one_by_one(box, points, r.tolerance, expected), r.status);
+    dense1D<unsigned, 8> elements = {7, 7};
+    EXPECT_EQ(t3::get_elements_containing_points(box.mesh.coords, box.mesh.connect, box.neighbors, box.node_element,
+                                                 zel::tessel::node_detector(box.mesh.coords), zel::TH4, points,
+                                                 elements, r.tolerance),
+              r.status);
+    EXPECT_EQ(std::vector<unsigned>(elements.begin(), elements.end()), expected) << r.status;
+  }
+}
+
+// Each check in turn, with every later argument bad too: `elements` untouched; all ~0U
+// for a mesh that is not searched. (Allocation failures: the family table.)
+TEST(get_elements_containing_points, status_codes_in_order_and_what_elements_holds) {
+  const th4_box box(2);
+  const auto& c = box.mesh.coords;
+  const auto& t = box.mesh.connect;
+  const auto& nb = box.neighbors;
+  const auto& ne = box.node_element;
+  dense2D<unsigned> bad_id;
+  ASSERT_TRUE(bad_id.copy(t));
+  bad_id(1, 3) = unsigned(c.cols());
+  const dense2D<double> c2 = c.sub_matrix(0, 0, 2, c.cols()), p2(2, 4, 0.5), p3(3, 4, 0.5);
+  const dense2D<unsigned> nb3 = nb.sub_matrix(0, 0, 3, t.cols()), none(4, 0);
+  const dense1D<unsigned, 8> ne_short(c.cols() - 1, 0u);
+  auto call = [&](const dense2D<double>& c, const dense2D<unsigned>& t, const dense2D<unsigned>& nb,
+                  const dense1D<unsigned, 8>& ne, const dense2D<double>& p, zel::element_type type, int status,
+                  std::vector<unsigned> expected) {
+    dense1D<unsigned, 8> elements = {7, 7};
+    EXPECT_EQ(t3::get_elements_containing_points(c, t, nb, ne, zel::tessel::node_detector(c), type, p, elements, 0),
+              status);
+    EXPECT_EQ(std::vector<unsigned>(elements.begin(), elements.end()), expected) << status;
+  };
+  const std::vector<unsigned> kept = {7, 7}, absent(4, ~0U);
+  call(c2, bad_id, nb3, ne_short, p2, zel::TH4, -1, kept);
+  call(c, bad_id, nb3, ne_short, p2, zel::TH4, -2, kept);
+  call(c, t, nb3, ne_short, p2, zel::TH4, -3, kept);
+  call(c, t, nb, ne_short, p2, zel::TH4, -4, kept);
+  call(c, t, nb, ne, p2, zel::TH4, -5, kept);
+  call(c, t, nb, ne, dense2D<double>(), zel::TH4, -5, kept);
+  call(c, t, nb, ne, p3, zel::TH10, 0, absent);  // 4 faces, but not searched
+  std::vector<unsigned> centre;                  // (0.5, 0.5, 0.5) is the middle node
+  ASSERT_EQ(one_by_one(box, p3, 0, centre), 1);
+  call(c, t, nb, ne, p3, zel::TH4, 1, centre);
+  call(c, t, nb, ne, dense2D<double>(3, 0), zel::TH4, 1, {});
+  call(c, none, none, ne, p3, zel::TH4, 0, absent);
+}
+
 // ---- interpolate -------------------------------------------------------------------------
 
 // A mesh over [0, 1]^3 followed by free nodes (node_element ~0U): `inside` random ones,
@@ -517,6 +667,91 @@ TEST(interpolate_metrics, anisotropic_listed_nodes_and_failed_combinations) {
     if (listed.count(n) && distance2(&f.coords(0, n), &f.coords(0, 0)) > 1) expect_metric_near(got, metric_a, 1e-12);
     if (!listed.count(n) || n == by_corner) expect_metric_near(got, elfes::metric6(), 0);  // as it was: 0
   }
+}
+
+
+// ---- the order in which the interpolations treat their nodes -------------------------------
+
+// The four kinds of values: fields given at the first `given` nodes (-7 elsewhere),
+// metrics and sizes there and at every third other node.
+struct interpolated {
+  dense2D<double> field, tensors;
+  dense1D<double, 8> scalar, sizes;
+  interpolated(const dense2D<double>& x, unsigned given)
+      : field(2, x.cols(), -7.0), tensors(6, x.cols(), 0.0), scalar(x.cols(), -7.0), sizes(x.cols(), 0.0) {
+    for (unsigned n = 0; n < x.cols(); ++n) {
+      if (n >= given && n % 3) continue;
+      const double tensor[6] = {4 + x(0, n), 0.5 * x(1, n), 3 + x(2, n), 0.1, 0.2 * x(0, n), 2 + x(1, n)};
+      for (int k = 0; k < 6; ++k) tensors(k, n) = tensor[k];
+      sizes[n] = 1 + x(0, n) * x(1, n) + x(2, n);
+      if (n < given) field(0, n) = x(0, n) - 2 * x(1, n), field(1, n) = x(2, n), scalar[n] = 1 + x(0, n) + x(2, n);
+    }
+  }
+  // In one call, or one call per node in list order.
+  void fill(const dense2D<double>& x, const dense2D<unsigned>& t, const dense2D<unsigned>& nb,
+            const dense1D<unsigned, 8>& ne, const dense1D<unsigned, 8>& nodes, bool one_by_one) {
+    if (one_by_one) {
+      for (unsigned n : nodes) fill(x, t, nb, ne, {n}, false);
+      return;
+    }
+    EXPECT_EQ(t3::interpolate(x, t, nb, ne, field, nodes), 0);
+    EXPECT_EQ(t3::interpolate(x, t, nb, ne, scalar, nodes), 0);
+    EXPECT_EQ(t3::interpolate_metrics(x, t, nb, ne, tensors, nodes, true), 0);
+    EXPECT_EQ(t3::interpolate_metrics(x, t, nb, ne, sizes, nodes, true), 0);
+  }
+  bool operator==(const interpolated& o) const {
+    return same(field, o.field) && same(tensors, o.tensors) && same(scalar, o.scalar) && same(sizes, o.sizes);
+  }
+};
+
+// Free nodes inside and outside the mesh, one not finite, some listed twice, mesh nodes
+// among them, in random order (which the interpolations do not keep): one call gives
+// bit for bit what one call per node gives.
+TEST(interpolation, nodes_in_any_order_give_the_values_of_one_call_per_node) {
+  free_nodes f(5, 300, 60);
+  f.coords(1, f.mesh_nodes + 7) = NAN;
+  std::vector<unsigned> list;
+  for (unsigned n = 0; n < f.coords.cols(); n += n < f.mesh_nodes ? 11 : 1) list.push_back(n);
+  for (unsigned twice : {3u, 7u, 310u}) list.push_back(f.mesh_nodes + twice);
+  std::shuffle(list.begin(), list.end(), std::mt19937(3));
+  dense1D<unsigned, 8> nodes(list.size());
+  std::copy(list.begin(), list.end(), nodes.begin());
+  elfes::order_records order;
+  ASSERT_EQ(elfes::free_nodes_in_order(f.coords, f.box.mesh.connect, f.node_element, nodes, order), 0);
+  ASSERT_NE(elfes::record_id(order[0]), list[0] < f.mesh_nodes ? list[1] : list[0]);
+  interpolated together(f.coords, f.mesh_nodes), alone(f.coords, f.mesh_nodes), before(f.coords, f.mesh_nodes);
+  together.fill(f.coords, f.box.mesh.connect, f.box.neighbors, f.node_element, nodes, false);
+  alone.fill(f.coords, f.box.mesh.connect, f.box.neighbors, f.node_element, nodes, true);
+  EXPECT_TRUE(together == alone);
+  EXPECT_FALSE(together == before);
+}
+
+// Inconsistent input: node 6 has no element in node_element but is a node of element 1.
+// It is interpolated from element 0, whose node 2 lies at the same place and is found
+// first, and the next node, inside element 1, reads it: the list order decides what that
+// node gets, and is followed although the list is far from coherent.
+TEST(interpolation, a_written_node_that_the_mesh_reads_keeps_the_list_order) {
+  dense2D<double> x(3, 8, {0, 1, 0, 1, 0, 0, 0, 0, 0, 0, 0, 1, -1, 0, 0, 0, -1, 0, 0, 0, 0, 0, 0, -1});
+  const dense2D<unsigned> t(4, 2, {0, 1, 2, 3, 4, 5, 6, 7}), nb(4, 2, ~0U);
+  const unsigned reader = append_nodes(x, {point3(-0.1, -0.7, -0.1)});  // seeded from node 5
+  random_stream random(6);
+  for (int k = 0; k < 40; ++k)
+    append_nodes(x, {point3(random.uniform(0, 0.1) + (k % 2 ? -0.3 : 0.3), 0.05, k % 2 ? -0.05 : 0.05)});
+  dense1D<unsigned, 8> ne(x.cols(), ~0U);
+  for (unsigned n = 0; n < 8; ++n) ne[n] = n == 6 ? ~0U : n / 4;
+  double read[2];
+  for (int first = 0; first < 2; ++first) {
+    dense1D<unsigned, 8> nodes = {first ? reader : 6u, first ? 6u : reader};
+    for (unsigned n = reader + 1; n < x.cols(); ++n) nodes.push_back(n);
+    interpolated together(x, 8), alone(x, 8);
+    for (interpolated* v : {&together, &alone})  // node 6 differs from node 2 at the same place
+      v->field(0, 6) = v->scalar[6] = 50, v->sizes[6] = 5, v->tensors(0, 6) = 9;
+    together.fill(x, t, nb, ne, nodes, false);
+    alone.fill(x, t, nb, ne, nodes, true);
+    EXPECT_TRUE(together == alone) << first;
+    read[first] = together.scalar[reader];
+  }
+  EXPECT_NE(read[0], read[1]);
 }
 
 }  // namespace

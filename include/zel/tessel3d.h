@@ -551,13 +551,45 @@ TESSEL3D_EXPORT int extrude_line(dense2D<double>& coords, const dense2D<unsigned
 ///         node_element size not #nodes | -1 a walk met an inverted, flat or non-finite
 ///         element (0 instead when that happened exactly at the walk's step limit)
 ///         | -199 memory for the list of elements around the closest node.
-/// The checks scan the whole mesh on every call. Nothing else is written.
+/// The checks scan the whole mesh on every call (to search many points, use
+/// get_elements_containing_points, which checks it once). Nothing else is written.
 TESSEL3D_EXPORT int get_element_containing_point(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
                                                  const dense2D<unsigned>& neighbors,
                                                  const dense1D<unsigned, 8>& node_element,
                                                  const tessel::node_detector& detector, element_type type,
                                                  const vector_fixed<double, 3>& point, unsigned& element,
                                                  double tolerance);
+
+/// Finds the TH4 that holds each of many points, checking the mesh once for all of them.
+/// Each point is searched exactly as get_element_containing_point searches it alone (same
+/// seed, walk, second chance and tolerance, no seed carried from one point to the next),
+/// so elements[i] is, bit for bit, the element that call gives for column i of points
+/// (~0U where it gives none). The points are visited along a space-filling curve over
+/// their positions (points with a coordinate that is not finite last), which keeps
+/// consecutive searches in the same part of the mesh; the results do not depend on it.
+/// @param[in]  coords, connectivity, neighbors, node_element, detector, type, tolerance
+///                           as for get_element_containing_point
+/// @param[in]  points        3 x #points, one point per column (any leading dimension)
+/// @param[out] elements      resized to #points once the checks pass: the containing
+///                           element of each point, or ~0U; left as it was on a negative
+///                           status other than -6
+/// @return 1 every point located (also for 0 points) | 0 at least one point not
+///         located (outside the mesh, no seed node), or a mesh that is not a 4-row TH4
+///         (every entry ~0U) | -1 coords not 3 rows | -2 connectivity rejected by
+///         check_IDs(type, #nodes) | -3 neighbors not the shape of connectivity, its rows
+///         not those of `type`, or an entry neither an element nor ~0U | -4 node_element
+///         size not #nodes | -5 points not 3 rows, or 2^32 columns or more | -6 the
+///         search of at least one point met an inverted, flat or non-finite element
+///         (where get_element_containing_point returns -1): those points get ~0U, every
+///         other point its result | -199 memory (the order of the points, a list of
+///         elements around a node, or `elements`): nothing written.
+TESSEL3D_EXPORT int get_elements_containing_points(const dense2D<double>& coords,
+                                                   const dense2D<unsigned>& connectivity,
+                                                   const dense2D<unsigned>& neighbors,
+                                                   const dense1D<unsigned, 8>& node_element,
+                                                   const tessel::node_detector& detector, element_type type,
+                                                   const dense2D<double>& points, dense1D<unsigned, 8>& elements,
+                                                   double tolerance);
 
 /// Linear interpolation of a nodal field at the listed nodes that lie in no element
 /// (node_element ~0U), e.g. the nodes of a second mesh appended to coords. Each is
@@ -568,7 +600,11 @@ TESSEL3D_EXPORT int get_element_containing_point(const dense2D<double>& coords, 
 /// mesh node's values. Mesh nodes and unlisted nodes are only read. Mesh nodes with a
 /// coordinate that is not finite take no part in the node search (none is copied from
 /// them); nodes crowded into one 2^-32 step of the mesh's extent (coincident nodes, or
-/// a far outlier squeezing the rest) are searched one by one.
+/// a far outlier squeezing the rest) are searched one by one. Each node is located and
+/// written on its own, so the nodes are treated in an order of their positions (along a
+/// space-filling curve), which gives the same values as the list order, faster; only when a listed node with node_element ~0U
+/// is also a node of connectivity (inconsistent input, whose written value later nodes
+/// may read) is the list order followed.
 /// @param[in]     coords        3 x #nodes: mesh nodes and the nodes to fill
 /// @param[in]     connectivity  4 x #elements TH4
 /// @param[in]     neighbors     4 x #elements face adjacency
@@ -580,8 +616,9 @@ TESSEL3D_EXPORT int get_element_containing_point(const dense2D<double>& coords, 
 ///         connectivity not 4 rows, or a node ID not below #nodes | -3 neighbors not 4
 ///         rows, not #elements columns, or an entry neither an element nor ~0U
 ///         | -4 node_element size not #nodes | -5 field not one column (entry) per node
-///         | -6 an entry of nodes is not a node ID | -199 memory for the octree (nothing
-///         written) or for a second chance (the nodes before it hold their values)
+///         | -6 an entry of nodes is not a node ID | -199 memory for the octree or the
+///         order of the nodes (nothing written), or for a second chance (the nodes treated
+///         before it, in the order above, hold their values, the others are as they were)
 TESSEL3D_EXPORT int interpolate(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
                                 const dense2D<unsigned>& neighbors, const dense1D<unsigned, 8>& node_element,
                                 dense2D<double>& field, const dense1D<unsigned, 8>& nodes);
@@ -608,8 +645,8 @@ TESSEL3D_EXPORT int interpolate(const dense2D<double>& coords, const dense2D<uns
 ///         rows, or a node ID not below #nodes | -3 neighbors not 4 rows or not #elements
 ///         columns, or an entry neither an element nor ~0U | -4 node_element size not
 ///         #nodes | -5 metrics not 6 x #nodes (or not #nodes long) | -6 an entry
-///         of nodes is not a node ID | -199 memory (the octree, the list of every node
-///         or a second chance)
+///         of nodes is not a node ID | -199 memory (the octree, the list of every node or
+///         the order of the nodes: nothing written; a second chance: as for interpolate())
 TESSEL3D_EXPORT int interpolate_metrics(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
                                         const dense2D<unsigned>& neighbors, const dense1D<unsigned, 8>& node_element,
                                         dense2D<double>& metrics, const dense1D<unsigned, 8>& nodes,

@@ -47,26 +47,23 @@ PYBIND11_MODULE(_locate, m) {
     return py::make_tuple(status, element);
   });
 
-  // Many points, one call each: (elements, statuses) as two arrays.
+  // Many points in one call, the mesh checked once: (status, elements), elements an
+  // array with one entry per point (ABSENT where none was found).
   m.def("locate_points", [](MESH_ARGS, const t3py::detector_holder& detector, int type, py::array points,
                             double tolerance) {
     MAKE_MESH;
     const zel::dense2D<double> p = matrix_view<double>(points, "points");
-    if (!p.empty() && p.rows() != 3) throw std::invalid_argument("points: an (n, 3) array is expected");
-    py::array_t<unsigned> elements(p.cols());
-    py::array_t<int> statuses(p.cols());
-    unsigned* found = elements.mutable_data();
-    int* status = statuses.mutable_data();
+    py::array_t<unsigned> elements(static_cast<py::ssize_t>(p.cols()));
+    zel::dense1D<unsigned, 8> found = vector_view<unsigned>(elements, "elements", true);
+    int status;
     {
       py::gil_scoped_release release;
-      for (std::size_t j = 0; j < p.cols(); ++j) {
-        const zel::vector_fixed<double, 3> x(p(0, j), p(1, j), p(2, j));
-        status[j] = t3::get_element_containing_point(mesh.coords, mesh.connect, mesh.neighbors, mesh.node_element,
-                                                     detector.detector, t3py::element_type_of(type), x, found[j],
-                                                     tolerance);
-      }
+      status = t3::get_elements_containing_points(mesh.coords, mesh.connect, mesh.neighbors, mesh.node_element,
+                                                  detector.detector, t3py::element_type_of(type), p, found,
+                                                  tolerance);
     }
-    return py::make_tuple(elements, statuses);
+    if (status < 0 && status != -6) return py::make_tuple(status, py::none());
+    return py::make_tuple(status, elements);
   });
 
   m.def("interpolate", [](MESH_ARGS, py::array field, py::array nodes) {

@@ -33,10 +33,13 @@ def _mesh(function, coords, connect, neighbors, node_element, type=ElementType.T
 
 
 def _walk_error(function, status, args):
+    """Error for a negative status; the search of a single point reports a walk stopped
+    by an invalid element as -1 (once coords passed), that of many points as -6."""
     coords = args["coords"]
-    if status == -1 and coords.ndim == 2 and coords.shape[1] == 3:
+    single = function == "get_element_containing_point"
+    if (status == -1 and single and coords.ndim == 2 and coords.shape[1] == 3) or (status == -6 and not single):
         raise Error(f"{function}: the walk met an inverted or flat tetrahedron; every element must have a "
-                    "positive volume (flip the mesh first)", status=-1, function=function)
+                    "positive volume (flip the mesh first)", status=status, function=function)
     check(function, status, args)
 
 
@@ -67,14 +70,20 @@ class Locator:
         return element if status == 1 else None
 
     def find_all(self, points, tolerance=0.0):
-        """The element of every point of an (k, 3) array: (k,) uint32, ABSENT where none."""
-        f = "get_element_containing_point"
+        """The element of every point of an (k, 3) array: (k,) uint32, ABSENT where none.
+
+        One library call for all the points: the mesh is checked once, and the points are
+        searched in an order of their own along their positions, each exactly as find
+        would search it."""
+        f = "get_elements_containing_points"
         p = A.real_matrix(points, f, "points", 7)
-        elements, statuses = A.native("locate", f).locate_points(
+        if p.shape[0] == 0:  # no point (an empty list gives shape (0, 0))
+            p = p.reshape(0, 3)
+        status, elements = A.native("locate", f).locate_points(
             self.coords, self.connect, self.neighbors, self.node_element, self.detector.native, int(self.type), p,
             float(tolerance))
-        if statuses.size and statuses.min() < 0:
-            _walk_error(f, int(statuses.min()), self._args())
+        if status < 0:
+            _walk_error(f, status, {**self._args(), "points": p})
         return elements
 
 

@@ -43,6 +43,40 @@ def test_points_outside_are_not_located():
     assert (found == A).all()
 
 
+def test_find_all_gives_what_find_gives_for_each_point():
+    # one call for all the points, searched in an order of their own: inside, on nodes,
+    # just outside, far outside and not finite, in random order
+    coords, connect = box("TH4", (4, 4, 4), jitter=0.2)
+    rng = np.random.default_rng(8)
+    points = np.concatenate([rng.uniform(0, 1, (60, 3)), coords[::9], rng.uniform(1, 1.001, (10, 3)),
+                             rng.uniform(-2, 3, (20, 3)), [[np.nan, 0.5, 0.5], [0.5, np.inf, 0.5]]])
+    rng.shuffle(points)
+    locator = t3.Locator(coords, connect)
+    for tolerance in (0.0, 1e-3):
+        one_by_one = [locator.find(p, tolerance) for p in points]
+        found = locator.find_all(points, tolerance)
+        assert found.dtype == np.uint32 and found.shape == (len(points),)
+        assert found.tolist() == [A if e is None else e for e in one_by_one]
+    assert locator.find_all(np.zeros((0, 3))).shape == (0,)
+    assert locator.find_all([]).shape == (0,)
+
+
+def test_find_all_errors():
+    coords, connect = box("TH4", (2, 2, 2))
+    with pytest.raises(t3.Error) as caught:
+        t3.Locator(coords, connect).find_all(np.zeros((4, 2)))
+    assert caught.value.status == -5 and caught.value.argument == "points"
+    assert "(k, 3)" in str(caught.value) and "(4, 2)" in str(caught.value)
+    inverted = connect.copy()
+    t3.flip(inverted, t3.TH4)
+    with pytest.raises(t3.Error) as caught:
+        t3.Locator(coords, inverted).find_all([[0.5, 0.5, 0.5], [0.2, 0.2, 0.2]])
+    assert caught.value.status == -6 and "inverted or flat" in str(caught.value)
+    wedges = box("W6", (1, 1, 1))
+    locator = t3.Locator(*wedges, type=t3.H8, neighbors=np.full(wedges[1].shape, A, dtype=np.uint32))
+    assert (locator.find_all([[0.5, 0.5, 0.5], [0.1, 0.1, 0.1]]) == A).all()
+
+
 def test_tolerance_accepts_points_just_outside():
     coords, connect = box("TH4", (1, 1, 1))
     p = (0.5, 0.5, -1e-4)

@@ -23,10 +23,16 @@ int interpolate_field(const dense2D<double>& coords, const dense2D<unsigned>& co
   if (field.components == 0) return 0;
   elfes::node_placement placement(coords, connectivity, neighbors, node_element);
   if (placement.build() != 0) return -199;
+  elfes::order_records order;
+  if (elfes::free_nodes_in_order(coords, connectivity, node_element, nodes, order) != 0) return -199;
   const unsigned* conn = connectivity.data();
-  for (std::size_t k = 0; k < nodes.size(); ++k) {
-    const unsigned n = nodes[k];
-    if (node_element[n] != ~0U) continue;
+  for (std::size_t k = 0; k < order.size(); ++k) {
+    if (k + elfes::prefetch_distance < order.size()) {
+      const unsigned ahead = elfes::record_id(order[k + elfes::prefetch_distance]);
+      elfes::prefetch(coords.data() + ahead * coords.ld());
+      elfes::prefetch_for_write(field.at(ahead));
+    }
+    const unsigned n = elfes::record_id(order[k]);
     unsigned where;
     double lambda[4];
     const int r = placement.place(n, where, lambda);

@@ -33,6 +33,7 @@ struct tensor_metrics {
 
 struct size_metrics {
   double* values;
+  double* at(unsigned n) const { return values + n; }
   bool is_valid(unsigned n) const { return elfes::in_open_range(values[n]); }
   void copy(unsigned from, unsigned to) { values[to] = values[from]; }
   void combine(const unsigned* column, const double* lambda, unsigned to) {
@@ -48,9 +49,15 @@ int interpolate_each(const dense2D<double>& coords, const dense2D<unsigned>& con
                      const dense1D<unsigned, 8>& nodes, bool keep_valid) {
   elfes::node_placement placement(coords, connectivity, neighbors, node_element);
   if (placement.build() != 0) return -199;
-  for (std::size_t k = 0; k < nodes.size(); ++k) {
-    const unsigned n = nodes[k];
-    if (node_element[n] != ~0U) continue;
+  elfes::order_records order;
+  if (elfes::free_nodes_in_order(coords, connectivity, node_element, nodes, order) != 0) return -199;
+  for (std::size_t k = 0; k < order.size(); ++k) {
+    if (k + elfes::prefetch_distance < order.size()) {
+      const unsigned ahead = elfes::record_id(order[k + elfes::prefetch_distance]);
+      elfes::prefetch(coords.data() + ahead * coords.ld());
+      elfes::prefetch_for_write(metrics.at(ahead));
+    }
+    const unsigned n = elfes::record_id(order[k]);
     if (keep_valid && metrics.is_valid(n)) continue;
     unsigned where;
     double lambda[4];

@@ -6,6 +6,7 @@
 
 #include "locate/locate_point.h"
 #include "locate/node_octree.h"
+#include "locate/point_order.h"
 #include "locate/solve3.h"
 #include "zel/matrix.h"
 #include "zel/tessel.h"
@@ -27,6 +28,33 @@ inline int check_placement_mesh(const zel::dense2D<double>& coords, const zel::d
       !zel::tessel::check_IDs(neighbors, unsigned(connectivity.cols())))
     return -3;
   if (node_element.size() != coords.cols()) return -4;
+  return 0;
+}
+
+/// The listed nodes that lie in no element (node_element ~0U), as order records (see
+/// point_order.h), in the order the interpolations treat them. Each is placed on its own
+/// and reads only nodes of the connectivity, so taking them by position gives what the
+/// list order gives, only faster. The exception is input in which a listed node with no
+/// element is nevertheless a node of the connectivity: what the call writes there may be
+/// read by the next nodes, and the list order is kept.
+/// @return 0 | -199 memory
+inline int free_nodes_in_order(const zel::dense2D<double>& coords, const zel::dense2D<unsigned>& connectivity,
+                               const zel::dense1D<unsigned, 8>& node_element, const zel::dense1D<unsigned, 8>& nodes,
+                               order_records& records) {
+  auto free_node = [&](std::size_t k) { return node_element[nodes[k]] == ~0U ? nodes[k] : ~0U; };
+  zel::dense1D<unsigned, 8> written;  // one bit per node
+  if (!written.resize((coords.cols() + 31) / 32, 0u)) return -199;
+  for (std::size_t k = 0; k < nodes.size(); ++k)
+    if (free_node(k) != ~0U) written[nodes[k] >> 5] |= 1u << (nodes[k] & 31);
+  bool read_after_write = false;
+  const unsigned* column = connectivity.data();
+  for (std::size_t e = 0; e < connectivity.cols() && !read_after_write; ++e, column += connectivity.ld())
+    for (unsigned i = 0; i < 4; ++i) read_after_write |= (written[column[i] >> 5] >> (column[i] & 31)) & 1u;
+  if (!read_after_write) return spatial_order(coords.data(), coords.ld(), nodes.size(), free_node, records);
+
+  records.clear();
+  for (std::size_t k = 0; k < nodes.size(); ++k)
+    if (free_node(k) != ~0U && !records.push_back(free_node(k))) return -199;
   return 0;
 }
 

@@ -212,6 +212,13 @@ inline scene free_nodes(bool metrics) {
   return s;
 }
 inline scene field_input() { return free_nodes(false); }
+// The same mesh and points to search in one call (reals_in): inside, on a mesh node, on
+// the boundary, outside (searched again from the nodes around the closest one).
+inline scene points_input() {
+  scene s = free_nodes(false);
+  s.reals_in = dense2D<double>(3, 5, {0.3, 0.4, 0.5, 1.5, 0.5, 0.5, 0, 0, 0, 0.5, 0.5, 0, 0.8, 0.1, 0.6});
+  return s;
+}
 inline scene metric_input() { return free_nodes(true); }
 
 // A TH4 box with two faces inside its first cell as the surface to open: face (2, 0, 3)
@@ -333,27 +340,24 @@ inline void empty_detector(const failure& f) {
   EXPECT_EQ(f.after.detector.find_closest(vec3(0, 0, 0)), ~0U);
 }
 
-// After -199 the interpolations leave the listed nodes handled before the failure with
-// their results and the others as they were: a prefix of the list (in list order) matches
-// the call without failure, the rest of the scene matches the entry. `listed` false: the
-// forms that treat every node, in order.
+// After -199 the interpolations leave the nodes handled before the failure with their
+// results and the others as they were: each listed node matches either the call without
+// failure or the entry (the nodes are treated in an order of their positions, not in list
+// order), an unlisted node the entry. `listed` false: the forms that treat every node.
 // `scalar`: the values are in `values`, else in the columns of `reals_out`.
 template <bool listed, bool scalar>
-void written_prefix(const failure& f) {
+void treated_or_untouched(const failure& f) {
   EXPECT_EQ(f.status, -199);
   auto same_node = [](const scene& a, const scene& b, unsigned n) {
     if (scalar) return same(a.values[n], b.values[n]);
     return std::memcmp(&a.reals_out(0, n), &b.reals_out(0, n), a.reals_out.rows() * sizeof(double)) == 0;
   };
   const std::size_t nb_nodes = f.entry.coords.cols(), count = listed ? f.entry.ids.size() : nb_nodes;
-  std::vector<bool> handled(nb_nodes, false);
-  bool prefix = true;
-  for (std::size_t k = 0; k < count; ++k) {
-    const unsigned n = listed ? f.entry.ids[k] : unsigned(k);
-    handled[n] = prefix = prefix && same_node(f.after, f.reference, n);
-  }
+  std::vector<bool> is_listed(nb_nodes, false);
+  for (std::size_t k = 0; k < count; ++k) is_listed[listed ? f.entry.ids[k] : k] = true;
   for (unsigned n = 0; n < nb_nodes; ++n)
-    EXPECT_TRUE(handled[n] || same_node(f.after, f.entry, n)) << "node " << n << " after the failure";
+    EXPECT_TRUE(same_node(f.after, f.entry, n) || (is_listed[n] && same_node(f.after, f.reference, n)))
+        << "node " << n << " after the failure";
   entry_but(f, [&](scene& e) {
     e.reals_out = f.after.reals_out;
     e.values = f.after.values;
@@ -450,17 +454,20 @@ inline const std::vector<family_row>& family_table() {
                  [](const failure& f) { entry_but(f, [](scene& e) { e.element = ~0U; }); },
                  t3::get_element_containing_point(s.coords, s.connect, s.neighbors, s.node_element, s.detector,
                                                   zel::TH4, vec3(1.02, 0.5, 0.4), s.element, 1e-9)),
-    TESSEL3D_ROW("interpolate_components", field_input, (written_prefix<true, false>),
+    TESSEL3D_ROW("get_elements_containing_points", points_input, unchanged,
+                 t3::get_elements_containing_points(s.coords, s.connect, s.neighbors, s.node_element, s.detector,
+                                                    zel::TH4, s.reals_in, s.ids_out, 0.0)),
+    TESSEL3D_ROW("interpolate_components", field_input, (treated_or_untouched<true, false>),
                  t3::interpolate(s.coords, s.connect, s.neighbors, s.node_element, s.reals_out, s.ids)),
-    TESSEL3D_ROW("interpolate_scalar", field_input, (written_prefix<true, true>),
+    TESSEL3D_ROW("interpolate_scalar", field_input, (treated_or_untouched<true, true>),
                  t3::interpolate(s.coords, s.connect, s.neighbors, s.node_element, s.values, s.ids)),
-    TESSEL3D_ROW("interpolate_metrics_tensors", metric_input, (written_prefix<true, false>),
+    TESSEL3D_ROW("interpolate_metrics_tensors", metric_input, (treated_or_untouched<true, false>),
                  t3::interpolate_metrics(s.coords, s.connect, s.neighbors, s.node_element, s.reals_out, s.ids, true)),
-    TESSEL3D_ROW("interpolate_metrics_tensors_every_node", metric_input, (written_prefix<false, false>),
+    TESSEL3D_ROW("interpolate_metrics_tensors_every_node", metric_input, (treated_or_untouched<false, false>),
                  t3::interpolate_metrics(s.coords, s.connect, s.neighbors, s.node_element, s.reals_out, false)),
-    TESSEL3D_ROW("interpolate_metrics_sizes", metric_input, (written_prefix<true, true>),
+    TESSEL3D_ROW("interpolate_metrics_sizes", metric_input, (treated_or_untouched<true, true>),
                  t3::interpolate_metrics(s.coords, s.connect, s.neighbors, s.node_element, s.values, s.ids, false)),
-    TESSEL3D_ROW("interpolate_metrics_sizes_every_node", metric_input, (written_prefix<false, true>),
+    TESSEL3D_ROW("interpolate_metrics_sizes_every_node", metric_input, (treated_or_untouched<false, true>),
                  t3::interpolate_metrics(s.coords, s.connect, s.neighbors, s.node_element, s.values, true)),
     TESSEL3D_ROW("duplicate_surface_nodes", tetrahedra_and_surface, unchanged_or_complete,
                  t3::duplicate_surface_nodes(s.coords, s.connect, s.neighbors, s.node_element, s.faces, s.ids, true,

@@ -1,0 +1,64 @@
+// get_elements_containing_points: the TH4 that holds each of many points, with the
+// mesh checked once for all of them. Each point is searched exactly as
+// get_element_containing_point searches it alone (no seed carried from one point to the
+// next); the points are only visited along a space-filling curve (point_order.h), so
+// that consecutive searches walk through elements and nodes that are still in the caches.
+#include <algorithm>
+
+#include "locate/locate_point.h"
+#include "locate/point_order.h"
+#include "locate/search_checks.h"
+#include "zel/tessel3d.h"
+
+namespace zel {
+namespace tessel3d {
+
+int get_elements_containing_points(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
+                                   const dense2D<unsigned>& neighbors, const dense1D<unsigned, 8>& node_element,
+                                   const tessel::node_detector& detector, element_type type,
+                                   const dense2D<double>& points, dense1D<unsigned, 8>& elements, double tolerance) {
+  if (const int status = elfes::check_search_arguments(coords, connectivity, neighbors, node_element, type))
+    return status;
+  // Points are numbered in 32 bits below ~0U while they are ordered.
+  if (points.rows() != 3 || points.cols() > std::size_t(~0U)) return -5;
+  const std::size_t nb_points = points.cols();
+  if (!elfes::is_searched_mesh(connectivity, type)) {
+    if (!elements.resize(nb_points)) return -199;
+    std::fill(elements.begin(), elements.end(), ~0U);
+    return 0;
+  }
+
+  const double* xyz = points.data();
+  const std::size_t ld = points.ld();
+  elfes::order_records order;
+  if (elfes::spatial_order(xyz, ld, nb_points, [](std::size_t k) { return static_cast<unsigned>(k); }, order) != 0)
+    return -199;
+
+  // Each record's key is replaced by the point's element once searched, so that nothing
+  // is written to `elements` before every search has got through.
+  elfes::locate_scratch scratch;
+  bool missed = false, met_invalid = false;
+  for (std::size_t k = 0; k < nb_points; ++k) {
+    if (k + elfes::prefetch_distance < nb_points)
+      elfes::prefetch(xyz + elfes::record_id(order[k + elfes::prefetch_distance]) * ld);
+    const unsigned j = elfes::record_id(order[k]);
+    const double* p = xyz + j * ld;
+    unsigned element = ~0U;
+    const int r = elfes::locate_point(coords, connectivity, neighbors, node_element, detector,
+                                      vector_fixed<double, 3>(p[0], p[1], p[2]), element, tolerance, true, scratch);
+    if (r == -199) return -199;
+    if (r == -1) met_invalid = true;
+    if (r != 1) {
+      element = ~0U;
+      missed |= r != -1;
+    }
+    order[k] = std::uint64_t(element) << 32 | j;
+  }
+  if (!elements.resize(nb_points)) return -199;
+  unsigned* out = elements.data();
+  for (std::size_t k = 0; k < nb_points; ++k) out[elfes::record_id(order[k])] = static_cast<unsigned>(order[k] >> 32);
+  return met_invalid ? -6 : missed ? 0 : 1;
+}
+
+}  // namespace tessel3d
+}  // namespace zel
