@@ -572,16 +572,16 @@ TESSEL3D_EXPORT int get_element_containing_point(const dense2D<double>& coords, 
 /// @param[in]  points        3 x #points, one point per column (any leading dimension)
 /// @param[out] elements      resized to #points once the checks pass: the containing
 ///                           element of each point, or ~0U; left as it was on a negative
-///                           status other than -6
+///                           status, except -1 for an invalid element met
 /// @return 1 every point located (also for 0 points) | 0 at least one point not
 ///         located (outside the mesh, no seed node), or a mesh that is not a 4-row TH4
 ///         (every entry ~0U) | -1 coords not 3 rows | -2 connectivity rejected by
 ///         check_IDs(type, #nodes) | -3 neighbors not the shape of connectivity, its rows
 ///         not those of `type`, or an entry neither an element nor ~0U | -4 node_element
-///         size not #nodes | -5 points not 3 rows, or 2^32 columns or more | -6 the
-///         search of at least one point met an inverted, flat or non-finite element
-///         (where get_element_containing_point returns -1): those points get ~0U, every
-///         other point its result | -199 memory (the order of the points, a list of
+///         size not #nodes | -7 points not 3 rows, or 2^32 columns or more | -1 also
+///         when the search of at least one point met an inverted, flat or non-finite
+///         element, as get_element_containing_point reports it: then `elements` is
+///         written, those points get ~0U and every other point its result | -199 memory (the order of the points, a list of
 ///         elements around a node, or `elements`): nothing written.
 TESSEL3D_EXPORT int get_elements_containing_points(const dense2D<double>& coords,
                                                    const dense2D<unsigned>& connectivity,

@@ -211,7 +211,7 @@ TABLES = {
         **_LOCATE_MESH,
         -2: ("connect", 2, _ids("connect", "must hold node IDs below the node count for its element type",
                                 absent_ok=True)),
-        -5: ("points", 7, lambda a: "must be a (k, 3) array of points"
+        -7: ("points", 7, lambda a: "must be a (k, 3) array of points"
              + ("" if a.get("points") is None else f", not of shape {a['points'].shape}")),
         -199: (None, None, _MEMORY)},
     "interpolate": {

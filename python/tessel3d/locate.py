@@ -33,11 +33,10 @@ def _mesh(function, coords, connect, neighbors, node_element, type=ElementType.T
 
 
 def _walk_error(function, status, args):
-    """Error for a negative status; the search of a single point reports a walk stopped
-    by an invalid element as -1 (once coords passed), that of many points as -6."""
+    """Error for a negative status; a walk stopped by an invalid element is reported as
+    -1 once coords passed its check."""
     coords = args["coords"]
-    single = function == "get_element_containing_point"
-    if (status == -1 and single and coords.ndim == 2 and coords.shape[1] == 3) or (status == -6 and not single):
+    if status == -1 and coords.ndim == 2 and coords.shape[1] == 3:
         raise Error(f"{function}: the walk met an inverted or flat tetrahedron; every element must have a "
                     "positive volume (flip the mesh first)", status=status, function=function)
     check(function, status, args)

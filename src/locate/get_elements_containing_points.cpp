@@ -20,7 +20,7 @@ int get_elements_containing_points(const dense2D<double>& coords, const dense2D<
   if (const int status = elfes::check_search_arguments(coords, connectivity, neighbors, node_element, type))
     return status;
   // Points are numbered in 32 bits below ~0U while they are ordered.
-  if (points.rows() != 3 || points.cols() > std::size_t(~0U)) return -5;
+  if (points.rows() != 3 || points.cols() > std::size_t(~0U)) return -7;
   const std::size_t nb_points = points.cols();
   if (!elfes::is_searched_mesh(connectivity, type)) {
     if (!elements.resize(nb_points)) return -199;
@@ -57,7 +57,7 @@ int get_elements_containing_points(const dense2D<double>& coords, const dense2D<
   if (!elements.resize(nb_points)) return -199;
   unsigned* out = elements.data();
   for (std::size_t k = 0; k < nb_points; ++k) out[elfes::record_id(order[k])] = static_cast<unsigned>(order[k] >> 32);
-  return met_invalid ? -6 : missed ? 0 : 1;
+  return met_invalid ? -1 : missed ? 0 : 1;
 }
 
 }  // namespace tessel3d
