@@ -29,6 +29,22 @@ TESSEL3D_FUZZ_TARGET(locate) {
                                                           in.type(), in.point(), element, in.real());
       if (status == 1 && element >= nb_elements) __builtin_trap();
       if (status != 1 && element != ~0U) __builtin_trap();
+      // Many points at once: each must get what the single search gives it.
+      const zel::element_type type = in.type();
+      const double tolerance = in.real();
+      auto points = in.coords(8);
+      zel::dense1D<unsigned, 8> elements;
+      const int many = t3::get_elements_containing_points(coords, connect, neighbors, node_element, detector, type,
+                                                          points, elements, tolerance);
+      // -1 is also the walk meeting an invalid element, once coords passed its check.
+      const bool searched = many >= 0 || (many == -1 && coords.rows() == 3);
+      if (searched && elements.size() != points.cols()) __builtin_trap();
+      for (std::size_t j = 0; searched && j < points.cols(); ++j) {
+        unsigned alone = 12345;
+        const zel::vector_fixed<double, 3> p(points(0, j), points(1, j), points(2, j));
+        t3::get_element_containing_point(coords, connect, neighbors, node_element, detector, type, p, alone, tolerance);
+        if (alone != elements[j]) __builtin_trap();
+      }
       break;
     }
     case 1: {

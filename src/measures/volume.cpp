@@ -56,8 +56,8 @@ bool sum_TH4(const dense2D<unsigned>& connect, const elfes::node_reader& node, u
   double s0 = 0, s1 = 0, s2 = 0, s3 = 0;
   std::size_t j = 0;
   for (; j + 4 <= n; j += 4, column += 4 * ld) {
-    if (!(valid_column<4>(column, nb_nodes) & valid_column<4>(column + ld, nb_nodes) &
-          valid_column<4>(column + 2 * ld, nb_nodes) & valid_column<4>(column + 3 * ld, nb_nodes)))
+    if (!(int(valid_column<4>(column, nb_nodes)) & int(valid_column<4>(column + ld, nb_nodes)) &
+          int(valid_column<4>(column + 2 * ld, nb_nodes)) & int(valid_column<4>(column + 3 * ld, nb_nodes))))
       return false;
     s0 += six_volume<elfes::kind_TH4>(column, node);
     s1 += six_volume<elfes::kind_TH4>(column + ld, node);
