@@ -27,11 +27,7 @@ int interpolate_field(const dense2D<double>& coords, const dense2D<unsigned>& co
   if (elfes::free_nodes_in_order(coords, connectivity, node_element, nodes, order) != 0) return -199;
   const unsigned* conn = connectivity.data();
   for (std::size_t k = 0; k < order.size(); ++k) {
-    if (k + elfes::prefetch_distance < order.size()) {
-      const unsigned ahead = elfes::record_id(order[k + elfes::prefetch_distance]);
-      elfes::prefetch(coords.data() + ahead * coords.ld());
-      elfes::prefetch_for_write(field.at(ahead));
-    }
+    elfes::prefetch_node_ahead(order, k, coords, [&](unsigned ahead) { return field.at(ahead); });
     const unsigned n = elfes::record_id(order[k]);
     unsigned where;
     double lambda[4];

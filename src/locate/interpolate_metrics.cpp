@@ -52,11 +52,7 @@ int interpolate_each(const dense2D<double>& coords, const dense2D<unsigned>& con
   elfes::order_records order;
   if (elfes::free_nodes_in_order(coords, connectivity, node_element, nodes, order) != 0) return -199;
   for (std::size_t k = 0; k < order.size(); ++k) {
-    if (k + elfes::prefetch_distance < order.size()) {
-      const unsigned ahead = elfes::record_id(order[k + elfes::prefetch_distance]);
-      elfes::prefetch(coords.data() + ahead * coords.ld());
-      elfes::prefetch_for_write(metrics.at(ahead));
-    }
+    elfes::prefetch_node_ahead(order, k, coords, [&](unsigned ahead) { return metrics.at(ahead); });
     const unsigned n = elfes::record_id(order[k]);
     if (keep_valid && metrics.is_valid(n)) continue;
     unsigned where;

@@ -135,4 +135,15 @@ inline void prefetch_for_write(const void* p) {
 #endif
 }
 
+/// Before treating ordered node k: the coordinates of the node prefetch_distance ahead,
+/// and its output entry, output_of(node) (the interpolations' node loops).
+template <class Output>
+inline void prefetch_node_ahead(const order_records& order, std::size_t k, const zel::dense2D<double>& coords,
+                                const Output& output_of) {
+  if (k + prefetch_distance >= order.size()) return;
+  const unsigned ahead = record_id(order[k + prefetch_distance]);
+  prefetch(coords.data() + std::size_t(ahead) * coords.ld());
+  prefetch_for_write(output_of(ahead));
+}
+
 }  // namespace elfes

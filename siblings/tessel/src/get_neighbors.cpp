@@ -185,6 +185,19 @@ void pair_bucket(face_record<Ref>* first, face_record<Ref>* last, unsigned* out,
   }
 }
 
+// visit(element, local face, nodes, 3 or 4) for every face without an absent node.
+template <class Visit>
+inline void for_each_face(const solid_mesh& mesh, std::size_t nb_elements, const Visit& visit) {
+  for (std::size_t e = 0; e < nb_elements; ++e) {
+    const unsigned* column = mesh.column(e);
+    const solid_faces& table = face_table[mesh.kind_of(column)];
+    for (unsigned f = 0; f < table.nb_faces; ++f) {
+      unsigned nodes[4];
+      if (face_nodes(column, table, f, nodes)) visit(e, f, nodes, face_size(table, f));
+    }
+  }
+}
+
 template <typename Ref>
 int match_faces(const solid_mesh& mesh, std::size_t nb_elements, dense2D<unsigned>& result) {
   // Faces without an absent node, the largest node ID and the number of vertex entries.
@@ -232,34 +245,20 @@ int match_faces(const solid_mesh& mesh, std::size_t nb_elements, dense2D<unsigne
   dense1D<face_record<Ref>, 8> records;
   // Room only: every record is written below, so the buffer is not filled first.
   if (!start.resize(nb_buckets + 1, 0) || !records.reserve(nb_records, 1)) return -199;
-  for (std::size_t e = 0; e < nb_elements; ++e) {
-    const unsigned* column = mesh.column(e);
-    const solid_faces& table = face_table[mesh.kind_of(column)];
-    for (unsigned f = 0; f < table.nb_faces; ++f) {
-      unsigned nodes[4];
-      const unsigned size = face_size(table, f);
-      if (!face_nodes(column, table, f, nodes)) continue;
-      unsigned smallest = std::min(std::min(nodes[0], nodes[1]), nodes[2]);
-      if (size == 4) smallest = std::min(smallest, nodes[3]);
-      ++start[bucket_of(smallest, size) + 1];
-    }
-  }
+  for_each_face(mesh, nb_elements, [&](std::size_t, unsigned, const unsigned* nodes, unsigned size) {
+    unsigned smallest = std::min(std::min(nodes[0], nodes[1]), nodes[2]);
+    if (size == 4) smallest = std::min(smallest, nodes[3]);
+    ++start[bucket_of(smallest, size) + 1];
+  });
   for (std::size_t b = 0; b < nb_buckets; ++b) start[b + 1] += start[b];
   // Fill with start[b] as the cursor of bucket b, which leaves it at the end of b, then
   // shift the starts back by one bucket.
-  for (std::size_t e = 0; e < nb_elements; ++e) {
-    const unsigned* column = mesh.column(e);
-    const solid_faces& table = face_table[mesh.kind_of(column)];
-    for (unsigned f = 0; f < table.nb_faces; ++f) {
-      unsigned nodes[4];
-      const unsigned size = face_size(table, f);
-      if (!face_nodes(column, table, f, nodes)) continue;
-      unsigned rest[3];
-      face_record<Ref>& record = records.data()[start[bucket_of(face_key(nodes, size, rest), size)]++];
-      record.rest[0] = rest[0], record.rest[1] = rest[1], record.rest[2] = rest[2];
-      record.ref = Ref(e) << 3 | f;
-    }
-  }
+  for_each_face(mesh, nb_elements, [&](std::size_t e, unsigned f, const unsigned* nodes, unsigned size) {
+    unsigned rest[3];
+    face_record<Ref>& record = records.data()[start[bucket_of(face_key(nodes, size, rest), size)]++];
+    record.rest[0] = rest[0], record.rest[1] = rest[1], record.rest[2] = rest[2];
+    record.ref = Ref(e) << 3 | f;
+  });
   for (std::size_t b = nb_buckets; b > 0; --b) start[b] = start[b - 1];
   start[0] = 0;
 
