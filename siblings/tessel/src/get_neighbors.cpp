@@ -2,7 +2,8 @@
 //
 // Linear in the mesh: every face is filed under its smallest node (a counting sort; the
 // rank of the node among the distinct IDs when the IDs are sparse), so faces that share
-// their nodes meet in one short bucket, where a sort on the remaining nodes pairs them.
+// their nodes meet in one short bucket, where a small hash table on the remaining nodes
+// pairs them.
 #include <algorithm>
 #include <cstdint>
 
@@ -200,22 +201,18 @@ inline void for_each_face(const solid_mesh& mesh, std::size_t nb_elements, const
 
 template <typename Ref>
 int match_faces(const solid_mesh& mesh, std::size_t nb_elements, dense2D<unsigned>& result) {
-  // Faces without an absent node, the largest node ID and the number of vertex entries.
-  std::size_t nb_records = 0, nb_incidences = 0, max_id = 0;
+  // The largest node ID and the number of vertex entries.
+  std::size_t nb_incidences = 0, max_id = 0;
   for (std::size_t e = 0; e < nb_elements; ++e) {
     const unsigned* column = mesh.column(e);
-    const solid_faces& table = face_table[mesh.kind_of(column)];
-    for (unsigned k = 0; k < table.nb_vertices; ++k)
+    const unsigned nb_vertices = face_table[mesh.kind_of(column)].nb_vertices;
+    for (unsigned k = 0; k < nb_vertices; ++k)
       if (column[k] != absent) {
         max_id = std::max(max_id, std::size_t(column[k]));
         ++nb_incidences;
       }
-    for (unsigned f = 0; f < table.nb_faces; ++f) {
-      unsigned nodes[4];
-      nb_records += face_nodes(column, table, f, nodes);
-    }
   }
-  if (nb_records == 0) return 0;
+  if (nb_incidences == 0) return 0;
 
   // Bucket of a face: 2 x (its smallest node, or that node's rank among the distinct IDs
   // when the IDs are sparse, so that huge IDs cost no huge table), + 1 for quadrangles.
@@ -242,15 +239,16 @@ int match_faces(const solid_mesh& mesh, std::size_t nb_elements, dense2D<unsigne
   };
 
   dense1D<Ref, 8> start;
-  dense1D<face_record<Ref>, 8> records;
-  // Room only: every record is written below, so the buffer is not filled first.
-  if (!start.resize(nb_buckets + 1, 0) || !records.reserve(nb_records, 1)) return -199;
+  if (!start.resize(nb_buckets + 1, 0)) return -199;
   for_each_face(mesh, nb_elements, [&](std::size_t, unsigned, const unsigned* nodes, unsigned size) {
     unsigned smallest = std::min(std::min(nodes[0], nodes[1]), nodes[2]);
     if (size == 4) smallest = std::min(smallest, nodes[3]);
     ++start[bucket_of(smallest, size) + 1];
   });
   for (std::size_t b = 0; b < nb_buckets; ++b) start[b + 1] += start[b];
+  // Room only: every record is written below, so the buffer is not filled first.
+  dense1D<face_record<Ref>, 8> records;
+  if (!records.reserve(start[nb_buckets], 1)) return -199;
   // Fill with start[b] as the cursor of bucket b, which leaves it at the end of b, then
   // shift the starts back by one bucket.
   for_each_face(mesh, nb_elements, [&](std::size_t e, unsigned f, const unsigned* nodes, unsigned size) {
