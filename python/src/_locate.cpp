@@ -62,7 +62,7 @@ PYBIND11_MODULE(_locate, m) {
                                                   detector.detector, t3py::element_type_of(type), p, found,
                                                   tolerance);
     }
-    if (status < 0 && status != -6) return py::make_tuple(status, py::none());
+    if (status < 0) return py::make_tuple(status, py::none());
     return py::make_tuple(status, elements);
   });
 
