@@ -1,138 +1,238 @@
 """The tessel3d command line: python3 -m tessel3d COMMAND ... (or the `tessel3d` launcher).
 
 Every command reads and writes mesh files through tessel3d.io (any format meshio knows,
-chosen by the extension). A bad file or argument gives a one-line error and exit
-status 2; operations that take longer than a second print a progress line.
+chosen by the extension). Results keep what their input held: groups, cell data, point
+data and boundary faces follow each operation as tessel3d.carry describes. A bad file or
+argument gives one line on stderr and exit status 2; long steps show their progress.
 """
 
 import argparse
+import inspect
+import math
+import os
 import sys
-import threading
-import time
+import warnings
 
 import numpy as np
 
 from . import io as mio
+from .carry import Cells, NewNodes, assemble, point_data
 from .errors import Error
+from .mesh import ABSENT, SOLID_FACES, member_types, signed_volumes
+from .progress import progress
 
 DEG = 180.0 / np.pi
+LINEAR_SOLIDS = ("TH4", "PY5", "W6", "H8")
+# Every quadratic type lists its corners first: its linear type by the corners.
+LINEAR_OF = {"TH10": "TH4", "PY13": "PY5", "PY14": "PY5", "W15": "W6", "W18": "W6", "H20": "H8", "H27": "H8",
+             "T6": "T3", "Q8": "Q4", "Q9": "Q4", "E3": "E2"}
+CORNER_COUNT = {"E2": 2, "T3": 3, "Q4": 4, "TH4": 4, "PY5": 5, "W6": 6, "H8": 8}
 
 
 class UserError(Exception):
     """A problem with the user's files or arguments: one line, no traceback."""
 
 
-class progress:
-    """Prints "label ..." on stderr when the block runs longer than a second, and how long
-    it took at its end (the library releases the interpreter while it works)."""
+# ---- files --------------------------------------------------------------------------------
 
-    def __init__(self, label, stream=None, delay=1.0):
-        self.label, self.stream, self.delay, self.shown = label, stream or sys.stderr, delay, False
-
-    def _show(self):
-        self.shown = True
-        print(f"tessel3d: {self.label} ...", file=self.stream, flush=True)
-
-    def __enter__(self):
-        self.start = time.monotonic()
-        self.timer = threading.Timer(self.delay, self._show)
-        self.timer.daemon = True
-        self.timer.start()
-        return self
-
-    def __exit__(self, *exc):
-        self.timer.cancel()
-        if self.shown:
-            print(f"tessel3d: {self.label}: {time.monotonic() - self.start:.1f} s", file=self.stream, flush=True)
-        return False
+def _parameters(function):
+    try:
+        return inspect.signature(function).parameters
+    except (TypeError, ValueError):
+        return {}
 
 
-# ---- shared pieces -----------------------------------------------------------------------
+def read(path, what="mesh"):
+    with progress(f"reading {path}") as update:
+        keywords = {"progress": update} if "progress" in _parameters(mio.read) else {}
+        mesh = mio.read(path, **keywords)
+    _check_input(mesh, path)
+    return mesh
 
-def read(path):
-    with progress(f"reading {path}"):
-        return mio.read(path)
+
+def _check_input(mesh, path):
+    """Refuses non-finite coordinates and node IDs past the nodes; drops the sets and data
+    meshio adds for itself ("gmsh:...") and sets whose indices are not elements."""
+    bad = ~np.isfinite(mesh.coords).all(axis=1)
+    if bad.any():
+        node = int(np.argmax(bad))
+        raise UserError(f"{path}: node {node} has a non-finite coordinate {mesh.coords[node].tolist()} "
+                        f"({int(bad.sum())} such node(s))")
+    for name, cells in mesh.cells.items():
+        present = cells[cells != ABSENT]
+        if len(present) and present.max() >= len(mesh.coords):
+            raise UserError(f"{path}: {name} elements use node {int(present.max())} of {len(mesh.coords)}")
+    mesh.point_data = {k: v for k, v in mesh.point_data.items() if not k.startswith("gmsh:")}
+    mesh.cell_data = {k: v for k, v in mesh.cell_data.items() if not k.startswith("gmsh:")}
+    for group in list(mesh.groups):
+        members = mesh.groups[group]
+        valid = all(t in mesh.cells and (not len(i) or int(np.max(i)) < len(mesh.cells[t])) for t, i in members.items())
+        if group.startswith("gmsh:") or not valid:
+            del mesh.groups[group]
 
 
-def write(path, mesh):
-    with progress(f"writing {path}"):
-        mio.write(path, mesh)
+def write(path, mesh, args):
+    """Writes with the user's --compression; says what was written."""
+    keywords = {}
+    accepted = _parameters(mio.write)
+    compression = getattr(args, "compression", None)
+    if compression is not None:
+        if "compression" in accepted or str(path).endswith(".vtu"):  # older io: meshio's own keyword
+            keywords["compression"] = None if compression == "none" else compression
+        else:
+            raise UserError(f"{path}: --compression is available for .vtu files only")
+    with progress(f"writing {path}") as update:
+        if "progress" in accepted:
+            keywords["progress"] = update
+        mio.write(str(path), mesh, **keywords)
     print(f"wrote {path}: {mesh}")
 
 
-def linear_solids(mesh, path, pad_pyramids=False):
-    kind, connect = mesh.solids()
-    if connect is None:
-        raise UserError(f"{path}: holds no linear solid elements (TH4, PY5, W6, H8)")
-    if pad_pyramids and kind == "PY5":
-        kind, connect = "SOLID_MIX8", _pad(connect, 8)
-    return kind, connect
+# ---- element helpers ----------------------------------------------------------------------
 
-
-def solids_or_corners(mesh):
-    """(type, connectivity) of the linear solids, or of the corners of the quadratic ones."""
-    kind, connect = mesh.solids()
-    if connect is not None:
-        return kind, connect
-    kind, connect = mesh.quadratic_solids()
-    if connect is None:
-        return None, None
-    from . import order
-    if connect.shape[1] not in (10, 27):
-        connect = _pad(connect, 27)
-    corners = order.convert_into_linear(connect)
-    return type_of_columns(corners), corners
+def type_of_columns(connect):
+    columns = connect.shape[1]
+    if columns == 8:
+        return "SOLID_MIX8" if (connect == ABSENT).any() else "H8"
+    if columns == 27:
+        return "SOLID_MIX27" if (connect == ABSENT).any() else "H27"
+    return {4: "TH4", 5: "PY5", 6: "W6", 10: "TH10", 18: "W18", 14: "PY14"}[columns]
 
 
 def _pad(connect, width):
-    out = np.full((len(connect), width), mio.ABSENT, dtype=np.uint32)
+    out = np.full((len(connect), width), ABSENT, dtype=np.uint32)
     out[:, :connect.shape[1]] = connect
     return out
 
 
-def type_of_columns(connect, quadratic=False):
-    columns = connect.shape[1]
-    if columns == 8:
-        return "SOLID_MIX8" if (connect == mio.ABSENT).any() else "H8"
-    if columns == 27:
-        return "SOLID_MIX27" if (connect == mio.ABSENT).any() else "H27"
-    return {4: "TH4", 5: "PY5", 6: "W6", 10: "TH10", 18: "W18", 14: "PY14"}[columns]
+def linear_solids(cells, path, pad_to_mixed=()):
+    """(type, connectivity, global numbers) of the linear solids; a pure type listed in
+    pad_to_mixed comes in the 8-column mixed layout."""
+    kind, connect, parents = cells.stack(LINEAR_SOLIDS, 8, "SOLID_MIX8")
+    if connect is None:
+        found = ", ".join(cells.mesh.counts()) or "no element"
+        raise UserError(f"{path}: holds no linear solid elements (TH4, PY5, W6, H8; found {found})")
+    if kind in pad_to_mixed:
+        kind, connect = "SOLID_MIX8", _pad(connect, 8)
+    return kind, connect, parents
+
+
+def corner_solids(mesh):
+    """(type, connectivity, global numbers) of every solid by its corners (quadratic ones
+    too), one pure type or SOLID_MIX8; (None, None, None) without solids."""
+    cells = Cells(mesh)
+    parts = []
+    for name, connect in mesh.cells.items():
+        base = LINEAR_OF.get(name, name)
+        if base in LINEAR_SOLIDS and len(connect):
+            parts.append((base, connect[:, :CORNER_COUNT[base]], cells.index(name)))
+    if not parts:
+        return None, None, None
+    if len({b for b, _, _ in parts}) == 1:
+        return parts[0][0], np.concatenate([c for _, c, _ in parts]), np.concatenate([g for _, _, g in parts])
+    return "SOLID_MIX8", np.concatenate([_pad(c, 8) for _, c, _ in parts]), np.concatenate([g for _, _, g in parts])
+
+
+def _names(type_name):
+    """Per local node of a library type, the set of corners it is built from."""
+    return mio.LIBRARY_ORDERS[type_name]
+
+
+def _build(connect, pattern, new, coords):
+    """Cells made of named nodes: pattern lists per sub-cell the corner sets of its nodes
+    (one corner: that node; several: the node built from them, made when missing).
+    Returns ((m * len(pattern), width) cells, coords grown by the made nodes); sub-cells of
+    an input cell are consecutive."""
+    a = np.asarray(connect, dtype=np.int64)
+    out = np.empty((len(a), len(pattern), len(pattern[0])), dtype=np.int64)
+    for s, sub in enumerate(pattern):
+        for i, name in enumerate(sub):
+            name = sorted(name)
+            if len(name) == 1:
+                out[:, s, i] = a[:, name[0]]
+            else:
+                out[:, s, i], coords = new.find_or_make(a[:, name], coords)
+    return out.reshape(len(a) * len(pattern), -1).astype(np.uint32), coords
+
+
+def _name_nodes(new, connect, type_name, names_of):
+    """Records the new nodes of a result connectivity: position p of an element of member
+    type k holds the node built from the corners names_of(k)[p]."""
+    kinds = member_types(connect, type_name)
+    for kind in dict.fromkeys(kinds):
+        rows = np.nonzero(kinds == kind)[0]
+        block = connect[rows].astype(np.int64)
+        for p, name in enumerate(names_of(kind)):
+            if len(name) > 1:
+                new.add(block[:, p], block[:, sorted(name)])
+
+
+def _edges_of(faces):
+    """(k, 2) edges of (k, 3), (k, 4) or mixed faces, each as oriented in its face."""
+    faces = np.asarray(faces, dtype=np.int64)
+    if faces.shape[1] == 3:
+        return np.concatenate([faces[:, [i, (i + 1) % 3]] for i in range(3)])
+    quad = faces[:, 3] != ABSENT
+    edges = [faces[:, [0, 1]], faces[:, [1, 2]], faces[quad][:, [2, 3]], faces[quad][:, [3, 0]],
+             faces[~quad][:, [2, 0]]]
+    return np.concatenate(edges)
+
+
+def _edge_keys(edges):
+    e = np.sort(np.asarray(edges, dtype=np.uint64), axis=1)
+    return e[:, 0] << np.uint64(32) | e[:, 1]
 
 
 def boundary_edges(faces):
-    """Edges used by exactly one face of a (m, 3) or (m, 4) face array (ABSENT in the 4th
-    column for a triangle), oriented as in their face."""
-    edges = []
-    for face in faces:
-        nodes = [int(n) for n in face if n != mio.ABSENT]
-        edges += [(nodes[i], nodes[(i + 1) % len(nodes)]) for i in range(len(nodes))]
-    count = {}
-    for a, b in edges:
-        key = (min(a, b), max(a, b))
-        count[key] = count.get(key, 0) + 1
-    return np.array([e for e in edges if count[(min(e), max(e))] == 1], dtype=np.uint32).reshape(-1, 2)
+    """Edges used by exactly one face, oriented as in their face."""
+    edges = _edges_of(faces)
+    keys = _edge_keys(edges)
+    _, inverse, counts = np.unique(keys, return_inverse=True, return_counts=True)
+    return edges[counts[inverse.ravel()] == 1].astype(np.uint32)
 
 
-def histogram(values, bins, lo, hi, width=40, unit="deg"):
-    counts, edges = np.histogram(values, bins=bins, range=(lo, hi))
-    top = max(counts.max(), 1)
-    lines = []
-    for c, a, b in zip(counts, edges[:-1], edges[1:]):
-        lines.append(f"  {a:7.1f} - {b:6.1f} {unit} {c:8d} {'#' * int(round(width * c / top))}")
-    return "\n".join(lines)
+def solid_faces(connect, type_name):
+    """Every local face of every element: (element, local face, (k, 4) nodes with ABSENT
+    closing a triangle), right-hand normals pointing into a positive element."""
+    kinds = member_types(connect, type_name)
+    elements, local, nodes = [], [], []
+    for kind in dict.fromkeys(kinds):
+        rows = np.nonzero(kinds == kind)[0]
+        for f, face in enumerate(SOLID_FACES[kind]):
+            elements.append(rows)
+            local.append(np.full(len(rows), f))
+            nodes.append(_pad(connect[rows][:, list(face)], 4))
+    return np.concatenate(elements), np.concatenate(local), np.concatenate(nodes)
 
 
-def angle_summary(coords, kind, connect):
-    """(min dihedral, max dihedral, min solid, max solid) per element, in degrees and
-    steradians."""
-    from . import measures
-    with progress("measuring angles"):
-        dihedral = measures.dihedral_angles(coords, connect)
-        solid = measures.solid_angles(coords, connect)
-    return dihedral.min * DEG, dihedral.max * DEG, solid.min, solid.max
+def outer_faces(connect, type_name):
+    """(k, 4) faces of the solids that no other solid shares (ABSENT closing a triangle)."""
+    from .mesh import get_neighbors
+    neighbors = get_neighbors(connect, type_name)
+    element, local, nodes = solid_faces(connect, type_name)
+    return nodes[neighbors[element, local] == ABSENT]
 
 
-# ---- commands ------------------------------------------------------------------------------
+def _area_vector(coords, faces):
+    x = coords[np.where(faces == ABSENT, faces[:, :1], faces).astype(np.int64)]
+    return 0.5 * np.cross(x[:, 2] - x[:, 0], x[:, 3] - x[:, 1])  # a triangle repeats node 0 as its 4th
+
+
+def _append(blocks, groups, name, connect, parents, group=None, inherit_groups=True):
+    """Adds a result block, optionally as a new group (indices among the blocks of its type)."""
+    start = sum(len(b[1]) for b in blocks if b[0] == name)
+    blocks.append((name, connect, parents, inherit_groups))
+    if group is not None and len(connect):
+        groups.setdefault(group, {})[name] = np.arange(start, start + len(connect))
+
+
+def _check_finite(coords, what):
+    bad = ~np.isfinite(coords).all(axis=1)
+    if bad.any():
+        raise UserError(f"{what}: {int(bad.sum())} node(s) got non-finite coordinates")
+
+
+# ---- commands: one output element per input element ---------------------------------------
 
 def cmd_info(args):
     from . import measures
@@ -144,30 +244,262 @@ def cmd_info(args):
     print(f"  bounding box {np.array2string(lo, precision=4)} - {np.array2string(hi, precision=4)}")
     if mesh.groups:
         print("  groups: " + ", ".join(f"{g} ({sum(len(v) for v in m.values())})" for g, m in mesh.groups.items()))
-    if mesh.point_data:
-        print("  point data: " + ", ".join(mesh.point_data))
-    kind, connect = solids_or_corners(mesh)
+    for title, data in (("point data", mesh.point_data), ("cell data", mesh.cell_data)):
+        if data:
+            print(f"  {title}: " + ", ".join(data))
+    kind, connect, _ = corner_solids(mesh)
     if connect is None:
         return 0
     with progress("measuring the volume"):
         total = measures.volume(mesh.coords, connect)
     print(f"  volume {total:.6g}")
-    dmin, dmax, smin, smax = angle_summary(mesh.coords, kind, connect)
+    dmin, dmax, smin, smax = angle_summary(mesh.coords, connect)
     print(f"  dihedral angles {np.nanmin(dmin):.2f} - {np.nanmax(dmax):.2f} deg "
           f"(mean of the element minima {np.nanmean(dmin):.2f})")
     print(f"  solid angles {np.nanmin(smin):.4f} - {np.nanmax(smax):.4f} sr")
-    inverted = int((smin < 0).sum())
+    inverted = int((signed_volumes(mesh.coords, connect, kind) < 0).sum())
     if inverted:
-        print(f"  {inverted} inverted element(s) (negative solid angles)")
+        print(f"  {inverted} inverted element(s) (negative volume; `tessel3d flip --inverted-only` turns them)")
     return 0
 
+
+def angle_summary(coords, connect):
+    """(min dihedral, max dihedral, min solid, max solid) per element, in degrees and
+    steradians."""
+    from . import measures
+    with progress("measuring angles"):
+        dihedral = measures.dihedral_angles(coords, connect)
+        solid = measures.solid_angles(coords, connect)
+    return dihedral.min * DEG, dihedral.max * DEG, solid.min, solid.max
+
+
+def histogram(values, bins, lo, hi, width=40, unit="deg"):
+    counts, edges = np.histogram(values, bins=bins, range=(lo, hi))
+    top = max(counts.max(), 1)
+    return "\n".join(f"  {a:7.1f} - {b:6.1f} {unit} {c:8d} {'#' * int(round(width * c / top))}"
+                     for c, a, b in zip(counts, edges[:-1], edges[1:]))
+
+
+def cmd_quality(args):
+    mesh = read(args.input)
+    kind, connect, parents = corner_solids(mesh)
+    if connect is None:
+        raise UserError(f"{args.input}: holds no solid elements")
+    dmin, dmax, smin, smax = angle_summary(mesh.coords, connect)
+    print(f"{args.input}: {len(connect)} elements")
+    print(f"  minimum dihedral angle per element: {np.nanmin(dmin):.2f} - {np.nanmax(dmin):.2f} deg, "
+          f"mean {np.nanmean(dmin):.2f}")
+    print(f"  maximum dihedral angle per element: {np.nanmin(dmax):.2f} - {np.nanmax(dmax):.2f} deg")
+    print(f"  minimum solid angle per element: {np.nanmin(smin):.4f} - {np.nanmax(smin):.4f} sr")
+    print("  histogram of the minimum dihedral angles:")
+    print(histogram(dmin[np.isfinite(dmin)], args.bins, 0.0, 90.0))
+    if args.output:
+        # the input as it is, each element with its angles (NaN for faces and edges)
+        cells = Cells(mesh)
+        for key, values in (("min_dihedral", dmin), ("max_dihedral", dmax), ("min_solid", smin), ("max_solid", smax)):
+            every = np.full(cells.count, np.nan)
+            every[parents] = values
+            mesh.cell_data[key] = {name: every[cells.index(name)] for name in mesh.cells}
+        write(args.output, mesh, args)
+    return 0
+
+
+# Orientation flips: the library's flip for the types where it keeps every node on its
+# edge or face; for PY13, W15 and H20 (which it leaves as they are) and PY14 (whose flip
+# exchanges the nodes on edges 1-4 and 3-4 while corners 1 and 3 stay, moving them off
+# their edges) the exchange is read off the node names, after the corner exchange.
+_CORNER_FLIP = {"TH4": (2, 1, 0, 3), "PY5": (2, 1, 0, 3, 4), "W6": (2, 1, 0, 5, 4, 3), "H8": (2, 1, 0, 3, 6, 5, 4, 7)}
+_LIBRARY_FLIPS = ("TH4", "TH10", "PY5", "W6", "W18", "H8", "H27")
+
+
+def _flip_permutation(type_name):
+    corners = _CORNER_FLIP[LINEAR_OF.get(type_name, type_name)]
+    names = _names(type_name)
+    return np.array([names.index(frozenset(corners[c] for c in name)) for name in names])
+
+
+def flip_cells(connect, type_name, chosen=None):
+    """Reverses in place the orientation of the chosen rows (all by default) of a solid
+    connectivity of one type."""
+    from .mesh import flip
+    rows = np.arange(len(connect)) if chosen is None else np.nonzero(chosen)[0]
+    if not len(rows):
+        return 0
+    if type_name in _LIBRARY_FLIPS:
+        part = np.ascontiguousarray(connect[rows])
+        flip(part, type_name)
+        connect[rows] = part
+    else:
+        connect[rows] = connect[rows][:, _flip_permutation(type_name)]
+    return len(rows)
+
+
+def cmd_flip(args):
+    mesh = read(args.input)
+    counts = {}
+    for name, connect in mesh.cells.items():
+        if LINEAR_OF.get(name, name) not in LINEAR_SOLIDS:
+            continue  # faces and edges keep their orientation
+        chosen = signed_volumes(mesh.coords, connect, name) < 0 if args.inverted_only else None
+        done = flip_cells(connect, name, chosen)
+        if done:
+            counts[name] = done
+    detail = ", ".join(f"{n} {k}" for k, n in counts.items())
+    what = "inverted element(s)" if args.inverted_only else "element(s)"
+    print(f"flipped {sum(counts.values())} {what}" + (f" ({detail})" if detail else ""))
+    write(args.output, mesh, args)
+    return 0
+
+
+def cmd_quadratic(args):
+    from . import order
+    mesh = read(args.input)
+    cells = Cells(mesh)
+    kind, connect, parents = linear_solids(cells, args.input, pad_to_mixed=("PY5",))
+    with progress("converting into quadratic elements"):
+        result = order.convert_into_quadratic(mesh.coords, connect)
+    with progress("carrying faces and data"):
+        out_kind = type_of_columns(result.connect)
+        new = NewNodes(len(mesh.coords))
+        _name_nodes(new, result.connect, out_kind, _names)
+        coords, blocks = result.coords, [(out_kind, result.connect, parents)]
+        lift = {"E2": "E3", "T3": "T6", "Q4": "Q9"}
+        for name, c in mesh.cells.items():
+            if name in LINEAR_SOLIDS:
+                continue
+            global_index = cells.index(name)
+            if name in lift:
+                c, coords = _build(c, [_names(lift[name])], new, coords)
+                name = lift[name]
+            blocks.append((name, c, global_index))
+        values = point_data(mesh.point_data, len(coords), new)
+    write(args.output, assemble(cells, coords, blocks, values), args)
+    return 0
+
+
+_SPLIT_NAMES = {}
+
+
+def _split_names(kind):
+    """Per hexahedron r of a split element of this kind and per local node, the set of the
+    element's corners the node is built from, read off the library's split of one
+    element with distinct corner positions."""
+    if kind not in _SPLIT_NAMES:
+        from . import order
+        reference = {"TH4": [[0, 0, 0], [0, 1, 0], [1, 0, 0], [0, 0, 1]],
+                     "W6": [[0, 0, 0], [1, 0, 0], [0, 1, 0], [0, 0, 1], [1, 0, 1], [0, 1, 1]],
+                     "H8": [[0, 0, 0], [1, 0, 0], [1, 1, 0], [0, 1, 0], [0, 0, 1], [1, 0, 1], [1, 1, 1], [0, 1, 1]]}
+        x = np.array(reference[kind], float) + np.random.default_rng(7).uniform(-0.05, 0.05, (len(reference[kind]), 3))
+        n = len(x)
+        quadratic = {"TH4": "TH10", "W6": "W18", "H8": "H27"}[kind]
+        candidates = {frozenset(name) for name in _names(quadratic) if len(name) > 1}
+        candidates |= {frozenset(face) for face in SOLID_FACES[kind]} | {frozenset(range(n))}
+        candidates = sorted(candidates, key=sorted)
+        means = np.array([x[sorted(c)].mean(axis=0) for c in candidates])
+        split = order.split_into_h8(x, np.arange(n, dtype=np.uint32)[None, :])
+        table = []
+        for hexahedron in split.hexahedra:
+            row = []
+            for node in hexahedron:
+                if node < n:
+                    row.append(frozenset([int(node)]))
+                else:
+                    row.append(candidates[int(np.argmin(np.linalg.norm(means - split.coords[node], axis=1)))])
+            table.append(row)
+        _SPLIT_NAMES[kind] = table
+    return _SPLIT_NAMES[kind]
+
+
+def cmd_hexsplit(args):
+    from . import order
+    mesh = read(args.input)
+    cells = Cells(mesh)
+    kind, connect, parents = linear_solids(cells, args.input)
+    kinds = member_types(connect, kind)
+    if (kinds == "PY5").any():
+        raise UserError(f"{args.input}: {int((kinds == 'PY5').sum())} pyramid(s): a pyramid cannot be split into "
+                        "hexahedra")
+    with progress("splitting into hexahedra"):
+        result = order.split_into_h8(mesh.coords, connect)
+    with progress("carrying faces and data"):
+        pieces = np.array([{"TH4": 4, "W6": 6, "H8": 8}[k] for k in kinds]) if kind == "SOLID_MIX8" else \
+            np.full(len(connect), {"TH4": 4, "W6": 6, "H8": 8}[kind])
+        start = np.concatenate([[0], np.cumsum(pieces)[:-1]])
+        new = NewNodes(len(mesh.coords))
+        for k in dict.fromkeys(kinds):
+            rows = np.nonzero(kinds == k)[0]
+            block = connect[rows].astype(np.int64)
+            for r, names in enumerate(_split_names(k)):
+                for i, name in enumerate(names):
+                    if len(name) > 1:
+                        new.add(result.hexahedra[start[rows] + r, i], block[:, sorted(name)])
+        if not new.check(result.coords):
+            raise UserError("the split's new nodes are not where expected: faces and point data cannot follow")
+        coords = result.coords
+        blocks = [("H8", result.hexahedra, np.repeat(parents, pieces))]
+        patterns = {"E2": [[(0,), (0, 1)], [(0, 1), (1,)]],
+                    "T3": [[(i,), (i, (i + 1) % 3), (0, 1, 2), (i, (i + 2) % 3)] for i in range(3)],
+                    "Q4": [[(i,), (i, (i + 1) % 4), (0, 1, 2, 3), (i, (i + 3) % 4)] for i in range(4)]}
+        for name, c in mesh.cells.items():
+            if name in LINEAR_SOLIDS:
+                continue
+            global_index = cells.index(name)
+            if name in patterns:
+                c, coords = _build(c, patterns[name], new, coords)
+                global_index = np.repeat(global_index, len(patterns[name]))
+            blocks.append(("Q4" if name == "T3" else name, c, global_index))
+        values = point_data(mesh.point_data, len(coords), new)
+    write(args.output, assemble(cells, coords, blocks, values), args)
+    return 0
+
+
+def cmd_linear(args):
+    mesh = read(args.input)
+    cells = Cells(mesh)
+    if not any(name in LINEAR_OF and LINEAR_OF[name] in LINEAR_SOLIDS for name in mesh.cells):
+        raise UserError(f"{args.input}: holds no quadratic solid elements (found {', '.join(mesh.counts()) or 'none'})")
+    blocks = []
+    for name, c in mesh.cells.items():
+        base = LINEAR_OF.get(name, name)
+        blocks.append((base, c[:, :CORNER_COUNT[base]] if base != name else c, cells.index(name)))
+    coords, blocks, keep = _drop_unused(mesh.coords, blocks)
+    dropped = len(mesh.coords) - len(coords)
+    print(f"kept the corners: {len(coords)} node(s), {dropped} node(s) no element uses any more dropped")
+    write(args.output, assemble(cells, coords, blocks, point_data(mesh.point_data, len(coords), None, keep)), args)
+    return 0
+
+
+def _drop_unused(coords, blocks, droppable=None):
+    """Drops the nodes that no block uses (among those listed, or all) and renumbers the
+    blocks; returns (coords, blocks, kept node IDs)."""
+    used = np.ones(len(coords), dtype=bool)
+    used[slice(None) if droppable is None else droppable] = False
+    for _, c, *_ in blocks:
+        used[c[c != ABSENT].astype(np.int64)] = True
+    keep = np.nonzero(used)[0]
+    renumber = np.full(len(coords) + 1, ABSENT, dtype=np.uint32)
+    renumber[keep] = np.arange(len(keep), dtype=np.uint32)
+    out = []
+    for name, c, *rest in blocks:
+        ids = np.where(c == ABSENT, len(coords), c).astype(np.int64)
+        out.append((name, renumber[ids], *rest))
+    return coords[keep], out, keep
+
+
+# ---- extrusion --------------------------------------------------------------------------------
 
 def cmd_extrude(args):
     from . import extrude
     mesh = read(args.input)
-    kind, faces = mesh.faces()
+    cells = Cells(mesh)
+    kind, faces, parents = cells.stack(("T3", "Q4"), 4, "FACE_MIX4")
     if faces is None:
-        raise UserError(f"{args.input}: holds no triangles or quadrangles to extrude")
+        raise UserError(f"{args.input}: holds no triangles or quadrangles to extrude "
+                        f"(found {', '.join(mesh.counts()) or 'no element'})")
+    if args.line is not None and (args.sizes is not None or args.layers is not None):
+        raise UserError("--line makes one layer per polyline segment: no --layers or --sizes")
+    if args.line is None and args.sizes is None and args.layers is None:
+        raise UserError("give the number of layers (--layers) or their sizes (--sizes H0 H1)")
     layers = dict(layers=args.layers) if args.sizes is None else dict(h0=args.sizes[0], h1=args.sizes[1],
                                                                         even_layers=args.even)
     edges = boundary_edges(faces)
@@ -183,205 +515,208 @@ def cmd_extrude(args):
         elif args.normal is not None:
             result = extrude.extrude_normal(x, faces, args.normal, edges=edges, **layers)
         else:
-            if args.sizes is not None or args.layers is not None:
-                raise UserError("--line makes one layer per polyline segment: no --layers or --sizes")
-            result = extrude.extrude_line(x, faces, args.line, args.direction, edges=edges,
-                                          scales=args.scales)
-    cells = {type_of_columns(result.solids): result.solids}
-    groups = {}
+            result = extrude.extrude_line(x, faces, args.line, args.direction, edges=edges, scales=args.scales)
+    if not len(result.solids):
+        raise UserError("the sweep made no layer")
+    _check_finite(result.coords, "the sweep")
+    solids = np.array(result.solids)
+    solid_kind = type_of_columns(solids)
+    nb_layers = len(solids) // len(faces)
+    volumes = signed_volumes(result.coords, solids, solid_kind)
+    inverted = volumes < 0
+    if inverted.any():
+        kinds = member_types(solids, solid_kind)
+        for k in dict.fromkeys(kinds):
+            rows = kinds == k
+            part = np.ascontiguousarray(solids[rows][:, :CORNER_COUNT[k]])
+            flip_cells(part, k, inverted[rows])
+            solids[rows, :CORNER_COUNT[k]] = part
+        why = "the sweep goes against their faces' normals" if inverted.all() else \
+            "their faces are oriented against the sweep"
+        print(f"flipped {int(inverted.sum())} of {len(solids)} element(s) that would have been inverted ({why})")
+    flat = int((volumes == 0).sum())
+    if flat:
+        print(f"warning: {flat} element(s) have zero volume (nodes on the axis, or a zero normal)", file=sys.stderr)
+
+    surface_nodes = list(dict.fromkeys(int(n) for n in faces.ravel() if n != ABSENT))
+    new = NewNodes(len(x))
+    new.add(np.arange(len(x), len(result.coords)), np.tile(surface_nodes, nb_layers))
+    blocks, groups = [(solid_kind, solids, np.repeat(parents, nb_layers))], {}
     if args.faces:
-        faces_out = [("bottom", faces), ("lateral", result.lateral), ("top", result.cap)]
-        stacked = np.concatenate([_pad(f, 4) for _, f in faces_out if len(f)])
-        cells["FACE_MIX4"] = stacked
-        start = 0
-        for name, f in faces_out:
-            groups[name] = {"FACE_MIX4": np.arange(start, start + len(f))}
-            start += len(f)
-    write(args.output, mio.Mesh(result.coords, cells, groups=groups))
+        _append(blocks, groups, kind, faces, parents, "bottom")
+        _append(blocks, groups, "Q4", result.lateral, np.full(len(result.lateral), -1), "lateral")
+        _append(blocks, groups, kind, result.cap, parents, "top", inherit_groups=False)
+    values = point_data(mesh.point_data, len(result.coords), new)
+    write(args.output, assemble(cells, result.coords, blocks, values, groups), args)
     return 0
 
 
-def cmd_quadratic(args):
-    from . import order
-    mesh = read(args.input)
-    kind, connect = linear_solids(mesh, args.input, pad_pyramids=True)
-    with progress("converting into quadratic elements"):
-        result = order.convert_into_quadratic(mesh.coords, connect)
-    write(args.output, mio.Mesh(result.coords, {type_of_columns(result.connect): result.connect}))
-    return 0
+# ---- crack ------------------------------------------------------------------------------
 
-
-def cmd_linear(args):
-    from . import order
-    mesh = read(args.input)
-    kind, connect = mesh.quadratic_solids()
-    if connect is None:
-        raise UserError(f"{args.input}: holds no quadratic solid elements")
-    if connect.shape[1] not in (10, 27):
-        connect = _pad(connect, 27)  # the 27-column layout marks each kind by its padding
-    result = order.convert_into_linear(connect)
-    write(args.output, mio.Mesh(mesh.coords, {type_of_columns(result): result}, point_data=mesh.point_data))
-    return 0
-
-
-def cmd_hexsplit(args):
-    from . import order
-    mesh = read(args.input)
-    kind, connect = linear_solids(mesh, args.input)
-    with progress("splitting into hexahedra"):
-        result = order.split_into_h8(mesh.coords, connect)
-    write(args.output, mio.Mesh(result.coords, {"H8": result.hexahedra}))
-    return 0
-
-
-# The library's flip of a PY14 also exchanges rows 6 and 8 (the nodes on edges 1-4 and
-# 3-4) while corners 1 and 3 stay, which moves those nodes off their edges; the command
-# line applies the exchanges that keep every node on its edge instead.
-_PY14_FLIP = [2, 1, 0, 3, 4, 7, 6, 5, 8, 10, 9, 12, 11, 13]
-
-
-def cmd_flip(args):
-    from . import measures, mesh as tmesh
-    mesh = read(args.input)
-    flipped = 0
-    for kind, connect in list(mesh.cells.items()):
-        if kind in ("PY13", "W15", "H20"):
-            print(f"{kind} elements left as they are: the library has no flip for them", file=sys.stderr)
-        if kind == "PY14" and not args.inverted_only:
-            mesh.cells[kind] = np.ascontiguousarray(connect[:, _PY14_FLIP])
-            flipped += len(connect)
-            continue
-        if kind not in ("TH4", "TH10", "PY5", "W6", "W18", "H8", "H27"):
-            continue
-        if args.inverted_only:
-            if kind not in ("TH4", "PY5", "W6", "H8"):
-                continue
-            negative = measures.element_volumes(mesh.coords, connect) < 0
-            part = np.ascontiguousarray(connect[negative])
-            tmesh.flip(part, kind)
-            connect[negative] = part
-            flipped += int(negative.sum())
-        else:
-            tmesh.flip(connect, kind)
-            flipped += len(connect)
-    print(f"flipped {flipped} element(s)")
-    write(args.output, mesh)
-    return 0
-
-
-def cmd_quality(args):
-    mesh = read(args.input)
-    kind, connect = solids_or_corners(mesh)
-    if connect is None:
-        raise UserError(f"{args.input}: holds no solid elements")
-    dmin, dmax, smin, smax = angle_summary(mesh.coords, kind, connect)
-    print(f"{args.input}: {len(connect)} elements")
-    print(f"  minimum dihedral angle per element: {np.nanmin(dmin):.2f} - {np.nanmax(dmin):.2f} deg, "
-          f"mean {np.nanmean(dmin):.2f}")
-    print(f"  maximum dihedral angle per element: {np.nanmin(dmax):.2f} - {np.nanmax(dmax):.2f} deg")
-    print(f"  minimum solid angle per element: {np.nanmin(smin):.4f} - {np.nanmax(smin):.4f} sr")
-    print("  histogram of the minimum dihedral angles:")
-    print(histogram(dmin[np.isfinite(dmin)], args.bins, 0.0, 90.0))
-    if args.output:
-        cells = {kind: connect}
-        data = {"min_dihedral": dmin, "max_dihedral": dmax, "min_solid": smin, "max_solid": smax}
-        write(args.output, mio.Mesh(mesh.coords, cells, cell_data={k: {kind: v} for k, v in data.items()}))
-    return 0
-
-
-def _surface_of_group(mesh, name, path):
+def _surface_of_group(mesh, cells, name, path):
     if name not in mesh.groups:
         known = ", ".join(mesh.groups) or "none"
         raise UserError(f"{path}: no group named {name!r} (groups: {known})")
-    parts = []
-    for kind, index in mesh.groups[name].items():
-        if kind in ("T3", "Q4", "FACE_MIX4"):
-            parts.append(_pad(mesh.cells[kind][np.asarray(index, dtype=np.int64)], 4) if kind != "T3"
-                         else mesh.cells[kind][np.asarray(index, dtype=np.int64)])
+    parts, index = [], []
+    for kind, members in mesh.groups[name].items():
+        if kind in ("T3", "Q4"):
+            members = np.asarray(members, dtype=np.int64)
+            parts.append(_pad(mesh.cells[kind][members], 4))
+            index.append(cells.index(kind, members))
     if not parts:
-        raise UserError(f"{path}: group {name!r} holds no triangles or quadrangles")
-    if len(parts) == 1:
-        return parts[0]
-    return np.concatenate([_pad(p, 4) for p in parts])
+        raise UserError(f"{path}: group {name!r} holds no triangles or quadrangles "
+                        f"(it holds {', '.join(mesh.groups[name])})")
+    return np.concatenate(parts), np.concatenate(index)
 
 
 def _surface_of_file(mesh, path):
     from .mesh import NodeDetector
     faces_mesh = read(path)
-    kind, faces = faces_mesh.faces()
+    _, faces, _ = Cells(faces_mesh).stack(("T3", "Q4"), 4, "FACE_MIX4")
     if faces is None:
         raise UserError(f"{path}: holds no triangles or quadrangles")
-    used = np.unique(faces[faces != mio.ABSENT])
-    detector = NodeDetector(mesh.coords)
-    found = detector.find_closest(faces_mesh.coords[used])
+    faces = _pad(faces, 4)
+    used = np.unique(faces[faces != ABSENT])
+    found = NodeDetector(mesh.coords).find_closest(faces_mesh.coords[used])
     size = np.ptp(mesh.coords, axis=0).max() if len(mesh.coords) else 1.0
     far = np.linalg.norm(mesh.coords[found] - faces_mesh.coords[used], axis=1) > 1e-9 * max(size, 1e-300)
     if far.any():
         raise UserError(f"{path}: node {int(used[np.argmax(far)])} of the faces is not a node of the mesh")
-    renumber = np.full(len(faces_mesh.coords), mio.ABSENT, dtype=np.uint32)
+    renumber = np.full(len(faces_mesh.coords), ABSENT, dtype=np.uint32)
     renumber[used] = found
-    out = faces.copy()
-    present = out != mio.ABSENT
-    out[present] = renumber[out[present]]
-    return out
+    present = faces != ABSENT
+    faces[present] = renumber[faces[present]]
+    return faces
+
+
+def _front_nodes(connect, kind, faces):
+    """Nodes of the surface's rim edges that are not on the outer boundary of the mesh
+    (its front inside the solid), with the front's ends."""
+    rim = boundary_edges(faces)
+    outer = _edge_keys(_edges_of(outer_faces(connect, kind)))
+    front = rim[~np.isin(_edge_keys(rim), outer)]
+    return np.unique(front).astype(np.uint32)
+
+
+def _face_owners(coords, connect, kind, faces):
+    """For each (k, 4) face, the element on each side: (negative, positive), -1 for none.
+    The positive one is the element its right-hand normal points into."""
+    element, _, nodes = solid_faces(connect, kind)
+    keys = _row_key(nodes)
+    order = np.argsort(keys)
+    keys, element = keys[order], element[order]
+    query = _row_key(faces)
+    first = np.searchsorted(keys, query, side="left")
+    last = np.searchsorted(keys, query, side="right")
+    normal = _area_vector(coords, faces)
+    centre = _centres(coords, faces)
+    owners = np.full((len(faces), 2), -1, dtype=np.int64)
+    for shift in (0, 1):
+        has = last - first > shift
+        e = element[np.minimum(first + shift, len(element) - 1)][has]
+        into = np.einsum("ij,ij->i", normal[has], _centres(coords, connect[e]) - centre[has]) > 0
+        owners[np.nonzero(has)[0], into.astype(int)] = e
+    return owners
+
+
+def _row_key(rows):
+    rows = np.sort(np.asarray(rows, dtype=np.uint32), axis=1)
+    return np.ascontiguousarray(rows).view(np.dtype((np.void, 4 * rows.shape[1]))).ravel()
+
+
+def _centres(coords, rows):
+    present = rows != ABSENT
+    x = coords[np.where(present, rows, 0).astype(np.int64)] * present[..., None]
+    return x.sum(axis=1) / present.sum(axis=1)[:, None]
+
+
+def _renumber_faces(faces, owner, before, after):
+    """The faces with the node IDs that their owner element has after the operation."""
+    rows = before[owner].astype(np.int64)
+    position = np.argmax(rows[:, None, :] == faces[:, :, None].astype(np.int64), axis=2)
+    out = after[owner[:, None], position].astype(np.uint32)
+    return np.where(faces == ABSENT, ABSENT, out)
 
 
 def cmd_crack(args):
     from . import surface as tsurface
     from .mesh import get_neighbors
     mesh = read(args.input)
-    kind, connect = linear_solids(mesh, args.input)
-    if kind not in ("TH4", "H8", "SOLID_MIX8"):
-        raise UserError(f"{args.input}: crack needs tetrahedra, hexahedra or both (found {kind})")
-    faces = _surface_of_group(mesh, args.group, args.input) if args.group else _surface_of_file(mesh, args.faces)
-    if kind == "H8" and faces.shape[1] == 3:
-        raise UserError("the surface of a hexahedral mesh must be made of quadrangles")
-    if kind == "SOLID_MIX8" and faces.shape[1] == 3:
-        faces = _pad(faces, 4)
-    excluded = None
-    if args.keep_front:
-        neighbors = get_neighbors(connect, kind)
-        outer = _boundary_nodes(connect, kind, neighbors)
-        rim = np.unique(boundary_edges(faces))
-        excluded = np.setdiff1d(rim, outer).astype(np.uint32)
-    positive = args.side in ("positive", "both")
-    negative = args.side in ("negative", "both")
-    with progress("duplicating the surface nodes"):
-        result = tsurface.duplicate_surface_nodes(mesh.coords, connect, faces, excluded=excluded,
-                                                  positive_side=positive, negative_side=negative, type=kind)
-    if result.added == 0:
-        print("no node duplicated (the surface touches no element on the chosen side)")
+    cells = Cells(mesh)
+    kind, connect, parents = linear_solids(cells, args.input, pad_to_mixed=("PY5", "W6"))
+    if args.group:
+        faces, face_index = _surface_of_group(mesh, cells, args.group, args.input)
     else:
-        print(f"duplicated the surface nodes: {result.added} new node(s)")
-    cells = {type_of_columns(result.connect): result.connect}
-    for face_kind in ("T3", "Q4", "FACE_MIX4"):
-        if face_kind in mesh.cells:
-            cells[face_kind] = mesh.cells[face_kind]
-    write(args.output, mio.Mesh(result.coords, cells, groups=mesh.groups))
+        faces, face_index = _surface_of_file(mesh, args.faces), None
+    triangles = faces[:, 3] == ABSENT
+    if kind == "TH4" and not triangles.all():
+        raise UserError("the surface of a tetrahedral mesh must be made of triangles")
+    if kind == "H8" and triangles.any():
+        raise UserError("the surface of a hexahedral mesh must be made of quadrangles")
+    surface = faces[:, :3] if kind == "TH4" else faces
+    excluded = _front_nodes(connect, kind, faces) if args.keep_front else None
+    with progress("duplicating the surface nodes"):
+        result = tsurface.duplicate_surface_nodes(mesh.coords, connect, surface, excluded=excluded,
+                                                  positive_side=args.side in ("positive", "both"),
+                                                  negative_side=args.side in ("negative", "both"), type=kind)
+    after = result.connect
+    new = NewNodes(len(mesh.coords))
+    changed = after != connect
+    new.add(after[changed], connect[changed])
+
+    # what was opened: each face of the surface between two elements that no longer share it
+    owners = _face_owners(mesh.coords, connect, kind, faces)
+    inside = (owners >= 0).all(axis=1)
+    lips = [_renumber_faces(faces[inside], owners[inside, s], connect, after) for s in (0, 1)]
+    opened = np.zeros(len(faces), dtype=bool)
+    opened[inside] = (np.sort(lips[0], axis=1) != np.sort(lips[1], axis=1)).any(axis=1)
+    boundary_before = int((get_neighbors(connect, kind) == ABSENT).sum())
+    boundary_after = int((get_neighbors(after, kind) == ABSENT).sum())
+    torn = boundary_after - boundary_before - 2 * int(opened.sum())
+    text = f"opened {int(opened.sum())} of {len(faces)} face(s) of the surface, {result.added} node copies made"
+    if excluded is not None:
+        text += f"; the front's {len(excluded)} node(s) kept single"
+    print(text)
+    if inside.sum() > opened.sum():
+        print(f"  {int(inside.sum() - opened.sum())} face(s) stay closed: each of their nodes is kept single or "
+              "has no element on the chosen side")
+    if torn > 0:
+        hint = "" if args.keep_front else " (its rim nodes inside the mesh were duplicated; --keep-front keeps them)"
+        print(f"  {torn} other face(s) opened around the surface{hint}")
+
+    # faces of the file follow the element they bound (the one behind their normal first)
+    blocks = [(type_of_columns(after), after, parents)]
+    for name in ("T3", "Q4"):
+        if name not in mesh.cells:
+            continue
+        c = _pad(mesh.cells[name], 4)
+        owner = _face_owners(mesh.coords, connect, kind, c)
+        chosen = np.where(owner[:, 0] >= 0, owner[:, 0], owner[:, 1])
+        renumbered = c.copy()
+        has = chosen >= 0
+        renumbered[has] = _renumber_faces(c[has], chosen[has], connect, after)
+        blocks.append((name, renumbered[:, :c.shape[1] if name == "Q4" else 3], cells.index(name)))
+    groups = {}
+    if face_index is not None and opened.any():
+        # the other lip, facing its own elements: the group's faces on the positive side
+        lip = np.nonzero(opened)[0]
+        positive = _renumber_faces(faces[lip], owners[lip, 1], connect, after)
+        for name, width in (("T3", 3), ("Q4", 4)):
+            mask = (positive[:, 3] == ABSENT) if name == "T3" else (positive[:, 3] != ABSENT)
+            if mask.any():
+                _append(blocks, groups, name, positive[mask][:, :width][:, ::-1], face_index[lip[mask]],
+                        f"{args.group}_positive", inherit_groups=False)
+    coords = result.coords
+    values = point_data(mesh.point_data, len(coords), new)
+    # copies that no element took, and originals that every element around them left
+    droppable = np.concatenate([np.unique(surface[surface != ABSENT]), np.arange(len(mesh.coords), len(coords))])
+    coords, blocks, keep = _drop_unused(coords, blocks, droppable.astype(np.int64))
+    values = {k: v[keep] for k, v in values.items()}
+    write(args.output, assemble(cells, coords, blocks, values, groups), args)
     return 0
 
 
-_FACES = {"TH4": ((1, 2, 3), (2, 0, 3), (0, 1, 3), (2, 1, 0)),
-          "H8": ((0, 3, 7, 4), (1, 5, 6, 2), (0, 4, 5, 1), (3, 2, 6, 7), (0, 1, 2, 3), (4, 7, 6, 5))}
-
-
-def _boundary_nodes(connect, kind, neighbors):
-    """Nodes on the faces that have no neighbour (the outer boundary of the mesh)."""
-    nodes = set()
-    for e, row in enumerate(neighbors):
-        for f, other in enumerate(row):
-            if other != mio.ABSENT:
-                continue
-            element = connect[e]
-            if kind == "SOLID_MIX8":
-                kinds = mio._kinds_mix8(connect[e:e + 1])[0]
-                table = {"TH4": _FACES["TH4"], "H8": _FACES["H8"]}.get(kinds, ())
-            else:
-                table = _FACES[kind]
-            if f < len(table):
-                nodes.update(int(element[i]) for i in table[f] if element[i] != mio.ABSENT)
-    return np.array(sorted(nodes), dtype=np.uint32)
-
+# ---- interpolation ------------------------------------------------------------------------
 
 def cmd_interpolate(args):
     from . import locate
@@ -401,7 +736,9 @@ def cmd_interpolate(args):
     nodes = np.arange(ns, ns + nt, dtype=np.uint32)
     loc = locate.Locator(coords, connect)
     for name in names:
-        values = np.asarray(source.point_data[name], dtype=np.float64)
+        values = np.asarray(source.point_data[name])
+        if values.dtype.kind not in "biuf" or len(values) != ns:
+            raise UserError(f"{args.source}: field {name!r} is not one number (or vector) per node")
         shape = values.shape[1:]
         field = np.zeros((ns + nt, int(np.prod(shape, dtype=np.int64))))
         field[:ns] = values.reshape(ns, -1)
@@ -409,79 +746,122 @@ def cmd_interpolate(args):
             locate.interpolate(coords, connect, field, nodes, neighbors=loc.neighbors, node_element=loc.node_element)
         target.point_data[name] = field[ns:].reshape((nt,) + shape)
         print(f"interpolated {name} onto {nt} node(s)")
-    write(args.output, target)
+    write(args.output, target, args)
     return 0
 
 
 def cmd_demo(args):
     from . import demo
-    return demo.run(args.out, args.size, args.input)
+    return demo.run(args.out, args.size, args.input, write=lambda path, mesh: write(path, mesh, args))
 
 
-# ---- parser --------------------------------------------------------------------------------
+# ---- parser -----------------------------------------------------------------------------------
+
+class _Parser(argparse.ArgumentParser):
+    """Errors in one line on stderr, exit status 2."""
+
+    def error(self, message):
+        self.exit(2, f"{self.prog}: error: {message} (see {self.prog} --help)\n")
+
+
+def _number(kind, low=None, high=None):
+    def parse(text):
+        try:
+            value = kind(text)
+        except ValueError:
+            raise argparse.ArgumentTypeError(f"invalid {kind.__name__} value: {text!r}") from None
+        if kind is float and not math.isfinite(value):
+            raise argparse.ArgumentTypeError(f"{text!r} is not a finite number")
+        if (low is not None and value < low) or (high is not None and value > high):
+            raise argparse.ArgumentTypeError(f"{text} is not in [{low}, {high}]")
+        return value
+    parse.__name__ = kind.__name__
+    return parse
+
+
+FINITE = _number(float)
+NODE_ID = _number(int, 0, 2**32 - 2)
+
 
 def parser():
-    p = argparse.ArgumentParser(prog="tessel3d", description="Tools for three-dimensional finite-element meshes. "
-                                "Files are read and written in any format meshio knows (.msh, .vtu, .vtk, .inp, "
-                                ".med, .xdmf, ...), chosen by the extension.")
+    p = _Parser(prog="tessel3d", description="Tools for three-dimensional finite-element meshes. Files are read "
+                "and written in any format meshio knows (.msh, .vtu, .vtk, .inp, .med, .xdmf, ...), chosen by the "
+                "extension. Results keep the groups, cell data, point data and faces of their input: new elements "
+                "inherit their parent's data, new nodes get floating-point point data interpolated from the nodes "
+                "they are built from (integer point data only where those agree, -1 otherwise).")
     p.add_argument("--version", action="store_true", help="print the library version and exit")
-    sub = p.add_subparsers(dest="command", metavar="COMMAND")
+    sub = p.add_subparsers(dest="command", metavar="COMMAND", parser_class=_Parser)
 
-    s = sub.add_parser("info", help="counts by element type, volume, angle statistics",
-                       description="Counts by element type, bounding box, groups, volume and angle statistics.")
+    # options shared by every command, and by every command that writes a file
+    common = argparse.ArgumentParser(add_help=False)
+    writing = argparse.ArgumentParser(add_help=False, parents=[common])
+    writing.add_argument("--compression", choices=("none", "zlib", "lzma"),
+                         help="compression of the written file where its format has one (.vtu: default zlib)")
+
+    def command(name, run, text, description=None, writes=True):
+        s = sub.add_parser(name, help=text, description=description or text[0].upper() + text[1:] + ".",
+                           parents=[writing if writes else common])
+        s.set_defaults(run=run)
+        return s
+
+    s = command("info", cmd_info, "counts by element type, volume, angle statistics",
+                "Counts by element type, bounding box, groups, data, volume and angle statistics.", writes=False)
     s.add_argument("file")
-    s.set_defaults(run=cmd_info)
 
-    s = sub.add_parser("extrude", help="extrude the surface of a file into layers of wedges and hexahedra",
-                       description="Sweeps the triangles and quadrangles of INPUT into layers of wedges (W6) and "
-                       "hexahedra (H8). Example: tessel3d extrude disc.vtu pipe.vtu --translate 0 0 2 --layers 8")
+    s = command("extrude", cmd_extrude, "extrude the surface of a file into layers of wedges and hexahedra",
+                "Sweeps the triangles and quadrangles of INPUT into layers of wedges (W6) and hexahedra (H8). "
+                "Elements that the sweep would leave inverted are flipped (and counted). "
+                "Example: tessel3d extrude disc.vtu pipe.vtu --translate 0 0 2 --layers 8")
     s.add_argument("input")
     s.add_argument("output")
     how = s.add_mutually_exclusive_group(required=True)
-    how.add_argument("--translate", nargs=3, type=float, metavar=("DX", "DY", "DZ"), help="translation vector")
-    how.add_argument("--rotate", nargs=6, type=float, metavar=("CX", "CY", "CZ", "RX", "RY", "RZ"),
+    how.add_argument("--translate", nargs=3, type=FINITE, metavar=("DX", "DY", "DZ"), help="translation vector")
+    how.add_argument("--rotate", nargs=6, type=FINITE, metavar=("CX", "CY", "CZ", "RX", "RY", "RZ"),
                      help="axis point C and rotation vector R (its length is the angle in radians)")
-    how.add_argument("--spiral", nargs=9, type=float, metavar=("CX", "CY", "CZ", "RX", "RY", "RZ", "TX", "TY", "TZ"),
+    how.add_argument("--spiral", nargs=9, type=FINITE, metavar=("CX", "CY", "CZ", "RX", "RY", "RZ", "TX", "TY", "TZ"),
                      help="axis point, rotation vector and translation of a helical sweep")
-    how.add_argument("--normal", type=float, metavar="THICKNESS", help="along the surface's nodal normals")
-    how.add_argument("--line", nargs="+", type=int, metavar="NODE",
+    how.add_argument("--normal", type=FINITE, metavar="THICKNESS", help="along the surface's nodal normals")
+    how.add_argument("--line", nargs="+", type=NODE_ID, metavar="NODE",
                      help="along the polyline through these node IDs (one layer per segment)")
-    s.add_argument("--direction", nargs=3, type=float, default=(0.0, 0.0, 1.0), metavar=("VX", "VY", "VZ"),
+    s.add_argument("--direction", nargs=3, type=FINITE, default=(0.0, 0.0, 1.0), metavar=("VX", "VY", "VZ"),
                    help="with --line: the direction the section faces at the first node (default 0 0 1)")
-    s.add_argument("--scales", nargs="+", type=float, metavar="F", help="with --line: section scale per node")
-    s.add_argument("--layers", type=int, help="number of uniform layers")
-    s.add_argument("--sizes", nargs=2, type=float, metavar=("H0", "H1"),
+    s.add_argument("--scales", nargs="+", type=FINITE, metavar="F", help="with --line: section scale per node")
+    s.add_argument("--layers", type=_number(int, 1, 2**32 - 1), help="number of uniform layers (1 or more)")
+    s.add_argument("--sizes", nargs=2, type=FINITE, metavar=("H0", "H1"),
                    help="layer thickness at the start and at the end (geometric progression)")
     s.add_argument("--even", action="store_true", help="with --sizes: an even number of layers")
     s.add_argument("--faces", action="store_true", help="also write the bottom, lateral and top faces (groups)")
-    s.set_defaults(run=cmd_extrude)
 
-    for name, run, text in (("quadratic", cmd_quadratic, "linear solids into quadratic ones (TH10, PY14, W18, H27)"),
-                            ("linear", cmd_linear, "quadratic solids into linear ones (their corners)"),
-                            ("hexsplit", cmd_hexsplit, "every TH4, W6 and H8 split into hexahedra")):
-        s = sub.add_parser(name, help=text, description=text[0].upper() + text[1:] + ".")
+    for name, run, text in (("quadratic", cmd_quadratic, "linear solids into quadratic ones (TH10, PY14, W18, "
+                             "H27); triangles, quadrangles and lines become T6, Q9 and E3"),
+                            ("linear", cmd_linear, "quadratic solids, faces and lines into linear ones (their "
+                             "corners); nodes no element uses any more are dropped"),
+                            ("hexsplit", cmd_hexsplit, "every TH4, W6 and H8 split into hexahedra; triangles, "
+                             "quadrangles and lines are split with them")):
+        s = command(name, run, text)
         s.add_argument("input")
         s.add_argument("output")
-        s.set_defaults(run=run)
 
-    s = sub.add_parser("flip", help="reverse the orientation of the solids",
-                       description="Reverses the orientation of every solid element (or only the inverted ones).")
+    s = command("flip", cmd_flip, "reverse the orientation of the solids",
+                "Reverses the orientation of every solid element, linear or quadratic (or only of the inverted "
+                "ones, whose volume by their corners is negative).")
     s.add_argument("input")
     s.add_argument("output")
     s.add_argument("--inverted-only", action="store_true", help="flip only the elements whose volume is negative")
-    s.set_defaults(run=cmd_flip)
 
-    s = sub.add_parser("quality", help="dihedral and solid angles per element, with a histogram",
-                       description="Smallest and largest dihedral and solid angle of every linear solid, their "
-                       "ranges and a histogram of the smallest dihedral angles.")
+    s = command("quality", cmd_quality, "dihedral and solid angles per element, with a histogram",
+                "Smallest and largest dihedral and solid angle of every solid (by its corners), their ranges "
+                "and a histogram of the smallest dihedral angles.")
     s.add_argument("input")
     s.add_argument("--output", "-o", help="write the mesh with the angles as cell data")
-    s.add_argument("--bins", type=int, default=9, help="histogram bins over 0-90 degrees (default 9)")
-    s.set_defaults(run=cmd_quality)
+    s.add_argument("--bins", type=_number(int, 1, 10000), default=9, help="histogram bins over 0-90 degrees "
+                   "(default 9)")
 
-    s = sub.add_parser("crack", help="duplicate the nodes of an internal surface",
-                       description="Opens a TH4 / H8 mesh along an internal surface, given by a physical group of "
-                       "the file or by a file of faces (matched to the mesh's nodes by position).")
+    s = command("crack", cmd_crack, "duplicate the nodes of an internal surface",
+                "Opens a solid mesh along an internal surface, given by a group of faces of the file or by a "
+                "file of faces (matched to the mesh's nodes by position), and says how many of its faces were "
+                "opened. The group's faces stay with the elements behind their normals; a new group "
+                "NAME_positive holds the other lip, facing its own elements.")
     s.add_argument("input")
     s.add_argument("output")
     which = s.add_mutually_exclusive_group(required=True)
@@ -490,28 +870,32 @@ def parser():
     s.add_argument("--side", choices=("positive", "negative", "both"), default="positive",
                    help="the side(s) whose elements get the copies (positive: where the face normals point)")
     s.add_argument("--keep-front", action="store_true",
-                   help="do not duplicate the surface's rim nodes that lie inside the mesh (a crack front)")
-    s.set_defaults(run=cmd_crack)
+                   help="keep single the nodes of the surface's rim edges inside the mesh (a crack front), "
+                   "its ends on the outer boundary included")
 
-    s = sub.add_parser("interpolate", help="a nodal field from one mesh onto the nodes of another",
-                       description="Interpolates nodal fields of SOURCE (a tetrahedral mesh) onto the nodes of "
-                       "TARGET and writes TARGET with them to OUTPUT. Nodes outside SOURCE copy the nearest node.")
+    s = command("interpolate", cmd_interpolate, "a nodal field from one mesh onto the nodes of another",
+                "Interpolates nodal fields of SOURCE (a tetrahedral mesh) onto the nodes of TARGET and writes "
+                "TARGET with them to OUTPUT. Nodes outside SOURCE copy the nearest node.")
     s.add_argument("source")
     s.add_argument("target")
     s.add_argument("output")
     s.add_argument("--field", action="append", help="name of a nodal field (default: all); may be repeated")
-    s.set_defaults(run=cmd_interpolate)
 
-    s = sub.add_parser("demo", help="build, extrude, convert, split and measure a mesh; write .vtu files and a PNG",
-                       description="Builds a surface mesh (or reads --input), extrudes it, converts it into "
-                       "quadratic elements, splits a copy into hexahedra, measures the quality and writes .vtu "
-                       "files and a PNG picture coloured by the minimum dihedral angle. To run it on your own "
-                       "surface: python3 -m tessel3d demo --input my_surface.msh --out my-demo")
+    s = command("demo", cmd_demo, "build, extrude, convert, split and measure a mesh; write .vtu files and a PNG",
+                "Builds a surface mesh (or reads --input), extrudes it, converts it into quadratic elements, "
+                "splits a copy into hexahedra, measures the quality and writes .vtu files and a PNG picture "
+                "coloured by the minimum dihedral angle. To run it on your own surface: "
+                "python3 -m tessel3d demo --input my_surface.msh --out my-demo")
     s.add_argument("--out", default="demo-output", help="output directory (default ./demo-output)")
-    s.add_argument("--size", type=int, default=6, help="rings of the built surface (default 6)")
+    s.add_argument("--size", type=_number(int, 1, 200), default=6, help="rings of the built surface (default 6)")
     s.add_argument("--input", help="a file holding a triangle / quadrangle surface to use instead")
-    s.set_defaults(run=cmd_demo)
     return p
+
+
+def _one_line_warnings(command):
+    def show(message, category, filename, lineno, file=None, line=None):
+        print(f"tessel3d {command}: warning: {message}", file=sys.stderr)
+    warnings.showwarning = show
 
 
 def main(argv=None):
@@ -522,19 +906,25 @@ def main(argv=None):
         print(f"tessel3d {version()}")
         return 0
     if not args.command:
-        p.print_help()
+        p.print_help(sys.stderr)
         return 2
+    _one_line_warnings(args.command)
     try:
         return args.run(args)
-    except (UserError, Error, mio.FileError, NotImplementedError) as error:
-        print(f"tessel3d {args.command}: error: {error}", file=sys.stderr)
-        return 2
-    except ValueError as error:  # argument values the library's Python layer refused
-        print(f"tessel3d {args.command}: error: {error}", file=sys.stderr)
-        return 2
+    except (UserError, Error, mio.FileError, ValueError, NotImplementedError) as error:
+        message = str(error).strip().splitlines()
+        print(f"tessel3d {args.command}: error: {' '.join(message) if message else type(error).__name__}",
+              file=sys.stderr)
     except OSError as error:
         print(f"tessel3d {args.command}: error: {error.filename or ''}: {error.strerror or error}", file=sys.stderr)
-        return 2
+    except MemoryError:
+        print(f"tessel3d {args.command}: error: out of memory", file=sys.stderr)
     except KeyboardInterrupt:
         print(f"tessel3d {args.command}: interrupted", file=sys.stderr)
         return 130
+    except Exception as error:  # a defect of ours: still one line, the traceback on request
+        if os.environ.get("TESSEL3D_TRACEBACK"):
+            raise
+        print(f"tessel3d {args.command}: internal error: {type(error).__name__}: {error} "
+              "(TESSEL3D_TRACEBACK=1 shows where)", file=sys.stderr)
+    return 2

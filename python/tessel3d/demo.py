@@ -8,7 +8,7 @@ import time
 import numpy as np
 
 from . import extrude, io as mio, measures, mesh as tmesh, order
-from .cli import progress
+from .progress import progress
 
 DEG = 180.0 / np.pi
 
@@ -33,19 +33,13 @@ def disc(rings=6, sectors=12):
     return np.array(coords), np.array(faces, dtype=np.uint32)
 
 
-_FACES = {"TH4": ((1, 2, 3), (2, 0, 3), (0, 1, 3), (2, 1, 0)),
-          "PY5": ((0, 4, 1), (1, 4, 2), (2, 4, 3), (3, 4, 0), (0, 1, 2, 3)),
-          "W6": ((0, 1, 2), (3, 5, 4), (2, 1, 4, 5), (0, 2, 5, 3), (1, 0, 3, 4)),
-          "H8": ((0, 3, 7, 4), (1, 5, 6, 2), (0, 4, 5, 1), (3, 2, 6, 7), (0, 1, 2, 3), (4, 7, 6, 5))}
-
-
 def boundary_faces(connect, kind):
     """(element, node list) of every face without a neighbour."""
     neighbors = tmesh.get_neighbors(connect, kind)
-    kinds = mio._kinds_mix8(connect) if kind == "SOLID_MIX8" else np.full(len(connect), kind, dtype=object)
+    kinds = tmesh.member_types(connect, kind)
     out = []
     for e, (row, element_kind) in enumerate(zip(neighbors, kinds)):
-        for f, face in enumerate(_FACES[element_kind]):
+        for f, face in enumerate(tmesh.SOLID_FACES[element_kind]):
             if row[f] == tmesh.ABSENT:
                 out.append((e, [int(connect[e, i]) for i in face]))
     return out
@@ -80,29 +74,37 @@ def picture(path, coords, connect, kind, values, title):
     plt.close(figure)
 
 
-def run(out="demo-output", size=6, input_path=None):
+def run(out="demo-output", size=6, input_path=None, write=None):
+    """Runs the demo into directory `out`; write(path, mesh) writes a file (default:
+    tessel3d.io.write)."""
     start = time.monotonic()
     os.makedirs(out, exist_ok=True)
     written = []
 
     def save(name, mesh):
         path = os.path.join(out, name)
-        with progress(f"writing {path}"):
-            mio.write(path, mesh)
+        if write is not None:
+            write(path, mesh)
+        else:
+            with progress(f"writing {path}"):
+                mio.write(path, mesh)
         written.append((path, repr(mesh)))
 
     print(f"tessel3d {tmesh.version()} demo")
     if input_path:
         source = mio.read(input_path)
-        kind, surface = source.faces()
+        surface_kind, surface = source.faces()
         if surface is None:
             raise ValueError(f"{input_path}: holds no triangles or quadrangles to extrude")
+        if not np.isfinite(source.coords).all():
+            raise ValueError(f"{input_path}: non-finite coordinates")
         coords = source.coords
         size_of = float(np.ptp(coords, axis=0).max()) or 1.0
         with progress("extruding along the normals"):
             solid = extrude.extrude_normal(coords, surface, 0.1 * size_of, 4)
         how = f"{input_path}: {len(surface)} faces extruded along their normals by {0.1 * size_of:.3g}, 4 layers"
     else:
+        surface_kind = "FACE_MIX4"
         coords, surface = disc(rings=max(1, size))
         with progress("extruding"):
             solid = extrude.extrude_spiral(coords, surface, (0.0, 0.0, 0.0), (0.0, 0.0, np.pi / 3), (0.0, 0.0, 1.0),
@@ -110,7 +112,7 @@ def run(out="demo-output", size=6, input_path=None):
         how = (f"wavy disc of {len(surface)} faces (triangles and quadrangles) swept along a helix: 1 up, "
                "a sixth of a turn, layers from 0.05 to 0.25 thick")
     print(how)
-    save("surface.vtu", mio.Mesh(coords[:len(coords)], {"FACE_MIX4": surface}))
+    save("surface.vtu", mio.Mesh(coords, {surface_kind: surface}))
 
     connect = solid.solids
     kind = tmesh.solid_type(connect).name

@@ -178,3 +178,59 @@ def mixed(blocks):
         padded[:, :b.shape[1]] = b
         parts.append(padded)
     return np.concatenate(parts) if parts else np.zeros((0, 8), dtype=np.uint32)
+
+
+# Faces of the linear solids (the get_neighbors order), right-hand normals pointing into
+# a positive element.
+SOLID_FACES = {
+    "TH4": ((1, 2, 3), (2, 0, 3), (0, 1, 3), (2, 1, 0)),
+    "PY5": ((0, 4, 1), (1, 4, 2), (2, 4, 3), (3, 4, 0), (0, 1, 2, 3)),
+    "W6": ((0, 1, 2), (3, 5, 4), (2, 1, 4, 5), (0, 2, 5, 3), (1, 0, 3, 4)),
+    "H8": ((0, 3, 7, 4), (1, 5, 6, 2), (0, 4, 5, 1), (3, 2, 6, 7), (0, 1, 2, 3), (4, 7, 6, 5)),
+}
+
+# Member type of a column of a mixed layout by its number of present entries.
+_MEMBERS = {8: {4: "TH4", 5: "PY5", 6: "W6", 8: "H8"}, 27: {10: "TH10", 14: "PY14", 18: "W18", 27: "H27"},
+            4: {3: "T3", 4: "Q4"}}
+
+
+def member_types(connect, type_name):
+    """The type name of every element of a connectivity: its own type for a pure one, the
+    member type (by its count of present entries) for SOLID_MIX8, SOLID_MIX27, FACE_MIX4."""
+    connect = np.asarray(connect)
+    if type_name not in ("SOLID_MIX8", "SOLID_MIX27", "FACE_MIX4"):
+        return np.full(len(connect), type_name, dtype=object)
+    present = (connect != ABSENT).sum(axis=1)
+    names = np.full(len(connect), None, dtype=object)
+    for count, name in _MEMBERS[connect.shape[1]].items():
+        names[present == count] = name
+    return names
+
+
+def signed_volumes(coords, connect, type_name):
+    """The signed volume of every linear solid (m,), by the corners of its faces: each face
+    is cut into triangles around its centre, each triangle makes a tetrahedron with the
+    element's centre. Exact for plane faces, positive for a positive element; quadratic
+    types are measured by their corners (which come first)."""
+    coords = np.asarray(coords, dtype=np.float64)
+    connect = np.asarray(connect)
+    out = np.zeros(len(connect))
+    kinds = member_types(connect, type_name)
+    for kind in dict.fromkeys(kinds):
+        rows = np.nonzero(kinds == kind)[0]
+        base = {"TH10": "TH4", "PY13": "PY5", "PY14": "PY5", "W15": "W6", "W18": "W6", "H20": "H8",
+                "H27": "H8"}.get(kind, kind)
+        if base not in SOLID_FACES:
+            continue
+        corners = len(set(sum(SOLID_FACES[base], ())))
+        x = coords[connect[rows, :corners].astype(np.int64)]
+        centre = x.mean(axis=1)
+        total = np.zeros(len(rows))
+        for face in SOLID_FACES[base]:
+            p = x[:, list(face)]
+            middle = p.mean(axis=1)
+            for i in range(len(face)):
+                a, b = p[:, i], p[:, (i + 1) % len(face)]
+                total += np.einsum("ij,ij->i", np.cross(a - middle, b - middle), centre - middle)
+        out[rows] = total / 6.0
+    return out

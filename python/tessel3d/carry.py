@@ -1,0 +1,247 @@
+"""What the result of a mesh operation inherits from its input.
+
+- Elements: every new element inherits the cell data and the groups of the element it was
+  made from (its parent); elements without a parent (e.g. the lateral faces of an
+  extrusion) get NaN (floating-point data), -1 (signed integers), 0 (others), and no group.
+- Nodes: a copy of a node takes its point data as they are. A node built from several
+  nodes (an edge midpoint, a face or element centre) takes the mean of their
+  floating-point values, exact for a field that varies linearly along the edges of
+  straight-sided elements. Integer and boolean point data (IDs, tags, flags) are not
+  interpolated: such a node takes its parents' value when they all agree, and otherwise -1
+  (signed), the largest value of the type (unsigned) or False.
+- Faces and edges of the input follow the operation through node sets: a new node is named
+  by the sorted IDs of the input nodes it is built from, so the midpoint of edge (a, b) is
+  the node named (a, b) whichever element made it.
+"""
+
+import warnings
+
+import numpy as np
+
+ABSENT = 0xFFFFFFFF
+
+
+# ---- node sets --------------------------------------------------------------------------
+
+def _row_keys(rows, width=8):
+    """One comparable key per row of node IDs: the IDs sorted and padded with ABSENT."""
+    rows = np.sort(np.asarray(rows, dtype=np.uint32), axis=1)
+    padded = np.full((len(rows), width), ABSENT, dtype=np.uint32)
+    padded[:, :rows.shape[1]] = rows
+    return padded.view(np.dtype((np.void, 4 * width))).ravel()
+
+
+class NewNodes:
+    """The new nodes of a result, each with the input nodes it was built from.
+
+    groups: [(ids (k,), parents (k, w))] by parent count w; nb_old: node count of the input.
+    """
+
+    def __init__(self, nb_old):
+        self.nb_old = nb_old
+        self.groups = []
+        self._keys = None
+
+    def add(self, ids, parents):
+        ids = np.asarray(ids, dtype=np.int64).ravel()
+        parents = np.asarray(parents, dtype=np.int64).reshape(len(ids), -1)
+        new = ids >= self.nb_old
+        if new.any():
+            ids, parents = ids[new], parents[new]
+            ids, first = np.unique(ids, return_index=True)
+            self.groups.append((ids, parents[first]))
+            self._keys = None
+
+    def merged(self):
+        """The groups with each node once (the first naming wins), one group per width."""
+        seen = np.zeros(0, dtype=np.int64)
+        by_width = {}
+        for ids, parents in self.groups:
+            fresh = ~np.isin(ids, seen)
+            if fresh.any():
+                by_width.setdefault(parents.shape[1], []).append((ids[fresh], parents[fresh]))
+                seen = np.concatenate([seen, ids[fresh]])
+        return [(np.concatenate([i for i, _ in g]), np.concatenate([p for _, p in g])) for g in by_width.values()]
+
+    def _table(self):
+        if self._keys is None:
+            self.groups = self.merged()
+            ids = np.concatenate([i for i, _ in self.groups]) if self.groups else np.zeros(0, np.int64)
+            keys = (np.concatenate([_row_keys(p) for _, p in self.groups]) if self.groups
+                    else np.zeros(0, np.dtype((np.void, 32))))
+            order = np.argsort(keys)
+            self._keys, self._ids = keys[order], ids[order]
+        return self._keys, self._ids
+
+    def find(self, parents):
+        """The node named by each row of parents, -1 where there is none."""
+        keys, ids = self._table()
+        query = _row_keys(parents)
+        at = np.searchsorted(keys, query)
+        found = np.zeros(len(query), dtype=bool)
+        inside = at < len(keys)
+        found[inside] = keys[at[inside]] == query[inside]
+        return np.where(found, ids[np.minimum(at, len(ids) - 1)] if len(ids) else -1, -1)
+
+    def find_or_make(self, parents, coords):
+        """As find, making the missing nodes (at the mean of their parents); returns the
+        IDs and the coordinates grown by the new nodes."""
+        parents = np.asarray(parents, dtype=np.int64)
+        ids = self.find(parents)
+        missing = ids < 0
+        if missing.any():
+            _, first, inverse = np.unique(_row_keys(parents[missing]), return_index=True, return_inverse=True)
+            made = np.arange(len(coords), len(coords) + len(first))
+            coords = np.concatenate([coords, coords[parents[missing][first]].mean(axis=1)])
+            self.add(made, parents[missing][first])
+            ids[missing] = made[inverse.ravel()]
+        return ids, coords
+
+    def check(self, coords, tolerance=1e-9):
+        """Whether every new node lies at the mean of its parents (relative tolerance)."""
+        size = float(np.ptp(coords, axis=0).max()) if len(coords) else 0.0
+        for ids, parents in self.groups:
+            if np.abs(coords[ids] - coords[parents].mean(axis=1)).max(initial=0.0) > tolerance * max(size, 1e-300):
+                return False
+        return True
+
+
+def _marker(dtype):
+    if dtype.kind == "b":
+        return False
+    if dtype.kind == "u":
+        return np.iinfo(dtype).max
+    if dtype.kind == "i":
+        return -1
+    return np.nan
+
+
+def point_data(data, nb_nodes, new_nodes, keep=None):
+    """Point data for a result of nb_nodes nodes: the input's values at its nodes (or at
+    the input nodes listed in `keep`, for a result whose nodes are a renumbered subset),
+    then the values of the new nodes (see the module doc)."""
+    out = {}
+    groups = new_nodes.merged() if new_nodes is not None else []
+    for name, values in data.items():
+        values = np.asarray(values)
+        if values.ndim == 0 or len(values) < (new_nodes.nb_old if new_nodes is not None else 0):
+            continue
+        if keep is not None:
+            out[name] = values[keep]
+            continue
+        result = np.empty((nb_nodes,) + values.shape[1:], dtype=values.dtype)
+        nb_old = new_nodes.nb_old if new_nodes is not None else len(values)
+        result[:nb_old] = values[:nb_old]
+        if nb_nodes > nb_old:
+            result[nb_old:] = _marker(values.dtype) if values.dtype.kind in "biu" else np.nan
+        for ids, parents in groups:
+            taken = values[parents]
+            if values.dtype.kind in "fc":
+                result[ids] = taken.mean(axis=1)
+            else:
+                agree = (taken == taken[:, :1]).reshape(len(ids), -1).all(axis=1)
+                agree = agree.reshape((-1,) + (1,) * (values.ndim - 1))
+                result[ids] = np.where(agree, taken[:, 0], _marker(values.dtype))
+        out[name] = result
+    return out
+
+
+# ---- elements ---------------------------------------------------------------------------
+
+class Cells:
+    """The input's cells numbered across types (in the order of mesh.cells), with their
+    cell data and group memberships, so that results can name parents by that number."""
+
+    def __init__(self, mesh):
+        self.mesh = mesh
+        self.offset, start = {}, 0
+        for name, cells in mesh.cells.items():
+            self.offset[name] = start
+            start += len(cells)
+        self.count = start
+        self.data = {}
+        for key, per_type in mesh.cell_data.items():
+            parts, has = [], np.zeros(start, dtype=bool)
+            try:
+                sample = next(np.asarray(v) for v in per_type.values())
+                for name, cells in mesh.cells.items():
+                    values = per_type.get(name)
+                    if values is None or len(values) != len(cells):
+                        fill = np.full((len(cells),) + sample.shape[1:], _marker(sample.dtype))
+                        parts.append(fill.astype(np.result_type(sample.dtype, fill.dtype)))
+                    else:
+                        parts.append(np.asarray(values))
+                        has[self.offset[name]:self.offset[name] + len(cells)] = True
+                self.data[key] = (np.concatenate(parts), has)
+            except (ValueError, StopIteration):
+                warnings.warn(f"cell data {key!r} not carried: its arrays differ in shape between element types")
+        self.groups = {}
+        for group, members in mesh.groups.items():
+            mask = np.zeros(start, dtype=bool)
+            for name, index in members.items():
+                if name in self.offset:
+                    mask[self.offset[name] + np.asarray(index, dtype=np.int64)] = True
+            self.groups[group] = mask
+
+    def index(self, name, local=None):
+        """Global numbers of the cells of type `name` (all, or those listed)."""
+        local = np.arange(len(self.mesh.cells[name])) if local is None else np.asarray(local, dtype=np.int64)
+        return self.offset[name] + local
+
+    def stack(self, names, width, mixed_name):
+        """(type, connectivity, global numbers) of the cells of the listed types present:
+        one type as it is, several padded to `width` columns under mixed_name;
+        (None, None, None) when there are none."""
+        present = [n for n in names if n in self.mesh.cells and len(self.mesh.cells[n])]
+        if not present:
+            return None, None, None
+        if len(present) == 1:
+            return present[0], self.mesh.cells[present[0]], self.index(present[0])
+        parts = []
+        for n in present:
+            c = self.mesh.cells[n]
+            padded = np.full((len(c), width), ABSENT, dtype=np.uint32)
+            padded[:, :c.shape[1]] = c
+            parts.append(padded)
+        return mixed_name, np.concatenate(parts), np.concatenate([self.index(n) for n in present])
+
+
+def assemble(cells, coords, blocks, point_values, groups=None):
+    """A Mesh from result blocks (type name, connectivity, parents[, inherit groups]):
+    parents are global numbers of `cells` (-1: none); a block whose 4th entry is False
+    takes its parents' cell data but not their groups. Blocks of one type are
+    concatenated in order. groups: extra {group: {type name: indices}}."""
+    from .io import Mesh
+    merged = {}
+    for name, connect, parents, *inherit in blocks:
+        if len(connect):
+            parents = np.asarray(parents, dtype=np.int64)
+            merged.setdefault(name, []).append((np.asarray(connect, dtype=np.uint32), parents,
+                                                np.full(len(parents), inherit[0] if inherit else True)))
+    out_cells, out_data, out_groups = {}, {}, {}
+    for name, parts in merged.items():
+        out_cells[name] = np.concatenate([c for c, _, _ in parts])
+        parents = np.concatenate([p for _, p, _ in parts])
+        inherits = np.concatenate([i for _, _, i in parts])
+        has_parent = parents >= 0
+        safe = np.where(has_parent, parents, 0)
+        for key, (values, has) in cells.data.items():
+            if not len(values):
+                continue
+            taken = values[safe]
+            known = has[safe] & has_parent
+            if not known.any():
+                continue
+            if not known.all():
+                marker = _marker(values.dtype)
+                taken = taken.astype(np.result_type(values.dtype, np.asarray(marker).dtype))
+                taken[~known] = marker
+            out_data.setdefault(key, {})[name] = taken
+        for group, mask in cells.groups.items():
+            chosen = np.nonzero(mask[safe] & has_parent & inherits)[0]
+            if len(chosen):
+                out_groups.setdefault(group, {})[name] = chosen.astype(np.uint32)
+    for group, members in (groups or {}).items():
+        for name, index in members.items():
+            out_groups.setdefault(group, {})[name] = np.asarray(index, dtype=np.uint32)
+    return Mesh(coords, out_cells, point_data=point_values, cell_data=out_data, groups=out_groups)

@@ -1,0 +1,99 @@
+"""Progress of the command line's long steps, on stderr.
+
+    with progress("writing out.vtu") as update:
+        io.write("out.vtu", mesh, progress=update)      # update(fraction in [0, 1])
+
+Nothing is shown for a step shorter than `delay` seconds. After it: a bar with the
+percentage, the elapsed time and an estimate of the time left (tqdm, when it is installed
+and stderr is a terminal), otherwise plain lines every tenth of the work. A step that
+reports no fraction (one library call) shows its elapsed time. Its last line says how long
+the step took.
+"""
+
+import sys
+import threading
+import time
+
+try:
+    import tqdm
+except ImportError:  # plain lines instead of a bar
+    tqdm = None
+
+
+_MEASURED = "{desc}: {percentage:3.0f}%|{bar}| {elapsed}<{remaining}"
+
+
+class progress:
+    """A step with an optional fraction done; the instance is the update callable."""
+
+    def __init__(self, label, stream=None, delay=1.0, bar=None):
+        self.label, self.stream, self.delay = label, stream or sys.stderr, delay
+        terminal = getattr(self.stream, "isatty", lambda: False)()
+        self.bar_wanted = (tqdm is not None and terminal) if bar is None else (bar and tqdm is not None)
+        self.fraction, self.bar, self.shown, self.last_tenth = None, None, False, 0
+        self.lock = threading.Lock()
+        self.done = threading.Event()
+
+    def __call__(self, fraction):
+        try:
+            fraction = min(max(float(fraction), 0.0), 1.0)
+        except (TypeError, ValueError):
+            return
+        with self.lock:
+            self.fraction = fraction
+            if self.shown:
+                self._draw()
+
+    def _estimate(self):
+        elapsed = time.monotonic() - self.start
+        if self.fraction:
+            return f"{100 * self.fraction:3.0f} %, {elapsed:.0f} s, about {elapsed * (1 / self.fraction - 1):.0f} s left"
+        return f"{elapsed:.0f} s"
+
+    def _draw(self):
+        if self.bar is not None:
+            if self.fraction is not None:
+                if self.bar.total is None:
+                    self.bar.total, self.bar.bar_format = 100, _MEASURED
+                self.bar.n = round(100 * self.fraction, 1)
+            self.bar.refresh()
+        elif self.fraction is not None and int(10 * self.fraction) > self.last_tenth:
+            self.last_tenth = int(10 * self.fraction)
+            print(f"tessel3d: {self.label}: {self._estimate()}", file=self.stream, flush=True)
+
+    def _watch(self):
+        if self.done.wait(self.delay):
+            return
+        with self.lock:
+            self.shown = True
+            if self.bar_wanted:
+                self.bar = tqdm.tqdm(total=100 if self.fraction is not None else None, desc=f"tessel3d: {self.label}",
+                                     file=self.stream, leave=True, dynamic_ncols=True,
+                                     bar_format=_MEASURED if self.fraction is not None else "{desc}: {elapsed}")
+                self.bar.start_t = self.start
+            else:
+                print(f"tessel3d: {self.label} ...", file=self.stream, flush=True)
+            self._draw()
+        while not self.done.wait(0.5):
+            with self.lock:
+                if self.bar is not None:
+                    self._draw()
+
+    def __enter__(self):
+        self.start = time.monotonic()
+        self.thread = threading.Thread(target=self._watch, daemon=True)
+        self.thread.start()
+        return self
+
+    def __exit__(self, kind, *rest):
+        self.done.set()
+        self.thread.join()
+        if self.shown:
+            took = time.monotonic() - self.start
+            if self.bar is not None:
+                if kind is None and self.fraction is not None:
+                    self.bar.n = 100
+                self.bar.close()
+            if kind is None:
+                print(f"tessel3d: {self.label}: {took:.1f} s", file=self.stream, flush=True)
+        return False
