@@ -77,10 +77,11 @@ def write(path, mesh, args):
     accepted = _parameters(mio.write)
     compression = getattr(args, "compression", None)
     if compression is not None:
-        if "compression" in accepted or str(path).endswith(".vtu"):  # older io: meshio's own keyword
+        suffix = os.path.splitext(str(path))[1].lower()
+        if compression != "none" and suffix not in (".vtu", ".xdmf", ".xmf"):
+            raise UserError(f"{path}: --compression applies to .vtu and .xdmf files")
+        if "compression" in accepted or suffix == ".vtu":  # else meshio's own keyword (.vtu only)
             keywords["compression"] = None if compression == "none" else compression
-        else:
-            raise UserError(f"{path}: --compression is available for .vtu files only")
     with progress(f"writing {path}") as update:
         if "progress" in accepted:
             keywords["progress"] = update
@@ -543,7 +544,7 @@ def cmd_extrude(args):
     new.add(np.arange(len(x), len(result.coords)), np.tile(surface_nodes, nb_layers))
     blocks, groups = [(solid_kind, solids, np.repeat(parents, nb_layers))], {}
     if args.faces:
-        _append(blocks, groups, kind, faces, parents, "bottom")
+        _append(blocks, groups, kind, faces, parents, "bottom", inherit_groups=False)
         _append(blocks, groups, "Q4", result.lateral, np.full(len(result.lateral), -1), "lateral")
         _append(blocks, groups, kind, result.cap, parents, "top", inherit_groups=False)
     values = point_data(mesh.point_data, len(result.coords), new)
