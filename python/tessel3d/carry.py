@@ -40,34 +40,53 @@ class NewNodes:
     def __init__(self, nb_old):
         self.nb_old = nb_old
         self.groups = []
+        self.named = np.zeros(0, dtype=bool)
+        self.focus = None
         self._keys = None
 
     def add(self, ids, parents):
+        """Records nodes ids (those >= nb_old and not named yet) as built from parents."""
         ids = np.asarray(ids, dtype=np.int64).ravel()
         parents = np.asarray(parents, dtype=np.int64).reshape(len(ids), -1)
         new = ids >= self.nb_old
-        if new.any():
-            ids, parents = ids[new], parents[new]
-            ids, first = np.unique(ids, return_index=True)
-            self.groups.append((ids, parents[first]))
-            self._keys = None
+        ids, first = np.unique(ids[new], return_index=True)
+        if not len(ids):
+            return
+        if ids[-1] >= len(self.named):
+            self.named = np.concatenate([self.named, np.zeros(ids[-1] + 1 - len(self.named), dtype=bool)])
+        fresh = ~self.named[ids]
+        self.named[ids[fresh]] = True
+        self.groups.append((ids[fresh], parents[new][first][fresh]))
+        self._keys = None
 
     def merged(self):
-        """The groups with each node once (the first naming wins), one group per width."""
-        seen = np.zeros(0, dtype=np.int64)
+        """The groups, one per parent count."""
         by_width = {}
         for ids, parents in self.groups:
-            fresh = ~np.isin(ids, seen)
-            if fresh.any():
-                by_width.setdefault(parents.shape[1], []).append((ids[fresh], parents[fresh]))
-                seen = np.concatenate([seen, ids[fresh]])
-        return [(np.concatenate([i for i, _ in g]), np.concatenate([p for _, p in g])) for g in by_width.values()]
+            by_width.setdefault(parents.shape[1], []).append((ids, parents))
+        self.groups = [(np.concatenate([i for i, _ in g]), np.concatenate([p for _, p in g]))
+                       for g in by_width.values()]
+        return self.groups
+
+    def look_among(self, nodes):
+        """Restricts later look-ups to nodes built from the listed input nodes only (those
+        of the faces to carry), which keeps the look-up table small."""
+        self.focus = np.zeros(self.nb_old, dtype=bool)
+        self.focus[np.asarray(nodes, dtype=np.int64)] = True
+        self._keys = None
 
     def _table(self):
         if self._keys is None:
-            self.groups = self.merged()
-            ids = np.concatenate([i for i, _ in self.groups]) if self.groups else np.zeros(0, np.int64)
-            keys = (np.concatenate([_row_keys(p) for _, p in self.groups]) if self.groups
+            groups = []
+            for ids, parents in self.merged():
+                if parents.shape[1] > 4:
+                    continue  # element centres: never a face's or an edge's node
+                if self.focus is not None:
+                    inside = self.focus[parents].all(axis=1)
+                    ids, parents = ids[inside], parents[inside]
+                groups.append((ids, parents))
+            ids = np.concatenate([i for i, _ in groups]) if groups else np.zeros(0, np.int64)
+            keys = (np.concatenate([_row_keys(p) for _, p in groups]) if groups
                     else np.zeros(0, np.dtype((np.void, 32))))
             order = np.argsort(keys)
             self._keys, self._ids = keys[order], ids[order]
@@ -100,7 +119,7 @@ class NewNodes:
     def check(self, coords, tolerance=1e-9):
         """Whether every new node lies at the mean of its parents (relative tolerance)."""
         size = float(np.ptp(coords, axis=0).max()) if len(coords) else 0.0
-        for ids, parents in self.groups:
+        for ids, parents in self.merged():
             if np.abs(coords[ids] - coords[parents].mean(axis=1)).max(initial=0.0) > tolerance * max(size, 1e-300):
                 return False
         return True

@@ -134,6 +134,12 @@ def corner_solids(mesh):
     return "SOLID_MIX8", np.concatenate([_pad(c, 8) for _, c, _ in parts]), np.concatenate([g for _, _, g in parts])
 
 
+def _face_nodes(mesh):
+    """The nodes of the cells that are not linear solids."""
+    parts = [c[c != ABSENT] for name, c in mesh.cells.items() if name not in LINEAR_SOLIDS]
+    return np.unique(np.concatenate(parts)) if parts else np.zeros(0, dtype=np.int64)
+
+
 def _names(type_name):
     """Per local node of a library type, the set of corners it is built from."""
     return mio.LIBRARY_ORDERS[type_name]
@@ -364,6 +370,7 @@ def cmd_quadratic(args):
         new = NewNodes(len(mesh.coords))
         _name_nodes(new, result.connect, out_kind, _names)
         coords, blocks = result.coords, [(out_kind, result.connect, parents)]
+        new.look_among(_face_nodes(mesh))
         lift = {"E2": "E3", "T3": "T6", "Q4": "Q9"}
         for name, c in mesh.cells.items():
             if name in LINEAR_SOLIDS:
@@ -438,6 +445,7 @@ def cmd_hexsplit(args):
             raise UserError("the split's new nodes are not where expected: faces and point data cannot follow")
         coords = result.coords
         blocks = [("H8", result.hexahedra, np.repeat(parents, pieces))]
+        new.look_among(_face_nodes(mesh))
         patterns = {"E2": [[(0,), (0, 1)], [(0, 1), (1,)]],
                     "T3": [[(i,), (i, (i + 1) % 3), (0, 1, 2), (i, (i + 2) % 3)] for i in range(3)],
                     "Q4": [[(i,), (i, (i + 1) % 4), (0, 1, 2, 3), (i, (i + 3) % 4)] for i in range(4)]}

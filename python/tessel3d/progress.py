@@ -3,11 +3,12 @@
     with progress("writing out.vtu") as update:
         io.write("out.vtu", mesh, progress=update)      # update(fraction in [0, 1])
 
-Nothing is shown for a step shorter than `delay` seconds. After it: a bar with the
-percentage, the elapsed time and an estimate of the time left (tqdm, when it is installed
-and stderr is a terminal), otherwise plain lines every tenth of the work. A step that
-reports no fraction (one library call) shows its elapsed time. Its last line says how long
-the step took.
+Nothing is shown for a step shorter than `delay` seconds, nor when stderr is not a
+terminal (unless a style is asked for). After the delay: a bar with the percentage, the
+elapsed time and an estimate of the time left (tqdm), or without tqdm a line rewritten in
+place every tenth of the work. A step that reports no fraction (one library call) shows
+its elapsed time. A step that ends well leaves one line saying how long it took; one that
+fails erases its bar, so that the error stays the only line.
 """
 
 import sys
@@ -26,10 +27,15 @@ _MEASURED = "{desc}: {percentage:3.0f}%|{bar}| {elapsed}<{remaining}"
 class progress:
     """A step with an optional fraction done; the instance is the update callable."""
 
-    def __init__(self, label, stream=None, delay=1.0, bar=None):
+    def __init__(self, label, stream=None, delay=1.0, style=None):
+        """style: "bar", "lines" or None (a bar, or lines without tqdm, on a terminal;
+        nothing otherwise)."""
         self.label, self.stream, self.delay = label, stream or sys.stderr, delay
-        terminal = getattr(self.stream, "isatty", lambda: False)()
-        self.bar_wanted = (tqdm is not None and terminal) if bar is None else (bar and tqdm is not None)
+        self.terminal = getattr(self.stream, "isatty", lambda: False)()
+        if style is None:
+            style = None if not self.terminal else "bar" if tqdm is not None else "lines"
+        self.style = "lines" if style == "bar" and tqdm is None else style
+        self.bar_wanted = self.style == "bar"
         self.fraction, self.bar, self.shown, self.last_tenth = None, None, False, 0
         self.lock = threading.Lock()
         self.done = threading.Event()
@@ -59,10 +65,17 @@ class progress:
             self.bar.refresh()
         elif self.fraction is not None and int(10 * self.fraction) > self.last_tenth:
             self.last_tenth = int(10 * self.fraction)
-            print(f"tessel3d: {self.label}: {self._estimate()}", file=self.stream, flush=True)
+            self._line(f"tessel3d: {self.label}: {self._estimate()}")
+
+    def _line(self, text):
+        """A line of its own, or on a terminal the line rewritten in place."""
+        if self.terminal:
+            print(f"\r\033[K{text}", end="", file=self.stream, flush=True)
+        else:
+            print(text, file=self.stream, flush=True)
 
     def _watch(self):
-        if self.done.wait(self.delay):
+        if self.style is None or self.done.wait(self.delay):
             return
         with self.lock:
             self.shown = True
@@ -72,7 +85,7 @@ class progress:
                                      bar_format=_MEASURED if self.fraction is not None else "{desc}: {elapsed}")
                 self.bar.start_t = self.start
             else:
-                print(f"tessel3d: {self.label} ...", file=self.stream, flush=True)
+                self._line(f"tessel3d: {self.label} ...")
             self._draw()
         while not self.done.wait(0.5):
             with self.lock:
@@ -93,7 +106,12 @@ class progress:
             if self.bar is not None:
                 if kind is None and self.fraction is not None:
                     self.bar.n = 100
+                self.bar.leave = kind is None
                 self.bar.close()
             if kind is None:
-                print(f"tessel3d: {self.label}: {took:.1f} s", file=self.stream, flush=True)
+                self._line(f"tessel3d: {self.label}: {took:.1f} s")
+                if self.terminal:
+                    print(file=self.stream, flush=True)
+            elif self.terminal and self.bar is None:
+                print("\r\033[K", end="", file=self.stream, flush=True)
         return False

@@ -394,7 +394,7 @@ def test_compression_is_the_users_choice(capsys, tmp_path, meshes):
 
 def test_progress_lines_show_percentage_and_estimate():
     stream = io.StringIO()
-    with progress("working", stream=stream, delay=0.05, bar=False) as update:
+    with progress("working", stream=stream, delay=0.05, style="lines") as update:
         time.sleep(0.2)
         for step in range(1, 5):
             update(step / 4)
@@ -403,7 +403,7 @@ def test_progress_lines_show_percentage_and_estimate():
     assert lines[0] == "tessel3d: working ..." and lines[-1].startswith("tessel3d: working: ")
     assert any("50 %" in line and "s left" in line for line in lines)
     quiet = io.StringIO()
-    with progress("quick", stream=quiet, delay=5.0):
+    with progress("quick", stream=quiet, delay=5.0, style="lines"):
         pass
     assert quiet.getvalue() == ""
 
@@ -411,7 +411,7 @@ def test_progress_lines_show_percentage_and_estimate():
 def test_progress_bar_with_tqdm():
     pytest.importorskip("tqdm")
     stream = io.StringIO()
-    with progress("working", stream=stream, delay=0.01, bar=True) as update:
+    with progress("working", stream=stream, delay=0.01, style="bar") as update:
         time.sleep(0.1)
         update(0.5)
         time.sleep(0.6)
