@@ -437,10 +437,13 @@ def cmd_hexsplit(args):
         for k in dict.fromkeys(kinds):
             rows = np.nonzero(kinds == k)[0]
             block = connect[rows].astype(np.int64)
+            seen = {}  # each new node of an element from the first hexahedron that holds it
             for r, names in enumerate(_split_names(k)):
                 for i, name in enumerate(names):
-                    if len(name) > 1:
-                        new.add(result.hexahedra[start[rows] + r, i], block[:, sorted(name)])
+                    seen.setdefault(name, (r, i))
+            for name, (r, i) in seen.items():
+                if len(name) > 1:
+                    new.add(result.hexahedra[start[rows] + r, i], block[:, sorted(name)])
         if not new.check(result.coords):
             raise UserError("the split's new nodes are not where expected: faces and point data cannot follow")
         coords = result.coords

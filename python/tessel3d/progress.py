@@ -83,7 +83,7 @@ class progress:
                 self.bar = tqdm.tqdm(total=100 if self.fraction is not None else None, desc=f"tessel3d: {self.label}",
                                      file=self.stream, leave=True, dynamic_ncols=True,
                                      bar_format=_MEASURED if self.fraction is not None else "{desc}: {elapsed}")
-                self.bar.start_t = self.start
+                self.bar.start_t -= time.monotonic() - self.start  # the step began before its bar
             else:
                 self._line(f"tessel3d: {self.label} ...")
             self._draw()
