@@ -556,7 +556,15 @@ def cmd_extrude(args):
     blocks, groups = [(solid_kind, solids, np.repeat(parents, nb_layers))], {}
     if args.faces:
         _append(blocks, groups, kind, faces, parents, "bottom", inherit_groups=False)
-        _append(blocks, groups, "Q4", result.lateral, np.full(len(result.lateral), -1), "lateral")
+        # a lateral quadrangle takes the data and groups of the file's line on its edge
+        line_of_edge = np.full(len(edges), -1, dtype=np.int64)
+        if "E2" in mesh.cells and len(edges):
+            lines = _edge_keys(mesh.cells["E2"])
+            order = np.argsort(lines)
+            at = np.minimum(np.searchsorted(lines[order], _edge_keys(edges)), len(lines) - 1)
+            found = lines[order][at] == _edge_keys(edges)
+            line_of_edge[found] = cells.index("E2")[order[at[found]]]
+        _append(blocks, groups, "Q4", result.lateral, np.repeat(line_of_edge, nb_layers), "lateral")
         _append(blocks, groups, kind, result.cap, parents, "top", inherit_groups=False)
     values = point_data(mesh.point_data, len(result.coords), new)
     write(args.output, assemble(cells, result.coords, blocks, values, groups), args)

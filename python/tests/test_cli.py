@@ -265,17 +265,21 @@ def test_crack_opens_every_face_and_keeps_its_front(capsys, tmp_path, meshes, si
 def test_extrude_against_the_normals_flips_and_keeps_the_data(capsys, tmp_path):
     coords = np.array([[0, 0, 0], [1, 0, 0], [2, 0, 0], [0, 1, 0], [1, 1, 0], [2, 1, 0]], float)
     path = tmp_path / "square.msh"
-    mio.write(str(path), mio.Mesh(coords, {"Q4": [[0, 1, 4, 3]], "T3": [[1, 2, 5], [1, 5, 4]]},
+    triangles = [[0, 1, 4], [0, 4, 3], [1, 2, 5], [1, 5, 4]]
+    mio.write(str(path), mio.Mesh(coords, {"T3": triangles, "E2": [[2, 5]]},
                                   point_data={"temperature": temperature(coords)},
-                                  groups={"left": {"Q4": [0]}, "right": {"T3": [0, 1]}}))
-    out = tmp_path / "solid.msh"
+                                  groups={"left": {"T3": [0, 1]}, "right": {"T3": [2, 3]}, "end": {"E2": [0]}}))
+    out = tmp_path / "solid.inp"  # its element sets may overlap
     text = ok(capsys, "extrude", path, out, "--translate", 0, 0, -1, "--layers", 3, "--faces")
-    assert "flipped 9 of 9 element(s)" in text
+    assert "flipped 12 of 12 element(s)" in text
     m = mio.read(str(out))
     assert t3.volume(m.coords, corner_solids(m)[1]) == pytest.approx(2.0)
     assert {g: sum(len(i) for i in v.values()) for g, v in m.groups.items()} == \
-        {"left": 3, "right": 6, "bottom": 3, "lateral": 18, "top": 3}
-    np.testing.assert_allclose(m.point_data["temperature"], temperature(m.coords * [1, 1, 0]))
+        {"left": 6, "right": 6, "bottom": 4, "lateral": 18, "top": 4, "end": 3}
+    data = tmp_path / "solid.vtu"  # its point data
+    ok(capsys, "extrude", path, data, "--translate", 0, 0, -1, "--layers", 3)
+    d = mio.read(str(data))
+    np.testing.assert_allclose(d.point_data["temperature"], temperature(d.coords * [1, 1, 0]))
 
 
 def test_interpolate_a_linear_field_onto_another_mesh(capsys, tmp_path, meshes):
