@@ -47,6 +47,8 @@ class NewNodes:
     def add(self, ids, parents):
         """Records nodes ids (those >= nb_old and not named yet) as built from parents."""
         ids = np.asarray(ids, dtype=np.int64).ravel()
+        if not len(ids):
+            return
         parents = np.asarray(parents, dtype=np.int64).reshape(len(ids), -1)
         new = ids >= self.nb_old
         ids, first = np.unique(ids[new], return_index=True)

@@ -693,16 +693,6 @@ def cmd_crack(args):
     boundary_before = int((get_neighbors(connect, kind) == ABSENT).sum())
     boundary_after = int((get_neighbors(after, kind) == ABSENT).sum())
     torn = boundary_after - boundary_before - 2 * int(opened.sum())
-    text = f"opened {int(opened.sum())} of {len(faces)} face(s) of the surface, {result.added} node copies made"
-    if excluded is not None:
-        text += f"; the front's {len(excluded)} node(s) kept single"
-    print(text)
-    if inside.sum() > opened.sum():
-        print(f"  {int(inside.sum() - opened.sum())} face(s) stay closed: each of their nodes is kept single or "
-              "has no element on the chosen side")
-    if torn > 0:
-        hint = "" if args.keep_front else " (its rim nodes inside the mesh were duplicated; --keep-front keeps them)"
-        print(f"  {torn} other face(s) opened around the surface{hint}")
 
     # faces of the file follow the element they bound (the one behind their normal first)
     blocks = [(type_of_columns(after), after, parents)]
@@ -715,7 +705,7 @@ def cmd_crack(args):
         renumbered = c.copy()
         has = chosen >= 0
         renumbered[has] = _renumber_faces(c[has], chosen[has], connect, after)
-        blocks.append((name, renumbered[:, :c.shape[1] if name == "Q4" else 3], cells.index(name)))
+        blocks.append((name, renumbered[:, :3] if name == "T3" else renumbered, cells.index(name)))
     groups = {}
     if face_index is not None and opened.any():
         # the other lip, facing its own elements: the group's faces on the positive side
@@ -732,6 +722,17 @@ def cmd_crack(args):
     droppable = np.concatenate([np.unique(surface[surface != ABSENT]), np.arange(len(mesh.coords), len(coords))])
     coords, blocks, keep = _drop_unused(coords, blocks, droppable.astype(np.int64))
     values = {k: v[keep] for k, v in values.items()}
+    text = (f"opened {int(opened.sum())} of {len(faces)} face(s) of the surface, "
+            f"{len(coords) - len(mesh.coords)} node(s) added")
+    if excluded is not None:
+        text += f"; the front's {len(excluded)} node(s) kept single"
+    print(text)
+    if inside.sum() > opened.sum():
+        print(f"  {int(inside.sum() - opened.sum())} face(s) stay closed: each of their nodes is kept single or "
+              "has no element on the chosen side")
+    if torn > 0:
+        hint = "" if args.keep_front else " (its rim nodes inside the mesh were duplicated; --keep-front keeps them)"
+        print(f"  {torn} other face(s) opened around the surface{hint}")
     write(args.output, assemble(cells, coords, blocks, values, groups), args)
     return 0
 
