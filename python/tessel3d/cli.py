@@ -42,7 +42,7 @@ def _parameters(function):
         return {}
 
 
-def read(path, what="mesh"):
+def read(path):
     with progress(f"reading {path}") as update:
         keywords = {"progress": update} if "progress" in _parameters(mio.read) else {}
         mesh = mio.read(path, **keywords)

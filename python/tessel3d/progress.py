@@ -53,7 +53,8 @@ class progress:
     def _estimate(self):
         elapsed = time.monotonic() - self.start
         if self.fraction:
-            return f"{100 * self.fraction:3.0f} %, {elapsed:.0f} s, about {elapsed * (1 / self.fraction - 1):.0f} s left"
+            left = elapsed * (1 / self.fraction - 1)
+            return f"{100 * self.fraction:3.0f} %, {elapsed:.0f} s, about {left:.0f} s left"
         return f"{elapsed:.0f} s"
 
     def _draw(self):
@@ -104,9 +105,7 @@ class progress:
         if self.shown:
             took = time.monotonic() - self.start
             if self.bar is not None:
-                if kind is None and self.fraction is not None:
-                    self.bar.n = 100
-                self.bar.leave = kind is None
+                self.bar.leave = False  # the line below replaces it
                 self.bar.close()
             if kind is None:
                 self._line(f"tessel3d: {self.label}: {took:.1f} s")
