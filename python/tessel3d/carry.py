@@ -118,14 +118,6 @@ class NewNodes:
             ids[missing] = made[inverse.ravel()]
         return ids, coords
 
-    def check(self, coords, tolerance=1e-9):
-        """Whether every new node lies at the mean of its parents (relative tolerance)."""
-        size = float(np.ptp(coords, axis=0).max()) if len(coords) else 0.0
-        for ids, parents in self.merged():
-            if np.abs(coords[ids] - coords[parents].mean(axis=1)).max(initial=0.0) > tolerance * max(size, 1e-300):
-                return False
-        return True
-
 
 def _marker(dtype):
     if dtype.kind == "b":
