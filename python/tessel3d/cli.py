@@ -821,7 +821,7 @@ def parser():
     common = argparse.ArgumentParser(add_help=False)
     writing = argparse.ArgumentParser(add_help=False, parents=[common])
     writing.add_argument("--compression", choices=("none", "zlib", "lzma"),
-                         help="compression of the written file where its format has one (.vtu: default zlib)")
+                         help="compression of the written .vtu or .xdmf file (default: tessel3d.io's)")
 
     def command(name, run, text, description=None, writes=True):
         s = sub.add_parser(name, help=text, description=description or text[0].upper() + text[1:] + ".",
