@@ -18,15 +18,13 @@ import numpy as np
 from . import io as mio
 from .carry import Cells, NewNodes, assemble, point_data
 from .errors import Error
-from .mesh import ABSENT, SOLID_FACES, member_types, signed_volumes
+from .elements import (CORNER_COUNT, LINEAR_OF, LINEAR_SOLIDS, boundary_edges, build_cells, edge_keys, face_edges,
+                       face_owners, flip_cells, name_nodes, node_names, outer_faces, pad, renumber_faces, split_names,
+                       type_of_columns)
+from .mesh import ABSENT, member_types, signed_volumes
 from .progress import progress
 
 DEG = 180.0 / np.pi
-LINEAR_SOLIDS = ("TH4", "PY5", "W6", "H8")
-# Every quadratic type lists its corners first: its linear type by the corners.
-LINEAR_OF = {"TH10": "TH4", "PY13": "PY5", "PY14": "PY5", "W15": "W6", "W18": "W6", "H20": "H8", "H27": "H8",
-             "T6": "T3", "Q8": "Q4", "Q9": "Q4", "E3": "E2"}
-CORNER_COUNT = {"E2": 2, "T3": 3, "Q4": 4, "TH4": 4, "PY5": 5, "W6": 6, "H8": 8}
 
 
 class UserError(Exception):
@@ -89,22 +87,7 @@ def write(path, mesh, args):
     print(f"wrote {path}: {mesh}")
 
 
-# ---- element helpers ----------------------------------------------------------------------
-
-def type_of_columns(connect):
-    columns = connect.shape[1]
-    if columns == 8:
-        return "SOLID_MIX8" if (connect == ABSENT).any() else "H8"
-    if columns == 27:
-        return "SOLID_MIX27" if (connect == ABSENT).any() else "H27"
-    return {4: "TH4", 5: "PY5", 6: "W6", 10: "TH10", 18: "W18", 14: "PY14"}[columns]
-
-
-def _pad(connect, width):
-    out = np.full((len(connect), width), ABSENT, dtype=np.uint32)
-    out[:, :connect.shape[1]] = connect
-    return out
-
+# ---- pieces of the commands -----------------------------------------------------------------
 
 def linear_solids(cells, path, pad_to_mixed=()):
     """(type, connectivity, global numbers) of the linear solids; a pure type listed in
@@ -114,7 +97,7 @@ def linear_solids(cells, path, pad_to_mixed=()):
         found = ", ".join(cells.mesh.counts()) or "no element"
         raise UserError(f"{path}: holds no linear solid elements (TH4, PY5, W6, H8; found {found})")
     if kind in pad_to_mixed:
-        kind, connect = "SOLID_MIX8", _pad(connect, 8)
+        kind, connect = "SOLID_MIX8", pad(connect, 8)
     return kind, connect, parents
 
 
@@ -131,98 +114,13 @@ def corner_solids(mesh):
         return None, None, None
     if len({b for b, _, _ in parts}) == 1:
         return parts[0][0], np.concatenate([c for _, c, _ in parts]), np.concatenate([g for _, _, g in parts])
-    return "SOLID_MIX8", np.concatenate([_pad(c, 8) for _, c, _ in parts]), np.concatenate([g for _, _, g in parts])
+    return "SOLID_MIX8", np.concatenate([pad(c, 8) for _, c, _ in parts]), np.concatenate([g for _, _, g in parts])
 
 
 def _face_nodes(mesh):
     """The nodes of the cells that are not linear solids."""
     parts = [c[c != ABSENT] for name, c in mesh.cells.items() if name not in LINEAR_SOLIDS]
     return np.unique(np.concatenate(parts)) if parts else np.zeros(0, dtype=np.int64)
-
-
-def _names(type_name):
-    """Per local node of a library type, the set of corners it is built from."""
-    return mio.LIBRARY_ORDERS[type_name]
-
-
-def _build(connect, pattern, new, coords):
-    """Cells made of named nodes: pattern lists per sub-cell the corner sets of its nodes
-    (one corner: that node; several: the node built from them, made when missing).
-    Returns ((m * len(pattern), width) cells, coords grown by the made nodes); sub-cells of
-    an input cell are consecutive."""
-    a = np.asarray(connect, dtype=np.int64)
-    out = np.empty((len(a), len(pattern), len(pattern[0])), dtype=np.int64)
-    for s, sub in enumerate(pattern):
-        for i, name in enumerate(sub):
-            name = sorted(name)
-            if len(name) == 1:
-                out[:, s, i] = a[:, name[0]]
-            else:
-                out[:, s, i], coords = new.find_or_make(a[:, name], coords)
-    return out.reshape(len(a) * len(pattern), -1).astype(np.uint32), coords
-
-
-def _name_nodes(new, connect, type_name, names_of):
-    """Records the new nodes of a result connectivity: position p of an element of member
-    type k holds the node built from the corners names_of(k)[p]."""
-    kinds = member_types(connect, type_name)
-    for kind in dict.fromkeys(kinds):
-        rows = np.nonzero(kinds == kind)[0]
-        block = connect[rows].astype(np.int64)
-        for p, name in enumerate(names_of(kind)):
-            if len(name) > 1:
-                new.add(block[:, p], block[:, sorted(name)])
-
-
-def _edges_of(faces):
-    """(k, 2) edges of (k, 3), (k, 4) or mixed faces, each as oriented in its face."""
-    faces = np.asarray(faces, dtype=np.int64)
-    if faces.shape[1] == 3:
-        return np.concatenate([faces[:, [i, (i + 1) % 3]] for i in range(3)])
-    quad = faces[:, 3] != ABSENT
-    edges = [faces[:, [0, 1]], faces[:, [1, 2]], faces[quad][:, [2, 3]], faces[quad][:, [3, 0]],
-             faces[~quad][:, [2, 0]]]
-    return np.concatenate(edges)
-
-
-def _edge_keys(edges):
-    e = np.sort(np.asarray(edges, dtype=np.uint64), axis=1)
-    return e[:, 0] << np.uint64(32) | e[:, 1]
-
-
-def boundary_edges(faces):
-    """Edges used by exactly one face, oriented as in their face."""
-    edges = _edges_of(faces)
-    keys = _edge_keys(edges)
-    _, inverse, counts = np.unique(keys, return_inverse=True, return_counts=True)
-    return edges[counts[inverse.ravel()] == 1].astype(np.uint32)
-
-
-def solid_faces(connect, type_name):
-    """Every local face of every element: (element, local face, (k, 4) nodes with ABSENT
-    closing a triangle), right-hand normals pointing into a positive element."""
-    kinds = member_types(connect, type_name)
-    elements, local, nodes = [], [], []
-    for kind in dict.fromkeys(kinds):
-        rows = np.nonzero(kinds == kind)[0]
-        for f, face in enumerate(SOLID_FACES[kind]):
-            elements.append(rows)
-            local.append(np.full(len(rows), f))
-            nodes.append(_pad(connect[rows][:, list(face)], 4))
-    return np.concatenate(elements), np.concatenate(local), np.concatenate(nodes)
-
-
-def outer_faces(connect, type_name):
-    """(k, 4) faces of the solids that no other solid shares (ABSENT closing a triangle)."""
-    from .mesh import get_neighbors
-    neighbors = get_neighbors(connect, type_name)
-    element, local, nodes = solid_faces(connect, type_name)
-    return nodes[neighbors[element, local] == ABSENT]
-
-
-def _area_vector(coords, faces):
-    x = coords[np.where(faces == ABSENT, faces[:, :1], faces).astype(np.int64)]
-    return 0.5 * np.cross(x[:, 2] - x[:, 0], x[:, 3] - x[:, 1])  # a triangle repeats node 0 as its 4th
 
 
 def _append(blocks, groups, name, connect, parents, group=None, inherit_groups=True):
@@ -311,36 +209,6 @@ def cmd_quality(args):
     return 0
 
 
-# Orientation flips: the library's flip for the types where it keeps every node on its
-# edge or face; for PY13, W15 and H20 (which it leaves as they are) and PY14 (whose flip
-# exchanges the nodes on edges 1-4 and 3-4 while corners 1 and 3 stay, moving them off
-# their edges) the exchange is read off the node names, after the corner exchange.
-_CORNER_FLIP = {"TH4": (2, 1, 0, 3), "PY5": (2, 1, 0, 3, 4), "W6": (2, 1, 0, 5, 4, 3), "H8": (2, 1, 0, 3, 6, 5, 4, 7)}
-_LIBRARY_FLIPS = ("TH4", "TH10", "PY5", "W6", "W18", "H8", "H27")
-
-
-def _flip_permutation(type_name):
-    corners = _CORNER_FLIP[LINEAR_OF.get(type_name, type_name)]
-    names = _names(type_name)
-    return np.array([names.index(frozenset(corners[c] for c in name)) for name in names])
-
-
-def flip_cells(connect, type_name, chosen=None):
-    """Reverses in place the orientation of the chosen rows (all by default) of a solid
-    connectivity of one type."""
-    from .mesh import flip
-    rows = np.arange(len(connect)) if chosen is None else np.nonzero(chosen)[0]
-    if not len(rows):
-        return 0
-    if type_name in _LIBRARY_FLIPS:
-        part = np.ascontiguousarray(connect[rows])
-        flip(part, type_name)
-        connect[rows] = part
-    else:
-        connect[rows] = connect[rows][:, _flip_permutation(type_name)]
-    return len(rows)
-
-
 def cmd_flip(args):
     mesh = read(args.input)
     counts = {}
@@ -368,7 +236,7 @@ def cmd_quadratic(args):
     with progress("carrying faces and data"):
         out_kind = type_of_columns(result.connect)
         new = NewNodes(len(mesh.coords))
-        _name_nodes(new, result.connect, out_kind, _names)
+        name_nodes(new, result.connect, out_kind, node_names)
         coords, blocks = result.coords, [(out_kind, result.connect, parents)]
         new.look_among(_face_nodes(mesh))
         lift = {"E2": "E3", "T3": "T6", "Q4": "Q9"}
@@ -377,45 +245,12 @@ def cmd_quadratic(args):
                 continue
             global_index = cells.index(name)
             if name in lift:
-                c, coords = _build(c, [_names(lift[name])], new, coords)
+                c, coords = build_cells(c, [node_names(lift[name])], new, coords)
                 name = lift[name]
             blocks.append((name, c, global_index))
         values = point_data(mesh.point_data, len(coords), new)
     write(args.output, assemble(cells, coords, blocks, values), args)
     return 0
-
-
-_SPLIT_NAMES = {}
-
-
-def _split_names(kind):
-    """Per hexahedron r of a split element of this kind and per local node, the set of the
-    element's corners the node is built from, read off the library's split of one
-    element with distinct corner positions."""
-    if kind not in _SPLIT_NAMES:
-        from . import order
-        reference = {"TH4": [[0, 0, 0], [0, 1, 0], [1, 0, 0], [0, 0, 1]],
-                     "W6": [[0, 0, 0], [1, 0, 0], [0, 1, 0], [0, 0, 1], [1, 0, 1], [0, 1, 1]],
-                     "H8": [[0, 0, 0], [1, 0, 0], [1, 1, 0], [0, 1, 0], [0, 0, 1], [1, 0, 1], [1, 1, 1], [0, 1, 1]]}
-        x = np.array(reference[kind], float) + np.random.default_rng(7).uniform(-0.05, 0.05, (len(reference[kind]), 3))
-        n = len(x)
-        quadratic = {"TH4": "TH10", "W6": "W18", "H8": "H27"}[kind]
-        candidates = {frozenset(name) for name in _names(quadratic) if len(name) > 1}
-        candidates |= {frozenset(face) for face in SOLID_FACES[kind]} | {frozenset(range(n))}
-        candidates = sorted(candidates, key=sorted)
-        means = np.array([x[sorted(c)].mean(axis=0) for c in candidates])
-        split = order.split_into_h8(x, np.arange(n, dtype=np.uint32)[None, :])
-        table = []
-        for hexahedron in split.hexahedra:
-            row = []
-            for node in hexahedron:
-                if node < n:
-                    row.append(frozenset([int(node)]))
-                else:
-                    row.append(candidates[int(np.argmin(np.linalg.norm(means - split.coords[node], axis=1)))])
-            table.append(row)
-        _SPLIT_NAMES[kind] = table
-    return _SPLIT_NAMES[kind]
 
 
 def cmd_hexsplit(args):
@@ -438,7 +273,7 @@ def cmd_hexsplit(args):
             rows = np.nonzero(kinds == k)[0]
             block = connect[rows].astype(np.int64)
             seen = {}  # each new node of an element from the first hexahedron that holds it
-            for r, names in enumerate(_split_names(k)):
+            for r, names in enumerate(split_names(k)):
                 for i, name in enumerate(names):
                     seen.setdefault(name, (r, i))
             sample = slice(None, None, max(1, len(rows) // 1000))
@@ -461,7 +296,7 @@ def cmd_hexsplit(args):
                 continue
             global_index = cells.index(name)
             if name in patterns:
-                c, coords = _build(c, patterns[name], new, coords)
+                c, coords = build_cells(c, patterns[name], new, coords)
                 global_index = np.repeat(global_index, len(patterns[name]))
             blocks.append(("Q4" if name == "T3" else name, c, global_index))
         values = point_data(mesh.point_data, len(coords), new)
@@ -563,10 +398,10 @@ def cmd_extrude(args):
         # a lateral quadrangle takes the data and groups of the file's line on its edge
         line_of_edge = np.full(len(edges), -1, dtype=np.int64)
         if "E2" in mesh.cells and len(edges):
-            lines = _edge_keys(mesh.cells["E2"])
+            lines = edge_keys(mesh.cells["E2"])
             order = np.argsort(lines)
-            at = np.minimum(np.searchsorted(lines[order], _edge_keys(edges)), len(lines) - 1)
-            found = lines[order][at] == _edge_keys(edges)
+            at = np.minimum(np.searchsorted(lines[order], edge_keys(edges)), len(lines) - 1)
+            found = lines[order][at] == edge_keys(edges)
             line_of_edge[found] = cells.index("E2")[order[at[found]]]
         _append(blocks, groups, "Q4", result.lateral, np.repeat(line_of_edge, nb_layers), "lateral")
         _append(blocks, groups, kind, result.cap, parents, "top", inherit_groups=False)
@@ -585,7 +420,7 @@ def _surface_of_group(mesh, cells, name, path):
     for kind, members in mesh.groups[name].items():
         if kind in ("T3", "Q4"):
             members = np.asarray(members, dtype=np.int64)
-            parts.append(_pad(mesh.cells[kind][members], 4))
+            parts.append(pad(mesh.cells[kind][members], 4))
             index.append(cells.index(kind, members))
     if not parts:
         raise UserError(f"{path}: group {name!r} holds no triangles or quadrangles "
@@ -599,7 +434,7 @@ def _surface_of_file(mesh, path):
     _, faces, _ = Cells(faces_mesh).stack(("T3", "Q4"), 4, "FACE_MIX4")
     if faces is None:
         raise UserError(f"{path}: holds no triangles or quadrangles")
-    faces = _pad(faces, 4)
+    faces = pad(faces, 4)
     used = np.unique(faces[faces != ABSENT])
     found = NodeDetector(mesh.coords).find_closest(faces_mesh.coords[used])
     size = np.ptp(mesh.coords, axis=0).max() if len(mesh.coords) else 1.0
@@ -617,49 +452,9 @@ def _front_nodes(connect, kind, faces):
     """Nodes of the surface's rim edges that are not on the outer boundary of the mesh
     (its front inside the solid), with the front's ends."""
     rim = boundary_edges(faces)
-    outer = _edge_keys(_edges_of(outer_faces(connect, kind)))
-    front = rim[~np.isin(_edge_keys(rim), outer)]
+    outer = edge_keys(face_edges(outer_faces(connect, kind)))
+    front = rim[~np.isin(edge_keys(rim), outer)]
     return np.unique(front).astype(np.uint32)
-
-
-def _face_owners(coords, connect, kind, faces):
-    """For each (k, 4) face, the element on each side: (negative, positive), -1 for none.
-    The positive one is the element its right-hand normal points into."""
-    element, _, nodes = solid_faces(connect, kind)
-    keys = _row_key(nodes)
-    order = np.argsort(keys)
-    keys, element = keys[order], element[order]
-    query = _row_key(faces)
-    first = np.searchsorted(keys, query, side="left")
-    last = np.searchsorted(keys, query, side="right")
-    normal = _area_vector(coords, faces)
-    centre = _centres(coords, faces)
-    owners = np.full((len(faces), 2), -1, dtype=np.int64)
-    for shift in (0, 1):
-        has = last - first > shift
-        e = element[np.minimum(first + shift, len(element) - 1)][has]
-        into = np.einsum("ij,ij->i", normal[has], _centres(coords, connect[e]) - centre[has]) > 0
-        owners[np.nonzero(has)[0], into.astype(int)] = e
-    return owners
-
-
-def _row_key(rows):
-    rows = np.sort(np.asarray(rows, dtype=np.uint32), axis=1)
-    return np.ascontiguousarray(rows).view(np.dtype((np.void, 4 * rows.shape[1]))).ravel()
-
-
-def _centres(coords, rows):
-    present = rows != ABSENT
-    x = coords[np.where(present, rows, 0).astype(np.int64)] * present[..., None]
-    return x.sum(axis=1) / present.sum(axis=1)[:, None]
-
-
-def _renumber_faces(faces, owner, before, after):
-    """The faces with the node IDs that their owner element has after the operation."""
-    rows = before[owner].astype(np.int64)
-    position = np.argmax(rows[:, None, :] == faces[:, :, None].astype(np.int64), axis=2)
-    out = after[owner[:, None], position].astype(np.uint32)
-    return np.where(faces == ABSENT, ABSENT, out)
 
 
 def cmd_crack(args):
@@ -689,9 +484,9 @@ def cmd_crack(args):
     new.add(after[changed], connect[changed])
 
     # what was opened: each face of the surface between two elements that no longer share it
-    owners = _face_owners(mesh.coords, connect, kind, faces)
+    owners = face_owners(mesh.coords, connect, kind, faces)
     inside = (owners >= 0).all(axis=1)
-    lips = [_renumber_faces(faces[inside], owners[inside, s], connect, after) for s in (0, 1)]
+    lips = [renumber_faces(faces[inside], owners[inside, s], connect, after) for s in (0, 1)]
     opened = np.zeros(len(faces), dtype=bool)
     opened[inside] = (np.sort(lips[0], axis=1) != np.sort(lips[1], axis=1)).any(axis=1)
     boundary_before = int((get_neighbors(connect, kind) == ABSENT).sum())
@@ -703,18 +498,18 @@ def cmd_crack(args):
     for name in ("T3", "Q4"):
         if name not in mesh.cells:
             continue
-        c = _pad(mesh.cells[name], 4)
-        owner = _face_owners(mesh.coords, connect, kind, c)
+        c = pad(mesh.cells[name], 4)
+        owner = face_owners(mesh.coords, connect, kind, c)
         chosen = np.where(owner[:, 0] >= 0, owner[:, 0], owner[:, 1])
         renumbered = c.copy()
         has = chosen >= 0
-        renumbered[has] = _renumber_faces(c[has], chosen[has], connect, after)
+        renumbered[has] = renumber_faces(c[has], chosen[has], connect, after)
         blocks.append((name, renumbered[:, :3] if name == "T3" else renumbered, cells.index(name)))
     groups = {}
     if face_index is not None and opened.any():
         # the other lip, facing its own elements: the group's faces on the positive side
         lip = np.nonzero(opened)[0]
-        positive = _renumber_faces(faces[lip], owners[lip, 1], connect, after)
+        positive = renumber_faces(faces[lip], owners[lip, 1], connect, after)
         for name, width in (("T3", 3), ("Q4", 4)):
             mask = (positive[:, 3] == ABSENT) if name == "T3" else (positive[:, 3] != ABSENT)
             if mask.any():

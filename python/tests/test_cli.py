@@ -14,7 +14,8 @@ import pytest
 
 import tessel3d as t3
 from tessel3d import io as mio
-from tessel3d.cli import main, outer_faces, corner_solids
+from tessel3d.cli import corner_solids, main
+from tessel3d.elements import outer_faces
 from tessel3d.progress import progress
 
 gmsh = pytest.importorskip("gmsh", reason="python3-gmsh makes the meshes of these tests")
