@@ -69,7 +69,7 @@ def _check_input(mesh, path):
             del mesh.groups[group]
 
 
-def write(path, mesh, args):
+def write(path, mesh, args, say=True):
     """Writes with the user's --compression; says what was written."""
     keywords = {}
     accepted = _parameters(mio.write)
@@ -84,7 +84,8 @@ def write(path, mesh, args):
         if "progress" in accepted:
             keywords["progress"] = update
         mio.write(str(path), mesh, **keywords)
-    print(f"wrote {path}: {mesh}")
+    if say:
+        print(f"wrote {path}: {mesh}")
 
 
 # ---- pieces of the commands -----------------------------------------------------------------
@@ -572,7 +573,7 @@ def cmd_interpolate(args):
 
 def cmd_demo(args):
     from . import demo
-    return demo.run(args.out, args.size, args.input, write=lambda path, mesh: write(path, mesh, args))
+    return demo.run(args.out, args.size, args.input, write=lambda path, mesh: write(path, mesh, args, say=False))
 
 
 # ---- parser -----------------------------------------------------------------------------------
