@@ -132,6 +132,13 @@ def _append(blocks, groups, name, connect, parents, group=None, inherit_groups=T
         groups.setdefault(group, {})[name] = np.arange(start, start + len(connect))
 
 
+def _warn_inverted(coords, connect, kind, path):
+    inverted = int((signed_volumes(coords, connect, kind) < 0).sum())
+    if inverted:
+        warnings.warn(f"{path}: {inverted} inverted element(s), inverted in the result too "
+                      "(`tessel3d flip --inverted-only` turns them)")
+
+
 def _check_finite(coords, what):
     bad = ~np.isfinite(coords).all(axis=1)
     if bad.any():
@@ -232,6 +239,7 @@ def cmd_quadratic(args):
     mesh = read(args.input)
     cells = Cells(mesh)
     kind, connect, parents = linear_solids(cells, args.input, pad_to_mixed=("PY5",))
+    _warn_inverted(mesh.coords, connect, kind, args.input)
     with progress("converting into quadratic elements"):
         result = order.convert_into_quadratic(mesh.coords, connect)
     with progress("carrying faces and data"):
@@ -263,6 +271,7 @@ def cmd_hexsplit(args):
     if (kinds == "PY5").any():
         raise UserError(f"{args.input}: {int((kinds == 'PY5').sum())} pyramid(s): a pyramid cannot be split into "
                         "hexahedra")
+    _warn_inverted(mesh.coords, connect, kind, args.input)
     with progress("splitting into hexahedra"):
         result = order.split_into_h8(mesh.coords, connect)
     with progress("carrying faces and data"):
@@ -474,6 +483,7 @@ def cmd_crack(args):
     if kind == "H8" and triangles.any():
         raise UserError("the surface of a hexahedral mesh must be made of quadrangles")
     surface = faces[:, :3] if kind == "TH4" else faces
+    _warn_inverted(mesh.coords, connect, kind, args.input)
     excluded = _front_nodes(connect, kind, faces) if args.keep_front else None
     with progress("duplicating the surface nodes"):
         result = tsurface.duplicate_surface_nodes(mesh.coords, connect, surface, excluded=excluded,
@@ -736,6 +746,8 @@ def main(argv=None):
         message = str(error).strip().splitlines()
         print(f"tessel3d {args.command}: error: {' '.join(message) if message else type(error).__name__}",
               file=sys.stderr)
+    except BrokenPipeError:  # the reader of stdout left (e.g. `| head`): nothing to say
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
     except OSError as error:
         print(f"tessel3d {args.command}: error: {error.filename or ''}: {error.strerror or error}", file=sys.stderr)
     except MemoryError:
