@@ -137,7 +137,10 @@ def point_data(data, nb_nodes, new_nodes, keep=None):
     groups = new_nodes.merged() if new_nodes is not None else []
     for name, values in data.items():
         values = np.asarray(values)
-        if values.ndim == 0 or len(values) < (new_nodes.nb_old if new_nodes is not None else 0):
+        expected = new_nodes.nb_old if new_nodes is not None else nb_nodes if keep is None else None
+        if values.ndim == 0 or values.dtype.kind not in "biufc" or (expected is not None and len(values) != expected) \
+                or (keep is not None and len(keep) and len(values) <= keep.max()):
+            warnings.warn(f"point data {name!r} not carried: not one number (or array of numbers) per node")
             continue
         if keep is not None:
             out[name] = values[keep]
@@ -177,6 +180,8 @@ class Cells:
             parts, has = [], np.zeros(start, dtype=bool)
             try:
                 sample = next(np.asarray(v) for v in per_type.values())
+                if sample.dtype.kind not in "biufc":
+                    raise ValueError("not numbers")
                 for name, cells in mesh.cells.items():
                     values = per_type.get(name)
                     if values is None or len(values) != len(cells):
@@ -186,8 +191,8 @@ class Cells:
                         parts.append(np.asarray(values))
                         has[self.offset[name]:self.offset[name] + len(cells)] = True
                 self.data[key] = (np.concatenate(parts), has)
-            except (ValueError, StopIteration):
-                warnings.warn(f"cell data {key!r} not carried: its arrays differ in shape between element types")
+            except (ValueError, TypeError, StopIteration):
+                warnings.warn(f"cell data {key!r} not carried: not numbers of one shape for every element type")
         self.groups = {}
         for group, members in mesh.groups.items():
             mask = np.zeros(start, dtype=bool)
