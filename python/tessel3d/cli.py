@@ -139,6 +139,38 @@ def _warn_inverted(coords, connect, kind, path):
                       "(`tessel3d flip --inverted-only` turns them)")
 
 
+def _available_memory():
+    """Bytes of memory available now (MemAvailable), or the physical memory."""
+    try:
+        with open("/proc/meminfo") as info:
+            for line in info:
+                if line.startswith("MemAvailable:"):
+                    return int(line.split()[1]) * 1024
+    except OSError:
+        pass
+    try:
+        return os.sysconf("SC_PAGE_SIZE") * os.sysconf("SC_PHYS_PAGES")
+    except (ValueError, OSError, AttributeError):
+        return None
+
+
+def _check_sweep_size(args, coords, faces, edges):
+    """Refuses a layer count whose result cannot fit in memory, before the library tries:
+    a crafted count must not take the machine down."""
+    if args.layers is not None:
+        layers = args.layers
+    elif args.sizes is not None and args.translate is not None and min(args.sizes) > 0:
+        layers = float(np.linalg.norm(args.translate)) / min(args.sizes)  # at most L / h, L the sweep length
+    else:
+        return
+    surface_nodes = len(np.unique(faces[faces != ABSENT]))
+    need = layers * (surface_nodes * 24 * 2 + len(faces) * 32 * 3 + len(edges) * 16 * 2)
+    available = _available_memory()
+    if available is not None and need > available:
+        raise UserError(f"{layers:.4g} layers need about {need / 2**30:.3g} GiB, more than the "
+                        f"{available / 2**30:.3g} GiB available")
+
+
 def _check_finite(coords, what):
     bad = ~np.isfinite(coords).all(axis=1)
     if bad.any():
@@ -365,6 +397,7 @@ def cmd_extrude(args):
                                                                         even_layers=args.even)
     edges = boundary_edges(faces)
     x = mesh.coords
+    _check_sweep_size(args, x, faces, edges)
     with progress("extruding"):
         if args.translate is not None:
             result = extrude.extrude_translate(x, faces, args.translate, edges=edges, **layers)

@@ -348,6 +348,8 @@ FAILURES = [
     (["extrude", "pyramids.vtu", "out.vtu", "--translate", "0", "0", "1", "--layers", "1"], "no triangles or quad"),
     (["extrude", "triangles.vtu", "out.vtu", "--translate", "0", "0", "1", "--layers", "0"], "--layers: 0 is not in"),
     (["extrude", "triangles.vtu", "out.vtu", "--translate", "0", "0", "1", "--layers", "4294967296"], "not in"),
+    (["extrude", "triangles.vtu", "out.vtu", "--translate", "0", "0", "1", "--layers", "4000000000"], "GiB available"),
+    (["extrude", "triangles.vtu", "out.vtu", "--translate", "0", "0", "1", "--sizes", "1e-12", "1e-12"], "GiB"),
     (["extrude", "triangles.vtu", "out.vtu", "--translate", "0", "0", "0", "--layers", "2"],
      "vector (argument 3) must not be zero"),
     (["extrude", "triangles.vtu", "out.vtu", "--translate", "0", "0", "1", "--sizes", "0", "1"],
