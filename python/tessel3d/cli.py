@@ -65,8 +65,19 @@ def _check_input(mesh, path):
     for group in list(mesh.groups):
         members = mesh.groups[group]
         valid = all(t in mesh.cells and (not len(i) or int(np.max(i)) < len(mesh.cells[t])) for t, i in members.items())
+        if not valid and not group.startswith("gmsh:"):
+            warnings.warn(f"{path}: set {group!r} left out: it lists elements the file does not hold")
         if group.startswith("gmsh:") or not valid:
             del mesh.groups[group]
+
+
+_COMPRESSED = (".vtu", ".xdmf", ".xmf")
+
+
+def _check_compression(path, args):
+    if getattr(args, "compression", None) not in (None, "none") and \
+            os.path.splitext(str(path))[1].lower() not in _COMPRESSED:
+        raise UserError(f"{path}: --compression applies to .vtu and .xdmf files")
 
 
 def write(path, mesh, args, say=True):
@@ -75,10 +86,8 @@ def write(path, mesh, args, say=True):
     accepted = _parameters(mio.write)
     compression = getattr(args, "compression", None)
     if compression is not None:
-        suffix = os.path.splitext(str(path))[1].lower()
-        if compression != "none" and suffix not in (".vtu", ".xdmf", ".xmf"):
-            raise UserError(f"{path}: --compression applies to .vtu and .xdmf files")
-        if "compression" in accepted or suffix == ".vtu":  # else meshio's own keyword (.vtu only)
+        _check_compression(path, args)
+        if "compression" in accepted or str(path).lower().endswith(".vtu"):  # else meshio's keyword (.vtu)
             keywords["compression"] = None if compression == "none" else compression
     with progress(f"writing {path}") as update:
         if "progress" in accepted:
@@ -774,6 +783,8 @@ def main(argv=None):
         return 2
     _one_line_warnings(args.command)
     try:
+        if getattr(args, "output", None):
+            _check_compression(args.output, args)  # before the work, not after it
         return args.run(args)
     except (UserError, Error, mio.FileError, ValueError, NotImplementedError) as error:
         message = str(error).strip().splitlines()
