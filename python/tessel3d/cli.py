@@ -18,9 +18,9 @@ import numpy as np
 from . import io as mio
 from .carry import Cells, NewNodes, assemble, point_data
 from .errors import Error
-from .elements import (CORNER_COUNT, LINEAR_OF, LINEAR_SOLIDS, boundary_edges, build_cells, edge_keys, face_edges,
-                       face_owners, flip_cells, name_nodes, node_names, outer_faces, pad, renumber_faces, split_names,
-                       type_of_columns)
+from .elements import (CORNER_COUNT, HEXAHEDRA_PER_SOLID, LINEAR_OF, LINEAR_SOLIDS, SPLIT_PATTERNS, boundary_edges,
+                       build_cells, edge_keys, face_edges, face_owners, flip_cells, name_nodes, node_names,
+                       outer_faces, pad, renumber_faces, split_names, type_of_columns)
 from .mesh import ABSENT, member_types, signed_volumes
 from .progress import progress
 
@@ -316,8 +316,9 @@ def cmd_hexsplit(args):
     with progress("splitting into hexahedra"):
         result = order.split_into_h8(mesh.coords, connect)
     with progress("carrying faces and data"):
-        pieces = np.array([{"TH4": 4, "W6": 6, "H8": 8}[k] for k in kinds]) if kind == "SOLID_MIX8" else \
-            np.full(len(connect), {"TH4": 4, "W6": 6, "H8": 8}[kind])
+        pieces = np.zeros(len(connect), dtype=np.int64)
+        for k, count in HEXAHEDRA_PER_SOLID.items():
+            pieces[kinds == k] = count
         start = np.concatenate([[0], np.cumsum(pieces)[:-1]])
         new = NewNodes(len(mesh.coords))
         for k in dict.fromkeys(kinds):
@@ -339,16 +340,13 @@ def cmd_hexsplit(args):
         coords = result.coords
         blocks = [("H8", result.hexahedra, np.repeat(parents, pieces))]
         new.look_among(_face_nodes(mesh))
-        patterns = {"E2": [[(0,), (0, 1)], [(0, 1), (1,)]],
-                    "T3": [[(i,), (i, (i + 1) % 3), (0, 1, 2), (i, (i + 2) % 3)] for i in range(3)],
-                    "Q4": [[(i,), (i, (i + 1) % 4), (0, 1, 2, 3), (i, (i + 3) % 4)] for i in range(4)]}
         for name, c in mesh.cells.items():
             if name in LINEAR_SOLIDS:
                 continue
             global_index = cells.index(name)
-            if name in patterns:
-                c, coords = build_cells(c, patterns[name], new, coords)
-                global_index = np.repeat(global_index, len(patterns[name]))
+            if name in SPLIT_PATTERNS:
+                c, coords = build_cells(c, SPLIT_PATTERNS[name], new, coords)
+                global_index = np.repeat(global_index, len(SPLIT_PATTERNS[name]))
             blocks.append(("Q4" if name == "T3" else name, c, global_index))
         values = point_data(mesh.point_data, len(coords), new)
     write(args.output, assemble(cells, coords, blocks, values), args)

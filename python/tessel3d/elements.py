@@ -12,6 +12,13 @@ LINEAR_SOLIDS = ("TH4", "PY5", "W6", "H8")
 LINEAR_OF = {"TH10": "TH4", "PY13": "PY5", "PY14": "PY5", "W15": "W6", "W18": "W6", "H20": "H8", "H27": "H8",
              "T6": "T3", "Q8": "Q4", "Q9": "Q4", "E3": "E2"}
 CORNER_COUNT = {"E2": 2, "T3": 3, "Q4": 4, "TH4": 4, "PY5": 5, "W6": 6, "H8": 8}
+HEXAHEDRA_PER_SOLID = {"TH4": 4, "W6": 6, "H8": 8}
+# How the split into hexahedra cuts a line, a triangle and a quadrangle: per piece, the
+# corner sets its nodes are built from (a corner, the midpoints of its two sides, the
+# centre), each piece oriented as its face.
+SPLIT_PATTERNS = {"E2": [[(0,), (0, 1)], [(0, 1), (1,)]],
+                  "T3": [[(i,), (i, (i + 1) % 3), (0, 1, 2), (i, (i + 2) % 3)] for i in range(3)],
+                  "Q4": [[(i,), (i, (i + 1) % 4), (0, 1, 2, 3), (i, (i + 3) % 4)] for i in range(4)]}
 
 
 def type_of_columns(connect):
