@@ -22,6 +22,8 @@ SPLIT_PATTERNS = {"E2": [[(0,), (0, 1)], [(0, 1), (1,)]],
 
 
 def type_of_columns(connect):
+    """The type name of a solid connectivity from the library, by its columns (and its
+    absent entries for the mixed layouts)."""
     columns = connect.shape[1]
     if columns == 8:
         return "SOLID_MIX8" if (connect == ABSENT).any() else "H8"
@@ -31,6 +33,7 @@ def type_of_columns(connect):
 
 
 def pad(connect, width):
+    """The rows widened to `width` columns with ABSENT."""
     out = np.full((len(connect), width), ABSENT, dtype=np.uint32)
     out[:, :connect.shape[1]] = connect
     return out
