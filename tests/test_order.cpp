@@ -179,16 +179,23 @@ TEST(convert_into_high_order, status_codes_in_order) {
                {base.coords, base.connect, quad, face_q8, edge_bad, -12},
                {base.coords, base.connect, quad, face_q8, edge_ok, 0},
                {base.coords, base.connect, {1, 4, 3, 27, 1, 9, 1}, no, no, 0}};  // h = 27 passes, p is free
-  for (const auto& row : table) {
-    SCOPED_TRACE("row " + std::to_string(&row - table));
-    mesh m = copy_of({row.coords, row.connect});
-    dense2D<unsigned> high(2, 2, 7u);
-    EXPECT_EQ(convert(m, row.c, high, row.faces, row.edges), row.status);
-    const counts& c = row.c;
-    if (row.status != 0 || c.e + c.q + c.t + c.h + c.w + c.p + c.n == 0 || row.connect.empty()) {
-      EXPECT_TRUE(high.rows() + high.cols() == 0 && m.coords.cols() == row.coords.cols()) << "cleared, coords kept";
+  // The form with options checks the same, except that h = 64 is a cube there.
+  const t3::high_order_options conforming;
+  for (const auto& row : table)
+    for (const bool with_options : {false, true}) {
+      SCOPED_TRACE("row " + std::to_string(&row - table) + (with_options ? " with options" : ""));
+      mesh m = copy_of({row.coords, row.connect});
+      dense2D<unsigned> high(2, 2, 7u);
+      const counts& c = row.c;
+      const int status = with_options && row.status == -6 ? -7 : row.status;
+      EXPECT_EQ(with_options ? t3::convert_into_high_order(m.coords, m.connect, c.e, c.q, c.t, c.h, c.w, c.p, c.n, high,
+                                                           row.faces, row.edges, conforming)
+                             : convert(m, c, high, row.faces, row.edges),
+                status);
+      if (status != 0 || c.e + c.q + c.t + c.h + c.w + c.p + c.n == 0 || row.connect.empty()) {
+        EXPECT_TRUE(high.rows() + high.cols() == 0 && m.coords.cols() == row.coords.cols()) << "cleared, coords kept";
+      }
     }
-  }
 }
 
 // The corners first, then new IDs: one per distinct edge, face and element (counted by
@@ -356,6 +363,18 @@ TEST(convert_into_high_order, views_with_larger_leading_dimension) {
     for (std::size_t i = 0; i < high.rows(); ++i) EXPECT_EQ(high(i, j), expected(i, j));
   for (std::size_t j = 0; j < plain.coords.cols(); ++j)
     for (std::size_t i = 0; i < 3; ++i) EXPECT_EQ(view.coords(i, j), plain.coords(i, j));
+  // The conforming form, with face grids (q = 4, t = 3) and a padded result.
+  mesh plain4 = copy_of({box.coords, box.connect}),
+       view4{padded_view(box.coords, 2, -7.0), padded_view(box.connect, 3, 0u)};
+  const dense2D<unsigned> no;
+  dense2D<unsigned> expected4, high4 = padded_view(dense2D<unsigned>(2, 2, 7u), 5, 9u);
+  ASSERT_EQ(t3::convert_into_high_order(plain4.coords, plain4.connect, 3, 4, 3, 0, 1, 0, 0, expected4, no, no, {}), 0);
+  ASSERT_EQ(t3::convert_into_high_order(view4.coords, view4.connect, 3, 4, 3, 0, 1, 0, 0, high4, no, no, {}), 0);
+  ASSERT_TRUE(high4.rows() == expected4.rows() && high4.cols() == expected4.cols());
+  for (std::size_t j = 0; j < high4.cols(); ++j)
+    for (std::size_t i = 0; i < high4.rows(); ++i) EXPECT_EQ(high4(i, j), expected4(i, j));
+  for (std::size_t j = 0; j < plain4.coords.cols(); ++j)
+    for (std::size_t i = 0; i < 3; ++i) EXPECT_EQ(view4.coords(i, j), plain4.coords(i, j));
 }
 
 // ---- conforming face nodes ----------------------------------------------------------------
