@@ -353,28 +353,30 @@ TEST(convert_into_high_order, caller_triangle_among_quadrangle_faces) {
 TEST(convert_into_high_order, views_with_larger_leading_dimension) {
   const auto box = make_box(box_kind::W6, 2, 2, 1, 1, 1, 1, 0.1, 3);
   const dense2D<unsigned> edges(3, 1, {0, 1, 2}), faces(7, 1, {0, 1, 4, 3, 4, 5, 6});
-  mesh plain = copy_of({box.coords, box.connect}),
-       view{padded_view(box.coords, 2, -7.0), padded_view(box.connect, 3, 0u)};
-  dense2D<unsigned> expected, high;
-  ASSERT_EQ(convert(plain, {1, 1, 1, 0, 1, 0, 0}, expected, faces, edges), 0);
-  ASSERT_EQ(convert(view, {1, 1, 1, 0, 1, 0, 0}, high, padded_view(faces, 1, 0u), padded_view(edges, 4, 0u)), 0);
-  ASSERT_TRUE(high.rows() == expected.rows() && view.coords.cols() == plain.coords.cols());
-  for (std::size_t j = 0; j < high.cols(); ++j)
-    for (std::size_t i = 0; i < high.rows(); ++i) EXPECT_EQ(high(i, j), expected(i, j));
-  for (std::size_t j = 0; j < plain.coords.cols(); ++j)
-    for (std::size_t i = 0; i < 3; ++i) EXPECT_EQ(view.coords(i, j), plain.coords(i, j));
-  // The conforming form, with face grids (q = 4, t = 3) and a padded result.
-  mesh plain4 = copy_of({box.coords, box.connect}),
-       view4{padded_view(box.coords, 2, -7.0), padded_view(box.connect, 3, 0u)};
-  const dense2D<unsigned> no;
-  dense2D<unsigned> expected4, high4 = padded_view(dense2D<unsigned>(2, 2, 7u), 5, 9u);
-  ASSERT_EQ(t3::convert_into_high_order(plain4.coords, plain4.connect, 3, 4, 3, 0, 1, 0, 0, expected4, no, no, {}), 0);
-  ASSERT_EQ(t3::convert_into_high_order(view4.coords, view4.connect, 3, 4, 3, 0, 1, 0, 0, high4, no, no, {}), 0);
-  ASSERT_TRUE(high4.rows() == expected4.rows() && high4.cols() == expected4.cols());
-  for (std::size_t j = 0; j < high4.cols(); ++j)
-    for (std::size_t i = 0; i < high4.rows(); ++i) EXPECT_EQ(high4(i, j), expected4(i, j));
-  for (std::size_t j = 0; j < plain4.coords.cols(); ++j)
-    for (std::size_t i = 0; i < 3; ++i) EXPECT_EQ(view4.coords(i, j), plain4.coords(i, j));
+  // The fixed rule with the caller's nodes, and the conforming one with face grids (q = 4,
+  // t = 3) into a padded result.
+  for (const bool conforming : {false, true}) {
+    const counts c = conforming ? counts{3, 4, 3, 0, 1, 0, 0} : counts{1, 1, 1, 0, 1, 0, 0};
+    const dense2D<unsigned> no, padded_faces = padded_view(faces, 1, 0u), padded_edges = padded_view(edges, 4, 0u);
+    mesh plain = copy_of({box.coords, box.connect}),
+         view{padded_view(box.coords, 2, -7.0), padded_view(box.connect, 3, 0u)};
+    dense2D<unsigned> expected, high = padded_view(dense2D<unsigned>(2, 2, 7u), 5, 9u);
+    const t3::high_order_options options;
+    ASSERT_EQ(conforming ? t3::convert_into_high_order(plain.coords, plain.connect, c.e, c.q, c.t, c.h, c.w, c.p, c.n,
+                                                       expected, no, no, options)
+                         : convert(plain, c, expected, faces, edges),
+              0);
+    ASSERT_EQ(conforming ? t3::convert_into_high_order(view.coords, view.connect, c.e, c.q, c.t, c.h, c.w, c.p, c.n,
+                                                       high, no, no, options)
+                         : convert(view, c, high, padded_faces, padded_edges),
+              0);
+    ASSERT_TRUE(high.rows() == expected.rows() && high.cols() == expected.cols() &&
+                view.coords.cols() == plain.coords.cols());
+    for (std::size_t j = 0; j < high.cols(); ++j)
+      for (std::size_t i = 0; i < high.rows(); ++i) EXPECT_EQ(high(i, j), expected(i, j));
+    for (std::size_t j = 0; j < plain.coords.cols(); ++j)
+      for (std::size_t i = 0; i < 3; ++i) EXPECT_EQ(view.coords(i, j), plain.coords(i, j));
+  }
 }
 
 // ---- conforming face nodes ----------------------------------------------------------------
