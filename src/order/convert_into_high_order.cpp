@@ -43,13 +43,14 @@ struct kind_layout {
 struct conversion {
   conversion(dense2D<double>& coords_, const dense2D<unsigned>& connectM_, dense2D<unsigned>& connectH_,
              const dense2D<unsigned>& faces_, const dense2D<unsigned>& edges_, const node_counts& counts,
-             bool conforming_faces_ = false)
+             bool with_options = false, bool conforming_faces_ = false)
       : coords(coords_),
         connectM(connectM_),
         connectH(connectH_),
         faces(faces_),
         edges(edges_),
         c(counts),
+        any_cube(with_options),
         conforming_faces(conforming_faces_) {}
 
   dense2D<double>& coords;
@@ -58,7 +59,8 @@ struct conversion {
   const dense2D<unsigned>& faces;
   const dense2D<unsigned>& edges;
   node_counts c;
-  bool conforming_faces;     // face blocks in each element's own face order, any cube h
+  bool any_cube;             // h passes when it is a cube (the forms with options)
+  bool conforming_faces;     // face blocks in each element's own face order
   std::size_t nb_nodes = 0;  // coordinates columns at entry
   unsigned q_side = 0;       // q = q_side^2
   unsigned h_side = 0;       // h = h_side^3
@@ -139,9 +141,9 @@ int check_arguments(conversion& cv) {
   if (std::uint64_t(cv.q_side) * cv.q_side != cv.c.q) return -4;
   if (cv.c.t != 0 && cv.c.t != 1 && cv.c.t != 3) return -5;
   // Truncated on purpose: with a correctly rounded pow, 64 gives 3.999... and is refused.
-  // The conforming form takes the nearest integer root instead, so every cube passes.
+  // The forms with options take the nearest integer root instead, so every cube passes.
   const double root = std::pow(static_cast<double>(cv.c.h), 0.3333333333333333);
-  cv.h_side = static_cast<unsigned>(cv.conforming_faces ? std::nearbyint(root) : root);
+  cv.h_side = static_cast<unsigned>(cv.any_cube ? std::nearbyint(root) : root);
   if (std::uint64_t(cv.h_side) * cv.h_side * cv.h_side != cv.c.h) return -6;
   if (cv.c.w >= 2) return -7;
   if (cv.c.n >= 2) return -9;
@@ -358,8 +360,8 @@ void write_face_grid(unsigned* row, unsigned first, unsigned count, unsigned sid
     return;
   }
   // With the four corners a cycle of the stored ones in either direction, the element's
-  // xi and eta steps are each one unit step along one stored grid axis (the test keeps
-  // every ID inside the face's run whatever the map matched the key with).
+  // xi and eta steps are each one unit step along one stored grid axis; checked, so that
+  // every ID stays inside the face's run whatever the map matched the key with.
   const int K = static_cast<int>(side) + 1;
   const int* origin = quadrangle_corner_at[at[0]];
   const int* to_xi = quadrangle_corner_at[at[1]];
@@ -672,7 +674,7 @@ int convert_into_high_order(dense2D<double>& coords, const dense2D<unsigned>& co
                             const high_order_options& options) {
   conversion cv(coords, connectM, connectH, faces, edges,
                 {nodes_per_edge, nodes_in_Q4, nodes_in_T3, nodes_in_H8, nodes_in_W6, nodes_in_PY5, nodes_in_TH4},
-                options.conforming_faces);
+                true, options.conforming_faces);
   return convert(cv);
 }
 
