@@ -51,14 +51,38 @@ int split(zel::dense2D<double>& coords, zel::dense2D<unsigned>& connect, zel::de
   return zel::tessel3d::split_into_H8(coords, connect, hexahedra, {}, {});
 }
 
+// Order 4 tetrahedra (3 nodes per edge and per face, 1 inside) and order 3 hexahedra
+// (2 per edge, 2 x 2 per face, 2 x 2 x 2 inside), each face listed in every element's own
+// order or by the fixed rotation of the forms without options.
+template <bool conforming>
+int quartic_TH4_call(zel::dense2D<double>& coords, zel::dense2D<unsigned>& connect, zel::dense2D<unsigned>& out) {
+  zel::tessel3d::high_order_options options;
+  options.conforming_faces = conforming;
+  return zel::tessel3d::convert_into_high_order(coords, connect, 3, 0, 3, 0, 0, 0, 1, out, {}, {}, options);
+}
+template <bool conforming>
+int cubic_H8_call(zel::dense2D<double>& coords, zel::dense2D<unsigned>& connect, zel::dense2D<unsigned>& out) {
+  zel::tessel3d::high_order_options options;
+  options.conforming_faces = conforming;
+  return zel::tessel3d::convert_into_high_order(coords, connect, 2, 4, 0, 8, 0, 0, 0, out, {}, {}, options);
+}
+
 // 6 * 55^3 = 998250 tetrahedra; 58^3 = 195112 hexahedra.
 void quadratic_TH4(benchmark::State& state) { run(state, box_kind::TH4, 55, quadratic); }
 void quadratic_H8(benchmark::State& state) { run(state, box_kind::H8, 58, quadratic); }
 void split_TH4(benchmark::State& state) { run(state, box_kind::TH4, 55, split); }
+void quartic_TH4(benchmark::State& state) { run(state, box_kind::TH4, 30, quartic_TH4_call<true>); }
+void quartic_TH4_fixed_rule(benchmark::State& state) { run(state, box_kind::TH4, 30, quartic_TH4_call<false>); }
+void cubic_H8(benchmark::State& state) { run(state, box_kind::H8, 40, cubic_H8_call<true>); }
+void cubic_H8_fixed_rule(benchmark::State& state) { run(state, box_kind::H8, 40, cubic_H8_call<false>); }
 
 }  // namespace
 
 BENCHMARK(quadratic_TH4)->Unit(benchmark::kMillisecond);
 BENCHMARK(quadratic_H8)->Unit(benchmark::kMillisecond);
 BENCHMARK(split_TH4)->Unit(benchmark::kMillisecond);
+BENCHMARK(quartic_TH4)->Unit(benchmark::kMillisecond);
+BENCHMARK(quartic_TH4_fixed_rule)->Unit(benchmark::kMillisecond);
+BENCHMARK(cubic_H8)->Unit(benchmark::kMillisecond);
+BENCHMARK(cubic_H8_fixed_rule)->Unit(benchmark::kMillisecond);
 BENCHMARK_MAIN();

@@ -179,16 +179,23 @@ TEST(convert_into_high_order, status_codes_in_order) {
                {base.coords, base.connect, quad, face_q8, edge_bad, -12},
                {base.coords, base.connect, quad, face_q8, edge_ok, 0},
                {base.coords, base.connect, {1, 4, 3, 27, 1, 9, 1}, no, no, 0}};  // h = 27 passes, p is free
-  for (const auto& row : table) {
-    SCOPED_TRACE("row " + std::to_string(&row - table));
-    mesh m = copy_of({row.coords, row.connect});
-    dense2D<unsigned> high(2, 2, 7u);
-    EXPECT_EQ(convert(m, row.c, high, row.faces, row.edges), row.status);
-    const counts& c = row.c;
-    if (row.status != 0 || c.e + c.q + c.t + c.h + c.w + c.p + c.n == 0 || row.connect.empty()) {
-      EXPECT_TRUE(high.rows() + high.cols() == 0 && m.coords.cols() == row.coords.cols()) << "cleared, coords kept";
+  // The form with options checks the same, except that h = 64 is a cube there.
+  const t3::high_order_options conforming;
+  for (const auto& row : table)
+    for (const bool with_options : {false, true}) {
+      SCOPED_TRACE("row " + std::to_string(&row - table) + (with_options ? " with options" : ""));
+      mesh m = copy_of({row.coords, row.connect});
+      dense2D<unsigned> high(2, 2, 7u);
+      const counts& c = row.c;
+      const int status = with_options && row.status == -6 ? -7 : row.status;
+      EXPECT_EQ(with_options ? t3::convert_into_high_order(m.coords, m.connect, c.e, c.q, c.t, c.h, c.w, c.p, c.n, high,
+                                                           row.faces, row.edges, conforming)
+                             : convert(m, c, high, row.faces, row.edges),
+                status);
+      if (status != 0 || c.e + c.q + c.t + c.h + c.w + c.p + c.n == 0 || row.connect.empty()) {
+        EXPECT_TRUE(high.rows() + high.cols() == 0 && m.coords.cols() == row.coords.cols()) << "cleared, coords kept";
+      }
     }
-  }
 }
 
 // The corners first, then new IDs: one per distinct edge, face and element (counted by
@@ -346,16 +353,407 @@ TEST(convert_into_high_order, caller_triangle_among_quadrangle_faces) {
 TEST(convert_into_high_order, views_with_larger_leading_dimension) {
   const auto box = make_box(box_kind::W6, 2, 2, 1, 1, 1, 1, 0.1, 3);
   const dense2D<unsigned> edges(3, 1, {0, 1, 2}), faces(7, 1, {0, 1, 4, 3, 4, 5, 6});
-  mesh plain = copy_of({box.coords, box.connect}),
-       view{padded_view(box.coords, 2, -7.0), padded_view(box.connect, 3, 0u)};
-  dense2D<unsigned> expected, high;
-  ASSERT_EQ(convert(plain, {1, 1, 1, 0, 1, 0, 0}, expected, faces, edges), 0);
-  ASSERT_EQ(convert(view, {1, 1, 1, 0, 1, 0, 0}, high, padded_view(faces, 1, 0u), padded_view(edges, 4, 0u)), 0);
-  ASSERT_TRUE(high.rows() == expected.rows() && view.coords.cols() == plain.coords.cols());
-  for (std::size_t j = 0; j < high.cols(); ++j)
-    for (std::size_t i = 0; i < high.rows(); ++i) EXPECT_EQ(high(i, j), expected(i, j));
-  for (std::size_t j = 0; j < plain.coords.cols(); ++j)
-    for (std::size_t i = 0; i < 3; ++i) EXPECT_EQ(view.coords(i, j), plain.coords(i, j));
+  // The fixed rule with the caller's nodes, and the conforming one with face grids (q = 4,
+  // t = 3) into a padded result.
+  for (const bool conforming : {false, true}) {
+    const counts c = conforming ? counts{3, 4, 3, 0, 1, 0, 0} : counts{1, 1, 1, 0, 1, 0, 0};
+    const dense2D<unsigned> no, padded_faces = padded_view(faces, 1, 0u), padded_edges = padded_view(edges, 4, 0u);
+    mesh plain = copy_of({box.coords, box.connect}),
+         view{padded_view(box.coords, 2, -7.0), padded_view(box.connect, 3, 0u)};
+    dense2D<unsigned> expected, high = padded_view(dense2D<unsigned>(2, 2, 7u), 5, 9u);
+    const t3::high_order_options options;
+    ASSERT_EQ(conforming ? t3::convert_into_high_order(plain.coords, plain.connect, c.e, c.q, c.t, c.h, c.w, c.p, c.n,
+                                                       expected, no, no, options)
+                         : convert(plain, c, expected, faces, edges),
+              0);
+    ASSERT_EQ(conforming ? t3::convert_into_high_order(view.coords, view.connect, c.e, c.q, c.t, c.h, c.w, c.p, c.n,
+                                                       high, no, no, options)
+                         : convert(view, c, high, padded_faces, padded_edges),
+              0);
+    ASSERT_TRUE(high.rows() == expected.rows() && high.cols() == expected.cols() &&
+                view.coords.cols() == plain.coords.cols());
+    for (std::size_t j = 0; j < high.cols(); ++j)
+      for (std::size_t i = 0; i < high.rows(); ++i) EXPECT_EQ(high(i, j), expected(i, j));
+    for (std::size_t j = 0; j < plain.coords.cols(); ++j)
+      for (std::size_t i = 0; i < 3; ++i) EXPECT_EQ(view.coords(i, j), plain.coords(i, j));
+  }
+}
+
+// ---- conforming face nodes ----------------------------------------------------------------
+//
+// Each element's own map, independent of the library: reference corners, the reference
+// point of every row of a high-order column (the documented layout, built affinely from
+// the corners), the linear map of each kind, and the complete Lagrange map of the
+// high-order column solved from its nodes.
+
+namespace {
+
+using point3 = std::array<double, 3>;
+
+struct reference_kind {
+  std::vector<point3> corner;
+};
+
+const reference_kind& reference(unsigned corners) {
+  static const reference_kind kinds[4] = {
+      {{{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}}},
+      {{{-1, -1, 0}, {1, -1, 0}, {1, 1, 0}, {-1, 1, 0}, {0, 0, 1}}},
+      {{{1, 0, -1}, {0, 1, -1}, {0, 0, -1}, {1, 0, 1}, {0, 1, 1}, {0, 0, 1}}},
+      {{{-1, -1, -1}, {1, -1, -1}, {1, 1, -1}, {-1, 1, -1}, {-1, -1, 1}, {1, -1, 1}, {1, 1, 1}, {-1, 1, 1}}}};
+  return kinds[corners == 4 ? 0 : corners == 5 ? 1 : corners == 6 ? 2 : 3];
+}
+
+point3 affine(const point3& o, const point3& a, double s, const point3& b = {0, 0, 0}, double t = 0) {
+  return {o[0] + s * a[0] + t * b[0], o[1] + s * a[1] + t * b[1], o[2] + s * a[2] + t * b[2]};
+}
+point3 minus(const point3& a, const point3& b) { return {a[0] - b[0], a[1] - b[1], a[2] - b[2]}; }
+
+// Reference points of the rows of one kind's high-order column for the counts.
+std::vector<point3> row_points(unsigned corners, const counts& c) {
+  const kind_info& k = info(corners);
+  const std::vector<point3>& x = reference(corners).corner;
+  std::vector<point3> rows(x);
+  for (const auto& e : k.edges)
+    for (unsigned s = 0; s < c.e; ++s) rows.push_back(affine(x[e[0]], minus(x[e[1]], x[e[0]]), (s + 1.0) / (c.e + 1)));
+  for (const auto& f : k.faces) {
+    const point3 &a = x[f[0]], &b = x[f[1]], &d = x[f[2]];
+    if (f.size() == 3) {
+      const double t1[3] = {1.0 / 3, 1.0 / 3, 1.0 / 3}, t3[3][3] = {{0.25, 0.25, 0.5}, {0.5, 0.25, 0.25}, {0.25, 0.5, 0.25}};
+      for (unsigned s = 0; s < c.t; ++s) {
+        const double* w = c.t == 1 ? t1 : t3[s];
+        rows.push_back({w[0] * a[0] + w[1] * b[0] + w[2] * d[0], w[0] * a[1] + w[1] * b[1] + w[2] * d[1],
+                        w[0] * a[2] + w[1] * b[2] + w[2] * d[2]});
+      }
+    } else {
+      const unsigned side = unsigned(std::lround(std::sqrt(c.q)));
+      for (unsigned j = 0; j < side; ++j)
+        for (unsigned i = 0; i < side; ++i)
+          rows.push_back(affine(a, minus(b, a), (i + 1.0) / (side + 1), minus(x[f[3]], a), (j + 1.0) / (side + 1)));
+    }
+  }
+  point3 centre{0, 0, 0};
+  for (const point3& p : x) centre = affine(centre, p, 1.0 / x.size());
+  if (corners == 4 && c.n == 1) rows.push_back(centre);
+  if (corners == 6 && c.w == 1) rows.push_back(centre);
+  for (unsigned s = 0; corners == 5 && s < c.p; ++s) rows.push_back({0, 0, (s + 1.0) / (c.p + 1)});
+  const unsigned m = unsigned(std::lround(std::cbrt(c.h)));
+  for (unsigned k3 = 0; corners == 8 && k3 < m; ++k3)
+    for (unsigned j = 0; j < m; ++j)
+      for (unsigned i = 0; i < m; ++i)
+        rows.push_back({2 * (i + 1.0) / (m + 1) - 1, 2 * (j + 1.0) / (m + 1) - 1, 2 * (k3 + 1.0) / (m + 1) - 1});
+  return rows;
+}
+
+// Weights of the corners of the linear element at reference point r (the pyramid's
+// functions are rational; its apex is taken alone).
+std::vector<double> linear_weights(unsigned corners, const point3& r) {
+  const double u = r[0], v = r[1], w = r[2];
+  switch (corners) {
+    case 4: return {1 - u - v - w, u, v, w};
+    case 5: {
+      if (w > 1 - 1e-14) return {0, 0, 0, 0, 1};
+      std::vector<double> n(5);
+      const auto& x = reference(5).corner;
+      for (int i = 0; i < 4; ++i) n[i] = (1 - w + x[i][0] * u) * (1 - w + x[i][1] * v) / (4 * (1 - w));
+      n[4] = w;
+      return n;
+    }
+    case 6: {
+      const double t[3] = {u, v, 1 - u - v};
+      return {t[0] * (1 - w) / 2, t[1] * (1 - w) / 2, t[2] * (1 - w) / 2,
+              t[0] * (1 + w) / 2, t[1] * (1 + w) / 2, t[2] * (1 + w) / 2};
+    }
+    default: {
+      std::vector<double> n(8);
+      const auto& x = reference(8).corner;
+      for (int i = 0; i < 8; ++i) n[i] = (1 + x[i][0] * u) * (1 + x[i][1] * v) * (1 + x[i][2] * w) / 8;
+      return n;
+    }
+  }
+}
+
+point3 linear_map(const dense2D<double>& xyz, const unsigned* column, unsigned corners, const point3& r) {
+  const std::vector<double> n = linear_weights(corners, r);
+  point3 p{0, 0, 0};
+  for (unsigned i = 0; i < corners; ++i) p = affine(p, {xyz(0, column[i]), xyz(1, column[i]), xyz(2, column[i])}, n[i]);
+  return p;
+}
+
+double det3(const std::array<point3, 3>& j) {
+  return j[0][0] * (j[1][1] * j[2][2] - j[1][2] * j[2][1]) - j[0][1] * (j[1][0] * j[2][2] - j[1][2] * j[2][0]) +
+         j[0][2] * (j[1][0] * j[2][1] - j[1][1] * j[2][0]);
+}
+
+// Jacobian of the linear map by central differences (exact for these maps up to rounding
+// away from the pyramid's apex).
+double linear_det(const dense2D<double>& xyz, const unsigned* column, unsigned corners, const point3& r) {
+  std::array<point3, 3> J;
+  const double h = 1e-6;
+  for (int d = 0; d < 3; ++d) {
+    point3 a = r, b = r;
+    a[d] -= h, b[d] += h;
+    const point3 pa = linear_map(xyz, column, corners, a), pb = linear_map(xyz, column, corners, b);
+    for (int i = 0; i < 3; ++i) J[i][d] = (pb[i] - pa[i]) / (2 * h);
+  }
+  return det3(J);
+}
+
+// The complete Lagrange element of degree `order` through the rows' reference points:
+// monomials x^a y^b z^c of the kind's space (a + b + c <= order for TH4, a + b <= order
+// and c <= order for W6, each <= order for H8), the interpolation matrix factored once.
+struct lagrange_element {
+  std::vector<std::array<int, 3>> powers;
+  std::vector<double> lu;  // row-major LU of the interpolation matrix
+  std::vector<std::size_t> pivot;
+
+  lagrange_element(unsigned corners, unsigned order, const std::vector<point3>& points) {
+    for (unsigned a = 0; a <= order; ++a)
+      for (unsigned b = 0; b <= order; ++b)
+        for (unsigned c = 0; c <= order; ++c)
+          if ((corners == 8) || (corners == 6 && a + b <= order) || (corners == 4 && a + b + c <= order))
+            powers.push_back({int(a), int(b), int(c)});
+    const std::size_t n = powers.size();
+    EXPECT_EQ(n, points.size()) << "a complete element";
+    lu.resize(n * n);
+    for (std::size_t i = 0; i < n; ++i)
+      for (std::size_t k = 0; k < n; ++k) lu[i * n + k] = monomial(k, points[i], -1);
+    pivot.resize(n);
+    for (std::size_t k = 0; k < n; ++k) {
+      std::size_t p = k;
+      for (std::size_t i = k + 1; i < n; ++i)
+        if (std::abs(lu[i * n + k]) > std::abs(lu[p * n + k])) p = i;
+      pivot[k] = p;
+      for (std::size_t m = 0; m < n; ++m) std::swap(lu[k * n + m], lu[p * n + m]);
+      for (std::size_t i = k + 1; i < n; ++i) {
+        lu[i * n + k] /= lu[k * n + k];
+        for (std::size_t m = k + 1; m < n; ++m) lu[i * n + m] -= lu[i * n + k] * lu[k * n + m];
+      }
+    }
+  }
+
+  // The monomial k at r, or its derivative along direction d (0, 1, 2).
+  double monomial(std::size_t k, const point3& r, int d) const {
+    double value = 1;
+    for (int i = 0; i < 3; ++i) {
+      const int p = powers[k][i];
+      if (i == d) {
+        if (p == 0) return 0;
+        value *= p * std::pow(r[i], p - 1);
+      } else {
+        value *= std::pow(r[i], p);
+      }
+    }
+    return value;
+  }
+
+  // det J at each of `at` for the map through the nodes of `column`.
+  std::vector<double> dets(const dense2D<double>& xyz, const unsigned* column, const std::vector<point3>& at) const {
+    const std::size_t n = powers.size();
+    std::vector<point3> coef(n);
+    for (std::size_t i = 0; i < n; ++i) coef[i] = {xyz(0, column[i]), xyz(1, column[i]), xyz(2, column[i])};
+    for (std::size_t k = 0; k < n; ++k) std::swap(coef[k], coef[pivot[k]]);
+    for (std::size_t i = 0; i < n; ++i)
+      for (std::size_t k = 0; k < i; ++k) coef[i] = affine(coef[i], coef[k], -lu[i * n + k]);
+    for (std::size_t i = n; i-- > 0;) {
+      for (std::size_t k = i + 1; k < n; ++k) coef[i] = affine(coef[i], coef[k], -lu[i * n + k]);
+      for (double& v : coef[i]) v /= lu[i * n + i];
+    }
+    std::vector<double> result;
+    for (const point3& r : at) {
+      std::array<point3, 3> J{};
+      for (std::size_t k = 0; k < n; ++k)
+        for (int d = 0; d < 3; ++d) {
+          const double g = monomial(k, r, d);
+          for (int i = 0; i < 3; ++i) J[i][d] += coef[k][i] * g;
+        }
+      result.push_back(det3(J));
+    }
+    return result;
+  }
+};
+
+// The corner permutations p of a kind that keep it positive: the element listing old
+// corner p[i] as its corner i has every face cycle among the old element's face cycles
+// (found by brute force over all permutations).
+const std::vector<std::vector<unsigned>>& rotations(unsigned corners) {
+  static std::map<unsigned, std::vector<std::vector<unsigned>>> cache;
+  auto& found = cache[corners];
+  if (!found.empty()) return found;
+  const auto& faces = info(corners).faces;
+  const auto is_face_cycle = [&](const std::vector<unsigned>& cycle) {
+    for (const auto& f : faces)
+      for (std::size_t r = 0; f.size() == cycle.size() && r < f.size(); ++r) {
+        bool same = true;
+        for (std::size_t i = 0; i < f.size(); ++i) same = same && cycle[i] == f[(i + r) % f.size()];
+        if (same) return true;
+      }
+    return false;
+  };
+  std::vector<unsigned> p(corners);
+  for (unsigned i = 0; i < corners; ++i) p[i] = i;
+  do {
+    bool keeps = true;
+    for (const auto& f : faces) {
+      std::vector<unsigned> image;
+      for (unsigned v : f) image.push_back(p[v]);
+      keeps = keeps && is_face_cycle(image);
+    }
+    if (keeps) found.push_back(p);
+  } while (std::next_permutation(p.begin(), p.end()));
+  static const std::map<unsigned, std::size_t> group_order = {{4, 12}, {5, 4}, {6, 6}, {8, 24}};
+  EXPECT_EQ(found.size(), group_order.at(corners)) << "the rotations of a " << corners << "-corner solid";
+  return found;
+}
+
+// Lists each element's corners from a random one of its positive rotations.
+void renumber_elements(dense2D<unsigned>& connect, unsigned seed) {
+  tessel3d_test::random_stream random(seed);
+  for (std::size_t j = 0; j < connect.cols(); ++j) {
+    const unsigned corners = corners_of(connect, j);
+    const auto& all = rotations(corners);
+    const std::vector<unsigned>& p = all[random.next() % all.size()];
+    std::vector<unsigned> old(&connect(0, j), &connect(0, j) + corners);
+    for (unsigned i = 0; i < corners; ++i) connect(i, j) = old[p[i]];
+  }
+}
+
+// A jittered 3 x 3 x 2 grid of mixed cells in the 8-row layout: the cells with i = 0
+// split into two W6 (the same way up the column, so their triangles match), the others
+// an H8 or six PY5 around a centre node, a pyramid on the boundary split into two TH4.
+mesh mixed_grid(unsigned seed) {
+  const auto box = make_box(box_kind::H8, 3, 3, 2, 1, 1, 1, 0.2, seed);
+  mesh m{dense2D<double>(), dense2D<unsigned>(8, 0)};
+  m.coords.copy(box.coords);
+  tessel3d_test::random_stream random(seed);
+  std::vector<std::vector<unsigned>> elements;
+  const auto boundary_face = [&](const std::vector<unsigned>& f) {
+    for (int d = 0; d < 3; ++d) {
+      bool low = true, high = true;
+      for (unsigned v : f)
+        low = low && std::abs(m.coords(d, v)) < 1e-12, high = high && std::abs(m.coords(d, v) - 1) < 1e-12;
+      if (low || high) return true;
+    }
+    return false;
+  };
+  for (std::size_t cell = 0; cell < box.connect.cols(); ++cell) {
+    const unsigned* c = &box.connect(0, cell);
+    if (cell % 3 == 0) {
+      elements.push_back({c[0], c[1], c[2], c[4], c[5], c[6]});
+      elements.push_back({c[0], c[2], c[3], c[4], c[6], c[7]});
+    } else if (random.next() % 2) {
+      elements.push_back(std::vector<unsigned>(c, c + 8));
+    } else {
+      const unsigned apex = unsigned(m.coords.cols());
+      EXPECT_TRUE(m.coords.resize(3, apex + 1));
+      for (int d = 0; d < 3; ++d) {
+        double sum = 0;
+        for (int v = 0; v < 8; ++v) sum += m.coords(d, c[v]);
+        m.coords(d, apex) = sum / 8;
+      }
+      for (const auto& f : info(8).faces) {
+        const std::vector<unsigned> base = {c[f[0]], c[f[1]], c[f[2]], c[f[3]]};
+        if (boundary_face(base) && random.next() % 2) {
+          elements.push_back({base[0], base[2], base[1], apex});
+          elements.push_back({base[0], base[3], base[2], apex});
+        } else {
+          elements.push_back({base[0], base[1], base[2], base[3], apex});
+        }
+      }
+    }
+  }
+  EXPECT_TRUE(m.connect.resize(8, elements.size(), absent));
+  for (std::size_t j = 0; j < elements.size(); ++j)
+    std::copy(elements[j].begin(), elements[j].end(), &m.connect(0, j));
+  return m;
+}
+
+// The counts of the complete elements of an order, as far as the conversion allows them:
+// every face and element interior of a degree-n Lagrange element, with the W6 and PY5
+// interiors left empty (and no triangle nodes past order 4, for hexahedra alone).
+counts order_counts(unsigned n) {
+  const unsigned k = n - 1;
+  return {k, k * k, n <= 4 ? k * (k - 1) / 2 : 0, k * k * k, 0, 0, n == 4 ? 1u : 0u};
+}
+
+int convert_conforming(mesh& m, const counts& c, dense2D<unsigned>& high, bool conforming = true) {
+  t3::high_order_options options;
+  options.conforming_faces = conforming;
+  return t3::convert_into_high_order(m.coords, m.connect, c.e, c.q, c.t, c.h, c.w, c.p, c.n, high, {}, {}, options);
+}
+
+struct conforming_case {
+  const char* name;
+  unsigned max_order;
+  mesh (*make)(unsigned seed);
+};
+
+mesh box_of(box_kind kind, unsigned seed) {
+  const auto box = make_box(kind, 3, 3, 3, 1, 1, 1, 0.2, seed);
+  return {box.coords, kind == box_kind::PY5 ? tessel3d_test::to_mixed8(box.connect) : box.connect};
+}
+
+const conforming_case conforming_cases[] = {
+    {"TH4", 4, [](unsigned seed) { return box_of(box_kind::TH4, seed); }},
+    {"PY5", 4, [](unsigned seed) { return box_of(box_kind::PY5, seed); }},
+    {"W6", 4, [](unsigned seed) { return box_of(box_kind::W6, seed); }},
+    {"H8", 5, [](unsigned seed) { return box_of(box_kind::H8, seed); }},
+    {"mixed", 4, mixed_grid}};
+
+}  // namespace
+
+// Jittered meshes of every kind, each element listing its corners from a random positive
+// rotation: every node of every element lies where that element's own linear map puts
+// its row's reference point, and the complete Lagrange map through the column (TH4 to
+// order 4, W6 order 2, H8 to order 5) has det J > 0 wherever the linear element has (the
+// two agree, the nodes sampling the linear map). The flat rotation of the face runs
+// (conforming_faces false) gives the same nodes and coordinates, reordered in each column.
+TEST(convert_into_high_order, conforming_faces_put_every_node_at_its_own_element_point) {
+  for (const conforming_case& test : conforming_cases)
+    for (unsigned order = 2; order <= test.max_order; ++order) {
+      SCOPED_TRACE(std::string(test.name) + " order " + std::to_string(order));
+      const counts c = order_counts(order);
+      mesh original = test.make(order);
+      renumber_elements(original.connect, 100 + order);
+      mesh m = copy_of(original), flat_rule = copy_of(original);
+      dense2D<unsigned> high, rotated;
+      ASSERT_EQ(convert_conforming(m, c, high), 0);
+      ASSERT_EQ(convert_conforming(flat_rule, c, rotated, false), 0);
+      std::map<unsigned, lagrange_element> lagrange;
+      std::size_t misplaced = 0, folded = 0, blocks_differ = 0;
+      for (std::size_t j = 0; j < high.cols(); ++j) {
+        const unsigned corners = corners_of(original.connect, j);
+        const std::vector<point3> points = row_points(corners, c);
+        const unsigned* column = &high(0, j);
+        for (std::size_t r = 0; r < points.size(); ++r) {
+          const point3 expected = linear_map(m.coords, column, corners, points[r]);
+          misplaced += distance(point(m.coords, column[r]), expected) > 1e-12;
+        }
+        const std::vector<unsigned> mine(column, column + high.rows()),
+            theirs(&rotated(0, j), &rotated(0, j) + high.rows());
+        blocks_differ += mine != theirs;
+        EXPECT_EQ(sorted(mine), sorted(theirs));
+        const bool complete = corners == 4 || corners == 8 || (corners == 6 && order == 2);
+        if (!complete) continue;
+        if (!lagrange.count(corners)) lagrange.emplace(corners, lagrange_element(corners, order, points));
+        // At the nodes and half-way from each node to the last one (inside the element).
+        std::vector<point3> at = points;
+        for (const point3& r : points) at.push_back(affine(r, minus(points.back(), r), 0.5));
+        const std::vector<double> dets = lagrange.at(corners).dets(m.coords, column, at);
+        for (std::size_t r = 0; r < at.size(); ++r) {
+          const double linear = linear_det(m.coords, column, corners, at[r]);
+          ASSERT_NE(linear, 0.0);
+          folded += !(dets[r] * linear > 0) || std::abs(dets[r] - linear) > 1e-6 * std::abs(linear);
+        }
+      }
+      EXPECT_EQ(misplaced, 0u);
+      EXPECT_EQ(folded, 0u);
+      const bool affected = c.t == 3 || (c.q > 1 && std::string(test.name) != "TH4");
+      if (affected) {
+        EXPECT_GT(blocks_differ, 0u) << "the rotated runs are not the element's order";
+      }
+      ASSERT_EQ(m.coords.cols(), flat_rule.coords.cols());
+      EXPECT_TRUE(std::equal(m.coords.data(), m.coords.data() + 3 * m.coords.cols(), flat_rule.coords.data()));
+    }
 }
 
 // ---- convert_into_quadratic ---------------------------------------------------------------

@@ -232,6 +232,35 @@ TESSEL3D_EXPORT int convert_into_high_order(dense2D<double>& coords, dense2D<uns
                                             unsigned nodes_in_H8, unsigned nodes_in_W6, unsigned nodes_in_PY5,
                                             unsigned nodes_in_TH4, const dense2D<unsigned>& faces,
                                             const dense2D<unsigned>& edges);
+/// Options of the conversion into high order.
+struct high_order_options {
+  /// true (the default): every element lists the nodes of each of its faces at the
+  /// positions its own face order gives (see the placement rules above: node i + k*j of a
+  /// quadrangle at xi from the element face's corner c0 to c1 and eta from c0 to c3; a
+  /// triangle's node k next to its corner (k+2) mod 3), whatever rotation and reflection
+  /// the face was first met with, so the complete Lagrange element built from a column
+  /// is the element the linear one describes. false: the run of face nodes is rotated as
+  /// a flat list, as the forms without options do, which for q > 1 and t = 3 lists the
+  /// nodes of a face met second at the wrong positions.
+  bool conforming_faces = true;
+};
+
+/// The conversion with options. Node IDs, coordinates and the rows of corners, edge
+/// nodes and interior nodes are those of the forms without options, and so are the face
+/// blocks of the element that meets each face first; with conforming_faces, the blocks
+/// of the other elements list the same nodes in their own order. h may be any cube
+/// (m*m*m: 64, 125, ... too). Status codes as above; the in-place form likewise.
+TESSEL3D_EXPORT int convert_into_high_order(dense2D<double>& coords, const dense2D<unsigned>& connectM,
+                                            unsigned nodes_per_edge, unsigned nodes_in_Q4, unsigned nodes_in_T3,
+                                            unsigned nodes_in_H8, unsigned nodes_in_W6, unsigned nodes_in_PY5,
+                                            unsigned nodes_in_TH4, dense2D<unsigned>& connectH,
+                                            const dense2D<unsigned>& faces, const dense2D<unsigned>& edges,
+                                            const high_order_options& options);
+TESSEL3D_EXPORT int convert_into_high_order(dense2D<double>& coords, dense2D<unsigned>& connect,
+                                            unsigned nodes_per_edge, unsigned nodes_in_Q4, unsigned nodes_in_T3,
+                                            unsigned nodes_in_H8, unsigned nodes_in_W6, unsigned nodes_in_PY5,
+                                            unsigned nodes_in_TH4, const dense2D<unsigned>& faces,
+                                            const dense2D<unsigned>& edges, const high_order_options& options);
 /// Quadratic elements in place: the in-place form with (e, q, t, h, w, p, n) =
 /// (1, 1, 0, 1, 0, 0, 0), giving TH10, PY14, W18 and H27 (10 rows for TH4 meshes, 18 for
 /// W6 meshes, 27 otherwise). The caller's faces are T6 columns (6 rows) or Q9 columns

@@ -33,6 +33,24 @@ PYBIND11_MODULE(_order, m) {
     return py::make_tuple(status, to_numpy(x, {&caller}), to_numpy(high));
   });
 
+  // The conforming form: every element lists a face's nodes in its own face order.
+  m.def("convert_into_high_order_conforming", [](py::array coords, py::array connect, unsigned e, unsigned q,
+                                                 unsigned t, unsigned h, unsigned w, unsigned p, unsigned n,
+                                                 py::object faces, py::object edges) {
+    zel::dense2D<double> x = matrix_view<double>(coords, "coords");
+    const zel::dense2D<unsigned> c = matrix_view<unsigned>(connect, "connect");
+    const zel::dense2D<unsigned> f = optional_matrix<unsigned>(faces, "faces");
+    const zel::dense2D<unsigned> g = optional_matrix<unsigned>(edges, "edges");
+    zel::dense2D<unsigned> high;
+    int status;
+    {
+      py::gil_scoped_release release;
+      status = t3::convert_into_high_order(x, c, e, q, t, h, w, p, n, high, f, g, t3::high_order_options());
+    }
+    py::object caller = coords;
+    return py::make_tuple(status, to_numpy(x, {&caller}), to_numpy(high));
+  });
+
   m.def("convert_into_quadratic", [](py::array coords, py::object connect, py::object faces, py::object edges) {
     zel::dense2D<double> x = matrix_view<double>(coords, "coords");
     zel::dense2D<unsigned> c = t3py::owned_copy<unsigned>(connect, "connect");

@@ -135,7 +135,7 @@ TABLES = {
                                 "each below the node count", (4, 6, 8), absent_ok=(8,))),
         -4: ("nodes_in_q4", 4, "must be a perfect square (0, 1, 4, 9, ...)"),
         -5: ("nodes_in_t3", 5, "must be 0, 1 or 3"),
-        -6: ("nodes_in_h8", 6, "must be a perfect cube: 0, 1, 8 or 27"),
+        -6: ("nodes_in_h8", 6, "must be a perfect cube (0, 1, 8 or 27 with strict=True)"),
         -7: ("nodes_in_w6", 7, "must be 0 or 1"),
         -9: ("nodes_in_th4", 9, "must be 0 or 1"),
         -11: ("faces", 11, lambda a: "must list, per face, the corners, nodes_per_edge nodes per side and the "

@@ -12,15 +12,21 @@ Split.__doc__ = "Coordinates with the new nodes appended, and the (m, 8) hexahed
 
 
 def convert_into_high_order(coords, connect, nodes_per_edge=1, nodes_in_q4=0, nodes_in_t3=0, nodes_in_h8=0,
-                            nodes_in_w6=0, nodes_in_py5=0, nodes_in_th4=0, faces=None, edges=None):
+                            nodes_in_w6=0, nodes_in_py5=0, nodes_in_th4=0, faces=None, edges=None, strict=False):
     """High-order elements from a linear solid mesh; returns Converted(coords, connect).
 
     connect: (m, 4) TH4, (m, 6) W6 or (m, 8) H8 / mixed with PY5 and the others. The counts
     give the new nodes per edge (e), inside each quadrangle (q, a square), triangle (t: 0,
-    1 or 3), H8 (a cube: 0, 1, 8, 27), W6 (0, 1), PY5 (any) and TH4 (0, 1); shared edges
-    and faces get one set of nodes. The result lists per element its corners, e nodes per
-    edge, the face nodes and the interior nodes, absent entries padding the smaller kinds.
+    1 or 3), H8 (a cube), W6 (0, 1), PY5 (any) and TH4 (0, 1); shared edges and faces get
+    one set of nodes. The result lists per element its corners, e nodes per edge, the face
+    nodes and the interior nodes, absent entries padding the smaller kinds. Every element
+    lists a face's nodes at the positions of its own face order (a quadrangle's grid with
+    the first direction from its face corner 0 to 1, a triangle's three nodes next to face
+    corners 2, 0, 1), so the elements are valid Lagrange elements.
     faces, edges: optional caller's high-order faces and edges whose nodes are reused.
+    strict: True lists the face nodes of the element that meets a face second by rotating
+    the first one's list (the library's fixed rule, wrong for q > 1 and t = 3) and refuses
+    h = 64 and larger cubes; the same nodes, coordinates and other rows either way.
     """
     f = "convert_into_high_order"
     x = A.real_matrix(coords, f, "coords", 1)
@@ -31,7 +37,9 @@ def convert_into_high_order(coords, connect, nodes_per_edge=1, nodes_in_q4=0, no
                                nodes_in_py5, nodes_in_th4)]
     if min(counts) < 0:
         raise ValueError(f"{f}: node counts must be >= 0")
-    status, xo, co = A.native("order", f).convert_into_high_order(x, c, *counts, fc, ed)
+    native = A.native("order", f)
+    convert = native.convert_into_high_order if strict else native.convert_into_high_order_conforming
+    status, xo, co = convert(x, c, *counts, fc, ed)
     e, q, t = counts[:3]
     check(f, status, {"coords": x, "connect": c, "faces": fc, "edges": ed,
                       "face_rows": f"{t + 3 * (e + 1)} for triangles, {q + 4 * (e + 1)} for quadrangles",

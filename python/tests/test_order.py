@@ -13,6 +13,8 @@ W_EDGES = [(0, 3), (1, 4), (2, 5), (1, 2), (2, 0), (0, 1), (4, 5), (5, 3), (3, 4
 W_QUADS = [(2, 1, 4, 5), (0, 2, 5, 3), (1, 0, 3, 4)]
 H_EDGES = [(0, 1), (1, 2), (2, 3), (3, 0), (4, 5), (5, 6), (6, 7), (7, 4), (0, 4), (1, 5), (2, 6), (3, 7)]
 H_FACES = [(0, 3, 7, 4), (1, 2, 6, 5), (0, 1, 5, 4), (2, 3, 7, 6), (0, 1, 2, 3), (4, 5, 6, 7)]
+# The same faces with the corner order that fixes their grids of nodes.
+H_FACES_OWN = [(0, 3, 7, 4), (1, 5, 6, 2), (0, 4, 5, 1), (3, 2, 6, 7), (0, 1, 2, 3), (4, 7, 6, 5)]
 
 
 def expected_positions(coords, corners, edges, faces=(), centre=False):
@@ -72,7 +74,8 @@ def test_high_order_counts_and_errors():
     assert r.connect.shape == (1, 8 + 12 * 2 + 6 * 4 + 8) and len(r.coords) == r.connect.shape[1]
     for kwargs, status, text in (({"nodes_in_q4": 2}, -4, "nodes_in_q4 (argument 4) must be a perfect square"),
                                  ({"nodes_in_t3": 2}, -5, "nodes_in_t3 (argument 5) must be 0, 1 or 3"),
-                                 ({"nodes_in_h8": 64}, -6, "nodes_in_h8 (argument 6) must be a perfect cube"),
+                                 ({"nodes_in_h8": 63}, -6, "nodes_in_h8 (argument 6) must be a perfect cube"),
+                                 ({"nodes_in_h8": 64, "strict": True}, -6, "nodes_in_h8 (argument 6) must be a"),
                                  ({"nodes_in_w6": 2}, -7, "nodes_in_w6 (argument 7) must be 0 or 1"),
                                  ({"nodes_in_th4": 2}, -9, "nodes_in_th4 (argument 9) must be 0 or 1")):
         with pytest.raises(t3.Error) as caught:
@@ -82,6 +85,27 @@ def test_high_order_counts_and_errors():
     with pytest.raises(t3.Error) as caught:
         t3.convert_into_quadratic(coords, connect, edges=[[0, 1]])
     assert caught.value.status == -12 and "edges (argument 4) must list 3 node IDs" in str(caught.value)
+
+
+@pytest.mark.parametrize("strict", [False, True])
+def test_face_grids_follow_each_element_unless_strict(strict):
+    """Two hexahedra sharing the face x = 1, the second listed from another corner: each
+    lists the shared face's 3 x 3 grid along its own face corners 0 -> 1 (fastest) and
+    0 -> 3; strict lists the second one's run rotated as a flat list, the same nodes."""
+    coords, connect = box("H8", (2, 1, 1), jitter=0.0)
+    connect = np.array(connect)
+    connect[1] = connect[1][[1, 2, 3, 0, 5, 6, 7, 4]]  # the same hexahedron, turned a quarter
+    r = t3.convert_into_high_order(coords, connect, 4, 16, 0, 0, strict=strict)
+    face_rows = 8 + 12 * 4 + 16 * np.arange(6)[:, None] + np.arange(16)
+    misplaced = 0
+    for element, corners in zip(r.connect, connect):
+        for f, rows in zip(H_FACES_OWN, face_rows):
+            c = coords[corners[list(f)]]
+            i, j = np.meshgrid(np.arange(1, 5) / 5, np.arange(1, 5) / 5)
+            expected = c[0] + i.reshape(-1, 1) * (c[1] - c[0]) + j.reshape(-1, 1) * (c[3] - c[0])
+            misplaced += not np.allclose(r.coords[element[rows]], expected)
+    assert misplaced == (1 if strict else 0)
+    assert len(r.coords) == len(coords) + 4 * 20 + 16 * 11
 
 
 def test_caller_edge_node_is_reused():

@@ -1,8 +1,10 @@
 // convert_into_high_order, convert_into_quadratic: new nodes on the edges, inside the
 // faces and inside the elements of a linear solid mesh, one set per shared edge or face
-// (found through the edge and face maps), appended to the coordinates.
+// (found through the edge and face maps), appended to the coordinates. The forms with
+// options list each face's nodes in every element's own face order (conforming faces).
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
 
 #include "common/element_tables.h"
 #include "order/hash_tables.h"
@@ -40,8 +42,16 @@ struct kind_layout {
 
 struct conversion {
   conversion(dense2D<double>& coords_, const dense2D<unsigned>& connectM_, dense2D<unsigned>& connectH_,
-             const dense2D<unsigned>& faces_, const dense2D<unsigned>& edges_, const node_counts& counts)
-      : coords(coords_), connectM(connectM_), connectH(connectH_), faces(faces_), edges(edges_), c(counts) {}
+             const dense2D<unsigned>& faces_, const dense2D<unsigned>& edges_, const node_counts& counts,
+             bool with_options = false, bool conforming_faces_ = false)
+      : coords(coords_),
+        connectM(connectM_),
+        connectH(connectH_),
+        faces(faces_),
+        edges(edges_),
+        c(counts),
+        any_cube(with_options),
+        conforming_faces(conforming_faces_) {}
 
   dense2D<double>& coords;
   const dense2D<unsigned>& connectM;
@@ -49,6 +59,8 @@ struct conversion {
   const dense2D<unsigned>& faces;
   const dense2D<unsigned>& edges;
   node_counts c;
+  bool any_cube;             // h passes when it is a cube (the forms with options)
+  bool conforming_faces;     // face blocks in each element's own face order
   std::size_t nb_nodes = 0;  // coordinates columns at entry
   unsigned q_side = 0;       // q = q_side^2
   unsigned h_side = 0;       // h = h_side^3
@@ -129,7 +141,9 @@ int check_arguments(conversion& cv) {
   if (std::uint64_t(cv.q_side) * cv.q_side != cv.c.q) return -4;
   if (cv.c.t != 0 && cv.c.t != 1 && cv.c.t != 3) return -5;
   // Truncated on purpose: with a correctly rounded pow, 64 gives 3.999... and is refused.
-  cv.h_side = static_cast<unsigned>(std::pow(static_cast<double>(cv.c.h), 0.3333333333333333));
+  // The forms with options take the nearest integer root instead, so every cube passes.
+  const double root = std::pow(static_cast<double>(cv.c.h), 0.3333333333333333);
+  cv.h_side = static_cast<unsigned>(cv.any_cube ? std::nearbyint(root) : root);
   if (std::uint64_t(cv.h_side) * cv.h_side * cv.h_side != cv.c.h) return -6;
   if (cv.c.w >= 2) return -7;
   if (cv.c.n >= 2) return -9;
@@ -318,6 +332,54 @@ void write_face_run(unsigned* row, unsigned first, unsigned count, const elfes::
   }
 }
 
+// Grid coordinates of the corners of a quadrangle's node grid (in units of k + 1, for a
+// k x k grid): corner 0 at the origin, xi towards corner 1, eta towards corner 3.
+constexpr int quadrangle_corner_at[4][2] = {{0, 0}, {1, 0}, {1, 1}, {0, 1}};
+
+// Writes the count nodes of a face starting at `first` in the element's own face order:
+// the element's grid point is mapped onto the stored grid through the rotation and
+// reflection that carry the element's face corners onto the stored ones. A triangle's
+// three nodes sit next to one corner each (stored node k next to stored corner
+// (k + 2) mod 3). A face with a repeated corner, which has no such map, keeps the stored
+// order.
+void write_face_grid(unsigned* row, unsigned first, unsigned count, unsigned side, const elfes::face_mix& stored,
+                     const elfes::face_mix& mine) {
+  const unsigned n = stored.node[3] == absent ? 3 : 4;
+  unsigned at[4] = {0, 0, 0, 0};  // at[c]: the stored position of the element's corner c
+  unsigned seen = 0;              // bit s: stored corner s is some element corner
+  for (unsigned c = 0; c < n; ++c) {
+    while (at[c] < n && stored.node[at[c]] != mine.node[c]) ++at[c];
+    if (at[c] < n) seen |= 1u << at[c];
+  }
+  if (count == 1 || seen != (1u << n) - 1) {
+    for (unsigned i = 0; i < count; ++i) row[i] = first + i;
+    return;
+  }
+  if (n == 3) {
+    for (unsigned k = 0; k < 3; ++k) row[k] = first + (at[(k + 2) % 3] + 1) % 3;
+    return;
+  }
+  // With the four corners a cycle of the stored ones in either direction, the element's
+  // xi and eta steps are each one unit step along one stored grid axis; checked, so that
+  // every ID stays inside the face's run whatever the map matched the key with.
+  const int K = static_cast<int>(side) + 1;
+  const int* origin = quadrangle_corner_at[at[0]];
+  const int* to_xi = quadrangle_corner_at[at[1]];
+  const int* to_eta = quadrangle_corner_at[at[3]];
+  const int dxi[2] = {to_xi[0] - origin[0], to_xi[1] - origin[1]};
+  const int deta[2] = {to_eta[0] - origin[0], to_eta[1] - origin[1]};
+  if (std::abs(dxi[0]) + std::abs(dxi[1]) != 1 || std::abs(deta[0]) + std::abs(deta[1]) != 1 ||
+      dxi[0] * deta[0] + dxi[1] * deta[1] != 0) {
+    for (unsigned i = 0; i < count; ++i) row[i] = first + i;
+    return;
+  }
+  for (int j = 1; j <= K - 1; ++j)
+    for (int i = 1; i <= K - 1; ++i) {
+      const int x = origin[0] * K + i * dxi[0] + j * deta[0], y = origin[1] * K + i * dxi[1] + j * deta[1];
+      *row++ = first + static_cast<unsigned>((y - 1) * (K - 1) + (x - 1));
+    }
+}
+
 bool number_faces(conversion& cv) {
   bool needed = false;
   for (unsigned k = 0; k < 4; ++k) needed = needed || (cv.nb_kind[k] > 0 && kind_has_face_nodes(cv, k));
@@ -373,7 +435,10 @@ bool number_faces(conversion& cv) {
       if (pos == face_map::npos) return false;
       if (added) cv.next_node += count;
       const auto& entry = map.value(pos);
-      write_face_run(out + L.face_row[i], entry.second, count, entry.first, key);
+      if (cv.conforming_faces)
+        write_face_grid(out + L.face_row[i], entry.second, count, cv.q_side, entry.first, key);
+      else
+        write_face_run(out + L.face_row[i], entry.second, count, entry.first, key);
     }
   }
   return cv.next_node <= id_limit;
@@ -600,6 +665,27 @@ int convert_into_high_order(dense2D<double>& coords, dense2D<unsigned>& connect,
   if (!linear.copy(connect)) return no_memory;
   return convert_into_high_order(coords, linear, nodes_per_edge, nodes_in_Q4, nodes_in_T3, nodes_in_H8, nodes_in_W6,
                                  nodes_in_PY5, nodes_in_TH4, connect, faces, edges);
+}
+
+int convert_into_high_order(dense2D<double>& coords, const dense2D<unsigned>& connectM, unsigned nodes_per_edge,
+                            unsigned nodes_in_Q4, unsigned nodes_in_T3, unsigned nodes_in_H8, unsigned nodes_in_W6,
+                            unsigned nodes_in_PY5, unsigned nodes_in_TH4, dense2D<unsigned>& connectH,
+                            const dense2D<unsigned>& faces, const dense2D<unsigned>& edges,
+                            const high_order_options& options) {
+  conversion cv(coords, connectM, connectH, faces, edges,
+                {nodes_per_edge, nodes_in_Q4, nodes_in_T3, nodes_in_H8, nodes_in_W6, nodes_in_PY5, nodes_in_TH4},
+                true, options.conforming_faces);
+  return convert(cv);
+}
+
+int convert_into_high_order(dense2D<double>& coords, dense2D<unsigned>& connect, unsigned nodes_per_edge,
+                            unsigned nodes_in_Q4, unsigned nodes_in_T3, unsigned nodes_in_H8, unsigned nodes_in_W6,
+                            unsigned nodes_in_PY5, unsigned nodes_in_TH4, const dense2D<unsigned>& faces,
+                            const dense2D<unsigned>& edges, const high_order_options& options) {
+  dense2D<unsigned> linear;
+  if (!linear.copy(connect)) return no_memory;
+  return convert_into_high_order(coords, linear, nodes_per_edge, nodes_in_Q4, nodes_in_T3, nodes_in_H8, nodes_in_W6,
+                                 nodes_in_PY5, nodes_in_TH4, connect, faces, edges, options);
 }
 
 int convert_into_quadratic(dense2D<double>& coords, dense2D<unsigned>& connect) {
