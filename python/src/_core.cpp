@@ -1,6 +1,6 @@
-// tessel3d._core: version, the orientation flips and the layout probe of the zero-copy
+// Bindings (tessel3d._native): version, the orientation flips and the layout probe of the zero-copy
 // inputs. Every function returns the library's status; the Python layer raises.
-#include <pybind11/pybind11.h>
+#include "module.h"
 
 #include "arrays.h"
 #include "zel/tessel3d.h"
@@ -9,8 +9,7 @@ namespace py = pybind11;
 namespace t3 = zel::tessel3d;
 using t3py::matrix_view;
 
-PYBIND11_MODULE(_core, m) {
-  m.doc() = "tessel3d core: version, orientation flips";
+void t3py::register_core(py::module_& m) {
   m.attr("ABSENT") = py::int_(~0U);
 
   m.def("version", [] { return std::string(t3::version()); });

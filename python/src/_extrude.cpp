@@ -1,7 +1,7 @@
-// tessel3d._extrude: the five extrusion families, long forms (solids, lateral faces of
+// Bindings (tessel3d._native): the five extrusion families, long forms (solids, lateral faces of
 // the swept edges and the far cap), by layer count or by sizes. The outputs the caller
 // passes are copied first, since the library appends to them and rolls them back.
-#include <pybind11/pybind11.h>
+#include "module.h"
 
 #include "arrays.h"
 #include "zel/tessel3d.h"
@@ -46,8 +46,7 @@ struct sweep {
 
 }  // namespace
 
-PYBIND11_MODULE(_extrude, m) {
-  m.doc() = "tessel3d extrusion: translate, rotate, spiral, normal, line";
+void t3py::register_extrude(py::module_& m) {
 
   m.def("extrude_translate", [](SWEEP_ARGS, py::object T, unsigned layers, OUTPUT_ARGS) {
     MAKE_SWEEP;

@@ -1,6 +1,6 @@
-// tessel3d._locate: point location, field and metric interpolation. Fields and metrics
+// Bindings (tessel3d._native): point location, field and metric interpolation. Fields and metrics
 // are in-out: the library writes into the caller's array (zero copy).
-#include <pybind11/pybind11.h>
+#include "module.h"
 
 #include "arrays.h"
 #include "zel/tessel3d.h"
@@ -29,9 +29,7 @@ struct located_mesh {
 
 }  // namespace
 
-PYBIND11_MODULE(_locate, m) {
-  m.doc() = "tessel3d point location and interpolation";
-  py::module_::import("tessel3d._mesh");  // registers NodeDetector
+void t3py::register_locate(py::module_& m) {
 
   m.def("get_element_containing_point", [](MESH_ARGS, const t3py::detector_holder& detector, int type,
                                            py::object point, double tolerance) {

@@ -1,5 +1,5 @@
-// tessel3d._measures: volume, circumcentres, dihedral and solid angles.
-#include <pybind11/pybind11.h>
+// Bindings (tessel3d._native): volume, circumcentres, dihedral and solid angles.
+#include "module.h"
 
 #include <limits>
 
@@ -34,8 +34,7 @@ py::tuple angles(angle_fn fn, py::array coords, py::array connect, bool normalis
 
 }  // namespace
 
-PYBIND11_MODULE(_measures, m) {
-  m.doc() = "tessel3d measures: volume, circumcentres, dihedral and solid angles";
+void t3py::register_measures(py::module_& m) {
 
   m.def("volume", [](py::array coords, py::array connect) {
     const zel::dense2D<double> x = matrix_view<double>(coords, "coords");

@@ -1,7 +1,7 @@
-// tessel3d._mesh: the helpers of the sibling libraries that callers of the location and
+// Bindings (tessel3d._native): the helpers of the sibling libraries that callers of the location and
 // surface functions need: face neighbours, node-to-element arrays, the nearest-node
 // detector and nodal normals of a surface.
-#include <pybind11/pybind11.h>
+#include "module.h"
 
 #include "arrays.h"
 #include "zel/tessel.h"
@@ -29,8 +29,7 @@ py::array query(const detector_holder& holder, py::array points, bool closest) {
 
 }  // namespace
 
-PYBIND11_MODULE(_mesh, m) {
-  m.doc() = "tessel3d mesh helpers: neighbours, node-to-element arrays, node detector, surface normals";
+void t3py::register_mesh(py::module_& m) {
 
   m.def("get_neighbors", [](py::array connect, int type) {
     const zel::dense2D<unsigned> c = matrix_view<unsigned>(connect, "connect");

@@ -1,8 +1,8 @@
-// tessel3d._order: conversion into high order and back, splitting into hexahedra.
+// Bindings (tessel3d._native): conversion into high order and back, splitting into hexahedra.
 // In-out coordinates are passed as views of the caller's array: the library appends
 // nodes, which moves the matrix to a buffer of its own, so the caller's array is never
 // written. In-out connectivities are copied first, since the library rewrites them.
-#include <pybind11/pybind11.h>
+#include "module.h"
 
 #include "arrays.h"
 #include "zel/tessel3d.h"
@@ -13,8 +13,7 @@ using t3py::matrix_view;
 using t3py::optional_matrix;
 using t3py::to_numpy;
 
-PYBIND11_MODULE(_order, m) {
-  m.doc() = "tessel3d element order: high order, quadratic, linear, hexahedra";
+void t3py::register_order(py::module_& m) {
 
   m.def("convert_into_high_order", [](py::array coords, py::array connect, unsigned e, unsigned q, unsigned t,
                                       unsigned h, unsigned w, unsigned p, unsigned n, py::object faces,

@@ -1,6 +1,5 @@
-// tessel3d._split_q4: splitting of the solids that carry given quadrangles (a module of
-// its own, so that a build without this function still loads the other surface ones).
-#include <pybind11/pybind11.h>
+// Bindings (tessel3d._native): splitting of the solids that carry given quadrangles.
+#include "module.h"
 
 #include "arrays.h"
 #include "zel/tessel3d.h"
@@ -10,8 +9,7 @@ namespace t3 = zel::tessel3d;
 using t3py::matrix_view;
 using t3py::to_numpy;
 
-PYBIND11_MODULE(_split_q4, m) {
-  m.doc() = "tessel3d split_solid_Q4";
+void t3py::register_split_q4(py::module_& m) {
 
   m.def("split_solid_Q4", [](py::array coords, py::array connect, py::array quads, double min_quality) {
     zel::dense2D<double> x = matrix_view<double>(coords, "coords");

@@ -1,7 +1,7 @@
-// tessel3d._surface: duplication of the nodes of an internal surface. The connectivity is
+// Bindings (tessel3d._native): duplication of the nodes of an internal surface. The connectivity is
 // copied first (the library rewrites it); the coordinates are a view of the caller's array
 // that the library's growth detaches.
-#include <pybind11/pybind11.h>
+#include "module.h"
 
 #include "arrays.h"
 #include "zel/tessel3d.h"
@@ -11,8 +11,7 @@ namespace t3 = zel::tessel3d;
 using t3py::matrix_view;
 using t3py::to_numpy;
 
-PYBIND11_MODULE(_surface, m) {
-  m.doc() = "tessel3d surface operations: duplicate_surface_nodes";
+void t3py::register_surface(py::module_& m) {
 
   m.def("duplicate_surface_nodes", [](py::array coords, py::object connect, py::array neighbors,
                                       py::array node_element, py::array surface, py::object excluded,

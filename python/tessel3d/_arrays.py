@@ -6,23 +6,21 @@ An array that already has that dtype and layout (C order, or a column slice such
 ``a[:, :4]``) is passed as it is; anything else is converted once here.
 """
 
-import importlib
-
 import numpy as np
 
+from . import _native
 from .errors import Error
 
 ABSENT = 0xFFFFFFFF
 
 
-def native(family, function):
-    """The compiled module of a family, or NotImplementedError naming what is missing."""
-    try:
-        return importlib.import_module("tessel3d._" + family)
-    except ImportError as error:
-        raise NotImplementedError(
-            f"{function}: the compiled module of the {family} functions cannot be loaded "
-            f"({error}); this build of the library lacks them") from error
+def native(*_names):
+    """The compiled module, tessel3d._native, which holds every family's bindings.
+
+    Callers name the family and function they need; the one module has them all and is
+    loaded with the package, so a failure to load it shows at ``import tessel3d``.
+    """
+    return _native
 
 
 def fits(a, dtype):

@@ -4,7 +4,7 @@ import numpy as np
 import pytest
 
 import tessel3d as t3
-from tessel3d import _core
+from tessel3d import _native
 
 # Exchanges of flip() per type, written out from the library's documentation.
 FLIP_PAIRS = {
@@ -18,7 +18,7 @@ FLIP_PAIRS = {
 
 def test_version_and_constants():
     assert t3.version() == "5.5.0.0"
-    assert t3.ABSENT == 0xFFFFFFFF == _core.ABSENT
+    assert t3.ABSENT == 0xFFFFFFFF == _native.ABSENT
     assert (t3.TH4, t3.SOLID_MIX8, t3.H27) == (14, 12, 24)
     assert t3.ROWS[t3.W18] == 18 and t3.FACES[t3.PY5] == 5
     assert t3.element_type("h8") is t3.ElementType.H8
@@ -62,7 +62,7 @@ def test_single_type_flips_exchange_halves():
 def test_flip_works_on_a_column_slice_without_copy():
     big = np.arange(12, dtype=np.uint32).reshape(2, 6)
     view = big[:, :4]
-    address, rows, cols, ld = _core.matrix_layout(view)
+    address, rows, cols, ld = _native.matrix_layout(view)
     assert (address, rows, cols, ld) == (view.ctypes.data, 4, 2, 6)
     t3.flip(view, t3.TH4)
     assert big.tolist() == [[2, 1, 0, 3, 4, 5], [8, 7, 6, 9, 10, 11]]  # columns 4, 5 untouched
@@ -70,9 +70,9 @@ def test_flip_works_on_a_column_slice_without_copy():
 
 def test_inputs_of_the_right_layout_are_read_in_place():
     coords = np.zeros((5, 3))
-    assert _core.matrix_layout(coords) == (coords.ctypes.data, 3, 5, 3)
+    assert _native.matrix_layout(coords) == (coords.ctypes.data, 3, 5, 3)
     wide = np.zeros((5, 4))
-    assert _core.matrix_layout(wide[:, :3]) == (wide.ctypes.data, 3, 5, 4)
+    assert _native.matrix_layout(wide[:, :3]) == (wide.ctypes.data, 3, 5, 4)
 
 
 def test_other_dtypes_are_converted_and_written_back():
