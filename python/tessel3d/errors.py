@@ -95,6 +95,14 @@ def _columns(name, expected):
     return text
 
 
+def _shapes(what, *names):
+    """`what`, followed by the shapes of the named arguments as the call received them."""
+    def text(args):
+        shown = ", ".join(f"{n} has shape {args[n].shape}" for n in names if args.get(n) is not None)
+        return what + (f" ({shown})" if shown else "")
+    return text
+
+
 _SOLIDS = "must list 4 (TH4), 5 (PY5), 6 (W6) or 8 (mixed, H8) node IDs per element, each below the node count"
 _SURFACE = ("must list 3 (triangles) or 4 (quadrangles; a triangle with the absent marker last) node IDs "
             "per face, each below the node count")
@@ -126,8 +134,9 @@ _POSITIVE = "must be > 0"
 _LOCATE_MESH = {
     -1: ("coords", 1, _coords()),
     -2: ("connect", 2, "must be an (m, 4) array of tetrahedra with node IDs below the node count"),
-    -3: ("neighbors", 3, "must have the shape of connect, with element indices or ABSENT (use get_neighbors)"),
-    -4: ("node_element", 4, "must have one entry per node (use get_node_element)"),
+    -3: ("neighbors", 3, _shapes("must have the shape of connect, with element indices or ABSENT (use "
+                                 "get_neighbors)", "neighbors", "connect")),
+    -4: ("node_element", 4, _shapes("must have one entry per node (use get_node_element)", "node_element", "coords")),
 }
 
 TABLES = {
@@ -141,8 +150,8 @@ TABLES = {
     "circumcenters": {-1: ("coords", 1, _coords()),
                       -2: ("connect", 2, _ids("connect", "must list 4 node IDs per tetrahedron, each below the "
                                               "node count", (4,)))},
-    "dihedral_angles": {-2: ("connect", 2, _ids("connect", _SOLIDS, (4, 5, 6, 8), absent_ok=(8,)))},
-    "solid_angles": {-2: ("connect", 2, _ids("connect", _SOLIDS, (4, 5, 6, 8), absent_ok=(8,)))},
+    "dihedral_angles": {-1: ("coords", 1, _coords()),
+                        -2: ("connect", 2, _ids("connect", _SOLIDS, (4, 5, 6, 8), absent_ok=(8,)))},
     "convert_into_high_order": {
         -1: ("coords", 1, _coords()),
         -2: ("connect", 2, _ids("connect", "must list 4 (TH4), 6 (W6) or 8 (mixed, H8) node IDs per element, "
@@ -226,20 +235,21 @@ TABLES = {
              + ("" if a.get("points") is None else f", not of shape {a['points'].shape}"))},
     "interpolate": {
         **_LOCATE_MESH,
-        -5: ("field", 5, "must have one row (or entry) per node"),
+        -5: ("field", 5, _shapes("must have one row (or entry) per node", "field", "coords")),
         -6: ("nodes", 6, "must list node IDs below the node count")},
     "interpolate_metrics": {
         **_LOCATE_MESH,
-        -5: ("metrics", 5, "must be an (n, 6) array of packed tensors (M11 M12 M22 M13 M23 M33) or an (n,) "
-                           "array of sizes, one per node"),
+        -5: ("metrics", 5, _shapes("must be an (n, 6) array of packed tensors (M11 M12 M22 M13 M23 M33) or an "
+                                   "(n,) array of sizes, one per node", "metrics", "coords")),
         -6: ("nodes", 6, "must list node IDs below the node count")},
     "duplicate_surface_nodes": {
         -1: ("coords", 1, _coords()),
         -2: ("connect", 2, _ids("connect", "must hold node IDs below the node count for its element type",
                                 absent_ok=True)),
-        -3: ("neighbors", 3, "must have the shape of the face adjacency of connect, with element indices or "
-                             "ABSENT (use get_neighbors)"),
-        -4: ("node_element", 4, "must have an entry for every node of connect (use get_node_element)"),
+        -3: ("neighbors", 3, _shapes("must have the shape of the face adjacency of connect, with element indices "
+                                     "or ABSENT (use get_neighbors)", "neighbors", "connect")),
+        -4: ("node_element", 4, _shapes("must have an entry for every node of connect (use get_node_element)",
+                                        "node_element")),
         -5: ("surface", 5, "must be (m, 3) triangles for TH4, (m, 4) quadrangles for H8 or (m, 4) mixed faces for "
                            "SOLID_MIX8, with node IDs below the node count"),
         -9: ("type", 9, "must be TH4, H8 or SOLID_MIX8")},
@@ -249,7 +259,8 @@ TABLES = {
                                 "each below the node count", (5, 6, 8), absent_ok=(8,))),
         -3: ("quads", 3, "must be an (m, 4) array of quadrangles with node IDs below the node count"),
         -4: ("min_quality", 4, "must be a finite number")},
-    "get_neighbors": {-1: ("connect", 1, "has a number of node IDs per element that does not fit type"),
+    "get_neighbors": {-1: ("connect", 1, _shapes("has a number of node IDs per element that does not fit type",
+                                                 "connect")),
                       -2: ("type", 2, "must be TH4, PY5, W6, H8 or SOLID_MIX8")},
     "get_node_element": {-1: ("connect", 1, "holds an entry that is neither below nb_nodes nor ABSENT")},
     "surface_normals": {-1: ("coords", 1, _coords()),
@@ -257,6 +268,7 @@ TABLES = {
                         -3: ("angle", 3, "must be >= 0")},
 }
 TABLES["element_volumes"] = TABLES["volume"]
+TABLES["solid_angles"] = TABLES["dihedral_angles"]
 TABLES["extrude_line/scales"] = {k: v for k, v in TABLES["extrude_line"].items() if k != -5}
 
 
