@@ -1,6 +1,6 @@
-// tessel3d._core: version, the orientation flips and the layout probe of the zero-copy
+// Bindings (tessel3d._native): version, the orientation flips and the layout probe of the zero-copy
 // inputs. Every function returns the library's status; the Python layer raises.
-#include <pybind11/pybind11.h>
+#include "module.h"
 
 #include "arrays.h"
 #include "zel/tessel3d.h"
@@ -9,28 +9,30 @@ namespace py = pybind11;
 namespace t3 = zel::tessel3d;
 using t3py::matrix_view;
 
-PYBIND11_MODULE(_core, m) {
-  m.doc() = "tessel3d core: version, orientation flips";
+void t3py::register_core(py::module_& m) {
   m.attr("ABSENT") = py::int_(~0U);
 
   m.def("version", [] { return std::string(t3::version()); });
 
-  m.def("flip", [](py::array connect, int type) {
+  // The flips write the caller's array in place: they only move entries, whatever
+  // their values, so a concurrent write there cannot send them out of bounds.
+  m.def("flip", [](const py::array& connect, int type) {
+    const zel::element_type type_value = t3py::element_type_of(type);
     zel::dense2D<unsigned> c = matrix_view<unsigned>(connect, "connect", true);
     py::gil_scoped_release release;
-    return t3::flip(c, t3py::element_type_of(type));
+    return t3::flip(c, type_value);
   });
-  m.def("flip_TH4", [](py::array connect) {
+  m.def("flip_TH4", [](const py::array& connect) {
     zel::dense2D<unsigned> c = matrix_view<unsigned>(connect, "connect", true);
     py::gil_scoped_release release;
     return t3::flip_TH4(c);
   });
-  m.def("flip_W6", [](py::array connect) {
+  m.def("flip_W6", [](const py::array& connect) {
     zel::dense2D<unsigned> c = matrix_view<unsigned>(connect, "connect", true);
     py::gil_scoped_release release;
     return t3::flip_W6(c);
   });
-  m.def("flip_H8", [](py::array connect) {
+  m.def("flip_H8", [](const py::array& connect) {
     zel::dense2D<unsigned> c = matrix_view<unsigned>(connect, "connect", true);
     py::gil_scoped_release release;
     return t3::flip_H8(c);

@@ -1,137 +1,139 @@
-// tessel3d._extrude: the five extrusion families, long forms (solids, lateral faces of
-// the swept edges and the far cap), by layer count or by sizes. The outputs the caller
-// passes are copied first, since the library appends to them and rolls them back.
-#include <pybind11/pybind11.h>
+// Bindings (tessel3d._native): the five extrusion families in their long forms (solids,
+// lateral faces of the swept edges and the far cap), by layer count or by sizes. Each
+// takes the coordinates, the surface, its own parameters and the tuple (solids, edges,
+// lateral, cap) of the caller's outputs (None for none), and returns (status, coords,
+// solids, lateral, cap). Every matrix is a private copy (arrays.h): the library appends
+// to the copies and rolls them back, and the caller's arrays are never written.
+#include "module.h"
+
+#include <stdexcept>
 
 #include "arrays.h"
 #include "zel/tessel3d.h"
 
 namespace py = pybind11;
 namespace t3 = zel::tessel3d;
-using t3py::matrix_view;
 using t3py::point3;
+using t3py::private_matrix;
 using t3py::to_numpy;
 
 namespace {
 
 struct sweep {
-  py::object caller_coords;
   zel::dense2D<double> coords;
   zel::dense2D<unsigned> surface, solids, edges, lateral, cap;
 
-  sweep(py::array x, py::array s, py::object solids_in, py::object edges_in, py::object lateral_in, py::object cap_in)
-      : caller_coords(x),
-        coords(matrix_view<double>(x, "coords")),
-        surface(matrix_view<unsigned>(s, "surface")),
-        solids(t3py::owned_copy<unsigned>(solids_in, "solids")),
-        edges(t3py::optional_matrix<unsigned>(edges_in, "edges")),
-        lateral(t3py::owned_copy<unsigned>(lateral_in, "lateral")),
-        cap(t3py::owned_copy<unsigned>(cap_in, "cap")) {}
+  sweep(const py::array& x, const py::array& s, const py::tuple& outputs) {
+    if (outputs.size() != 4) throw std::invalid_argument("outputs: (solids, edges, lateral, cap) is expected");
+    coords = private_matrix<double>(x, "coords");
+    surface = private_matrix<unsigned>(s, "surface");
+    solids = private_matrix<unsigned>(outputs[0], "solids");
+    edges = private_matrix<unsigned>(outputs[1], "edges");
+    lateral = private_matrix<unsigned>(outputs[2], "lateral");
+    cap = private_matrix<unsigned>(outputs[3], "cap");
+  }
 
+  // Runs call(coords, surface, solids, edges, lateral, cap) with the GIL released.
   template <class Call>
-  py::tuple run(Call call) {
+  py::tuple run(Call&& call) {
     int status;
     {
       py::gil_scoped_release release;
-      status = call(*this);
+      status = call(coords, surface, solids, edges, lateral, cap);
     }
-    return py::make_tuple(status, to_numpy(coords, {&caller_coords}), to_numpy(solids), to_numpy(lateral),
-                          to_numpy(cap));
+    return py::make_tuple(status, to_numpy(coords), to_numpy(solids), to_numpy(lateral), to_numpy(cap));
   }
 };
 
-#define SWEEP_ARGS py::array coords, py::array surface
-#define OUTPUT_ARGS py::object solids, py::object edges, py::object lateral, py::object cap
-#define MAKE_SWEEP sweep s(coords, surface, solids, edges, lateral, cap)
+using matrix = zel::dense2D<double>;
+using ids = zel::dense2D<unsigned>;
+using vector3 = zel::vector_fixed<double, 3>;
 
 }  // namespace
 
-PYBIND11_MODULE(_extrude, m) {
-  m.doc() = "tessel3d extrusion: translate, rotate, spiral, normal, line";
-
-  m.def("extrude_translate", [](SWEEP_ARGS, py::object T, unsigned layers, OUTPUT_ARGS) {
-    MAKE_SWEEP;
-    const auto t = point3(T);
-    return s.run([&](sweep& w) {
-      return t3::extrude_translate(w.coords, w.surface, t, layers, w.solids, w.edges, w.lateral, w.cap);
+void t3py::register_extrude(py::module_& m) {
+  m.def("extrude_translate", [](const py::array& coords, const py::array& surface, const py::object& T,
+                                unsigned layers, const py::tuple& outputs) {
+    const vector3 t = point3(T);
+    return sweep(coords, surface, outputs).run([&](matrix& x, const ids& s, ids& e, const ids& e2, ids& q, ids& top) {
+      return t3::extrude_translate(x, s, t, layers, e, e2, q, top);
     });
   });
-  m.def("extrude_translate_sizes", [](SWEEP_ARGS, py::object T, double h0, double h1, bool even, OUTPUT_ARGS) {
-    MAKE_SWEEP;
-    const auto t = point3(T);
-    return s.run([&](sweep& w) {
-      return t3::extrude_translate(w.coords, w.surface, t, h0, h1, even, w.solids, w.edges, w.lateral, w.cap);
-    });
-  });
-
-  m.def("extrude_rotate", [](SWEEP_ARGS, py::object C, py::object R, unsigned layers, OUTPUT_ARGS) {
-    MAKE_SWEEP;
-    const auto c = point3(C), r = point3(R);
-    return s.run([&](sweep& w) {
-      return t3::extrude_rotate(w.coords, w.surface, c, r, layers, w.solids, w.edges, w.lateral, w.cap);
-    });
-  });
-  m.def("extrude_rotate_sizes", [](SWEEP_ARGS, py::object C, py::object R, double h0, double h1, bool even,
-                                   OUTPUT_ARGS) {
-    MAKE_SWEEP;
-    const auto c = point3(C), r = point3(R);
-    return s.run([&](sweep& w) {
-      return t3::extrude_rotate(w.coords, w.surface, c, r, h0, h1, even, w.solids, w.edges, w.lateral, w.cap);
+  m.def("extrude_translate_sizes", [](const py::array& coords, const py::array& surface, const py::object& T,
+                                      double h0, double h1, bool even, const py::tuple& outputs) {
+    const vector3 t = point3(T);
+    return sweep(coords, surface, outputs).run([&](matrix& x, const ids& s, ids& e, const ids& e2, ids& q, ids& top) {
+      return t3::extrude_translate(x, s, t, h0, h1, even, e, e2, q, top);
     });
   });
 
-  m.def("extrude_spiral", [](SWEEP_ARGS, py::object C, py::object R, py::object T, unsigned layers, OUTPUT_ARGS) {
-    MAKE_SWEEP;
-    const auto c = point3(C), r = point3(R), t = point3(T);
-    return s.run([&](sweep& w) {
-      return t3::extrude_spiral(w.coords, w.surface, c, r, t, layers, w.solids, w.edges, w.lateral, w.cap);
+  m.def("extrude_rotate", [](const py::array& coords, const py::array& surface, const py::object& C,
+                             const py::object& R, unsigned layers, const py::tuple& outputs) {
+    const vector3 c = point3(C), r = point3(R);
+    return sweep(coords, surface, outputs).run([&](matrix& x, const ids& s, ids& e, const ids& e2, ids& q, ids& top) {
+      return t3::extrude_rotate(x, s, c, r, layers, e, e2, q, top);
     });
   });
-  m.def("extrude_spiral_sizes", [](SWEEP_ARGS, py::object C, py::object R, py::object T, double h0, double h1,
-                                   bool even, OUTPUT_ARGS) {
-    MAKE_SWEEP;
-    const auto c = point3(C), r = point3(R), t = point3(T);
-    return s.run([&](sweep& w) {
-      return t3::extrude_spiral(w.coords, w.surface, c, r, t, h0, h1, even, w.solids, w.edges, w.lateral, w.cap);
-    });
-  });
-
-  m.def("extrude_normal_given", [](SWEEP_ARGS, py::array normals, unsigned layers, OUTPUT_ARGS) {
-    MAKE_SWEEP;
-    const zel::dense2D<double> n = matrix_view<double>(normals, "normals");
-    return s.run([&](sweep& w) {
-      return t3::extrude_normal(w.coords, w.surface, n, layers, w.solids, w.edges, w.lateral, w.cap);
-    });
-  });
-  m.def("extrude_normal", [](SWEEP_ARGS, double thickness, unsigned layers, OUTPUT_ARGS) {
-    MAKE_SWEEP;
-    return s.run([&](sweep& w) {
-      return t3::extrude_normal(w.coords, w.surface, thickness, layers, w.solids, w.edges, w.lateral, w.cap);
-    });
-  });
-  m.def("extrude_normal_sizes", [](SWEEP_ARGS, double thickness, double h0, double h1, bool even, OUTPUT_ARGS) {
-    MAKE_SWEEP;
-    return s.run([&](sweep& w) {
-      return t3::extrude_normal(w.coords, w.surface, thickness, h0, h1, even, w.solids, w.edges, w.lateral, w.cap);
+  m.def("extrude_rotate_sizes", [](const py::array& coords, const py::array& surface, const py::object& C,
+                                   const py::object& R, double h0, double h1, bool even, const py::tuple& outputs) {
+    const vector3 c = point3(C), r = point3(R);
+    return sweep(coords, surface, outputs).run([&](matrix& x, const ids& s, ids& e, const ids& e2, ids& q, ids& top) {
+      return t3::extrude_rotate(x, s, c, r, h0, h1, even, e, e2, q, top);
     });
   });
 
-  m.def("extrude_line_metrics", [](SWEEP_ARGS, py::array line, py::object V, py::object metrics, OUTPUT_ARGS) {
-    MAKE_SWEEP;
-    const zel::dense1D<unsigned, 8> l = t3py::vector_view<unsigned>(line, "line");
-    const auto v = point3(V);
-    const zel::dense2D<double> g = t3py::optional_matrix<double>(metrics, "metrics");
-    return s.run([&](sweep& w) {
-      return t3::extrude_line(w.coords, w.surface, l, v, g, w.solids, w.edges, w.lateral, w.cap);
+  m.def("extrude_spiral", [](const py::array& coords, const py::array& surface, const py::object& C,
+                             const py::object& R, const py::object& T, unsigned layers, const py::tuple& outputs) {
+    const vector3 c = point3(C), r = point3(R), t = point3(T);
+    return sweep(coords, surface, outputs).run([&](matrix& x, const ids& s, ids& e, const ids& e2, ids& q, ids& top) {
+      return t3::extrude_spiral(x, s, c, r, t, layers, e, e2, q, top);
     });
   });
-  m.def("extrude_line_scales", [](SWEEP_ARGS, py::array line, py::object V, py::object scales, OUTPUT_ARGS) {
-    MAKE_SWEEP;
-    const zel::dense1D<unsigned, 8> l = t3py::vector_view<unsigned>(line, "line");
-    const auto v = point3(V);
-    const zel::dense1D<double, 8> f = t3py::optional_vector<double>(scales, "scales");
-    return s.run([&](sweep& w) {
-      return t3::extrude_line(w.coords, w.surface, l, v, f, w.solids, w.edges, w.lateral, w.cap);
+  m.def("extrude_spiral_sizes", [](const py::array& coords, const py::array& surface, const py::object& C,
+                                   const py::object& R, const py::object& T, double h0, double h1, bool even,
+                                   const py::tuple& outputs) {
+    const vector3 c = point3(C), r = point3(R), t = point3(T);
+    return sweep(coords, surface, outputs).run([&](matrix& x, const ids& s, ids& e, const ids& e2, ids& q, ids& top) {
+      return t3::extrude_spiral(x, s, c, r, t, h0, h1, even, e, e2, q, top);
+    });
+  });
+
+  m.def("extrude_normal_given", [](const py::array& coords, const py::array& surface, const py::array& normals,
+                                   unsigned layers, const py::tuple& outputs) {
+    const matrix n = private_matrix<double>(normals, "normals");
+    return sweep(coords, surface, outputs).run([&](matrix& x, const ids& s, ids& e, const ids& e2, ids& q, ids& top) {
+      return t3::extrude_normal(x, s, n, layers, e, e2, q, top);
+    });
+  });
+  m.def("extrude_normal", [](const py::array& coords, const py::array& surface, double thickness, unsigned layers,
+                             const py::tuple& outputs) {
+    return sweep(coords, surface, outputs).run([&](matrix& x, const ids& s, ids& e, const ids& e2, ids& q, ids& top) {
+      return t3::extrude_normal(x, s, thickness, layers, e, e2, q, top);
+    });
+  });
+  m.def("extrude_normal_sizes", [](const py::array& coords, const py::array& surface, double thickness, double h0,
+                                   double h1, bool even, const py::tuple& outputs) {
+    return sweep(coords, surface, outputs).run([&](matrix& x, const ids& s, ids& e, const ids& e2, ids& q, ids& top) {
+      return t3::extrude_normal(x, s, thickness, h0, h1, even, e, e2, q, top);
+    });
+  });
+
+  m.def("extrude_line_metrics", [](const py::array& coords, const py::array& surface, const py::array& line,
+                                   const py::object& V, const py::object& metrics, const py::tuple& outputs) {
+    const zel::dense1D<unsigned, 8> l = t3py::private_vector<unsigned>(line, "line");
+    const vector3 v = point3(V);
+    const matrix g = private_matrix<double>(metrics, "metrics");
+    return sweep(coords, surface, outputs).run([&](matrix& x, const ids& s, ids& e, const ids& e2, ids& q, ids& top) {
+      return t3::extrude_line(x, s, l, v, g, e, e2, q, top);
+    });
+  });
+  m.def("extrude_line_scales", [](const py::array& coords, const py::array& surface, const py::array& line,
+                                  const py::object& V, const py::object& scales, const py::tuple& outputs) {
+    const zel::dense1D<unsigned, 8> l = t3py::private_vector<unsigned>(line, "line");
+    const vector3 v = point3(V);
+    const zel::dense1D<double, 8> f = t3py::private_vector<double>(scales, "scales");
+    return sweep(coords, surface, outputs).run([&](matrix& x, const ids& s, ids& e, const ids& e2, ids& q, ids& top) {
+      return t3::extrude_line(x, s, l, v, f, e, e2, q, top);
     });
   });
 }

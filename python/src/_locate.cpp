@@ -1,6 +1,7 @@
-// tessel3d._locate: point location, field and metric interpolation. Fields and metrics
-// are in-out: the library writes into the caller's array (zero copy).
-#include <pybind11/pybind11.h>
+// Bindings (tessel3d._native): point location, field and metric interpolation. The mesh,
+// points and node lists are private copies (arrays.h); fields and metrics are in-out: the
+// library writes into the caller's array (zero copy).
+#include "module.h"
 
 #include "arrays.h"
 #include "zel/tessel3d.h"
@@ -18,10 +19,10 @@ struct located_mesh {
   zel::dense1D<unsigned, 8> node_element;
 
   located_mesh(py::array x, py::array c, py::array n, py::array e)
-      : coords(matrix_view<double>(x, "coords")),
-        connect(matrix_view<unsigned>(c, "connect")),
-        neighbors(matrix_view<unsigned>(n, "neighbors")),
-        node_element(vector_view<unsigned>(e, "node_element")) {}
+      : coords(t3py::private_matrix<double>(x, "coords")),
+        connect(t3py::private_matrix<unsigned>(c, "connect")),
+        neighbors(t3py::private_matrix<unsigned>(n, "neighbors")),
+        node_element(t3py::private_vector<unsigned>(e, "node_element")) {}
 };
 
 #define MESH_ARGS py::array coords, py::array connect, py::array neighbors, py::array node_element
@@ -29,20 +30,20 @@ struct located_mesh {
 
 }  // namespace
 
-PYBIND11_MODULE(_locate, m) {
-  m.doc() = "tessel3d point location and interpolation";
-  py::module_::import("tessel3d._mesh");  // registers NodeDetector
+void t3py::register_locate(py::module_& m) {
 
   m.def("get_element_containing_point", [](MESH_ARGS, const t3py::detector_holder& detector, int type,
                                            py::object point, double tolerance) {
+    const zel::element_type type_value = t3py::element_type_of(type);
     MAKE_MESH;
+    const zel::tessel::node_detector search = detector.detector;
     const auto p = t3py::point3(point);
     unsigned element = ~0U;
     int status;
     {
       py::gil_scoped_release release;
       status = t3::get_element_containing_point(mesh.coords, mesh.connect, mesh.neighbors, mesh.node_element,
-                                                detector.detector, t3py::element_type_of(type), p, element, tolerance);
+                                                search, type_value, p, element, tolerance);
     }
     return py::make_tuple(status, element);
   });
@@ -51,16 +52,17 @@ PYBIND11_MODULE(_locate, m) {
   // array with one entry per point (ABSENT where none was found).
   m.def("locate_points", [](MESH_ARGS, const t3py::detector_holder& detector, int type, py::array points,
                             double tolerance) {
+    const zel::element_type type_value = t3py::element_type_of(type);
     MAKE_MESH;
-    const zel::dense2D<double> p = matrix_view<double>(points, "points");
+    const zel::tessel::node_detector search = detector.detector;
+    const zel::dense2D<double> p = t3py::private_matrix<double>(points, "points");
     py::array_t<unsigned> elements(static_cast<py::ssize_t>(p.cols()));
     zel::dense1D<unsigned, 8> found = vector_view<unsigned>(elements, "elements", true);
     int status;
     {
       py::gil_scoped_release release;
       status = t3::get_elements_containing_points(mesh.coords, mesh.connect, mesh.neighbors, mesh.node_element,
-                                                  detector.detector, t3py::element_type_of(type), p, found,
-                                                  tolerance);
+                                                  search, type_value, p, found, tolerance);
     }
     if (status < 0) return py::make_tuple(status, py::none());
     return py::make_tuple(status, elements);
@@ -68,7 +70,7 @@ PYBIND11_MODULE(_locate, m) {
 
   m.def("interpolate", [](MESH_ARGS, py::array field, py::array nodes) {
     MAKE_MESH;
-    const zel::dense1D<unsigned, 8> list = vector_view<unsigned>(nodes, "nodes");
+    const zel::dense1D<unsigned, 8> list = t3py::private_vector<unsigned>(nodes, "nodes");
     if (field.ndim() == 1) {
       zel::dense1D<double, 8> f = vector_view<double>(field, "field", true);
       py::gil_scoped_release release;
@@ -82,7 +84,7 @@ PYBIND11_MODULE(_locate, m) {
   m.def("interpolate_metrics", [](MESH_ARGS, py::array metrics, py::object nodes, bool keep_valid) {
     MAKE_MESH;
     const bool listed = !nodes.is_none();
-    const zel::dense1D<unsigned, 8> list = t3py::optional_vector<unsigned>(nodes, "nodes");
+    const zel::dense1D<unsigned, 8> list = t3py::private_vector<unsigned>(nodes, "nodes");
     if (metrics.ndim() == 1) {
       zel::dense1D<double, 8> sizes = vector_view<double>(metrics, "metrics", true);
       py::gil_scoped_release release;

@@ -1,22 +1,20 @@
-// tessel3d._split_q4: splitting of the solids that carry given quadrangles (a module of
-// its own, so that a build without this function still loads the other surface ones).
-#include <pybind11/pybind11.h>
+// Bindings (tessel3d._native): splitting of the solids that carry given quadrangles.
+#include "module.h"
 
 #include "arrays.h"
 #include "zel/tessel3d.h"
 
 namespace py = pybind11;
 namespace t3 = zel::tessel3d;
-using t3py::matrix_view;
+using t3py::private_matrix;
 using t3py::to_numpy;
 
-PYBIND11_MODULE(_split_q4, m) {
-  m.doc() = "tessel3d split_solid_Q4";
-
-  m.def("split_solid_Q4", [](py::array coords, py::array connect, py::array quads, double min_quality) {
-    zel::dense2D<double> x = matrix_view<double>(coords, "coords");
-    const zel::dense2D<unsigned> c = matrix_view<unsigned>(connect, "connect");
-    const zel::dense2D<unsigned> q = matrix_view<unsigned>(quads, "quads");
+void t3py::register_split_q4(py::module_& m) {
+  m.def("split_solid_Q4", [](const py::array& coords, const py::array& connect, const py::array& quads,
+                             double min_quality) {
+    zel::dense2D<double> x = private_matrix<double>(coords, "coords");
+    const zel::dense2D<unsigned> c = private_matrix<unsigned>(connect, "connect");
+    const zel::dense2D<unsigned> q = private_matrix<unsigned>(quads, "quads");
     zel::dense2D<unsigned> out;
     zel::dense1D<unsigned, 8> failed;
     int status;
@@ -24,7 +22,6 @@ PYBIND11_MODULE(_split_q4, m) {
       py::gil_scoped_release release;
       status = t3::split_solid_Q4(x, c, q, min_quality, out, failed);
     }
-    py::object caller = coords;
-    return py::make_tuple(status, to_numpy(x, {&caller}), to_numpy(out), to_numpy(failed));
+    return py::make_tuple(status, to_numpy(x), to_numpy(out), to_numpy(failed));
   });
 }

@@ -1,12 +1,23 @@
-// NumPy arrays <-> zel containers for the tessel3d Python modules.
+// NumPy arrays <-> zel containers for the bindings of tessel3d._native.
 //
 // A node-major NumPy array (n, 3) in C order holds exactly what a 3 x n column-major
-// zel matrix holds, so an input array becomes a matrix view on the array's own memory
+// zel matrix holds, so an array becomes a matrix over the array's own memory
 // (zel::dense2D::wrap): its first dimension gives the columns, its second the rows and
-// its first stride the leading dimension, so a column slice such as a[:, :4] of an
-// (m, 8) array is passed as a 4-row view with ld 8, without a copy. The Python layer
-// converts other dtypes and layouts once before calling here; these helpers only
-// accept arrays that already fit and throw (ValueError) otherwise.
+// its first stride the leading dimension (a column slice such as a[:, :4] of an (m, 8)
+// array is a 4-row view with ld 8). The Python layer converts other dtypes and layouts
+// before calling here; these helpers only accept arrays that already fit and throw
+// (ValueError) otherwise.
+//
+// Inputs are private copies. The library checks its arguments once and then reads them
+// with the GIL released, so another Python thread (or NumPy, which writes arrays with
+// the GIL released) could change an array between the check and the reads: a node ID
+// made out of range after check_IDs would be read out of bounds, and coordinates that
+// change while a tree is sorted by them break the sort. The binding therefore hands the
+// library copies in memory of its own that no other code can reach (private_matrix,
+// private_vector); the copy costs about one pass over the array, which the library
+// makes anyway. Outputs the library writes in place are views of the caller's array
+// (matrix_view with writable): the flips, which only move entries, and the fields and
+// metrics of the interpolations, whose values are never used as indices.
 //
 // Results that the library grew into buffers of its own go back to NumPy without a
 // copy: the array keeps the zel matrix alive through a capsule.
@@ -15,7 +26,9 @@
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 
+#include <algorithm>
 #include <cstddef>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -62,21 +75,24 @@ zel::dense2D<T> matrix_view(const py::array& a, const char* name, bool writable 
   return view;
 }
 
-// An optional matrix: None gives the empty matrix.
-template <class T>
-zel::dense2D<T> optional_matrix(const py::object& object, const char* name, bool writable = false) {
-  if (object.is_none()) return zel::dense2D<T>();
-  return matrix_view<T>(py::reinterpret_borrow<py::array>(object), name, writable);
+[[noreturn]] inline void no_memory_for_copy(const char* name) {
+  PyErr_Format(PyExc_MemoryError, "%s: out of memory for the private copy of the array", name);
+  throw py::error_already_set();
 }
 
-// A deep copy into memory of the library's own, for in-out matrices that the library
-// may rewrite or grow in place (the caller's array is then never written).
+// A copy of the array in memory of the library's own (see the file comment); None gives
+// the empty matrix. The GIL is released while the entries are copied.
 template <class T>
-zel::dense2D<T> owned_copy(const py::object& object, const char* name) {
+zel::dense2D<T> private_matrix(const py::object& object, const char* name) {
   zel::dense2D<T> copy;
   if (object.is_none()) return copy;
   const zel::dense2D<T> view = matrix_view<T>(py::reinterpret_borrow<py::array>(object), name);
-  if (!copy.copy(view)) throw std::bad_alloc();
+  bool copied;
+  {
+    py::gil_scoped_release release;
+    copied = copy.copy(view);
+  }
+  if (!copied) no_memory_for_copy(name);
   return copy;
 }
 
@@ -96,9 +112,17 @@ zel::dense1D<T, 8> vector_view(const py::array& a, const char* name, bool writab
 }
 
 template <class T>
-zel::dense1D<T, 8> optional_vector(const py::object& object, const char* name) {
-  if (object.is_none()) return zel::dense1D<T, 8>();
-  return vector_view<T>(py::reinterpret_borrow<py::array>(object), name);
+zel::dense1D<T, 8> private_vector(const py::object& object, const char* name) {
+  zel::dense1D<T, 8> copy;
+  if (object.is_none()) return copy;
+  const zel::dense1D<T, 8> view = vector_view<T>(py::reinterpret_borrow<py::array>(object), name);
+  bool copied;
+  {
+    py::gil_scoped_release release;
+    copied = copy.copy(view);
+  }
+  if (!copied) no_memory_for_copy(name);
+  return copy;
 }
 
 inline zel::vector_fixed<double, 3> point3(const py::object& object) {
@@ -107,26 +131,15 @@ inline zel::vector_fixed<double, 3> point3(const py::object& object) {
   return zel::vector_fixed<double, 3>(values.at(0), values.at(1), values.at(2));
 }
 
-// True when p lies inside the memory of `a` (a result the library left in the caller's
-// buffer, which must then be copied rather than handed over).
-inline bool inside(const void* p, const py::array& a) {
-  if (!p || a.nbytes() == 0) return false;
-  const char* begin = static_cast<const char*>(a.data());
-  const char* end = begin + (a.shape(0) - 1) * a.strides(0) + a.itemsize() * (a.ndim() == 2 ? a.shape(1) : 1);
-  return static_cast<const char*>(p) >= begin && static_cast<const char*>(p) < end;
-}
-
-// A NumPy array (cols, rows) holding the matrix's entries. A contiguous matrix in a
-// buffer of the library's own is handed over (the capsule keeps it alive); one that still
-// lies in a caller's array, or has ld > rows, is copied into a new C-ordered array.
+// A NumPy array (cols, rows) holding the matrix's entries. A contiguous matrix is handed
+// over (the capsule keeps its buffer alive); one with ld > rows is copied into a new
+// C-ordered array. Only matrices of the binding's own come here, never a view of a
+// caller's array.
 template <class T>
-py::array to_numpy(zel::dense2D<T>& m, std::initializer_list<const py::object*> callers = {}) {
+py::array to_numpy(zel::dense2D<T>& m) {
   const std::size_t rows = m.rows(), cols = m.cols();
-  bool in_caller = false;
-  for (const py::object* caller : callers)
-    if (caller && !caller->is_none() && inside(m.data(), py::reinterpret_borrow<py::array>(*caller))) in_caller = true;
   if (rows * cols == 0) return py::array_t<T>({cols, rows});
-  if (!in_caller && m.ld() == rows) {
+  if (m.ld() == rows) {
     auto* keep = new zel::dense2D<T>();
     keep->swap(m);
     py::capsule owner(keep, [](void* p) { delete static_cast<zel::dense2D<T>*>(p); });
@@ -150,13 +163,18 @@ py::array to_numpy(zel::dense1D<T, 8>& v) {
   return py::array_t<T>({n}, {sizeof(T)}, keep->data(), owner);
 }
 
-// The node detector as the Python class tessel3d.NodeDetector holds it (registered by
-// _mesh, taken by reference in _locate: pybind11 shares the type between modules).
+// The node detector as the Python class tessel3d.NodeDetector holds it. A call copies the
+// detector (a shallow, reference-counted copy) before releasing the GIL, so that another
+// thread re-initialising the Python object cannot free the tree under it.
 struct detector_holder {
   zel::tessel::node_detector detector;
   std::size_t nb_nodes = 0;
 };
 
-inline zel::element_type element_type_of(int type) { return static_cast<zel::element_type>(type); }
+// The library indexes its tables by the type: a value outside the enumeration is refused.
+inline zel::element_type element_type_of(int type) {
+  if (type < zel::NONE || type > zel::H27) throw std::invalid_argument("type: not an element type");
+  return static_cast<zel::element_type>(type);
+}
 
 }  // namespace t3py

@@ -1,28 +1,28 @@
-"""Argument conversion between Python values and the arrays the native modules take.
+"""Argument conversion between Python values and the arrays the compiled module takes.
 
 Coordinates are (n, 3) float64 and connectivities (m, k) uint32 arrays whose rows are
 contiguous: exactly the memory of the library's 3 x n and k x m column-major matrices.
 An array that already has that dtype and layout (C order, or a column slice such as
-``a[:, :4]``) is passed as it is; anything else is converted once here.
+``a[:, :4]``) is passed as it is; anything else is converted once here. The compiled
+module reads inputs into private copies (so that no other thread can change them during
+the call) and writes in-out arrays (flips, interpolated fields) in place.
 """
-
-import importlib
 
 import numpy as np
 
+from . import _native
 from .errors import Error
 
 ABSENT = 0xFFFFFFFF
 
 
-def native(family, function):
-    """The compiled module of a family, or NotImplementedError naming what is missing."""
-    try:
-        return importlib.import_module("tessel3d._" + family)
-    except ImportError as error:
-        raise NotImplementedError(
-            f"{function}: the compiled module of the {family} functions cannot be loaded "
-            f"({error}); this build of the library lacks them") from error
+def native(*_names):
+    """The compiled module, tessel3d._native, which holds every family's bindings.
+
+    Callers name the family and function they need; the one module has them all and is
+    loaded with the package, so a failure to load it shows at ``import tessel3d``.
+    """
+    return _native
 
 
 def fits(a, dtype):
@@ -119,7 +119,10 @@ def in_out(value, convert, function, name, position):
     """(array the library writes into, callback that hands the result back).
 
     The caller's own array is written when it has the right dtype and layout; otherwise a
-    converted copy is written and then copied back into the caller's array.
+    converted copy is written and then copied back into the caller's array. An array
+    whose dtype cannot hold the results without truncating them (an integer field for
+    float64 results) is refused with TypeError rather than written back rounded: pass
+    ``field.astype(float)`` and use the array returned.
     """
     if isinstance(value, np.ndarray) and not value.flags.writeable:
         raise Error(f"{function}: {name} (argument {position}) is read-only and the call writes into it",
@@ -127,6 +130,10 @@ def in_out(value, convert, function, name, position):
     a = convert(value, function, name, position)
     if a is value:
         return a, lambda: value
+    if isinstance(value, np.ndarray) and not np.can_cast(a.dtype, value.dtype, casting="same_kind"):
+        raise TypeError(f"{function}: {name} (argument {position}) is written in place with {a.dtype} values, "
+                        f"which its dtype {value.dtype} would truncate; pass {name}.astype(float) and use the "
+                        "array returned")
 
     def back():
         if isinstance(value, np.ndarray) and value.shape == a.shape:

@@ -1,15 +1,18 @@
-"""tessel3d.Error and the tables that turn a negative status into a message.
+"""tessel3d.Error, tessel3d.OutOfMemoryError and the tables that turn a negative status
+into a message.
 
-The library reports a bad argument k as the status -k and running out of memory as -199.
-Each table below lists, per function and form, the statuses it can return, the argument
-each one names (by its Python name and its position in the library's signature) and what
-is wrong. Where the arrays tell more (which element holds a bad node ID) the message
-says so.
+The library reports a bad argument k as the status -k and running out of memory as -199
+(OUT_OF_MEMORY). Each table below lists, per function and form, the statuses it can
+return, the argument each one names (by its Python name and its position in the
+library's signature) and what is wrong. Where the arrays tell more (which element holds
+a bad node ID, which shapes disagree) the message says so. -199 is the same for every
+function: OutOfMemoryError, a MemoryError.
 """
 
 import numpy as np
 
 ABSENT = 0xFFFFFFFF
+OUT_OF_MEMORY = -199
 
 
 class Error(ValueError):
@@ -25,6 +28,20 @@ class Error(ValueError):
         self.function = function
         self.argument = argument
         self.position = position
+
+
+class OutOfMemoryError(MemoryError):
+    """A tessel3d call ran out of memory (the library's status -199). The outputs are
+    rolled back as the function's documentation says; the caller's arrays are unchanged,
+    except an interpolated field that may hold the nodes treated before memory ran out.
+
+    Attributes: ``status`` (-199) and ``function``.
+    """
+
+    def __init__(self, message, function=None):
+        super().__init__(message)
+        self.status = OUT_OF_MEMORY
+        self.function = function
 
 
 # ---- details read from the arguments ----------------------------------------------
@@ -78,10 +95,17 @@ def _columns(name, expected):
     return text
 
 
+def _shapes(what, *names):
+    """`what`, followed by the shapes of the named arguments as the call received them."""
+    def text(args):
+        shown = ", ".join(f"{n} has shape {args[n].shape}" for n in names if args.get(n) is not None)
+        return what + (f" ({shown})" if shown else "")
+    return text
+
+
 _SOLIDS = "must list 4 (TH4), 5 (PY5), 6 (W6) or 8 (mixed, H8) node IDs per element, each below the node count"
 _SURFACE = ("must list 3 (triangles) or 4 (quadrangles; a triangle with the absent marker last) node IDs "
             "per face, each below the node count")
-_MEMORY = "out of memory"
 
 
 def _extrusion_outputs(solids, edges, lateral, cap):
@@ -99,8 +123,7 @@ def _extrusion_outputs(solids, edges, lateral, cap):
 
 def _extrusion(*, sizes=None, extra=None, outputs, coords_columns="2) or (n, 3"):
     table = {-1: ("coords", 1, _coords(coords_columns)),
-             -2: ("surface", 2, _ids("surface", _SURFACE, (3, 4), absent_ok=(4,))),
-             -199: (None, None, _MEMORY)}
+             -2: ("surface", 2, _ids("surface", _SURFACE, (3, 4), absent_ok=(4,)))}
     table.update(sizes or {})
     table.update(extra or {})
     table.update(_extrusion_outputs(*outputs))
@@ -111,8 +134,9 @@ _POSITIVE = "must be > 0"
 _LOCATE_MESH = {
     -1: ("coords", 1, _coords()),
     -2: ("connect", 2, "must be an (m, 4) array of tetrahedra with node IDs below the node count"),
-    -3: ("neighbors", 3, "must have the shape of connect, with element indices or ABSENT (use get_neighbors)"),
-    -4: ("node_element", 4, "must have one entry per node (use get_node_element)"),
+    -3: ("neighbors", 3, _shapes("must have the shape of connect, with element indices or ABSENT (use "
+                                 "get_neighbors)", "neighbors", "connect")),
+    -4: ("node_element", 4, _shapes("must have one entry per node (use get_node_element)", "node_element", "coords")),
 }
 
 TABLES = {
@@ -125,10 +149,9 @@ TABLES = {
                -2: ("connect", 2, _ids("connect", _SOLIDS, (4, 5, 6, 8), absent_ok=(8,)))},
     "circumcenters": {-1: ("coords", 1, _coords()),
                       -2: ("connect", 2, _ids("connect", "must list 4 node IDs per tetrahedron, each below the "
-                                              "node count", (4,))),
-                      -199: (None, None, _MEMORY)},
-    "dihedral_angles": {-2: ("connect", 2, _ids("connect", _SOLIDS, (4, 5, 6, 8), absent_ok=(8,)))},
-    "solid_angles": {-2: ("connect", 2, _ids("connect", _SOLIDS, (4, 5, 6, 8), absent_ok=(8,)))},
+                                              "node count", (4,)))},
+    "dihedral_angles": {-1: ("coords", 1, _coords()),
+                        -2: ("connect", 2, _ids("connect", _SOLIDS, (4, 5, 6, 8), absent_ok=(8,)))},
     "convert_into_high_order": {
         -1: ("coords", 1, _coords()),
         -2: ("connect", 2, _ids("connect", "must list 4 (TH4), 6 (W6) or 8 (mixed, H8) node IDs per element, "
@@ -141,8 +164,7 @@ TABLES = {
         -11: ("faces", 11, lambda a: "must list, per face, the corners, nodes_per_edge nodes per side and the "
                                      "interior nodes (" + a["face_rows"] + " columns), IDs below the node count"),
         -12: ("edges", 12, lambda a: f"must list {a['edge_rows']} node IDs per edge (two ends, then the edge "
-                                     "nodes), each below the node count"),
-        -199: (None, None, _MEMORY)},
+                                     "nodes), each below the node count")},
     "convert_into_quadratic": {
         -1: ("coords", 1, _coords()),
         -2: ("connect", 2, _ids("connect", "must list 4 (TH4), 6 (W6) or 8 (mixed, H8) node IDs per element, "
@@ -150,8 +172,7 @@ TABLES = {
         -11: ("faces", 3, "must list 6 node IDs per triangle (3 corners, 3 mid-side nodes) or 9 per quadrangle "
                           "(4 corners, 4 mid-side nodes, centre; the absent marker last for a triangle), each "
                           "below the node count"),
-        -12: ("edges", 4, "must list 3 node IDs per edge (two ends, then the mid node), each below the node count"),
-        -199: (None, None, _MEMORY)},
+        -12: ("edges", 4, "must list 3 node IDs per edge (two ends, then the mid node), each below the node count")},
     "convert_into_linear": {
         -1: ("connect", 1, _columns("connect", "10, 13, 14, 15, 18, 20 or 27"))},
     "split_into_h8": {
@@ -162,8 +183,7 @@ TABLES = {
         -5: ("edges", 5, "must hold node IDs below the node count"),
         -11: ("faces", 4, "must list 7 node IDs per triangle (corners, mid-side nodes, centre) or 9 per "
                           "quadrangle"),
-        -12: ("edges", 5, "must list 3 node IDs per edge (two ends, then the mid node)"),
-        -199: (None, None, _MEMORY)},
+        -12: ("edges", 5, "must list 3 node IDs per edge (two ends, then the mid node)")},
     # Extrusions: layer-count forms, then size forms (their own codes).
     "extrude_translate": _extrusion(
         extra={-4: ("vector", 3, "must not be zero (the layer size |vector| / layers would be 0)"),
@@ -212,45 +232,43 @@ TABLES = {
         -2: ("connect", 2, _ids("connect", "must hold node IDs below the node count for its element type",
                                 absent_ok=True)),
         -7: ("points", 7, lambda a: "must be a (k, 3) array of points"
-             + ("" if a.get("points") is None else f", not of shape {a['points'].shape}")),
-        -199: (None, None, _MEMORY)},
+             + ("" if a.get("points") is None else f", not of shape {a['points'].shape}"))},
     "interpolate": {
         **_LOCATE_MESH,
-        -5: ("field", 5, "must have one row (or entry) per node"),
+        -5: ("field", 5, _shapes("must have one row (or entry) per node", "field", "coords")),
         -6: ("nodes", 6, "must list node IDs below the node count")},
     "interpolate_metrics": {
         **_LOCATE_MESH,
-        -5: ("metrics", 5, "must be an (n, 6) array of packed tensors (M11 M12 M22 M13 M23 M33) or an (n,) "
-                           "array of sizes, one per node"),
+        -5: ("metrics", 5, _shapes("must be an (n, 6) array of packed tensors (M11 M12 M22 M13 M23 M33) or an "
+                                   "(n,) array of sizes, one per node", "metrics", "coords")),
         -6: ("nodes", 6, "must list node IDs below the node count")},
     "duplicate_surface_nodes": {
         -1: ("coords", 1, _coords()),
         -2: ("connect", 2, _ids("connect", "must hold node IDs below the node count for its element type",
                                 absent_ok=True)),
-        -3: ("neighbors", 3, "must have the shape of the face adjacency of connect, with element indices or "
-                             "ABSENT (use get_neighbors)"),
-        -4: ("node_element", 4, "must have an entry for every node of connect (use get_node_element)"),
+        -3: ("neighbors", 3, _shapes("must have the shape of the face adjacency of connect, with element indices "
+                                     "or ABSENT (use get_neighbors)", "neighbors", "connect")),
+        -4: ("node_element", 4, _shapes("must have an entry for every node of connect (use get_node_element)",
+                                        "node_element")),
         -5: ("surface", 5, "must be (m, 3) triangles for TH4, (m, 4) quadrangles for H8 or (m, 4) mixed faces for "
                            "SOLID_MIX8, with node IDs below the node count"),
-        -9: ("type", 9, "must be TH4, H8 or SOLID_MIX8"),
-        -199: (None, None, _MEMORY)},
+        -9: ("type", 9, "must be TH4, H8 or SOLID_MIX8")},
     "split_solid_q4": {
         -1: ("coords", 1, _coords()),
         -2: ("connect", 2, _ids("connect", "must list 5 (PY5), 6 (W6) or 8 (H8, mixed) node IDs per element, "
                                 "each below the node count", (5, 6, 8), absent_ok=(8,))),
         -3: ("quads", 3, "must be an (m, 4) array of quadrangles with node IDs below the node count"),
-        -4: ("min_quality", 4, "must be a finite number"),
-        -199: (None, None, _MEMORY)},
-    "get_neighbors": {-1: ("connect", 1, "has a number of node IDs per element that does not fit type"),
-                      -2: ("type", 2, "must be TH4, PY5, W6, H8 or SOLID_MIX8"),
-                      -199: (None, None, _MEMORY)},
-    "get_node_element": {-1: ("connect", 1, "holds an entry that is neither below nb_nodes nor ABSENT"),
-                         -199: (None, None, _MEMORY)},
+        -4: ("min_quality", 4, "must be a finite number")},
+    "get_neighbors": {-1: ("connect", 1, _shapes("has a number of node IDs per element that does not fit type",
+                                                 "connect")),
+                      -2: ("type", 2, "must be TH4, PY5, W6, H8 or SOLID_MIX8")},
+    "get_node_element": {-1: ("connect", 1, "holds an entry that is neither below nb_nodes nor ABSENT")},
     "surface_normals": {-1: ("coords", 1, _coords()),
                         -2: ("surface", 2, _ids("surface", _SURFACE, (3, 4), absent_ok=(4,))),
-                        -3: ("angle", 3, "must be >= 0"),
-                        -199: (None, None, _MEMORY)},
+                        -3: ("angle", 3, "must be >= 0")},
 }
+TABLES["element_volumes"] = TABLES["volume"]
+TABLES["solid_angles"] = TABLES["dihedral_angles"]
 TABLES["extrude_line/scales"] = {k: v for k, v in TABLES["extrude_line"].items() if k != -5}
 
 
@@ -279,8 +297,11 @@ def message(function, status, args, form=None):
 
 
 def check(function, status, args=None, form=None):
-    """Returns a non-negative status; raises Error for a negative one."""
+    """Returns a non-negative status; raises OutOfMemoryError for -199 and Error for any
+    other negative one."""
     if status >= 0:
         return status
+    if status == OUT_OF_MEMORY:
+        raise OutOfMemoryError(f"{function}: out of memory (status {status})", function)
     text, name, position = message(function, status, args or {}, form)
     raise Error(text, status=status, function=function, argument=name, position=position)
