@@ -55,21 +55,32 @@ def read_vtu(path, progress=None):
     blocks = []
     if grid.GetNumberOfCells():
         cells = grid.GetCells()
-        offsets = vtk_to_numpy(cells.GetOffsetsArray()).astype(np.int64, copy=False)
-        connectivity = vtk_to_numpy(cells.GetConnectivityArray()).astype(np.int64, copy=False)
+        offsets = vtk_to_numpy(cells.GetOffsetsArray())
+        connectivity = vtk_to_numpy(cells.GetConnectivityArray())
         types = vtk_to_numpy(grid.GetCellTypesArray())
-        sizes = np.diff(offsets)
-        for vtk_type in np.unique(types):
-            index = np.nonzero(types == vtk_type)[0]
-            if int(vtk_type) not in VTK_TYPES:
-                name = VTK_NAMES.get(int(vtk_type), f"VTK cell type {int(vtk_type)}")
-                raise ValueError(f"{len(index)} cells of a kind this library has no type for ({name})")
-            k = len(_library_order(VTK_TYPES[int(vtk_type)]))
-            wrong = np.nonzero(sizes[index] != k)[0]
-            if len(wrong):
-                raise ValueError(f"cell {index[wrong[0]]} of VTK type {int(vtk_type)} has {sizes[index[wrong[0]]]} "
-                                 f"nodes instead of {k}")
-            blocks.append((int(vtk_type), index, connectivity[offsets[index][:, None] + np.arange(k)]))
+        # runs of one cell type (a file written by kinds has one run per kind), each
+        # sliced out of the connectivity without a gather
+        starts = np.concatenate([[0], np.nonzero(types[1:] != types[:-1])[0] + 1, [len(types)]])
+        runs = {}
+        for start, end in zip(starts[:-1], starts[1:]):
+            vtk_type = int(types[start])
+            if vtk_type not in VTK_TYPES:
+                count = int((types == vtk_type).sum())
+                name = VTK_NAMES.get(vtk_type, f"VTK cell type {vtk_type}")
+                raise ValueError(f"{count} cells of a kind this library has no type for ({name})")
+            k = len(_library_order(VTK_TYPES[vtk_type]))
+            first = int(offsets[start])
+            expected = first + k * np.arange(end - start + 1, dtype=np.int64)
+            if not np.array_equal(offsets[start:end + 1], expected):
+                wrong = start + int(np.nonzero(offsets[start:end + 1] != expected)[0][0]) - 1
+                raise ValueError(f"cell {wrong} of VTK type {vtk_type} has "
+                                 f"{int(offsets[wrong + 1] - offsets[wrong])} nodes instead of {k}")
+            runs.setdefault(vtk_type, []).append((np.arange(start, end), connectivity[first:first + k * (end - start)]
+                                                  .reshape(-1, k)))
+        for vtk_type, parts in runs.items():
+            index = np.concatenate([i for i, _ in parts])
+            block = parts[0][1] if len(parts) == 1 else np.concatenate([c for _, c in parts])
+            blocks.append((vtk_type, index, block))
     point_data = _arrays(grid.GetPointData(), vtk_to_numpy)
     cell_data = _arrays(grid.GetCellData(), vtk_to_numpy)
     return points, blocks, point_data, cell_data
@@ -94,7 +105,7 @@ def write_vtu(path, points, blocks, point_data, cell_data, compression, progress
     (point_data {name: (n, ...)}, cell_data {name: (total cells, ...)}) to a .vtu file,
     appended raw binary, compressed by `compression` (None or one of COMPRESSORS)."""
     from vtkmodules.util.numpy_support import numpy_to_vtk, numpy_to_vtkIdTypeArray
-    from vtkmodules.vtkCommonCore import vtkPoints
+    from vtkmodules.vtkCommonCore import vtkPoints, vtkTypeInt32Array
     from vtkmodules.vtkCommonDataModel import vtkCellArray, vtkUnstructuredGrid
     from vtkmodules.vtkIOXML import vtkXMLUnstructuredGridWriter
     keep = []  # the NumPy buffers VTK's arrays point to, alive until written
@@ -116,19 +127,29 @@ def write_vtu(path, points, blocks, point_data, cell_data, compression, progress
     sizes = [c.shape[1] for _, c in blocks]
     counts = [len(c) for _, c in blocks]
     total = sum(counts)
-    connectivity = np.empty(sum(s * c for s, c in zip(sizes, counts)), dtype=np.int64)
-    offsets = np.empty(total + 1, dtype=np.int64)
+    nb_entries = sum(s * c for s, c in zip(sizes, counts))
+    # 32-bit cell storage where it fits: half the bytes to write (and to read back)
+    id_type = np.int32 if max(nb_entries, len(points)) < 2 ** 31 else np.int64
+    connectivity = np.empty(nb_entries, dtype=id_type)
+    offsets = np.empty(total + 1, dtype=id_type)
     types = np.empty(total, dtype=np.uint8)
     start, position = 0, 0
     for (name, cells), k, m in zip(blocks, sizes, counts):
-        connectivity[position:position + k * m] = np.asarray(cells, dtype=np.int64).ravel()
+        connectivity[position:position + k * m] = np.asarray(cells).ravel()
         offsets[start:start + m] = position + k * np.arange(m)
         types[start:start + m] = CELL_TYPES[name]
         start, position = start + m, position + k * m
     offsets[total] = position
     keep += [connectivity, offsets, types]
     cell_array = vtkCellArray()
-    cell_array.SetData(numpy_to_vtkIdTypeArray(offsets, deep=False), numpy_to_vtkIdTypeArray(connectivity, deep=False))
+    if id_type == np.int32:
+        vtk_offsets, vtk_connectivity = vtkTypeInt32Array(), vtkTypeInt32Array()
+        vtk_offsets.SetVoidArray(offsets, len(offsets), 1)
+        vtk_connectivity.SetVoidArray(connectivity, len(connectivity), 1)
+        cell_array.SetData(vtk_offsets, vtk_connectivity)
+    else:
+        cell_array.SetData(numpy_to_vtkIdTypeArray(offsets, deep=False),
+                           numpy_to_vtkIdTypeArray(connectivity, deep=False))
     grid.SetCells(numpy_to_vtk(types, deep=False), cell_array)
     for name, values in point_data.items():
         grid.GetPointData().AddArray(to_vtk(values, name))

@@ -42,14 +42,16 @@ import warnings
 import numpy as np
 
 from . import _io_abaqus, _io_vtk
-from ._io_orders import FAMILIES, LIBRARY_ORDERS, LIBRARY_TYPES, MESHIO_TYPES, from_other, to_other
+from ._io_orders import LIBRARY_ORDERS, LIBRARY_TYPES, MESHIO_TYPES, from_other, to_other
+from ._orientation import refuse_inverted  # noqa: F401  (part of this module's interface)
 
 ABSENT = 0xFFFFFFFF
 GROUP_PREFIX = "group:"
-# zlib at its fastest level: 4x smaller than raw for a mesh, and about as fast to write as
-# raw binary on a disk of 200 MB/s (bench/files/bench_files.py measures it). "lz4" is
-# faster to write and larger; "lzma" smaller and 10x slower; None writes raw binary.
-DEFAULT_COMPRESSION = "zlib"
+# LZ4: as fast to write as raw binary and about half its size; ParaView and VTK read it.
+# "zlib" (at its fastest level) is a third smaller again and 5x slower to write, "lzma"
+# smaller still and slower again; None writes raw binary. bench/files/bench_files.py
+# measures them; docs/performance.md has the figures.
+DEFAULT_COMPRESSION = "lz4"
 
 
 class FileError(ValueError):
@@ -101,27 +103,6 @@ def to_file_order(type_name, cells, family="vtk"):
 
 def from_file_order(type_name, cells, family="vtk"):
     return from_other(type_name, cells, "meshio-gmsh" if family == "gmsh" else "meshio")
-
-
-def refuse_inverted(function, coords, connect, type_name=None):
-    """Raises ValueError when every element of a linear solid connectivity is inverted:
-    the sign of cells given in another tool's node order (VTK's, Gmsh's and meshio's
-    tetrahedra are oriented the other way round from this library's). Called by the
-    conversions before they build on the input."""
-    connect = np.asarray(connect)
-    if connect.ndim != 2 or len(connect) == 0 or connect.shape[1] not in (4, 5, 6, 8):
-        return
-    from .measures import element_volumes
-    try:
-        volumes = element_volumes(coords, connect)
-    except (ValueError, TypeError, NotImplementedError):
-        return  # the call itself reports bad arguments
-    if (volumes < 0).all():
-        kind = type_name or {4: "TH4", 5: "PY5", 6: "W6", 8: "H8"}[connect.shape[1]]
-        raise ValueError(f"{function}: all {len(volumes)} elements of connect are inverted; cells in another "
-                         f"tool's node order? Convert them with tessel3d.io.to_library_order(cells, "
-                         f"{MESHIO_TYPES.get(kind, kind)!r}) (tetrahedra from meshio, VTK and Gmsh are oriented "
-                         f"the other way round), or flip them")
 
 
 # ---- mixed layouts --------------------------------------------------------------------
@@ -301,15 +282,12 @@ def _checked_cells(path, name, cells, nb_nodes):
     cells = np.asarray(cells)
     if cells.dtype.kind not in "iu":
         raise FileError(f"{path}: {name} cells are not integers ({cells.dtype})")
-    if cells.size:
-        bad = cells >= nb_nodes
-        if cells.dtype.kind == "i":
-            bad |= cells < 0
-        if bad.any():
-            row = int(np.nonzero(bad.any(axis=1))[0][0])
-            node = cells[row][bad[row]][0]
-            raise FileError(f"{path}: {name} element {row} names node {node}, which the file does not define "
-                            f"({nb_nodes} nodes)")
+    if cells.size and (cells.max() >= nb_nodes or cells.min() < 0):
+        bad = (cells >= nb_nodes) | (cells < 0)
+        row = int(np.nonzero(bad.any(axis=1))[0][0])
+        node = cells[row][bad[row]][0]
+        raise FileError(f"{path}: {name} element {row} names node {node}, which the file does not define "
+                        f"({nb_nodes} nodes)")
     return cells.astype(np.uint32)
 
 
@@ -415,8 +393,56 @@ def _meshio_blocks(m, family):
     return blocks
 
 
+def _msh_node_tags(path):
+    """(node count, largest node tag) from the $Nodes section of a .msh file, found
+    without reading the rest; None where the file does not say (meshio reports it)."""
+    import mmap
+    with open(path, "rb") as f:
+        try:
+            data = mmap.mmap(f.fileno(), 0, access=mmap.ACCESS_READ)
+        except ValueError:  # an empty file
+            return None
+        with data:
+            head = data.find(b"$MeshFormat")
+            nodes = data.find(b"$Nodes")
+            if head < 0 or nodes < 0:
+                return None
+            version, binary, size = data[head:head + 200].split(b"\n")[1].split()[:3]
+            start = data.find(b"\n", nodes) + 1
+            if version.startswith(b"4"):
+                if int(binary):
+                    width = int(size)
+                    values = np.frombuffer(data[start:start + 4 * width], dtype=f"<u{width}")
+                    return int(values[1]), int(values[3])
+                values = data[start:data.find(b"\n", start)].split()
+                return int(values[1]), int(values[3])
+            line_end = data.find(b"\n", start)
+            count = int(data[start:line_end])
+            if int(binary):
+                record = np.dtype([("tag", "<i4"), ("x", "<f8", 3)])
+                tags = np.frombuffer(data[line_end + 1:line_end + 1 + count * record.itemsize], dtype=record)["tag"]
+            else:
+                block = data[line_end + 1:data.find(b"$EndNodes", line_end)]
+                tags = np.fromstring(block, sep=" ").reshape(-1, 4)[:, 0] if count else np.zeros(0)
+            return count, int(tags.max()) if len(tags) else 0
+
+
+def _refuse_sparse_node_tags(path):
+    """meshio's .msh readers index a table by node tag: refuse tags far beyond the node
+    count rather than let a small file cost gigabytes (cost stays linear in the file)."""
+    try:
+        found = _msh_node_tags(path)
+    except (ValueError, IndexError, TypeError, OverflowError):
+        return  # malformed: meshio says what is wrong
+    if found is not None and found[1] > 16 * found[0] + 2 ** 24:
+        raise FileError(f"{path}: node tags up to {found[1]} for {found[0]} nodes, too sparse to read "
+                        f"(renumber them, e.g. gmsh {os.path.basename(path)} -0 -o renumbered.msh)")
+
+
 def _read_meshio(path, formats):
     meshio = _meshio()
+    if formats[0].startswith("gmsh"):
+        _refuse_sparse_node_tags(path)
     errors = []
     for fmt in formats:
         try:
@@ -477,8 +503,7 @@ def write(path, mesh, file_format=None, compression=DEFAULT_COMPRESSION, progres
     """Writes a Mesh (or a (coords, {type name: cells}) pair, or a meshio.Mesh) to a file
     whose format is taken from the extension (or `file_format`).
 
-    compression: None, "zlib" (the default, at its fastest level), "lz4" or "lzma" for
-    .vtu; .xdmf is gzip-compressed unless None; other formats ignore it. progress: None
+    compression: None, "lz4" (DEFAULT_COMPRESSION), "zlib" or "lzma" for .vtu; .xdmf is gzip-compressed unless None; other formats ignore it. progress: None
     or a callable taking the fraction done. kwargs go to meshio.write (e.g. binary=False
     for a text .msh)."""
     path = str(path)
