@@ -103,7 +103,8 @@ def _arrays(data, vtk_to_numpy):
 def write_vtu(path, points, blocks, point_data, cell_data, compression, progress=None):
     """Writes blocks [(library type, (m, k) cells in VTK's order)] with their data
     (point_data {name: (n, ...)}, cell_data {name: (total cells, ...)}) to a .vtu file,
-    appended raw binary, compressed by `compression` (None or one of COMPRESSORS)."""
+    appended raw binary, compressed by `compression` (None or one of COMPRESSORS), or
+    to a binary legacy .vtk file (uncompressed) when the path ends so."""
     from vtkmodules.util.numpy_support import numpy_to_vtk, numpy_to_vtkIdTypeArray
     from vtkmodules.vtkCommonCore import vtkPoints, vtkTypeInt32Array
     from vtkmodules.vtkCommonDataModel import vtkCellArray, vtkUnstructuredGrid
@@ -155,16 +156,22 @@ def write_vtu(path, points, blocks, point_data, cell_data, compression, progress
         grid.GetPointData().AddArray(to_vtk(values, name))
     for name, values in cell_data.items():
         grid.GetCellData().AddArray(to_vtk(values, name))
-    writer = vtkXMLUnstructuredGridWriter()
+    if str(path).lower().endswith(".vtk"):
+        from vtkmodules.vtkIOLegacy import vtkUnstructuredGridWriter
+        writer = vtkUnstructuredGridWriter()
+        writer.SetFileTypeToBinary()
+        writer.SetInputData(grid)
+    else:
+        writer = vtkXMLUnstructuredGridWriter()
+        writer.SetInputData(grid)
+        writer.SetDataModeToAppended()
+        writer.EncodeAppendedDataOff()
+        writer.SetHeaderTypeToUInt64()
+        {None: writer.SetCompressorTypeToNone, "zlib": writer.SetCompressorTypeToZLib,
+         "lz4": writer.SetCompressorTypeToLZ4, "lzma": writer.SetCompressorTypeToLZMA}[compression]()
+        if compression is not None:
+            writer.SetCompressionLevel(1 if compression != "lzma" else 2)
     writer.SetFileName(str(path))
-    writer.SetInputData(grid)
-    writer.SetDataModeToAppended()
-    writer.EncodeAppendedDataOff()
-    writer.SetHeaderTypeToUInt64()
-    {None: writer.SetCompressorTypeToNone, "zlib": writer.SetCompressorTypeToZLib,
-     "lz4": writer.SetCompressorTypeToLZ4, "lzma": writer.SetCompressorTypeToLZMA}[compression]()
-    if compression is not None:
-        writer.SetCompressionLevel(1 if compression != "lzma" else 2)
     _observe(writer, progress)
     errors = []
     writer.AddObserver("ErrorEvent", lambda caller, event: errors.append(event))

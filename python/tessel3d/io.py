@@ -371,11 +371,19 @@ def _meshio_blocks(m, family):
             tag_names.setdefault(int(value[0]), []).append((group, int(value[1]) if len(value) > 1 else None))
     sets = {} if physical is not None else {k: v for k, v in (getattr(m, "cell_sets", None) or {}).items()
                                             if not k.startswith("gmsh:")}
+    families = (m.cell_data or {}).get("cell_tags") if getattr(m, "cell_tags", None) else None
     blocks = []
     for i, block in enumerate(m.cells):
         name = LIBRARY_TYPES[block.type]
-        data = {k: v[i] for k, v in (m.cell_data or {}).items() if not k.startswith("gmsh:") and i < len(v)}
+        data = {k: v[i] for k, v in (m.cell_data or {}).items()
+                if not k.startswith("gmsh:") and i < len(v) and (k != "cell_tags" or families is None)}
         groups = {}
+        if families is not None and i < len(families):  # MED's families: each a set of groups
+            tags = np.asarray(families[i])
+            for tag in np.unique(tags):
+                for group in m.cell_tags.get(int(tag), []):
+                    groups[group] = np.concatenate([groups.get(group, np.zeros(0, np.int64)),
+                                                    np.nonzero(tags == tag)[0]])
         if physical is not None and i < len(physical):
             tags = np.asarray(physical[i])
             dim = _dimension(name)
@@ -446,10 +454,15 @@ def _read_meshio(path, formats):
     errors = []
     for fmt in formats:
         try:
-            m = meshio._helpers.reader_map[fmt](str(path))  # meshio.read exits the process on failure
+            with warnings.catch_warnings():
+                # an ID beyond 32 bits that a reader would wrap into its int32 arrays: refuse it
+                warnings.filterwarnings("error", message=".*out-of-bound Python integers", category=DeprecationWarning)
+                m = meshio._helpers.reader_map[fmt](str(path))  # meshio.read exits the process on failure
             break
+        except DeprecationWarning:
+            errors.append(f"{fmt}: a node or element ID beyond 32 bits")
         except Exception as error:  # meshio raises many kinds on bad files
-            errors.append(f"{fmt}: {type(error).__name__}: {error}".strip())
+            errors.append(f"{fmt}: {type(error).__name__}: {str(error).splitlines()[0] if str(error) else ''}".strip())
     else:
         raise FileError(f"{path}: cannot read it as a mesh file ({'; '.join(errors)})")
     return _assemble(path, m.points, _meshio_blocks(m, _order_family(fmt)), m.point_data or {})
@@ -517,7 +530,7 @@ def write(path, mesh, file_format=None, compression=DEFAULT_COMPRESSION, progres
     if progress is not None:
         progress(0.0)
     try:
-        if fmt == "vtu" and _io_vtk.available():
+        if fmt in ("vtu", "vtk") and _io_vtk.available():
             _write_vtu(path, mesh, compression, progress)
         elif fmt == "abaqus":
             _write_abaqus(path, mesh)
@@ -600,8 +613,29 @@ def _to_meshio(mesh, fmt, path="mesh"):
             field_data[group] = np.array([tag, dim])
     elif not vtk_like:
         cell_sets = {g: v for g, v in _group_members(mesh, blocks).items() if sum(len(i) for i in v)}
-    return meshio.Mesh(mesh.coords, cells, point_data=dict(mesh.point_data), cell_data=cell_data,
-                       field_data=field_data, cell_sets=cell_sets or None)
+    families = {}
+    if fmt == "med" and mesh.groups:
+        # MED gives each element one family, a set of groups; element families are negative
+        members = _group_members(mesh, blocks)
+        cell_data["cell_tags"] = []
+        for b in range(len(blocks)):
+            key = np.zeros((len(blocks[b][1]), len(members)), dtype=bool)
+            for j, per_block in enumerate(members.values()):
+                key[per_block[b], j] = True
+            combinations, inverse = np.unique(key, axis=0, return_inverse=True)
+            tags = np.zeros(len(key), dtype=np.int64)
+            for c, combination in enumerate(combinations):
+                if combination.any():
+                    names = tuple(g for g, chosen in zip(members, combination) if chosen)
+                    tag = families.setdefault(names, -1 - len(families))
+                    tags[inverse.ravel() == c] = tag
+            cell_data["cell_tags"].append(tags)
+        cell_sets = {}
+    m = meshio.Mesh(mesh.coords, cells, point_data=dict(mesh.point_data), cell_data=cell_data,
+                    field_data=field_data, cell_sets=cell_sets or None)
+    if families:
+        m.cell_tags = {tag: list(names) for names, tag in families.items()}
+    return m
 
 
 def _write_meshio(path, mesh, fmt, compression, kwargs):
