@@ -49,7 +49,7 @@ def read_vtu(path, progress=None):
     reader.Update()
     grid = reader.GetOutput()
     if errors or reader.GetErrorCode():
-        raise ValueError("VTK's reader failed")
+        raise ValueError("VTK's reader failed (a damaged or truncated file?)")
     points = grid.GetPoints()
     points = np.zeros((0, 3)) if points is None else vtk_to_numpy(points.GetData()).astype(np.float64, copy=False)
     blocks = []

@@ -333,7 +333,7 @@ def _read_vtu(path, progress):
     out = []
     for vtk_type, index, cells in blocks:
         name = _io_vtk.VTK_TYPES[vtk_type]
-        data = {k: np.asarray(v)[index] for k, v in cell_data.items() if len(v) == len(index) or True}
+        data = {k: np.asarray(v)[index] for k, v in cell_data.items()}
         out.append((name, from_other(name, cells, "vtk"), data, {}))
     return _assemble(path, points, out, point_data)
 
@@ -342,14 +342,12 @@ def _read_abaqus(path):
     points, blocks, sets = _io_abaqus.read(path)
     out = []
     for name, ids, cells in blocks:
-        order = np.argsort(ids, kind="stable")
         groups = {}
         for group, members in sets.items():
             chosen = np.isin(ids, members)
             if chosen.any():
                 groups[group] = np.nonzero(chosen)[0]
         out.append((name, from_other(name, cells, "abaqus"), {}, groups))
-        del order
     return _assemble(path, points, out, {})
 
 
