@@ -41,7 +41,7 @@ import warnings
 
 import numpy as np
 
-from . import _io_abaqus, _io_vtk
+from . import _io_abaqus, _io_msh, _io_vtk
 from ._io_orders import LIBRARY_ORDERS, LIBRARY_TYPES, MESHIO_TYPES, from_other, to_other
 from ._orientation import refuse_inverted  # noqa: F401  (part of this module's interface)
 
@@ -445,6 +445,23 @@ def _refuse_sparse_node_tags(path):
                         f"(renumber them, e.g. gmsh {os.path.basename(path)} -0 -o renumbered.msh)")
 
 
+def _read_msh_text(path):
+    """A Mesh through the fast path of text .msh 4.1 files, None when it does not apply."""
+    found = _io_msh.read(path)
+    if found is None:
+        return None
+    points, blocks, groups = found
+    out = []
+    for name, cells in blocks:
+        out.append((name, from_other(name, cells, "gmsh"), {}, {}))
+    mesh = _assemble(path, points, out, {})
+    for group, members in groups.items():
+        per = mesh.groups.setdefault(group, {})
+        for name, index in members:
+            per[name] = np.union1d(per.get(name, np.zeros(0, np.uint32)), index).astype(np.uint32)
+    return mesh
+
+
 def _read_meshio(path, formats):
     meshio = _meshio()
     if formats[0].startswith("gmsh"):
@@ -483,7 +500,9 @@ def read(path, file_format=None, progress=None):
         elif formats == ["abaqus"]:
             mesh = _read_abaqus(path)
         else:
-            mesh = _read_meshio(path, formats)
+            mesh = _read_msh_text(path) if formats[0].startswith("gmsh") else None
+            if mesh is None:
+                mesh = _read_meshio(path, formats)
     except FileError:
         raise
     except (ValueError, OSError, UnicodeDecodeError, MemoryError, IndexError, KeyError) as error:

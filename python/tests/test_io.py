@@ -251,6 +251,18 @@ def test_hostile_files_are_refused_in_one_line(tmp_path):
         assert str(path) in str(caught.value) and "\n" not in str(caught.value), path
 
 
+def test_sparse_node_tags_of_a_text_msh41_cost_nothing_more(tmp_path):
+    path = tmp_path / "sparse41.msh"
+    path.write_text("$MeshFormat\n4.1 0 8\n$EndMeshFormat\n$Nodes\n1 4 1 300000000\n3 1 0 4\n1\n2\n3\n300000000\n"
+                    "0 0 0\n1 0 0\n0 1 0\n0 0 1\n$EndNodes\n$Elements\n1 1 1 1\n3 1 4 1\n1 1 2 3 300000000\n"
+                    "$EndElements\n")
+    mesh = mio.read(str(path))
+    assert mesh.cells["TH4"].tolist() == [[0, 2, 1, 3]]
+    path.write_text(path.read_text().replace("1 1 2 3 300000000", "1 1 2 3 4294967300"))
+    with pytest.raises(mio.FileError, match="names node 4294967300, which the file does not define"):
+        mio.read(str(path))
+
+
 def test_nonfinite_coordinates_are_read_and_reported(tmp_path):
     mesh = mesh_of(["TH4"])
     mesh.coords[1] = [np.nan, 0, 0]
