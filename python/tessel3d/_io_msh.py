@@ -55,10 +55,12 @@ def _integers(text):
     return _Numbers(values)
 
 
-def read(path):
+def read(path, progress=None):
     """(points (n, 3), [(type name, (m, k) cells as node rows, Gmsh order)], {group:
     [(type name, element indices within the type)]}) or None for the files this path
-    leaves to meshio; raises ValueError on a malformed file."""
+    leaves to meshio; raises ValueError on a malformed file. progress: None or a
+    callable taking the fraction done, called after each step."""
+    report = progress or (lambda fraction: None)
     with open(path, "rb") as f:
         data = f.read()
     head = re.match(rb"\s*\$MeshFormat\s+(\S+)\s+(\S+)\s+(\S+)", data)
@@ -70,10 +72,13 @@ def read(path):
     body = {name: data[start:end] for name, (start, end) in sections.items()}
     names = _physical_names(body.get("PhysicalNames", b""))
     entity_groups = _entity_groups(body.get("Entities", b""))
+    report(0.1)
     tags, points = _nodes(body["Nodes"])
+    report(0.25)
     row_of = _TagMap(tags)
     blocks, groups, counts = [], {}, {}
     numbers = _integers(body["Elements"])
+    report(0.8)
     nb_blocks = int(numbers.take(4)[0])
     for _ in range(nb_blocks):
         dim, entity, gmsh_type, count = (int(v) for v in numbers.take(4))
@@ -92,6 +97,7 @@ def read(path):
             group = names.get((dim, physical), f"physical {physical}")
             groups.setdefault(group, []).append((name, np.arange(start, start + count)))
         counts[name] = start + count
+        report(0.8 + 0.2 * numbers.at / max(len(numbers.values), 1))
     return points, blocks, groups
 
 

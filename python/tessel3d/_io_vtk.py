@@ -136,7 +136,7 @@ def write_vtu(path, points, blocks, point_data, cell_data, compression, progress
     types = np.empty(total, dtype=np.uint8)
     start, position = 0, 0
     for (name, cells), k, m in zip(blocks, sizes, counts):
-        connectivity[position:position + k * m] = np.asarray(cells).ravel()
+        connectivity[position:position + k * m].reshape(m, k)[:] = cells
         offsets[start:start + m] = position + k * np.arange(m)
         types[start:start + m] = CELL_TYPES[name]
         start, position = start + m, position + k * m

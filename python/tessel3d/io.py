@@ -1,7 +1,7 @@
 """Mesh files, in this library's node orders.
 
     mesh = tessel3d.io.read("part.msh")          # a Mesh: coords (n, 3), cells by type
-    tessel3d.io.write("part.vtu", mesh)          # compressed with DEFAULT_COMPRESSION
+    tessel3d.io.write("part.vtu", mesh)          # compression=None | "lz4" | "zlib" | "lzma"
     mesh = tessel3d.io.from_meshio(meshio_mesh)  # and to_meshio(mesh), or Mesh(meshio_mesh)
     tet10 = tessel3d.io.to_library_order(cells, "tetra10")        # raw arrays, VTK/meshio order
     back = tessel3d.io.from_library_order(tet10, "tetra10", "gmsh")
@@ -47,11 +47,11 @@ from ._orientation import refuse_inverted  # noqa: F401  (part of this module's 
 
 ABSENT = 0xFFFFFFFF
 GROUP_PREFIX = "group:"
-# LZ4: as fast to write as raw binary and about half its size; ParaView and VTK read it.
-# "zlib" (at its fastest level) is a third smaller again and 5x slower to write, "lzma"
-# smaller still and slower again; None writes raw binary. bench/files/bench_files.py
-# measures them; docs/performance.md has the figures.
-DEFAULT_COMPRESSION = "lz4"
+# Raw binary: the fastest to write and to read, and readable by every VTK-based tool and by
+# meshio. Measured on 4 million hexahedra (docs/performance.md): "lz4" writes as fast but
+# saves under 10% on mesh arrays and meshio cannot read it; "zlib" (at its fastest level)
+# saves 40% and takes 5 to 10 times longer; "lzma" is smaller still and slower again.
+DEFAULT_COMPRESSION = None
 
 
 class FileError(ValueError):
@@ -258,6 +258,8 @@ def _file_formats(path, file_format):
         return [suffix[1:]]
     if suffix == ".inp":
         return ["abaqus"]
+    if suffix == ".msh":  # Gmsh's before ANSYS's, without importing meshio for the fast path
+        return ["gmsh", "ansys"]
     meshio = _meshio()
     try:
         found = list(meshio._helpers._filetypes_from_path(pathlib.Path(path)))
@@ -445,9 +447,9 @@ def _refuse_sparse_node_tags(path):
                         f"(renumber them, e.g. gmsh {os.path.basename(path)} -0 -o renumbered.msh)")
 
 
-def _read_msh_text(path):
+def _read_msh_text(path, progress):
     """A Mesh through the fast path of text .msh 4.1 files, None when it does not apply."""
-    found = _io_msh.read(path)
+    found = _io_msh.read(path, progress)
     if found is None:
         return None
     points, blocks, groups = found
@@ -500,7 +502,7 @@ def read(path, file_format=None, progress=None):
         elif formats == ["abaqus"]:
             mesh = _read_abaqus(path)
         else:
-            mesh = _read_msh_text(path) if formats[0].startswith("gmsh") else None
+            mesh = _read_msh_text(path, progress) if formats[0].startswith("gmsh") else None
             if mesh is None:
                 mesh = _read_meshio(path, formats)
     except FileError:
@@ -533,7 +535,8 @@ def write(path, mesh, file_format=None, compression=DEFAULT_COMPRESSION, progres
     """Writes a Mesh (or a (coords, {type name: cells}) pair, or a meshio.Mesh) to a file
     whose format is taken from the extension (or `file_format`).
 
-    compression: None, "lz4" (DEFAULT_COMPRESSION), "zlib" or "lzma" for .vtu; .xdmf is gzip-compressed unless None; other formats ignore it. progress: None
+    compression: None (DEFAULT_COMPRESSION, raw binary), "lz4", "zlib" or "lzma" for
+    .vtu; .xdmf is gzip-compressed unless None; other formats ignore it. progress: None
     or a callable taking the fraction done. kwargs go to meshio.write (e.g. binary=False
     for a text .msh)."""
     path = str(path)
