@@ -92,17 +92,10 @@ def from_library_order(cells, type_name, order="meshio"):
 
 
 def _check_width(cells, name):
+    if name not in LIBRARY_ORDERS:
+        raise ValueError(f"{name} is a mixed layout: convert the arrays of its member types one by one")
     if cells.ndim != 2 or cells.shape[1] != len(LIBRARY_ORDERS[name]):
         raise ValueError(f"{name} cells must have the shape (m, {len(LIBRARY_ORDERS[name])}), not {cells.shape}")
-
-
-# Kept for the callers of the earlier names.
-def to_file_order(type_name, cells, family="vtk"):
-    return to_other(type_name, cells, "meshio-gmsh" if family == "gmsh" else "meshio")
-
-
-def from_file_order(type_name, cells, family="vtk"):
-    return from_other(type_name, cells, "meshio-gmsh" if family == "gmsh" else "meshio")
 
 
 # ---- mixed layouts --------------------------------------------------------------------
