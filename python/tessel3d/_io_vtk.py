@@ -21,6 +21,39 @@ def available():
     return True
 
 
+def _errors(algorithm):
+    """A list that collects the errors of an algorithm and of its pipeline executive
+    (observed, they become exceptions here instead of text on the terminal)."""
+    errors = []
+    for source in (algorithm, algorithm.GetExecutive()):
+        source.AddObserver("ErrorEvent", lambda caller, event: errors.append(event))
+    return errors
+
+
+class _OutputWindow:
+    """Collects the text VTK's objects would print to the terminal (its XML parser's
+    errors among them) while a file is read or written; the previous window comes back
+    after. `failed` says whether an error was collected."""
+
+    def __enter__(self):
+        from vtkmodules.vtkCommonCore import vtkLogger, vtkOutputWindow, vtkStringOutputWindow
+        self.previous = vtkOutputWindow.GetInstance()
+        self.window = vtkStringOutputWindow()
+        vtkOutputWindow.SetInstance(self.window)
+        self.verbosity = vtkLogger.GetCurrentVerbosityCutoff()
+        vtkLogger.SetStderrVerbosity(vtkLogger.VERBOSITY_OFF)  # VTK's logger prints errors too
+        return self
+
+    def __exit__(self, *exception):
+        from vtkmodules.vtkCommonCore import vtkLogger, vtkOutputWindow
+        vtkOutputWindow.SetInstance(self.previous)
+        vtkLogger.SetStderrVerbosity(self.verbosity)
+
+    @property
+    def failed(self):
+        return "ERR" in self.window.GetOutput() or "ERROR" in self.window.GetOutput()
+
+
 def _observe(algorithm, progress):
     if progress is not None:
         algorithm.AddObserver("ProgressEvent", lambda caller, event: progress(float(caller.GetProgress())))
@@ -43,10 +76,10 @@ def read_vtu(path, progress=None):
             raise ValueError("cannot read it as a mesh file (not a VTK XML unstructured grid)")
         reader.SetFileName(str(path))
     _observe(reader, progress)
-    errors = []
-    reader.AddObserver("ErrorEvent", lambda caller, event: errors.append(event))
-    reader.GetExecutive()  # errors go to the observer, not to the terminal
-    reader.Update()
+    errors = _errors(reader)
+    with _OutputWindow() as window:
+        reader.Update()
+    errors += ["parser"] if window.failed else []
     grid = reader.GetOutput()
     if errors or reader.GetErrorCode():
         raise ValueError("VTK's reader failed (a damaged or truncated file?)")
@@ -173,7 +206,8 @@ def write_vtu(path, points, blocks, point_data, cell_data, compression, progress
             writer.SetCompressionLevel(1 if compression != "lzma" else 2)
     writer.SetFileName(str(path))
     _observe(writer, progress)
-    errors = []
-    writer.AddObserver("ErrorEvent", lambda caller, event: errors.append(event))
-    if not writer.Write() or errors:
+    errors = _errors(writer)
+    with _OutputWindow() as window:
+        written = writer.Write()
+    if not written or errors or window.failed:
         raise ValueError("VTK's writer failed (disk full or no permission?)")

@@ -145,7 +145,7 @@ def test_mix27_kinds_follow_their_padding():
     assert parts == {"TH10": ([0], 10), "PY14": ([1], 14), "W18": ([2], 18), "H27": ([3], 27)}
 
 
-def test_file_errors_are_one_line(tmp_path):
+def test_file_errors_are_one_line_and_nothing_else_is_printed(tmp_path, capfd):
     with pytest.raises(mio.FileError, match="no such file"):
         mio.read(str(tmp_path / "missing.vtu"))
     bad = tmp_path / "bad.vtu"
@@ -155,6 +155,15 @@ def test_file_errors_are_one_line(tmp_path):
     with pytest.raises(mio.FileError, match="unknown file extension"):
         mio.write(str(tmp_path / "x.unknown"), mesh_of(["TH4"]))
     assert os.path.exists(str(bad))
+    good = tmp_path / "good.vtu"
+    mio.write(str(good), mesh_of(["H27"]))
+    (tmp_path / "truncated.vtu").write_bytes(good.read_bytes()[:-200])
+    with pytest.raises(mio.FileError, match="damaged or truncated"):
+        mio.read(str(tmp_path / "truncated.vtu"))
+    for extension in ("vtu", "vtk", "inp", "msh"):
+        with pytest.raises(mio.FileError, match="cannot write it"):
+            mio.write(str(tmp_path / "no-such-folder" / f"x.{extension}"), mesh_of(["TH4"]))
+    assert capfd.readouterr().err == ""  # VTK's own messages kept off the terminal
 
 
 def test_meshio_meshes_go_in_and_out():
