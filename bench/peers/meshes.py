@@ -110,7 +110,7 @@ def tet_cube(elements, path, t3io):
     mesh.coords, index = _nodes()
     mesh.vtk_tets = _elements(3, GMSH_TET, index)
     mesh.tet_tags, mesh.tet_node_tags = tagged_elements(GMSH_TET)
-    mesh.tets = np.ascontiguousarray(t3io.from_file_order("TH4", mesh.vtk_tets, "gmsh"))
+    mesh.tets = np.ascontiguousarray(t3io.to_library_order(mesh.vtk_tets, "TH4", "gmsh"))
     mesh.crack = np.concatenate([_elements(2, GMSH_TRIANGLE, index, t) for t in crack])
     mesh.crack_edge = np.unique(np.concatenate(
         [index[gmsh.model.mesh.getNodes(1, t, includeBoundary=True)[0].astype(np.int64)]

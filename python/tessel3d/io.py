@@ -1,11 +1,17 @@
-"""Mesh files through meshio, in this library's node orders.
+"""Mesh files, in this library's node orders.
 
     mesh = tessel3d.io.read("part.msh")          # a Mesh: coords (n, 3), cells by type
-    tessel3d.io.write("part.vtu", mesh)
+    tessel3d.io.write("part.vtu", mesh)          # compression=None | "lz4" | "zlib" | "lzma"
+    mesh = tessel3d.io.from_meshio(meshio_mesh)  # and to_meshio(mesh), or Mesh(meshio_mesh)
+    tet10 = tessel3d.io.to_library_order(cells, "tetra10")        # raw arrays, VTK/meshio order
+    back = tessel3d.io.from_library_order(tet10, "tetra10", "gmsh")
 
-Every format that meshio knows is read and written (.msh, .vtu, .vtk, .inp, .med, .xdmf,
-.mesh, .bdf, ...). Cells are stored by this library's type names ("TH4", "H27", "T3",
-...) in this library's node orders, which differ from the files' (VTK's and Gmsh's):
+.vtu files go through VTK's own XML reader and writer when python3-vtk9 is installed,
+.inp files through this package's Abaqus reader and writer (standard keywords), every
+other format through meshio (.msh, .vtk, .med, .xdmf, .mesh, .bdf, ...). Cells are stored
+by this library's type names ("TH4", "H27", "T3", ...) in this library's node orders,
+which differ from the files' (docs/node-orders.md has each type's numbering and its map
+to VTK, Gmsh and Abaqus):
 
 - TH4 is oriented the other way (its node 3 lies on the negative side of the right-hand
   normal of 0-1-2), so corners 1 and 2 change places;
@@ -19,6 +25,14 @@ Every format that meshio knows is read and written (.msh, .vtu, .vtk, .inp, .med
 The mixed layouts SOLID_MIX8 (TH4, PY5, W6, H8 in 8 columns), SOLID_MIX27 (TH10, PY14,
 W18, H27 in 27 columns) and FACE_MIX4 (T3 and Q4 in 4 columns) are written as their
 member types.
+
+What a round trip keeps: coordinates, cells, point data and cell data (every format that
+holds them; .inp holds neither), and groups: Gmsh's physical groups in .msh, element sets
+in .inp, .med and the other formats with cell sets, and in .vtu/.vtk/.xdmf one cell-data
+array "group:<name>" per group (1 for its members, 0 elsewhere), which ParaView can
+threshold. Reading refuses, with a one-line FileError naming the file and the cell, any
+cell that names a node the file does not define; coordinates that are NaN or infinite are
+read as they are (Mesh.nonfinite_nodes() lists them).
 """
 
 import os
@@ -27,121 +41,61 @@ import warnings
 
 import numpy as np
 
+from . import _io_abaqus, _io_msh, _io_vtk
+from ._io_orders import LIBRARY_ORDERS, LIBRARY_TYPES, MESHIO_TYPES, from_other, to_other
+from ._orientation import refuse_inverted  # noqa: F401  (part of this module's interface)
+
 ABSENT = 0xFFFFFFFF
-
-# ---- node orders --------------------------------------------------------------------
-#
-# A node is named by the set of corners it sits between: a corner by itself, an edge node
-# by its two ends, a face centre by the face's corners, an element centre by all corners.
-# A type's order is a list of names; the permutation between two orders is read off by
-# matching names, after mapping the file's corner numbers onto the library's.
-
-
-def _order(corners, edges=(), faces=(), centre=False):
-    names = [frozenset([c]) for c in range(corners)]
-    names += [frozenset(e) for e in edges] + [frozenset(f) for f in faces]
-    if centre:
-        names.append(frozenset(range(corners)))
-    return names
+GROUP_PREFIX = "group:"
+# Raw binary: the fastest to write and to read, and readable by every VTK-based tool and by
+# meshio. Measured on 4 million hexahedra (docs/performance.md): "lz4" writes as fast but
+# saves under 10% on mesh arrays and meshio cannot read it; "zlib" (at its fastest level)
+# saves 40% and takes 5 to 10 times longer; "lzma" is smaller still and slower again.
+DEFAULT_COMPRESSION = None
 
 
-_TH_EDGES = ((1, 2), (2, 0), (0, 1), (3, 0), (3, 1), (3, 2))
-_PY_EDGES = ((0, 4), (1, 4), (2, 4), (3, 4), (0, 1), (1, 2), (2, 3), (3, 0))
-_W_EDGES = ((0, 3), (1, 4), (2, 5), (1, 2), (2, 0), (0, 1), (4, 5), (5, 3), (3, 4))
-_W_QUADS = ((2, 1, 4, 5), (0, 2, 5, 3), (1, 0, 3, 4))
-_H_EDGES = ((0, 1), (1, 2), (2, 3), (3, 0), (4, 5), (5, 6), (6, 7), (7, 4), (0, 4), (1, 5), (2, 6), (3, 7))
-_H_FACES = ((0, 3, 7, 4), (1, 2, 6, 5), (0, 1, 5, 4), (2, 3, 7, 6), (0, 1, 2, 3), (4, 5, 6, 7))
-
-# This library's orders, by type name.
-LIBRARY_ORDERS = {
-    "NODE": _order(1),
-    "E2": _order(2),
-    "E3": _order(2, [(0, 1)]),
-    "T3": _order(3),
-    "T6": _order(3, [(1, 2), (2, 0), (0, 1)]),
-    "Q4": _order(4),
-    "Q8": _order(4, [(0, 1), (1, 2), (2, 3), (3, 0)]),
-    "Q9": _order(4, [(0, 1), (1, 2), (2, 3), (3, 0)], centre=True),
-    "TH4": _order(4),
-    "TH10": _order(4, _TH_EDGES),
-    "PY5": _order(5),
-    "PY13": _order(5, _PY_EDGES),
-    "PY14": _order(5, _PY_EDGES, [(0, 1, 2, 3)]),
-    "W6": _order(6),
-    "W15": _order(6, _W_EDGES),
-    "W18": _order(6, _W_EDGES, _W_QUADS),
-    "H8": _order(8),
-    "H20": _order(8, _H_EDGES),
-    "H27": _order(8, _H_EDGES, _H_FACES, centre=True),
-}
-
-MESHIO_TYPES = {
-    "NODE": "vertex", "E2": "line", "E3": "line3", "T3": "triangle", "T6": "triangle6", "Q4": "quad",
-    "Q8": "quad8", "Q9": "quad9", "TH4": "tetra", "TH10": "tetra10", "PY5": "pyramid", "PY13": "pyramid13",
-    "PY14": "pyramid14", "W6": "wedge", "W15": "wedge15", "W18": "wedge18", "H8": "hexahedron",
-    "H20": "hexahedron20", "H27": "hexahedron27",
-}
-LIBRARY_TYPES = {v: k for k, v in MESHIO_TYPES.items()}
-
-# The orders of the cells meshio hands over, as (corner map, order): corner i of the file
-# is corner map[i] of the library. meshio keeps VTK's orders, except for the linear wedge
-# (Gmsh's, oriented as this library's) and, for Gmsh files, the quadratic wedges and the
-# 14-node pyramid, which it passes in Gmsh's corner orientation or order.
-_TET = (0, 2, 1, 3)
-_VTK_WEDGE = (0, 2, 1, 3, 5, 4)
-_VTK_W_EDGES = ((0, 1), (1, 2), (2, 0), (3, 4), (4, 5), (5, 3), (0, 3), (1, 4), (2, 5))
-_VTK_H_EDGES = _H_EDGES
-_VTK_ORDERS = {
-    "E3": (None, _order(2, [(0, 1)])),
-    "T6": (None, _order(3, [(0, 1), (1, 2), (2, 0)])),
-    "Q8": (None, _order(4, [(0, 1), (1, 2), (2, 3), (3, 0)])),
-    "Q9": (None, _order(4, [(0, 1), (1, 2), (2, 3), (3, 0)], centre=True)),
-    "TH4": (_TET, _order(4)),
-    "TH10": (_TET, _order(4, [(0, 1), (1, 2), (2, 0), (0, 3), (1, 3), (2, 3)])),
-    "PY13": (None, _order(5, [(0, 1), (1, 2), (2, 3), (3, 0), (0, 4), (1, 4), (2, 4), (3, 4)])),
-    "W15": (_VTK_WEDGE, _order(6, _VTK_W_EDGES)),
-    "W18": (_VTK_WEDGE, _order(6, _VTK_W_EDGES, [(0, 1, 4, 3), (1, 2, 5, 4), (2, 0, 3, 5)])),
-    "H20": (None, _order(8, _VTK_H_EDGES)),
-    "H27": (None, _order(8, _VTK_H_EDGES, [(0, 4, 7, 3), (1, 2, 6, 5), (0, 1, 5, 4), (3, 7, 6, 2), (0, 3, 2, 1),
-                                           (4, 5, 6, 7)], centre=True)),
-}
-_GMSH_ORDERS = dict(_VTK_ORDERS)
-_GMSH_ORDERS.update({
-    "W15": (None, _order(6, _VTK_W_EDGES)),
-    "W18": (None, _order(6, ((0, 1), (0, 2), (0, 3), (1, 2), (1, 4), (2, 5), (3, 4), (3, 5), (4, 5)),
-                         [(0, 1, 4, 3), (0, 2, 5, 3), (1, 2, 5, 4)])),
-    "PY14": (None, _order(5, ((0, 1), (0, 3), (0, 4), (1, 2), (1, 4), (2, 3), (2, 4), (3, 4)), [(0, 1, 2, 3)])),
-})
+class FileError(ValueError):
+    """A mesh file could not be read or written."""
 
 
-def _permutation(type_name, family):
-    """p such that file_cells = library_cells[:, p] (None for the identity)."""
-    entry = (_GMSH_ORDERS if family == "gmsh" else _VTK_ORDERS).get(type_name)
-    if entry is None:
-        return None
-    corner_map, names = entry
-    if corner_map is not None:
-        names = [frozenset(corner_map[c] for c in name) for name in names]
-    library = LIBRARY_ORDERS[type_name]
-    p = np.array([library.index(name) for name in names])
-    return None if (p == np.arange(len(p))).all() else p
+# ---- node orders ------------------------------------------------------------------------
+
+def library_type(name):
+    """This library's type name from its own name ("TH4", "th4"), meshio's ("tetra"),
+    an ElementType or its value."""
+    if isinstance(name, str):
+        if name in LIBRARY_TYPES:
+            return LIBRARY_TYPES[name]
+        if name.upper() in LIBRARY_ORDERS or name.upper() in ("SOLID_MIX8", "SOLID_MIX27", "FACE_MIX4"):
+            return name.upper()
+        raise ValueError(f"unknown element type {name!r}")
+    from .mesh import ElementType
+    return ElementType(int(name)).name
 
 
-def to_file_order(type_name, cells, family="vtk"):
-    """Cells in this library's order -> the order meshio expects for the format family
-    ("gmsh" for .msh files, "vtk" for every other format)."""
-    p = _permutation(type_name, family)
-    return cells if p is None else cells[:, p]
+def to_library_order(cells, type_name, order="meshio"):
+    """Cells of `type_name` (this library's or meshio's name) in another tool's node order
+    -> this library's. order: "meshio" (meshio's arrays, VTK's orders but the linear wedge
+    as Gmsh's), "vtk" (VTK's cells), "gmsh" (Gmsh's API and .msh files), "abaqus"."""
+    name = library_type(type_name)
+    cells = np.asarray(cells)
+    _check_width(cells, name)
+    return from_other(name, cells, order)
 
 
-def from_file_order(type_name, cells, family="vtk"):
-    """The inverse of to_file_order."""
-    p = _permutation(type_name, family)
-    if p is None:
-        return cells
-    out = np.empty_like(cells)
-    out[:, p] = cells
-    return out
+def from_library_order(cells, type_name, order="meshio"):
+    """The inverse of to_library_order: this library's order -> the other tool's."""
+    name = library_type(type_name)
+    cells = np.asarray(cells)
+    _check_width(cells, name)
+    return to_other(name, cells, order)
+
+
+def _check_width(cells, name):
+    if name not in LIBRARY_ORDERS:
+        raise ValueError(f"{name} is a mixed layout: convert the arrays of its member types one by one")
+    if cells.ndim != 2 or cells.shape[1] != len(LIBRARY_ORDERS[name]):
+        raise ValueError(f"{name} cells must have the shape (m, {len(LIBRARY_ORDERS[name])}), not {cells.shape}")
 
 
 # ---- mixed layouts --------------------------------------------------------------------
@@ -189,11 +143,9 @@ def split_mixed(type_name, cells):
 # ---- the mesh ---------------------------------------------------------------------------
 
 def _type_name(key):
-    """A type name from a name or an element type ("TH4" from t3.TH4 or 14)."""
-    if isinstance(key, str):
-        return key
-    from .mesh import ElementType
-    return ElementType(int(key)).name
+    """A type name from a name, meshio's name or an element type ("TH4" from "tetra",
+    t3.TH4 or 14)."""
+    return library_type(key)
 
 
 class Mesh:
@@ -203,7 +155,7 @@ class Mesh:
     orders ("TH4", "H27", "T3", ..., or a mixed layout "SOLID_MIX8", "SOLID_MIX27",
     "FACE_MIX4"). point_data: {name: (n, ...) array}. cell_data: {name: {type name:
     (m, ...) array}}. groups: {name: {type name: element indices}} (Gmsh physical groups
-    and meshio cell sets).
+    and meshio cell sets). Mesh(meshio_mesh) converts a meshio.Mesh (see from_meshio).
     """
 
     SOLIDS = ("TH4", "PY5", "W6", "H8", "SOLID_MIX8")
@@ -211,6 +163,10 @@ class Mesh:
     FACES = ("T3", "Q4", "FACE_MIX4")
 
     def __init__(self, coords, cells=None, point_data=None, cell_data=None, groups=None):
+        if cells is None and _is_meshio(coords):
+            other = from_meshio(coords)
+            coords, cells, point_data, cell_data, groups = (other.coords, other.cells, other.point_data,
+                                                            other.cell_data, other.groups)
         self.coords = np.ascontiguousarray(coords, dtype=np.float64)
         self.cells = {_type_name(k): np.ascontiguousarray(v, dtype=np.uint32) for k, v in (cells or {}).items()}
         self.point_data = dict(point_data or {})
@@ -220,6 +176,11 @@ class Mesh:
     def __repr__(self):
         counts = ", ".join(f"{k}: {len(v)}" for k, v in self.cells.items())
         return f"Mesh({len(self.coords)} nodes; {counts})"
+
+    def nonfinite_nodes(self):
+        """Indices of the nodes with a NaN or infinite coordinate (files may hold them;
+        the library's measures and conversions give no meaning to them)."""
+        return np.nonzero(~np.isfinite(self.coords).all(axis=1))[0]
 
     def counts(self):
         """{member type: element count}, mixed layouts split into their members."""
@@ -277,10 +238,21 @@ def formats():
             for name in sorted(meshio._helpers.writer_map)}
 
 
+def _extensions():
+    return set(_meshio()._helpers.extension_to_filetypes)
+
+
 def _file_formats(path, file_format):
     """The formats to try, best first: .msh is Gmsh's before ANSYS's."""
     if file_format:
         return [file_format]
+    suffix = pathlib.Path(path).suffix.lower()
+    if suffix in (".vtu", ".vtk"):
+        return [suffix[1:]]
+    if suffix == ".inp":
+        return ["abaqus"]
+    if suffix == ".msh":  # Gmsh's before ANSYS's, without importing meshio for the fast path
+        return ["gmsh", "ansys"]
     meshio = _meshio()
     try:
         found = list(meshio._helpers._filetypes_from_path(pathlib.Path(path)))
@@ -289,89 +261,255 @@ def _file_formats(path, file_format):
     return sorted(found, key=lambda f: not f.startswith("gmsh"))
 
 
-def _extensions():
-    meshio = _meshio()
-    return set(meshio._helpers.extension_to_filetypes)
+def _order_family(file_format):
+    if file_format.startswith("gmsh"):
+        return "meshio-gmsh"
+    return "abaqus" if file_format == "abaqus" else "meshio"
 
 
-def _family(file_format):
-    return "gmsh" if file_format and file_format.startswith("gmsh") else "vtk"
+def _holds_groups_as_data(file_format):
+    return file_format in ("vtu", "vtk", "xdmf")
 
 
-_FORMATS_WITH_SETS = ("abaqus", "med", "nastran", "permas")
+def _checked_cells(path, name, cells, nb_nodes):
+    """The cells as uint32 node indices, refusing any index the file does not define
+    (negative, too large, or wrapped around 32 bits)."""
+    cells = np.asarray(cells)
+    if cells.dtype.kind not in "iu":
+        raise FileError(f"{path}: {name} cells are not integers ({cells.dtype})")
+    if cells.size and (cells.max() >= nb_nodes or cells.min() < 0):
+        bad = (cells >= nb_nodes) | (cells < 0)
+        row = int(np.nonzero(bad.any(axis=1))[0][0])
+        node = cells[row][bad[row]][0]
+        raise FileError(f"{path}: {name} element {row} names node {node}, which the file does not define "
+                        f"({nb_nodes} nodes)")
+    return cells.astype(np.uint32)
 
 
-class FileError(ValueError):
-    """A mesh file could not be read or written."""
-
-
-def read(path, file_format=None):
-    """Reads a mesh file into a Mesh in this library's orders (see the module doc)."""
-    meshio = _meshio()
-    if not os.path.exists(path):
-        raise FileError(f"{path}: no such file")
-    if os.path.isdir(path):
-        raise FileError(f"{path}: is a directory")
-    errors = []
-    for fmt in _file_formats(path, file_format):
-        try:
-            m = meshio._helpers.reader_map[fmt](str(path))  # meshio.read exits the process on failure
-            break
-        except Exception as error:  # meshio raises many kinds on bad files
-            errors.append(f"{fmt}: {type(error).__name__}: {error}".strip())
-    else:
-        raise FileError(f"{path}: cannot read it as a mesh file ({'; '.join(errors)})")
-    family = _family(fmt)
-    points = np.asarray(m.points, dtype=np.float64)
+def _assemble(path, points, blocks, point_data):
+    """A Mesh from blocks [(type, cells in the library's order, {key: values}, {group:
+    element indices})], several blocks of one type put end to end."""
+    points = np.asarray(points, dtype=np.float64)
     if points.ndim != 2 or points.shape[1] not in (1, 2, 3):
         raise FileError(f"{path}: points of shape {points.shape}")
     coords = np.zeros((len(points), 3))
     coords[:, :points.shape[1]] = points
-
-    blocks, data, block_of = {}, {}, []
-    for i, block in enumerate(m.cells):
-        name = LIBRARY_TYPES.get(block.type)
-        block_of.append((name, sum(len(b) for b in blocks.get(name, [])) if name else 0))
-        if name is None:
-            continue
-        cells = from_file_order(name, np.asarray(block.data), family).astype(np.uint32)
-        blocks.setdefault(name, []).append(cells)
-        for key, values in m.cell_data.items():
-            data.setdefault(key, {}).setdefault(name, []).append(np.asarray(values[i]))
-    cells = {k: np.concatenate(v) for k, v in blocks.items()}
-    cell_data = {key: {k: np.concatenate(v) for k, v in per.items()} for key, per in data.items()
-                 if not key.startswith("gmsh:")}
-
-    groups = {}
-    physical = {k: np.concatenate(v) for k, v in data.get("gmsh:physical", {}).items()} if family == "gmsh" else {}
-    for group, value in (m.field_data or {}).items() if physical else ():
-        tag = np.asarray(value).ravel()[0]
-        for name, tags in physical.items():
-            index = np.nonzero(tags == tag)[0]
+    cells, data, groups, counts = {}, {}, {}, {}
+    for name, block, block_data, block_groups in blocks:
+        block = _checked_cells(path, name, block, len(coords))
+        start = counts.get(name, 0)
+        cells.setdefault(name, []).append(block)
+        for key, values in block_data.items():
+            if key.startswith(GROUP_PREFIX):
+                chosen = np.nonzero(np.asarray(values).reshape(len(block), -1)[:, 0])[0]
+                block_groups = dict(block_groups)
+                block_groups[key[len(GROUP_PREFIX):]] = chosen
+                continue
+            data.setdefault(key, {}).setdefault(name, []).append(np.asarray(values))
+        for group, index in block_groups.items():
+            index = np.asarray(index, dtype=np.int64)
             if len(index):
-                groups.setdefault(group, {})[name] = index.astype(np.uint32)
-    sets = {} if physical else (getattr(m, "cell_sets", None) or {})  # Gmsh's sets repeat its groups
-    for group, per_block in sets.items():
-        for i, index in enumerate(per_block):
-            name, start = block_of[i] if i < len(block_of) else (None, 0)
-            if name is not None and index is not None and len(index):
-                old = groups.setdefault(group, {}).get(name, np.zeros(0, np.uint32))
-                groups[group][name] = np.unique(np.concatenate([old, np.asarray(index, dtype=np.uint32) + start]))
-    return Mesh(coords, cells, dict(m.point_data), cell_data, groups)
+                groups.setdefault(group, {}).setdefault(name, []).append(index + start)
+        counts[name] = start + len(block)
+    cells = {k: np.concatenate(v) for k, v in cells.items()}
+    cell_data = {}
+    for key, per in data.items():
+        if all(sum(len(v) for v in values) == counts[name] for name, values in per.items()):
+            cell_data[key] = {name: np.concatenate(values) for name, values in per.items()}
+    groups = {g: {name: np.unique(np.concatenate(v)).astype(np.uint32) for name, v in per.items()}
+              for g, per in groups.items()}
+    point_data = {k: np.asarray(v) for k, v in point_data.items()
+                  if not k.startswith("gmsh:") and len(np.asarray(v)) == len(coords)}
+    return Mesh(coords, cells, point_data, cell_data, groups)
 
 
-def write(path, mesh, file_format=None, **kwargs):
-    """Writes a Mesh (or a (coords, {type name: cells}) pair) to a file whose format
-    meshio takes from the extension (or `file_format`); kwargs go to meshio.write."""
+def _read_vtu(path, progress):
+    points, blocks, point_data, cell_data = _io_vtk.read_vtu(path, progress)
+    out = []
+    for vtk_type, index, cells in blocks:
+        name = _io_vtk.VTK_TYPES[vtk_type]
+        data = {k: np.asarray(v)[index] for k, v in cell_data.items()}
+        out.append((name, from_other(name, cells, "vtk"), data, {}))
+    return _assemble(path, points, out, point_data)
+
+
+def _read_abaqus(path):
+    points, blocks, sets = _io_abaqus.read(path)
+    out = []
+    for name, ids, cells in blocks:
+        groups = {}
+        for group, members in sets.items():
+            chosen = np.isin(ids, members)
+            if chosen.any():
+                groups[group] = np.nonzero(chosen)[0]
+        out.append((name, from_other(name, cells, "abaqus"), {}, groups))
+    return _assemble(path, points, out, {})
+
+
+def _meshio_blocks(m, family):
+    """Blocks of a meshio.Mesh whose arrays are in `family`'s orders, refusing cells of
+    kinds this library has no type for."""
+    unknown = {}
+    for block in m.cells:
+        if block.type not in LIBRARY_TYPES:
+            unknown[block.type] = unknown.get(block.type, 0) + len(block.data)
+    if unknown:
+        listed = ", ".join(f"{k}: {v}" for k, v in sorted(unknown.items()))
+        raise ValueError(f"{sum(unknown.values())} cells of kinds this library has no type for ({listed})")
+    physical = (m.cell_data or {}).get("gmsh:physical")
+    tag_names = {}
+    for group, value in (m.field_data or {}).items():
+        value = np.asarray(value).ravel()
+        if len(value):
+            tag_names.setdefault(int(value[0]), []).append((group, int(value[1]) if len(value) > 1 else None))
+    sets = {} if physical is not None else {k: v for k, v in (getattr(m, "cell_sets", None) or {}).items()
+                                            if not k.startswith("gmsh:")}
+    families = (m.cell_data or {}).get("cell_tags") if getattr(m, "cell_tags", None) else None
+    blocks = []
+    for i, block in enumerate(m.cells):
+        name = LIBRARY_TYPES[block.type]
+        data = {k: v[i] for k, v in (m.cell_data or {}).items()
+                if not k.startswith("gmsh:") and i < len(v) and (k != "cell_tags" or families is None)}
+        groups = {}
+        if families is not None and i < len(families):  # MED's families: each a set of groups
+            tags = np.asarray(families[i])
+            for tag in np.unique(tags):
+                for group in m.cell_tags.get(int(tag), []):
+                    groups[group] = np.concatenate([groups.get(group, np.zeros(0, np.int64)),
+                                                    np.nonzero(tags == tag)[0]])
+        if physical is not None and i < len(physical):
+            tags = np.asarray(physical[i])
+            dim = _dimension(name)
+            for tag in np.unique(tags):
+                for group, group_dim in tag_names.get(int(tag), []):
+                    if group_dim in (None, dim):
+                        groups[group] = np.nonzero(tags == tag)[0]
+        for group, per_block in sets.items():
+            if i < len(per_block) and per_block[i] is not None and len(per_block[i]):
+                groups[group] = np.asarray(per_block[i], dtype=np.int64)
+        cells = np.asarray(block.data)
+        if cells.ndim != 2 or cells.shape[1] != len(LIBRARY_ORDERS[name]):
+            raise ValueError(f"{block.type} cells of shape {cells.shape}")
+        blocks.append((name, from_other(name, cells, family), data, groups))
+    return blocks
+
+
+def _msh_node_tags(path):
+    """(node count, largest node tag) from the $Nodes section of a .msh file, found
+    without reading the rest; None where the file does not say (meshio reports it)."""
+    import mmap
+    with open(path, "rb") as f:
+        try:
+            data = mmap.mmap(f.fileno(), 0, access=mmap.ACCESS_READ)
+        except ValueError:  # an empty file
+            return None
+        with data:
+            head = data.find(b"$MeshFormat")
+            nodes = data.find(b"$Nodes")
+            if head < 0 or nodes < 0:
+                return None
+            version, binary, size = data[head:head + 200].split(b"\n")[1].split()[:3]
+            start = data.find(b"\n", nodes) + 1
+            if version.startswith(b"4"):
+                if int(binary):
+                    width = int(size)
+                    values = np.frombuffer(data[start:start + 4 * width], dtype=f"<u{width}")
+                    return int(values[1]), int(values[3])
+                values = data[start:data.find(b"\n", start)].split()
+                return int(values[1]), int(values[3])
+            line_end = data.find(b"\n", start)
+            count = int(data[start:line_end])
+            if int(binary):
+                record = np.dtype([("tag", "<i4"), ("x", "<f8", 3)])
+                tags = np.frombuffer(data[line_end + 1:line_end + 1 + count * record.itemsize], dtype=record)["tag"]
+            else:
+                block = data[line_end + 1:data.find(b"$EndNodes", line_end)]
+                tags = np.fromstring(block, sep=" ").reshape(-1, 4)[:, 0] if count else np.zeros(0)
+            return count, int(tags.max()) if len(tags) else 0
+
+
+def _refuse_sparse_node_tags(path):
+    """meshio's .msh readers index a table by node tag: refuse tags far beyond the node
+    count rather than let a small file cost gigabytes (cost stays linear in the file)."""
+    try:
+        found = _msh_node_tags(path)
+    except (ValueError, IndexError, TypeError, OverflowError):
+        return  # malformed: meshio says what is wrong
+    if found is not None and found[1] > 16 * found[0] + 2 ** 24:
+        raise FileError(f"{path}: node tags up to {found[1]} for {found[0]} nodes, too sparse to read "
+                        f"(renumber them, e.g. gmsh {os.path.basename(path)} -0 -o renumbered.msh)")
+
+
+def _read_msh_text(path, progress):
+    """A Mesh through the fast path of text .msh 4.1 files, None when it does not apply."""
+    found = _io_msh.read(path, progress)
+    if found is None:
+        return None
+    points, blocks, groups = found
+    out = []
+    for name, cells in blocks:
+        out.append((name, from_other(name, cells, "gmsh"), {}, {}))
+    mesh = _assemble(path, points, out, {})
+    for group, members in groups.items():
+        per = mesh.groups.setdefault(group, {})
+        for name, index in members:
+            per[name] = np.union1d(per.get(name, np.zeros(0, np.uint32)), index).astype(np.uint32)
+    return mesh
+
+
+def _read_meshio(path, formats):
     meshio = _meshio()
-    if not isinstance(mesh, Mesh):
-        mesh = Mesh(*mesh)
-    fmt = _file_formats(path, file_format)[0]
-    if fmt == "gmsh":
-        fmt = "gmsh22"  # Gmsh's 2.2 format holds several cell types without entity tables
-    family = _family(fmt)
-    cells, cell_data, physical, cell_sets = [], {}, [], {g: [] for g in mesh.groups}
-    group_tags = {g: i + 1 for i, g in enumerate(mesh.groups)}
+    if formats[0].startswith("gmsh"):
+        _refuse_sparse_node_tags(path)
+    errors = []
+    for fmt in formats:
+        try:
+            with warnings.catch_warnings():
+                # an ID beyond 32 bits that a reader would wrap into its int32 arrays: refuse it
+                warnings.filterwarnings("error", message=".*out-of-bound Python integers", category=DeprecationWarning)
+                m = meshio._helpers.reader_map[fmt](str(path))  # meshio.read exits the process on failure
+            break
+        except DeprecationWarning:
+            errors.append(f"{fmt}: a node or element ID beyond 32 bits")
+        except Exception as error:  # meshio raises many kinds on bad files
+            errors.append(f"{fmt}: {type(error).__name__}: {str(error).splitlines()[0] if str(error) else ''}".strip())
+    else:
+        raise FileError(f"{path}: cannot read it as a mesh file ({'; '.join(errors)})")
+    return _assemble(path, m.points, _meshio_blocks(m, _order_family(fmt)), m.point_data or {})
+
+
+def read(path, file_format=None, progress=None):
+    """Reads a mesh file into a Mesh in this library's orders (see the module doc).
+    progress: None or a callable taking the fraction done (0.0 to 1.0)."""
+    path = str(path)
+    if not os.path.exists(path):
+        raise FileError(f"{path}: no such file")
+    if os.path.isdir(path):
+        raise FileError(f"{path}: is a directory")
+    formats = _file_formats(path, file_format)
+    if progress is not None:
+        progress(0.0)
+    try:
+        if formats in (["vtu"], ["vtk"]) and _io_vtk.available():
+            mesh = _read_vtu(path, progress)
+        elif formats == ["abaqus"]:
+            mesh = _read_abaqus(path)
+        else:
+            mesh = _read_msh_text(path, progress) if formats[0].startswith("gmsh") else None
+            if mesh is None:
+                mesh = _read_meshio(path, formats)
+    except FileError:
+        raise
+    except (ValueError, OSError, UnicodeDecodeError, MemoryError, IndexError, KeyError) as error:
+        raise FileError(f"{path}: {error}") from None
+    if progress is not None:
+        progress(1.0)
+    return mesh
+
+
+def _write_blocks(path, mesh, family):
+    """[(member type, element indices in the mixed array, cells, array name)] to write."""
+    out = []
     for name, connect in mesh.cells.items():
         for kind, index, part in split_mixed(name, connect):
             if not len(part):
@@ -382,39 +520,167 @@ def write(path, mesh, file_format=None, **kwargs):
                 # VTK has no 14-node pyramid; the base centre of a straight-sided one is redundant
                 warnings.warn(f"{path}: PY14 elements written as PY13 (without their base centre)")
                 kind, part = "PY13", part[:, :13]
-            cells.append((MESHIO_TYPES[kind], to_file_order(kind, part, family).astype(np.int64)))
-            for key, per in mesh.cell_data.items():
-                values = per.get(name)
-                cell_data.setdefault(key, []).append(
-                    np.asarray(values)[index] if values is not None else np.zeros(len(index)))
-            tags = np.zeros(len(index), dtype=np.int64)
-            for group, members in mesh.groups.items():
-                chosen = np.asarray(members.get(name, []), dtype=np.int64)
-                inside = np.isin(index, chosen)
-                tags[inside] = group_tags[group]
-                cell_sets[group].append(np.nonzero(inside)[0])
-            physical.append(tags)
-    field_data = {}
-    if family == "gmsh":
-        if len(cells) > 1 and any(not k.startswith("gmsh:") for k in cell_data):
+            out.append((kind, index, part, name))
+    return out
+
+
+def write(path, mesh, file_format=None, compression=DEFAULT_COMPRESSION, progress=None, **kwargs):
+    """Writes a Mesh (or a (coords, {type name: cells}) pair, or a meshio.Mesh) to a file
+    whose format is taken from the extension (or `file_format`).
+
+    compression: None (DEFAULT_COMPRESSION, raw binary), "lz4", "zlib" or "lzma" for
+    .vtu; .xdmf is gzip-compressed unless None; other formats ignore it. progress: None
+    or a callable taking the fraction done. kwargs go to meshio.write (e.g. binary=False
+    for a text .msh)."""
+    path = str(path)
+    if not isinstance(mesh, Mesh):
+        mesh = Mesh(mesh) if _is_meshio(mesh) else Mesh(*mesh)
+    if compression not in (None, "zlib", "lz4", "lzma"):
+        raise FileError(f"{path}: unknown compression {compression!r} (None, 'zlib', 'lz4' or 'lzma')")
+    fmt = _file_formats(path, file_format)[0]
+    if fmt == "gmsh":
+        fmt = "gmsh22"  # Gmsh's 2.2 format holds several cell types without entity tables
+    if progress is not None:
+        progress(0.0)
+    try:
+        if fmt in ("vtu", "vtk") and _io_vtk.available():
+            _write_vtu(path, mesh, compression, progress)
+        elif fmt == "abaqus":
+            _write_abaqus(path, mesh)
+        else:
+            _write_meshio(path, mesh, fmt, compression, kwargs)
+    except FileError:
+        raise
+    except KeyError as error:
+        raise FileError(f"{path}: the format cannot hold elements of type {error}") from None
+    except Exception as error:  # the writers raise many kinds
+        raise FileError(f"{path}: cannot write it ({type(error).__name__}: {error})") from None
+    if progress is not None:
+        progress(1.0)
+
+
+def _block_data(mesh, blocks, with_groups):
+    """{key: [per block values]}, cell data of the mixed arrays split along the blocks,
+    and with_groups: one 0/1 array per group."""
+    data = {}
+    for key, per in mesh.cell_data.items():
+        if all(per.get(name) is not None for _, _, _, name in blocks):
+            data[key] = [np.asarray(per[name])[index] for _, index, _, name in blocks]
+        else:  # some blocks lack it: zeros of the same shape there
+            sample = next(np.asarray(v) for v in per.values())
+            data[key] = [np.asarray(per[name])[index] if per.get(name) is not None
+                         else np.zeros((len(index),) + sample.shape[1:], sample.dtype) for _, index, _, name in blocks]
+    if with_groups:
+        for group, members in mesh.groups.items():
+            data[GROUP_PREFIX + group] = [np.isin(index, np.asarray(members.get(name, []), dtype=np.int64))
+                                          .astype(np.uint8) for _, index, _, name in blocks]
+    return data
+
+
+def _group_members(mesh, blocks):
+    """{group: [per block: indices into the block]}."""
+    return {group: [np.nonzero(np.isin(index, np.asarray(members.get(name, []), dtype=np.int64)))[0]
+                    for _, index, _, name in blocks] for group, members in mesh.groups.items()}
+
+
+def _write_vtu(path, mesh, compression, progress):
+    blocks = _write_blocks(path, mesh, "vtk")
+    data = {k: np.concatenate(v) if v else np.zeros(0) for k, v in _block_data(mesh, blocks, True).items()}
+    _io_vtk.write_vtu(path, mesh.coords, [(kind, to_other(kind, part, "vtk")) for kind, _, part, _ in blocks],
+                      mesh.point_data, data, compression, progress)
+
+
+def _write_abaqus(path, mesh):
+    blocks = _write_blocks(path, mesh, "abaqus")
+    if mesh.point_data or mesh.cell_data:
+        warnings.warn(f"{path}: point and cell data not written (.inp holds neither)")
+    try:
+        _io_abaqus.write(path, mesh.coords, [(kind, to_other(kind, part, "abaqus")) for kind, _, part, _ in blocks],
+                         _group_members(mesh, blocks))
+    except ValueError as error:
+        raise FileError(f"{path}: {error}") from None
+
+
+def _to_meshio(mesh, fmt, path="mesh"):
+    meshio = _meshio()
+    family = _order_family(fmt) if fmt else "meshio"
+    vtk_like = fmt is not None and _holds_groups_as_data(fmt)
+    blocks = _write_blocks(path, mesh, "vtk" if vtk_like else family)
+    cells = [(MESHIO_TYPES[kind], to_other(kind, part, family).astype(np.int64)) for kind, _, part, _ in blocks]
+    cell_data = _block_data(mesh, blocks, vtk_like)
+    field_data, cell_sets = {}, {}
+    if fmt is not None and fmt.startswith("gmsh"):
+        if len(cells) > 1 and cell_data:
             # meshio cannot read back element data spread over several cell types
             warnings.warn(f"{path}: cell data not written (the Gmsh writer holds it for one element type only)")
             cell_data = {}
+        group_tags = {g: i + 1 for i, g in enumerate(mesh.groups)}
+        physical = [np.zeros(len(index), dtype=np.int64) for _, index, _, _ in blocks]
+        for group, per_block in _group_members(mesh, blocks).items():
+            for tags, chosen in zip(physical, per_block):
+                tags[chosen] = group_tags[group]
         cell_data["gmsh:physical"] = physical
         cell_data["gmsh:geometrical"] = physical
         for group, tag in group_tags.items():
             dim = max((_dimension(k) for k in mesh.groups[group]), default=3)
             field_data[group] = np.array([tag, dim])
-    else:
-        cell_sets = {g: v for g, v in cell_sets.items() if sum(len(i) for i in v)}
-    m = meshio.Mesh(mesh.coords, cells, point_data=mesh.point_data, cell_data=cell_data, field_data=field_data,
-                    cell_sets=cell_sets if fmt in _FORMATS_WITH_SETS else None)
+    elif not vtk_like:
+        cell_sets = {g: v for g, v in _group_members(mesh, blocks).items() if sum(len(i) for i in v)}
+    families = {}
+    if fmt == "med" and mesh.groups:
+        # MED gives each element one family, a set of groups; element families are negative
+        members = _group_members(mesh, blocks)
+        cell_data["cell_tags"] = []
+        for b in range(len(blocks)):
+            key = np.zeros((len(blocks[b][1]), len(members)), dtype=bool)
+            for j, per_block in enumerate(members.values()):
+                key[per_block[b], j] = True
+            combinations, inverse = np.unique(key, axis=0, return_inverse=True)
+            tags = np.zeros(len(key), dtype=np.int64)
+            for c, combination in enumerate(combinations):
+                if combination.any():
+                    names = tuple(g for g, chosen in zip(members, combination) if chosen)
+                    tag = families.setdefault(names, -1 - len(families))
+                    tags[inverse.ravel() == c] = tag
+            cell_data["cell_tags"].append(tags)
+        cell_sets = {}
+    m = meshio.Mesh(mesh.coords, cells, point_data=dict(mesh.point_data), cell_data=cell_data,
+                    field_data=field_data, cell_sets=cell_sets or None)
+    if families:
+        m.cell_tags = {tag: list(names) for names, tag in families.items()}
+    return m
+
+
+def _write_meshio(path, mesh, fmt, compression, kwargs):
+    meshio = _meshio()
+    m = _to_meshio(mesh, fmt, path)
+    if fmt not in ("abaqus", "med", "nastran", "permas"):
+        m.cell_sets = {}
+    if fmt == "vtu":
+        kwargs.setdefault("compression", compression)
+    elif fmt == "xdmf":
+        kwargs.setdefault("compression", "gzip" if compression else None)
+    meshio.write(path, m, file_format=fmt, **kwargs)
+
+
+def _is_meshio(value):
+    return hasattr(value, "points") and hasattr(value, "cells") and not isinstance(value, Mesh)
+
+
+def from_meshio(m):
+    """A Mesh from a meshio.Mesh (meshio's node orders converted to this library's; cell
+    sets become groups; cells of kinds this library has no type for are refused)."""
     try:
-        meshio.write(path, m, file_format=fmt, **kwargs)
-    except KeyError as error:
-        raise FileError(f"{path}: the format cannot hold elements of type {error}") from None
-    except Exception as error:
-        raise FileError(f"{path}: cannot write it ({type(error).__name__}: {error})") from None
+        return _assemble("meshio.Mesh", m.points, _meshio_blocks(m, "meshio"), m.point_data or {})
+    except ValueError as error:
+        raise FileError(str(error) if str(error).startswith("meshio.Mesh") else f"meshio.Mesh: {error}") from None
+
+
+def to_meshio(mesh):
+    """A meshio.Mesh of a Mesh, in meshio's node orders, groups as cell sets."""
+    if not isinstance(mesh, Mesh):
+        mesh = Mesh(*mesh)
+    return _to_meshio(mesh, None)
 
 
 def _dimension(type_name):

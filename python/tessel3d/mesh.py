@@ -51,10 +51,12 @@ def version():
 
 
 def element_type(value):
-    """An ElementType from a type, its value or its name ("TH4", "th4")."""
+    """An ElementType from a type, its value, its name ("TH4", "th4") or meshio's name
+    of it ("tetra")."""
     if isinstance(value, str):
+        from ._io_orders import LIBRARY_TYPES
         try:
-            return ElementType[value.upper()]
+            return ElementType[LIBRARY_TYPES.get(value, value).upper()]
         except KeyError:
             raise ValueError(f"unknown element type {value!r}") from None
     return ElementType(int(value))

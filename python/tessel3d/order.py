@@ -3,6 +3,7 @@
 from collections import namedtuple
 
 from . import _arrays as A
+from ._orientation import refuse_inverted
 from .errors import check
 
 Converted = namedtuple("Converted", "coords connect")
@@ -37,6 +38,7 @@ def convert_into_high_order(coords, connect, nodes_per_edge=1, nodes_in_q4=0, no
                                nodes_in_py5, nodes_in_th4)]
     if min(counts) < 0:
         raise ValueError(f"{f}: node counts must be >= 0")
+    refuse_inverted(f, x, c)
     native = A.native("order", f)
     convert = native.convert_into_high_order if strict else native.convert_into_high_order_conforming
     status, xo, co = convert(x, c, *counts, fc, ed)
@@ -58,6 +60,7 @@ def convert_into_quadratic(coords, connect, faces=None, edges=None):
     c = A.id_matrix(connect, f, "connect", 2)
     fc = A.optional(A.id_matrix, faces, f, "faces", 3)
     ed = A.optional(A.id_matrix, edges, f, "edges", 4)
+    refuse_inverted(f, x, c)
     status, xo, co = A.native("order", f).convert_into_quadratic(x, c, fc, ed)
     check(f, status, {"coords": x, "connect": c, "faces": fc, "edges": ed})
     return Converted(xo, co)
@@ -87,6 +90,7 @@ def split_into_h8(coords, connect, hexahedra=None, faces=None, edges=None):
     h = A.optional(A.id_matrix, hexahedra, f, "hexahedra", 3)
     fc = A.optional(A.id_matrix, faces, f, "faces", 4)
     ed = A.optional(A.id_matrix, edges, f, "edges", 5)
+    refuse_inverted(f, x, c)
     status, xo, ho = A.native("order", f).split_into_H8(x, c, h, fc, ed)
     check(f, status, {"coords": x, "connect": c, "hexahedra": h, "faces": fc, "edges": ed})
     return Split(xo, ho)
