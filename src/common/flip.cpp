@@ -42,10 +42,10 @@ inline void apply(unsigned* column, const row_swaps& swaps) {
 
 void flip_mixed27(unsigned* column) {
   std::swap(column[0], column[2]);
-  if (column[10] == elfes::absent) return apply(column, mixed_th10_swaps);
-  if (column[14] == elfes::absent) return apply(column, mixed_py14_swaps);
+  if (column[10] == elfes::ABSENT) return apply(column, mixed_th10_swaps);
+  if (column[14] == elfes::ABSENT) return apply(column, mixed_py14_swaps);
   std::swap(column[3], column[5]);
-  apply(column, column[18] == elfes::absent ? mixed_w18_swaps : mixed_h27_swaps);
+  apply(column, column[18] == elfes::ABSENT ? mixed_w18_swaps : mixed_h27_swaps);
 }
 
 // The single-type flips exchange the two halves of each element.

@@ -77,7 +77,7 @@ int extrude_normal(dense2D<double>& coords, const dense2D<unsigned>& connectS, d
     return status;
 
   std::uint64_t N = 0;
-  if (!elfes::layer_count(thickness, h0, h1, even_layers, N)) return -199;
+  if (!elfes::layer_count(thickness, h0, h1, even_layers, N)) return tessel::OUT_OF_MEMORY;
   dense2D<double> normals;
   const int normals_status = tessel2d::normals(coords, connectS, 0.0, true, normals);
   if (normals_status < 0) return normals_status;

@@ -103,7 +103,7 @@ bool sum_mixed(const dense2D<unsigned>& connect, const elfes::mixed_node_reader&
       continue;
     }
     for (unsigned k = 0; k < 8; ++k)
-      if (column[k] >= nb_nodes && column[k] != elfes::absent) return false;
+      if (column[k] >= nb_nodes && column[k] != elfes::ABSENT) return false;
     switch (elfes::mixed8_kind(column)) {
       case elfes::kind_TH4:
         elfes::load_vertices<4>(column, node, p);

@@ -1,6 +1,7 @@
 // normals: angle-weighted nodal normals of a triangle / quadrangle surface.
 #include <cmath>
 
+#include "zel/tessel.h"
 #include "zel/tessel2d.h"
 
 namespace zel {
@@ -34,7 +35,7 @@ void accumulate(const dense2D<double>& coords, const dense2D<unsigned>& faces, d
   const double* xyz = coords.data();
   const unsigned* face = faces.data();
   for (std::size_t j = 0; j < faces.cols(); ++j, face += faces.ld()) {
-    const unsigned corners = (faces.rows() == 4 && face[3] != ~0U) ? 4 : 3;
+    const unsigned corners = (faces.rows() == 4 && face[3] != tessel::ABSENT) ? 4 : 3;
     const double* p[4];
     for (unsigned k = 0; k < corners; ++k) p[k] = xyz + std::size_t(face[k]) * ldc;
     const vec3 n = corners == 3 ? cross(sub(p[1], p[0]), sub(p[2], p[0])) : cross(sub(p[2], p[0]), sub(p[3], p[1]));
@@ -63,7 +64,7 @@ bool faces_valid(const dense2D<unsigned>& faces, unsigned nbNodes) {
   const unsigned* face = faces.data();
   for (std::size_t j = 0; j < faces.cols(); ++j, face += faces.ld()) {
     if (face[0] >= nbNodes || face[1] >= nbNodes || face[2] >= nbNodes) return false;
-    if (faces.rows() == 4 && face[3] >= nbNodes && face[3] != ~0U) return false;
+    if (faces.rows() == 4 && face[3] >= nbNodes && face[3] != tessel::ABSENT) return false;
   }
   return true;
 }
@@ -78,12 +79,12 @@ int normals(const dense2D<double>& coords, const dense2D<unsigned>& connectS, do
   if (!(angle >= 0)) return -3;
 
   dense2D<double> result;
-  if (!result.resize(3, coords.cols(), 0.0)) return -199;
+  if (!result.resize(3, coords.cols(), 0.0)) return tessel::OUT_OF_MEMORY;
   accumulate(coords, connectS, result.data(), nullptr, 0);
   if (angle > 0 && !connectS.empty()) {
     // Second pass against the all-face average: faces beyond the feature angle drop out.
     dense2D<double> filtered;
-    if (!filtered.resize(3, coords.cols(), 0.0)) return -199;
+    if (!filtered.resize(3, coords.cols(), 0.0)) return tessel::OUT_OF_MEMORY;
     accumulate(coords, connectS, filtered.data(), result.data(), angle);
     for (std::size_t j = 0; j < coords.cols(); ++j) {
       const double* f = &filtered(0, j);

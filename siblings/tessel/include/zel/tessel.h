@@ -42,6 +42,15 @@ enum element_type {
 
 namespace tessel {
 
+/// The sentinels of the mesh matrices: one bit pattern, ~0U, with three meanings, each
+/// under its own name so that code says which one it means.
+constexpr unsigned ABSENT = ~0U;      ///< a connectivity position without a node (mixed layouts)
+constexpr unsigned NO_ELEMENT = ~0U;  ///< no element: across a boundary face, or holding a node
+constexpr unsigned NOT_FOUND = ~0U;   ///< a search found nothing (no node, no containing element)
+
+/// Status returned by every function of the libraries when memory runs out.
+constexpr int OUT_OF_MEMORY = -199;
+
 /// True when every entry of `connect` is a node ID below nbNodes. The absent marker ~0U
 /// is accepted for the mixed types only (FACE_MIX4, FACE_MIX9, SOLID_MIX8, SOLID_MIX27),
 /// whose row counts are also checked so that their columns can be read safely:
