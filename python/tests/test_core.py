@@ -24,6 +24,18 @@ def test_version_and_constants():
     assert t3.element_type("h8") is t3.ElementType.H8
 
 
+def test_python_tables_agree_with_the_native_element_tables():
+    # Until the Python copies read element_tables() themselves, a typo in one of them fails here.
+    from tessel3d import cli, demo
+    tables = _core.element_tables()
+    for t in t3.ElementType:
+        rows, _, _, boundary, _ = tables["types"][int(t)]
+        assert (t3.ROWS[t], t3.FACES[t]) == (rows, boundary), t.name
+    solids = tables["solids"]
+    for name, faces in list(cli._FACES.items()) + list(demo._FACES.items()):
+        assert tuple(map(tuple, faces)) == solids[int(t3.element_type(name))]["faces"], name
+
+
 @pytest.mark.parametrize("name", sorted(FLIP_PAIRS))
 def test_flip_exchanges_the_documented_rows(name):
     rows = t3.ROWS[t3.element_type(name)]

@@ -34,11 +34,11 @@ inline constexpr std::array<unsigned, 25> neighbor_rows = make_neighbor_rows();
 static_assert(neighbor_rows[zel::SOLID_MIX8] == 6 && neighbor_rows[zel::W15] == 5 && neighbor_rows[zel::T6] == 3,
               "adjacency rows are the boundary counts");
 
-using zel::tessel::solid_kind;
-using zel::tessel::kind_TH4;
-using zel::tessel::kind_PY5;
-using zel::tessel::kind_W6;
 using zel::tessel::kind_H8;
+using zel::tessel::kind_PY5;
+using zel::tessel::kind_TH4;
+using zel::tessel::kind_W6;
+using zel::tessel::solid_kind;
 using solid_descriptor = zel::tessel::solid_record;
 inline constexpr const auto& solid_table = zel::tessel::solid_records;
 static_assert(solid_table[kind_TH4].type == zel::TH4 && solid_table[kind_PY5].type == zel::PY5 &&

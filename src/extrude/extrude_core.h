@@ -95,10 +95,17 @@ inline bool positive(double v) { return v > 0.0; }
 /// The matrices an extrusion appends to, with their column counts on entry.
 class extrusion_outputs {
  public:
-  extrusion_outputs(dense2D<double>& coords, dense2D<unsigned>& connectE, const dense2D<unsigned>& connectE2,
-                    dense2D<unsigned>& connectQ4, dense2D<unsigned>& connectTop)
-      : coords(coords), connectE(connectE), connectE2(connectE2), connectQ4(connectQ4), connectTop(connectTop),
-        nb_nodes(coords.cols()), nb_solids(connectE.cols()), nb_quads(connectQ4.cols()), nb_top(connectTop.cols()) {}
+  extrusion_outputs(dense2D<double>& nodes, dense2D<unsigned>& solids, const dense2D<unsigned>& edges,
+                    dense2D<unsigned>& lateral, dense2D<unsigned>& cap)
+      : coords(nodes),
+        connectE(solids),
+        connectE2(edges),
+        connectQ4(lateral),
+        connectTop(cap),
+        nb_nodes(nodes.cols()),
+        nb_solids(solids.cols()),
+        nb_quads(lateral.cols()),
+        nb_top(cap.cols()) {}
 
   /// Brings every output back to its column count on entry (row counts stay as they are).
   void roll_back();

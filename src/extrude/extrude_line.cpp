@@ -151,8 +151,8 @@ int extrude_along(dense2D<double>& coords, const dense2D<unsigned>& connectS, co
   const unsigned first_local = map.local(line[0]);
   const std::size_t N = line.size() - 1;
   elfes::extrusion_outputs out(coords, connectE, connectE2, connectQ4, connectTop);
-  const int status = elfes::extrude_layers(
-      out, connectS, map, N, [&] { return place_along_line(coords, map, out.nb_nodes, line, V, sizes); });
+  const int status = elfes::extrude_layers(out, connectS, map, N,
+                                           [&] { return place_along_line(coords, map, out.nb_nodes, line, V, sizes); });
   if (status == 0 && first_local != tessel::NOT_FOUND)
     merge_start_node(coords, line, out.nb_nodes, map.node_count(), first_local, connectE, connectQ4, connectTop);
   return status;
@@ -183,8 +183,7 @@ int extrude_line(dense2D<double>& coords, const dense2D<unsigned>& connectS, con
 }
 
 int extrude_line(dense2D<double>& coords, const dense2D<unsigned>& connectS, const dense1D<unsigned, 8>& line,
-                 const vector_fixed<double, 3>& V, const dense1D<double, 8>& line_scales,
-                 dense2D<unsigned>& connectE) {
+                 const vector_fixed<double, 3>& V, const dense1D<double, 8>& line_scales, dense2D<unsigned>& connectE) {
   dense2D<unsigned> connectE2, connectQ4, connectTop;
   return extrude_line(coords, connectS, line, V, line_scales, connectE, connectE2, connectQ4, connectTop);
 }

@@ -9,7 +9,6 @@ namespace zel {
 namespace tessel3d {
 namespace {
 
-
 // Row counts of the quadratic layouts that shrink to 8 rows: bits 13, 14, 15, 18, 20, 27.
 constexpr std::uint32_t quadratic_rows_mask = 0x814E000u;
 

@@ -8,7 +8,6 @@ namespace zel {
 namespace tessel3d {
 namespace {
 
-
 // Rows of the high-order elements (corners, edge nodes in the local edge order, face
 // nodes in the local face order, centre), one hexahedron per corner of the element.
 constexpr unsigned hexahedron_cut[8][8] = {{0, 8, 24, 11, 16, 22, 26, 20},  {1, 9, 24, 8, 17, 21, 26, 22},

@@ -38,7 +38,9 @@ struct h8_mesh {
 
 struct mixed8_mesh {
   using key_type = elfes::face_mix;
-  static key_type key(const unsigned* q, unsigned size) { return {{q[0], q[1], q[2], size == 4 ? q[3] : tessel::ABSENT}}; }
+  static key_type key(const unsigned* q, unsigned size) {
+    return {{q[0], q[1], q[2], size == 4 ? q[3] : tessel::ABSENT}};
+  }
   static const solid_descriptor& solid(const unsigned* column) { return solid_table[elfes::mixed8_kind(column)]; }
 };
 
@@ -197,8 +199,7 @@ class surface_opener {
     const unsigned e = node_element_[n];
     if (e >= nb_elements || !holds(column(e), rows, n)) return side_failed;
 
-    const int around = elfes::elements_around_node(n, e, conn_, nbrs_, faces_with_node<Mesh>{rows}, around_,
-                                                   visited_);
+    const int around = elfes::elements_around_node(n, e, conn_, nbrs_, faces_with_node<Mesh>{rows}, around_, visited_);
     if (around < 0) return side_no_memory;
     const unsigned seed = find_seed(oriented);
 
@@ -300,8 +301,7 @@ int duplicate_surface_nodes(dense2D<double>& coords, dense2D<unsigned>& connecti
     return -2;
   if (neighbors.cols() != connectivity.cols()) return -3;
   const unsigned faces = elfes::is_element_type(type) ? elfes::neighbor_rows[type] : 0;
-  if (neighbors.rows() != faces || !tessel::check_IDs(neighbors, static_cast<unsigned>(connectivity.cols())))
-    return -3;
+  if (neighbors.rows() != faces || !tessel::check_IDs(neighbors, static_cast<unsigned>(connectivity.cols()))) return -3;
   const std::size_t nb_entries = node_element.size();
   if (!tessel::check_IDs(connectivity, nb_entries < ~0U ? static_cast<unsigned>(nb_entries) : ~0U)) return -4;
 
@@ -316,10 +316,9 @@ int duplicate_surface_nodes(dense2D<double>& coords, dense2D<unsigned>& connecti
                                    negative_side);
     case SOLID_MIX8:
       if (!tessel::check_IDs(surface, FACE_MIX4, nb_nodes)) return -5;
-      return open_surface<mixed8_mesh>(coords, connectivity, neighbors, node_element, surface, excluded,
-                                       positive_side, negative_side);
-    default:
-      return -9;
+      return open_surface<mixed8_mesh>(coords, connectivity, neighbors, node_element, surface, excluded, positive_side,
+                                       negative_side);
+    default: return -9;
   }
 }
 

@@ -20,8 +20,8 @@ namespace tessel3d_test {
 enum class box_kind { TH4, PY5, W6, H8 };
 
 struct box_mesh {
-  zel::dense2D<double> coords;    // 3 x #nodes
-  zel::dense2D<unsigned> connect; // 4, 5, 6 or 8 rows
+  zel::dense2D<double> coords;     // 3 x #nodes
+  zel::dense2D<unsigned> connect;  // 4, 5, 6 or 8 rows
 };
 
 // Deterministic generator (splitmix64): the same seed gives the same numbers everywhere.
@@ -84,18 +84,16 @@ inline box_mesh make_box(box_kind kind, unsigned nx, unsigned ny, unsigned nz, d
     for (unsigned j = 0; j < ny; ++j)
       for (unsigned i = 0; i < nx; ++i, ++cell) {
         // Corners in the H8 order: bottom 0-1-2-3 counter-clockwise seen from above, top 4-7.
-        const unsigned c[8] = {node(i, j, k),         node(i + 1, j, k),     node(i + 1, j + 1, k),
-                               node(i, j + 1, k),     node(i, j, k + 1),     node(i + 1, j, k + 1),
-                               node(i + 1, j + 1, k + 1), node(i, j + 1, k + 1)};
+        const unsigned c[8] = {
+            node(i, j, k),     node(i + 1, j, k),     node(i + 1, j + 1, k),     node(i, j + 1, k),
+            node(i, j, k + 1), node(i + 1, j, k + 1), node(i + 1, j + 1, k + 1), node(i, j + 1, k + 1)};
         auto emit = [&](std::initializer_list<unsigned> local) {
           unsigned r = 0;
           for (unsigned l : local) column[r++] = c[l];
           column += rows;
         };
         switch (kind) {
-          case box_kind::H8:
-            emit({0, 1, 2, 3, 4, 5, 6, 7});
-            break;
+          case box_kind::H8: emit({0, 1, 2, 3, 4, 5, 6, 7}); break;
           case box_kind::W6:
             emit({0, 1, 2, 4, 5, 6});
             emit({0, 2, 3, 4, 6, 7});

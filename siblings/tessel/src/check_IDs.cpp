@@ -5,7 +5,6 @@ namespace zel {
 namespace tessel {
 namespace {
 
-
 // Row counts whose columns each mixed type can be read with safely.
 bool face_mix4_rows(std::size_t rows) { return rows == 3 || rows == 4; }
 bool solid_mix8_rows(std::size_t rows) { return rows >= 4 && rows <= 8 && rows != 7; }

@@ -7,7 +7,6 @@ namespace zel {
 namespace tessel {
 namespace {
 
-
 bool same_view(const dense2D<unsigned>& a, const dense2D<unsigned>& b) {
   return a.storage().get() == b.storage().get() && a.offset() == b.offset() && a.rows() == b.rows() &&
          a.cols() == b.cols() && a.ld() == b.ld();
@@ -61,7 +60,8 @@ int simplify(dense2D<double>& coords, dense2D<unsigned>* first, dense2D<unsigned
   double* xyz = coords.data();
   const std::size_t ld = coords.ld();
   for (std::size_t k = 0; k < nb_trailing; ++k)
-    if (map[k] != ABSENT && map[k] != nbNodes + k) std::copy(xyz + (nbNodes + k) * ld, xyz + (nbNodes + k) * ld + 3, xyz + std::size_t(map[k]) * ld);
+    if (map[k] != ABSENT && map[k] != nbNodes + k)
+      std::copy(xyz + (nbNodes + k) * ld, xyz + (nbNodes + k) * ld + 3, xyz + std::size_t(map[k]) * ld);
   // A narrower view of the same buffer: shrinking cannot fail, even when the buffer is shared.
   coords = coords.sub_matrix(0, 0, 3, next);
   return 0;

@@ -29,8 +29,8 @@ inline double angle_between(const vec3& u, const vec3& v) {
 // Adds each face's unit normal, weighted by its angle at the node, to the node's sum.
 // With `reference` given, a face counts at a node only when its normal lies within
 // max_angle of the node's reference direction.
-void accumulate(const dense2D<double>& coords, const dense2D<unsigned>& faces, double* sums,
-                const double* reference, double max_angle) {
+void accumulate(const dense2D<double>& coords, const dense2D<unsigned>& faces, double* sums, const double* reference,
+                double max_angle) {
   const std::size_t ldc = coords.ld();
   const double* xyz = coords.data();
   const unsigned* face = faces.data();
@@ -48,8 +48,7 @@ void accumulate(const dense2D<double>& coords, const dense2D<unsigned>& faces, d
         const double* r = reference + 3 * std::size_t(face[k]);
         if (angle_between(unit, {r[0], r[1], r[2]}) > max_angle) continue;
       }
-      const double weight =
-          angle_between(sub(p[(k + 1) % corners], p[k]), sub(p[(k + corners - 1) % corners], p[k]));
+      const double weight = angle_between(sub(p[(k + 1) % corners], p[k]), sub(p[(k + corners - 1) % corners], p[k]));
       sum[0] += weight * unit.x;
       sum[1] += weight * unit.y;
       sum[2] += weight * unit.z;

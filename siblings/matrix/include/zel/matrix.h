@@ -287,7 +287,8 @@ class dense2D {
     if (fits_in_place(rows, cols)) {
       T* base = rows * cols != 0 ? storage_->data() + offset_ : nullptr;  // nothing to fill otherwise
       if (base && rows > rows_)
-        for (size_type j = 0; j < cols_ && j < cols; ++j) std::fill(base + j * ld_ + rows_, base + j * ld_ + rows, fill);
+        for (size_type j = 0; j < cols_ && j < cols; ++j)
+          std::fill(base + j * ld_ + rows_, base + j * ld_ + rows, fill);
       if (base)
         for (size_type j = cols_; j < cols; ++j) std::fill(base + j * ld_, base + j * ld_ + rows, fill);
       if (rows > ld_) ld_ = rows;  // only possible when cols == 0: nothing is stored

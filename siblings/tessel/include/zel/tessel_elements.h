@@ -11,25 +11,25 @@ namespace tessel {
 
 /// One element type: its connectivity layout and shape.
 struct element_record {
-  unsigned rows;           ///< connectivity rows (nodes per column)
-  unsigned corners;        ///< vertices of the shape (the most, for the mixed layouts)
-  unsigned dimension;      ///< 0 node, 1 edge, 2 face, 3 solid
-  unsigned boundary;       ///< faces of a solid, sides of a face, ends of an edge (the
-                           ///< most for the mixed layouts): the rows of a face adjacency
-  element_type linear;     ///< the type with the same corners and no other node
+  unsigned rows;        ///< connectivity rows (nodes per column)
+  unsigned corners;     ///< vertices of the shape (the most, for the mixed layouts)
+  unsigned dimension;   ///< 0 node, 1 edge, 2 face, 3 solid
+  unsigned boundary;    ///< faces of a solid, sides of a face, ends of an edge (the
+                        ///< most for the mixed layouts): the rows of a face adjacency
+  element_type linear;  ///< the type with the same corners and no other node
 };
 
 /// Indexed by element_type (0 ... 24).
+// clang-format off (the tables keep their layout)
 constexpr element_record element_records[25] = {
-    {0, 0, 0, 0, NONE},          {1, 1, 0, 0, NODE},          {2, 2, 1, 2, E2},
-    {3, 2, 1, 2, E2},            {4, 2, 1, 2, E2},            {4, 4, 2, 4, FACE_MIX4},
-    {9, 4, 2, 4, FACE_MIX4},     {3, 3, 2, 3, T3},            {6, 3, 2, 3, T3},
-    {4, 4, 2, 4, Q4},            {8, 4, 2, 4, Q4},            {9, 4, 2, 4, Q4},
-    {8, 8, 3, 6, SOLID_MIX8},    {27, 8, 3, 6, SOLID_MIX8},   {4, 4, 3, 4, TH4},
-    {10, 4, 3, 4, TH4},          {5, 5, 3, 5, PY5},           {13, 5, 3, 5, PY5},
-    {14, 5, 3, 5, PY5},          {6, 6, 3, 5, W6},            {15, 6, 3, 5, W6},
-    {18, 6, 3, 5, W6},           {8, 8, 3, 6, H8},            {20, 8, 3, 6, H8},
+    {0, 0, 0, 0, NONE},       {1, 1, 0, 0, NODE},        {2, 2, 1, 2, E2},        {3, 2, 1, 2, E2},
+    {4, 2, 1, 2, E2},         {4, 4, 2, 4, FACE_MIX4},   {9, 4, 2, 4, FACE_MIX4}, {3, 3, 2, 3, T3},
+    {6, 3, 2, 3, T3},         {4, 4, 2, 4, Q4},          {8, 4, 2, 4, Q4},        {9, 4, 2, 4, Q4},
+    {8, 8, 3, 6, SOLID_MIX8}, {27, 8, 3, 6, SOLID_MIX8}, {4, 4, 3, 4, TH4},       {10, 4, 3, 4, TH4},
+    {5, 5, 3, 5, PY5},        {13, 5, 3, 5, PY5},        {14, 5, 3, 5, PY5},      {6, 6, 3, 5, W6},
+    {15, 6, 3, 5, W6},        {18, 6, 3, 5, W6},         {8, 8, 3, 6, H8},        {20, 8, 3, 6, H8},
     {27, 8, 3, 6, H8}};
+// clang-format on
 
 /// True for the values of element_type.
 constexpr bool is_element_type(int type) { return type >= NONE && type <= H27; }
@@ -52,6 +52,7 @@ struct solid_record {
   unsigned edges[12][2];
 };
 
+// clang-format off
 constexpr solid_record solid_records[4] = {
     {TH4, 4, 4, 6, {3, 3, 3, 3, 0, 0},
      {{1, 2, 3, ABSENT}, {2, 0, 3, ABSENT}, {0, 1, 3, ABSENT}, {2, 1, 0, ABSENT}},
@@ -66,6 +67,7 @@ constexpr solid_record solid_records[4] = {
      {{0, 3, 7, 4}, {1, 5, 6, 2}, {0, 4, 5, 1}, {3, 2, 6, 7}, {0, 1, 2, 3}, {4, 7, 6, 5}},
      {{0, 1}, {1, 2}, {2, 3}, {3, 0}, {4, 5}, {5, 6}, {6, 7}, {7, 4}, {0, 4}, {1, 5}, {2, 6}, {3, 7}}},
 };
+// clang-format on
 
 /// Kind of a column of the 8-row mixed layout (SOLID_MIX8), from which of rows 3, 4, 5, 6
 /// are ABSENT, always tested in this order: row 3 present and row 4 absent is a TH4; with

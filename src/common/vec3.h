@@ -1,4 +1,4 @@
-// Small 3-vector arithmetic for the measure kernels, and the two ways of reading a
+// Small 3-vector arithmetic for the kernels of every subsystem, and the two ways of reading a
 // node's coordinates out of a coordinates view (plain, or with absent nodes allowed).
 #pragma once
 
