@@ -22,6 +22,11 @@ OVERRIDES = {
     ("locate/node_octree.h", "return ~0U"): "NOT_FOUND",
     ("extrude/extrude_core.h", "? ~0U :"): "NOT_FOUND",
     ("extrude/extrude_line.cpp", "first_local != ~0U"): "NOT_FOUND",
+    ("locate/node_placement.h", "where = ~0U"): "NOT_FOUND",
+    ("tessel/src/get_neighbors.cpp", "second = absent"): "NO_ELEMENT",
+    ("tessel/src/get_neighbors.cpp", "second == absent"): "NO_ELEMENT",
+    ("tessel/src/get_neighbors.cpp", "nb_elements, absent"): "NO_ELEMENT",
+    ("tessel/src/get_neighbors.cpp", "nb_elements >= absent"): "NO_ELEMENT",
 }
 
 NAMES = ("ABSENT", "NO_ELEMENT", "NOT_FOUND", "OUT_OF_MEMORY")
@@ -57,14 +62,19 @@ def convert(path, meaning):
                 here = chosen
         if here:
             code = code.replace("~0U", prefix + here)
-        code = re.sub(r"(?<![\w:.])absent\b", prefix + "ABSENT", code)
+        code = re.sub(r"(?<![\w:.])absent\b", prefix + (here or "ABSENT"), code)
         code = re.sub(r"(?<![\w:.])no_memory\b", prefix + "OUT_OF_MEMORY", code)
         code = re.sub(r"(?<![\w.])-199\b", prefix + "OUT_OF_MEMORY", code)
         code = re.sub(r"\belfes::(ABSENT|absent)\b", "elfes::ABSENT", code)
         out.append(code + comment)
     new = "\n".join(out)
-    if prefix == "" and "namespace elfes" in text and "common/element_tables.h" not in new and "zel/tessel.h" in new:
-        new = new.replace('#include "zel/tessel.h"', '#include "common/element_tables.h"\n#include "zel/tessel.h"', 1)
+    uses_names = any(name in new for name in NAMES)
+    if prefix == "" and re.search(r"^namespace elfes\b", text, re.M) and uses_names and "common/element_tables.h" not in new:
+        at = new.find('#include "')  # the first of the project's includes
+        new = new[:at] + '#include "common/element_tables.h"\n' + new[at:]
+    if prefix and uses_names and "zel/tessel.h" not in new and "zel/tessel3d.h" not in new:
+        at = new.find('#include "')
+        new = new[:at] + '#include "zel/tessel.h"\n' + new[at:]
     if new != text:
         open(path, "w").write(new)
         print("named the sentinels of", path)

@@ -42,7 +42,7 @@ struct mixed_node_reader {
   const double* base;
   std::size_t ld;
   vec3 operator()(unsigned id) const {
-    if (id == absent) {
+    if (id == ABSENT) {
       const double nan = std::numeric_limits<double>::quiet_NaN();
       return {nan, nan, nan};
     }
