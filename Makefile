@@ -6,7 +6,7 @@ JOBS ?= 2
 PYTHON ?= $(shell test -x /usr/bin/python3 && echo /usr/bin/python3 || echo python3)
 DEMO_OUT ?= demo-output
 
-.PHONY: all deps build test demo bench bench-peers test-asan test-tsan fuzz clean
+.PHONY: all deps build test demo bench bench-peers test-asan test-tsan test-strict fuzz format format-check clean
 
 all: build
 
@@ -65,6 +65,24 @@ fuzz:
 	  $$t -max_total_time=$(FUZZ_SECONDS) -timeout=10 -rss_limit_mb=4096 -print_final_stats=1 \
 	    -artifact_prefix=build/fuzz/findings/$$name- build/fuzz/corpus/$$name fuzz/corpus/$$name || exit 1; \
 	done
+
+# The warnings-as-errors build (-Wall -Wextra -Wpedantic -Wshadow -Werror) of the libraries,
+# tests and examples; no test is run.
+test-strict: deps
+	cmake -S . -B build/strict -DCMAKE_BUILD_TYPE=Debug -DTESSEL3D_WERROR=ON -DTESSEL3D_BENCH=OFF -DTESSEL3D_PYTHON=OFF
+	cmake --build build/strict --parallel $(JOBS)
+
+# The C++ sources in .clang-format's style: `format` rewrites them, `format-check` lists
+# what it would change and fails when anything would.
+CLANG_FORMAT ?= clang-format
+FORMAT_FILES = $(shell git ls-files '*.h' '*.cpp')
+format:
+	@tools/install-deps.sh clang-format
+	$(CLANG_FORMAT) -i $(FORMAT_FILES)
+
+format-check:
+	@tools/install-deps.sh clang-format
+	$(CLANG_FORMAT) --dry-run --Werror $(FORMAT_FILES)
 
 clean:
 	rm -rf build

@@ -66,7 +66,7 @@ TEST_P(allocation_failures, each_one_is_reported_and_leaves_the_outputs_as_docum
 }
 
 INSTANTIATE_TEST_SUITE_P(every_family, allocation_failures, ::testing::ValuesIn(family_table()),
-                         [](const ::testing::TestParamInfo<family_row>& info) { return std::string(info.param.name); });
+                         [](const ::testing::TestParamInfo<family_row>& row) { return std::string(row.param.name); });
 
 // ---- hostile sizes ---------------------------------------------------------------------------
 

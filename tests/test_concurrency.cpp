@@ -76,7 +76,7 @@ TEST_P(concurrent_calls, match_a_call_alone_and_leave_the_shared_inputs_alone) {
 }
 
 INSTANTIATE_TEST_SUITE_P(every_family, concurrent_calls, ::testing::ValuesIn(tessel3d_test::family_table()),
-                         [](const ::testing::TestParamInfo<family_row>& info) { return std::string(info.param.name); });
+                         [](const ::testing::TestParamInfo<family_row>& row) { return std::string(row.param.name); });
 
 class padded_views : public ::testing::TestWithParam<family_row> {};
 
@@ -85,7 +85,7 @@ TEST_P(padded_views, give_what_plain_matrices_give_and_leave_the_padding_alone) 
 }
 
 INSTANTIATE_TEST_SUITE_P(every_family, padded_views, ::testing::ValuesIn(tessel3d_test::family_table()),
-                         [](const ::testing::TestParamInfo<family_row>& info) { return std::string(info.param.name); });
+                         [](const ::testing::TestParamInfo<family_row>& row) { return std::string(row.param.name); });
 
 // One detector, queried from every thread: the queries are const and share its buffers.
 TEST(node_detector, concurrent_queries_match_queries_alone) {

@@ -370,8 +370,8 @@ TEST(extrude_line, factors_and_tensors_scale_the_section) {
   for (unsigned k = 0; k < 4; ++k) metrics(0, k) = metrics(2, k) = metrics(5, k) = 1 / (scale[k] * scale[k]);
   surface m = s;
   ASSERT_EQ(t3::extrude_line(m.coords, m.connect, line, vec3(0, 0, 1), metrics, F), 0);
-  for (std::size_t n = 13; n < m.coords.cols(); ++n)
-    for (unsigned c = 0; c < 3; ++c) EXPECT_NEAR(m.coords(c, n), f.coords(c, n), 1e-14);
+  for (std::size_t node = 13; node < m.coords.cols(); ++node)
+    for (unsigned c = 0; c < 3; ++c) EXPECT_NEAR(m.coords(c, node), f.coords(c, node), 1e-14);
   metrics(5, 2) = -1;
   m = s;
   ASSERT_EQ(t3::extrude_line(m.coords, m.connect, line, vec3(0, 0, 1), metrics, F), 0);

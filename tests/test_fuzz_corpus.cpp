@@ -63,6 +63,6 @@ TEST_P(fuzz_corpus, survives_random_inputs) {
 }
 
 INSTANTIATE_TEST_SUITE_P(targets, fuzz_corpus, ::testing::ValuesIn(targets),
-                         [](const ::testing::TestParamInfo<target>& info) { return std::string(info.param.name); });
+                         [](const ::testing::TestParamInfo<target>& row) { return std::string(row.param.name); });
 
 }  // namespace

@@ -65,7 +65,7 @@ TEST(dense2D, sub_matrix_is_a_shared_view_with_the_parent_ld) {
   const dense2D<double> view = m.sub_matrix(1, 1, 2, 2);
   EXPECT_EQ(view.ld(), 4u);
   EXPECT_EQ(view.offset(), 5u);
-  EXPECT_EQ(m.storage()->__count(), 2u);
+  EXPECT_EQ(m.storage()->use_count(), 2u);
   EXPECT_EQ(entries(view), (std::vector<double>{11, 12, 21, 22}));
   m(2, 2) = -1;  // writes through the parent are seen by the view
   EXPECT_EQ(view(1, 1), -1);
@@ -107,17 +107,17 @@ TEST(dense2D, copies_are_shallow_and_counted) {
   {
     dense2D<double> b(a), c;
     c.shallow_copy(a);
-    EXPECT_EQ(a.storage()->__count(), 3u);
+    EXPECT_EQ(a.storage()->use_count(), 3u);
     EXPECT_EQ(c.data(), a.data());
     b(0, 1) = 9;
     EXPECT_EQ(a(0, 1), 9);
   }
-  EXPECT_EQ(a.storage()->__count(), 1u);
+  EXPECT_EQ(a.storage()->use_count(), 1u);
   const dense2D<double> padded = padded_view(a, 2, nan_value);
   dense2D<double> deep;
   ASSERT_TRUE(deep.copy(padded));
   EXPECT_NE(deep.data(), padded.data());
-  EXPECT_TRUE(deep.ld() == 3 && deep.storage()->__count() == 1);
+  EXPECT_TRUE(deep.ld() == 3 && deep.storage()->use_count() == 1);
   EXPECT_EQ(entries(deep), entries(a));
 }
 
@@ -127,7 +127,7 @@ TEST(dense2D, growth_of_a_shared_buffer_detaches) {
     dense2D<unsigned> b(a);
     ASSERT_TRUE(how == 0 ? b.resize(2, 5, 7U) : how == 1 ? b.resize(3, 2, 7U) : b.reserve(2, 9, 1));
     EXPECT_NE(b.data(), a.data());
-    EXPECT_EQ(a.storage()->__count(), 1u);
+    EXPECT_EQ(a.storage()->use_count(), 1u);
     EXPECT_EQ(entries(a), (std::vector<unsigned>{1, 2, 3, 4}));
     EXPECT_EQ(b(1, 1), 4u);
   }
@@ -148,7 +148,7 @@ TEST(dense2D, clear_and_as_vector) {
   shared.clear();
   EXPECT_EQ(shared.rows() + shared.cols(), 0u);
   EXPECT_EQ(entries(m).size(), 6u);       // the other user keeps its matrix
-  EXPECT_EQ(m.storage()->__count(), 2u);  // m and `all`
+  EXPECT_EQ(m.storage()->use_count(), 2u);  // m and `all`
 }
 
 TEST(dense1D, push_back_resize_reserve_clear) {
@@ -166,7 +166,7 @@ TEST(dense1D, push_back_resize_reserve_clear) {
   ASSERT_TRUE(shared.reserve(3, 1));  // fewer than its entries: detaches with all of them
   ASSERT_TRUE(shared.push_back(1));
   EXPECT_TRUE(shared.size() == 904 && shared[50] == 2500);
-  EXPECT_TRUE(v.size() == 903 && v.storage()->__count() == 1);
+  EXPECT_TRUE(v.size() == 903 && v.storage()->use_count() == 1);
   v.clear();
   EXPECT_TRUE(v.empty());
   ASSERT_TRUE(v.push_back(4));

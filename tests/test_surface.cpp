@@ -242,7 +242,7 @@ TEST_P(duplicate_surface, bad_node_element_entry_changes_nothing) {
 }
 
 INSTANTIATE_TEST_SUITE_P(duplicate_surface_nodes, duplicate_surface, ::testing::ValuesIn(cases),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         [](const auto& row) { return std::string(row.param.name); });
 
 TEST(duplicate_surface_nodes, numbering_on_two_tetrahedra) {
   // Two TH4 on either side of the triangle 0-1-2 (z = 0): node 3 above, node 4 below.

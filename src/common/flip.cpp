@@ -22,12 +22,13 @@ constexpr row_swaps py14_swaps = {5, {{0, 2}, {5, 7}, {6, 8}, {9, 10}, {11, 12}}
 constexpr row_swaps w6_swaps = {2, {{0, 2}, {3, 5}}};
 constexpr row_swaps w18_swaps = {6, {{0, 2}, {3, 5}, {6, 8}, {9, 11}, {12, 14}, {15, 17}}};
 constexpr row_swaps h8_swaps = {2, {{0, 2}, {4, 6}}};
-constexpr row_swaps h27_swaps = {9, {{0, 2}, {4, 6}, {8, 9}, {10, 11}, {12, 13}, {14, 15}, {16, 18}, {21, 22}, {20, 23}}};
+constexpr row_swaps h27_swaps = {9,
+                                 {{0, 2}, {4, 6}, {8, 9}, {10, 11}, {12, 13}, {14, 15}, {16, 18}, {21, 22}, {20, 23}}};
 
 constexpr const row_swaps* flip_table[25] = {
-    &no_swaps,  &no_swaps, &no_swaps,   &no_swaps, &no_swaps,  &no_swaps, &no_swaps,  &no_swaps, &no_swaps,
-    &no_swaps,  &no_swaps, &no_swaps,   &no_swaps, &no_swaps,  &th_swaps, &th10_swaps, &th_swaps, &no_swaps,
-    &py14_swaps, &w6_swaps, &no_swaps,  &w18_swaps, &h8_swaps, &no_swaps, &h27_swaps};
+    &no_swaps,   &no_swaps, &no_swaps, &no_swaps,  &no_swaps, &no_swaps, &no_swaps,   &no_swaps, &no_swaps,
+    &no_swaps,   &no_swaps, &no_swaps, &no_swaps,  &no_swaps, &th_swaps, &th10_swaps, &th_swaps, &no_swaps,
+    &py14_swaps, &w6_swaps, &no_swaps, &w18_swaps, &h8_swaps, &no_swaps, &h27_swaps};
 
 // The 27-row mixed layout, recognised by its padding: after 0<->2, a TH10 (row 10
 // absent), a PY14 (row 14 absent), else 3<->5 and a W18 (row 18 absent) or an H27.
@@ -42,10 +43,10 @@ inline void apply(unsigned* column, const row_swaps& swaps) {
 
 void flip_mixed27(unsigned* column) {
   std::swap(column[0], column[2]);
-  if (column[10] == elfes::absent) return apply(column, mixed_th10_swaps);
-  if (column[14] == elfes::absent) return apply(column, mixed_py14_swaps);
+  if (column[10] == elfes::ABSENT) return apply(column, mixed_th10_swaps);
+  if (column[14] == elfes::ABSENT) return apply(column, mixed_py14_swaps);
   std::swap(column[3], column[5]);
-  apply(column, column[18] == elfes::absent ? mixed_w18_swaps : mixed_h27_swaps);
+  apply(column, column[18] == elfes::ABSENT ? mixed_w18_swaps : mixed_h27_swaps);
 }
 
 // The single-type flips exchange the two halves of each element.

@@ -4,6 +4,7 @@
 
 #include <cmath>
 
+#include "common/element_tables.h"
 #include "zel/tessel.h"
 
 namespace elfes {
@@ -13,27 +14,29 @@ int build_surface_node_map(const dense2D<unsigned>& connectS, surface_node_map& 
   map.complete = false;
   const std::size_t rows = connectS.rows(), nb_faces = connectS.cols();
   int status = 0;
-  if (!map.node_ids.reserve(nb_faces, 1)) status = -199;
-  if (!map.local_index.reset(23, 23, 1.0)) status = -199;
+  if (!map.node_ids.reserve(nb_faces, 1)) status = OUT_OF_MEMORY;
+  if (!map.local_index.reset(23, 23, 1.0)) status = OUT_OF_MEMORY;
   if (rows != 3 && rows != 4) {
     map.complete = true;
     return status;
   }
   // A surface has about as many nodes as faces (half as many for triangles): size the
   // table once for that many so that the bulk insertion does not rehash.
-  if (!map.local_index.rehash(nb_faces)) status = -199;
+  if (!map.local_index.rehash(nb_faces)) status = OUT_OF_MEMORY;
 
   const unsigned* column = connectS.data();
   for (std::size_t j = 0; j < nb_faces; ++j, column += connectS.ld())
     for (std::size_t r = 0; r < rows; ++r) {
       const unsigned node = column[r];
-      if (node == ~0U) continue;  // only row 3 may hold it (checked by the callers)
+      if (node == ABSENT) continue;  // only row 3 may hold it (checked by the callers)
       const map_entry<unsigned, std::size_t> entry{node, map.node_ids.size()};
       bool added = false;
       const std::size_t pos = map.local_index.insert_growing(hash_key(node), entry, &added);
-      if (pos == map.local_index.npos) return -199;  // incomplete: map.complete stays false
-      if (added && !map.node_ids.push_back(node)) return -199;
+      if (pos == map.local_index.npos) return OUT_OF_MEMORY;  // incomplete: map.complete stays false
+      if (added && !map.node_ids.push_back(node)) return OUT_OF_MEMORY;
+      TESSEL3D_DEBUG_ASSERT(map.local_index.value(pos).second < map.node_ids.size());
     }
+  TESSEL3D_DEBUG_ASSERT(map.local_index.size() == map.node_ids.size());
   map.complete = true;
   return status;
 }
@@ -94,7 +97,7 @@ int check_surface(const dense2D<double>& coords, const dense2D<unsigned>& connec
   // The mixed check lets ~0U through in any row; only row 3 may be empty.
   const unsigned* column = connectS.data();
   for (std::size_t j = 0; j < connectS.cols(); ++j, column += connectS.ld())
-    if (column[0] == ~0U || column[1] == ~0U || column[2] == ~0U) return -2;
+    if (column[0] == ABSENT || column[1] == ABSENT || column[2] == ABSENT) return -2;
   return 0;
 }
 
@@ -117,9 +120,9 @@ int check_outputs(const output_codes& codes, const dense2D<unsigned>& connectE, 
 
 void extrusion_outputs::roll_back() {
   // Fewer columns with the same rows never needs memory: these cannot fail.
-  connectE.resize(connectE.rows(), nb_solids, ~0U);
-  connectQ4.resize(connectQ4.rows(), nb_quads, ~0U);
-  connectTop.resize(connectTop.rows(), nb_top, ~0U);
+  connectE.resize(connectE.rows(), nb_solids, ABSENT);
+  connectQ4.resize(connectQ4.rows(), nb_quads, ABSENT);
+  connectTop.resize(connectTop.rows(), nb_top, ABSENT);
   coords.resize(coords.rows(), nb_nodes, 0.0);
 }
 
@@ -134,25 +137,28 @@ int build_extruded_elements(const dense2D<unsigned>& connectS, const surface_nod
                             dense2D<unsigned>& connectQ4, dense2D<unsigned>& connectTop) {
   const std::size_t R = connectS.rows(), nb_faces = connectS.cols(), nb_edges = connectE2.cols();
   const std::size_t E0 = connectE.cols(), Q0 = connectQ4.cols(), T0 = connectTop.cols();
-  bool sized = grow_columns(connectE, 2 * R, E0 + N * nb_faces, ~0U);
-  sized = grow_columns(connectQ4, 4, Q0 + N * nb_edges, ~0U) && sized;
-  sized = grow_columns(connectTop, R, T0 + nb_faces, ~0U) && sized;
-  if (!sized) return -199;
+  bool sized = grow_columns(connectE, 2 * R, E0 + N * nb_faces, ABSENT);
+  sized = grow_columns(connectQ4, 4, Q0 + N * nb_edges, ABSENT) && sized;
+  sized = grow_columns(connectTop, R, T0 + nb_faces, ABSENT) && sized;
+  if (!sized) return OUT_OF_MEMORY;
 
-  // IDs are 32-bit: a node missing from the map (local index ~0U) wraps like the caller's.
+  // IDs are 32-bit: a node missing from the map (local index NOT_FOUND) wraps like the caller's.
   const unsigned base = static_cast<unsigned>(nb_nodes), step = static_cast<unsigned>(map.node_count());
   const std::size_t ldE = connectE.ld(), ldT = connectTop.ld(), ldQ = connectQ4.ld();
   // The layer-1 nodes of every face go first into its far-cap column: done apart from the
   // bulk of the solids, the map lookups find the table still in cache.
   const unsigned* face = connectS.data();
   for (std::size_t j = 0; j < nb_faces; ++j, face += connectS.ld()) {
-    const unsigned nb_corners = (R == 4 && face[3] != ~0U) ? 4 : 3;
+    const unsigned nb_corners = (R == 4 && face[3] != ABSENT) ? 4 : 3;
     unsigned* top = connectTop.data() + (T0 + j) * ldT;
-    for (unsigned i = 0; i < nb_corners; ++i) top[i] = base + map.local(face[i]);
+    for (unsigned i = 0; i < nb_corners; ++i) {
+      TESSEL3D_DEBUG_ASSERT(map.local(face[i]) != NOT_FOUND);  // every face node is in a complete map
+      top[i] = base + map.local(face[i]);
+    }
   }
   face = connectS.data();
   for (std::size_t j = 0; j < nb_faces; ++j, face += connectS.ld()) {
-    const unsigned nb_corners = (R == 4 && face[3] != ~0U) ? 4 : 3;
+    const unsigned nb_corners = (R == 4 && face[3] != ABSENT) ? 4 : 3;
     unsigned* top = connectTop.data() + (T0 + j) * ldT;
     unsigned b[4], t[4];
     for (unsigned i = 0; i < nb_corners; ++i) {
@@ -195,7 +201,8 @@ int open_layers(dense2D<double>& coords, const surface_node_map& map, std::size_
                 node_layers& layers) {
   const std::size_t count = map.node_count();
   if (count == 0 || N == 0) return 1;
-  if (!grow_columns(coords, 3, nb_nodes + N * count, 0.0)) return -199;
+  if (!grow_columns(coords, 3, nb_nodes + N * count, 0.0)) return OUT_OF_MEMORY;
+  TESSEL3D_DEBUG_ASSERT(map.complete && nb_nodes + N * count <= 0xFFFFFFFFull);
   layers = {coords.data(), coords.ld(), nb_nodes, count, map.node_ids.data()};
   return 0;
 }

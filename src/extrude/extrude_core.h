@@ -12,6 +12,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "common/debug_check.h"
+#include "common/element_tables.h"
 #include "order/hash_tables.h"
 #include "zel/matrix.h"
 
@@ -23,17 +25,20 @@ using zel::dense2D;
 // ---- surface node map -------------------------------------------------------------------
 
 /// The distinct nodes of a surface in order of first appearance (columns in order, rows
-/// 0, 1, 2, then row 3 unless it is ~0U), and the reverse map node ID -> local index.
+/// 0, 1, 2, then row 3 unless it is ABSENT), and the reverse map node ID -> local index.
 struct surface_node_map {
   dense1D<unsigned, 8> node_ids;
   hash_table<map_entry<unsigned, std::size_t>> local_index;
   bool complete = false;  // every node of the surface made it into the map
 
   std::size_t node_count() const { return node_ids.size(); }
-  /// Local index of a node, ~0U for a node that is not in the map.
+  /// Local index of a node, NOT_FOUND for a node that is not in the map.
   unsigned local(unsigned node) const {
     const std::size_t pos = local_index.find(hash_key(node), node);
-    return pos == local_index.end() ? ~0U : static_cast<unsigned>(local_index.value(pos).second);
+    if (pos == local_index.end()) return NOT_FOUND;
+    const std::size_t index = local_index.value(pos).second;
+    TESSEL3D_DEBUG_ASSERT(index < node_ids.size() && node_ids[index] == node);  // the two maps agree
+    return static_cast<unsigned>(index);
   }
 };
 
@@ -90,10 +95,17 @@ inline bool positive(double v) { return v > 0.0; }
 /// The matrices an extrusion appends to, with their column counts on entry.
 class extrusion_outputs {
  public:
-  extrusion_outputs(dense2D<double>& coords, dense2D<unsigned>& connectE, const dense2D<unsigned>& connectE2,
-                    dense2D<unsigned>& connectQ4, dense2D<unsigned>& connectTop)
-      : coords(coords), connectE(connectE), connectE2(connectE2), connectQ4(connectQ4), connectTop(connectTop),
-        nb_nodes(coords.cols()), nb_solids(connectE.cols()), nb_quads(connectQ4.cols()), nb_top(connectTop.cols()) {}
+  extrusion_outputs(dense2D<double>& nodes, dense2D<unsigned>& solids, const dense2D<unsigned>& edges,
+                    dense2D<unsigned>& lateral, dense2D<unsigned>& cap)
+      : coords(nodes),
+        connectE(solids),
+        connectE2(edges),
+        connectQ4(lateral),
+        connectTop(cap),
+        nb_nodes(nodes.cols()),
+        nb_solids(solids.cols()),
+        nb_quads(lateral.cols()),
+        nb_top(cap.cols()) {}
 
   /// Brings every output back to its column count on entry (row counts stay as they are).
   void roll_back();
@@ -158,7 +170,7 @@ int open_layers(dense2D<double>& coords, const surface_node_map& map, std::size_
 template <class Place>
 int extrude_layers(extrusion_outputs& out, const dense2D<unsigned>& connectS, const surface_node_map& map,
                    std::uint64_t N, Place&& place) {
-  if (!map.complete || !node_ids_fit(out.nb_nodes, N, map.node_count())) return -199;
+  if (!map.complete || !node_ids_fit(out.nb_nodes, N, map.node_count())) return OUT_OF_MEMORY;
   int status = build_extruded_elements(connectS, map, out.nb_nodes, N, out.connectE, out.connectE2, out.connectQ4,
                                        out.connectTop);
   if (status == 0) status = place();
@@ -192,7 +204,7 @@ int extrude_sized(dense2D<double>& coords, const dense2D<unsigned>& connectS, do
   surface_node_map map;
   build_surface_node_map(connectS, map);  // a failed reservation still leaves a usable map
   std::uint64_t N = 0;
-  if (!layer_count(sweep_length(), h0, h1, even_layers, N)) return -199;
+  if (!layer_count(sweep_length(), h0, h1, even_layers, N)) return OUT_OF_MEMORY;
   extrusion_outputs out(coords, connectE, connectE2, connectQ4, connectTop);
   return extrude_layers(out, connectS, map, N, [&] { return place(map, out.nb_nodes, N); });
 }

@@ -125,7 +125,7 @@ void merge_start_node(dense2D<double>& coords, const dense1D<unsigned, 8>& line,
     for (std::size_t j = 0; j < m.cols(); ++j, column += m.ld())
       for (std::size_t r = 0; r < m.rows(); ++r) {
         const unsigned id = column[r];
-        if (id == ~0U || id < nb_nodes || id >= end) continue;
+        if (id == tessel::ABSENT || id < nb_nodes || id >= end) continue;
         const std::size_t offset = id - nb_nodes;
         if (offset % node_count == first_local) column[r] = line[offset / node_count + 1];
       }
@@ -151,9 +151,9 @@ int extrude_along(dense2D<double>& coords, const dense2D<unsigned>& connectS, co
   const unsigned first_local = map.local(line[0]);
   const std::size_t N = line.size() - 1;
   elfes::extrusion_outputs out(coords, connectE, connectE2, connectQ4, connectTop);
-  const int status = elfes::extrude_layers(
-      out, connectS, map, N, [&] { return place_along_line(coords, map, out.nb_nodes, line, V, sizes); });
-  if (status == 0 && first_local != ~0U)
+  const int status = elfes::extrude_layers(out, connectS, map, N,
+                                           [&] { return place_along_line(coords, map, out.nb_nodes, line, V, sizes); });
+  if (status == 0 && first_local != tessel::NOT_FOUND)
     merge_start_node(coords, line, out.nb_nodes, map.node_count(), first_local, connectE, connectQ4, connectTop);
   return status;
 }
@@ -183,8 +183,7 @@ int extrude_line(dense2D<double>& coords, const dense2D<unsigned>& connectS, con
 }
 
 int extrude_line(dense2D<double>& coords, const dense2D<unsigned>& connectS, const dense1D<unsigned, 8>& line,
-                 const vector_fixed<double, 3>& V, const dense1D<double, 8>& line_scales,
-                 dense2D<unsigned>& connectE) {
+                 const vector_fixed<double, 3>& V, const dense1D<double, 8>& line_scales, dense2D<unsigned>& connectE) {
   dense2D<unsigned> connectE2, connectQ4, connectTop;
   return extrude_line(coords, connectS, line, V, line_scales, connectE, connectE2, connectQ4, connectTop);
 }

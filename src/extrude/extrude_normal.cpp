@@ -66,8 +66,8 @@ int extrude_normal(dense2D<double>& coords, const dense2D<unsigned>& connectS, c
   return extrude_normal(coords, connectS, node_normals, nbLayers, connectE, connectE2, connectQ4, connectTop);
 }
 
-int extrude_normal(dense2D<double>& coords, const dense2D<unsigned>& connectS, double thickness, double h0,
-                   double h1, bool even_layers, dense2D<unsigned>& connectE, const dense2D<unsigned>& connectE2,
+int extrude_normal(dense2D<double>& coords, const dense2D<unsigned>& connectS, double thickness, double h0, double h1,
+                   bool even_layers, dense2D<unsigned>& connectE, const dense2D<unsigned>& connectE2,
                    dense2D<unsigned>& connectQ4, dense2D<unsigned>& connectTop) {
   if (const int status = elfes::check_surface(coords, connectS, false, coords.cols())) return status > 0 ? 0 : status;
   if (!elfes::positive(thickness)) return -3;
@@ -77,7 +77,7 @@ int extrude_normal(dense2D<double>& coords, const dense2D<unsigned>& connectS, d
     return status;
 
   std::uint64_t N = 0;
-  if (!elfes::layer_count(thickness, h0, h1, even_layers, N)) return -199;
+  if (!elfes::layer_count(thickness, h0, h1, even_layers, N)) return tessel::OUT_OF_MEMORY;
   dense2D<double> normals;
   const int normals_status = tessel2d::normals(coords, connectS, 0.0, true, normals);
   if (normals_status < 0) return normals_status;
@@ -92,11 +92,10 @@ int extrude_normal(dense2D<double>& coords, const dense2D<unsigned>& connectS, d
   });
 }
 
-int extrude_normal(dense2D<double>& coords, const dense2D<unsigned>& connectS, double thickness, double h0,
-                   double h1, bool even_layers, dense2D<unsigned>& connectE) {
+int extrude_normal(dense2D<double>& coords, const dense2D<unsigned>& connectS, double thickness, double h0, double h1,
+                   bool even_layers, dense2D<unsigned>& connectE) {
   dense2D<unsigned> connectE2, connectQ4, connectTop;
-  return extrude_normal(coords, connectS, thickness, h0, h1, even_layers, connectE, connectE2, connectQ4,
-                        connectTop);
+  return extrude_normal(coords, connectS, thickness, h0, h1, even_layers, connectE, connectE2, connectQ4, connectTop);
 }
 
 // Only connectE and connectTop are checked before the conversion, with the codes -5 and

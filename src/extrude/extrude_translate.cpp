@@ -6,8 +6,8 @@ namespace zel {
 namespace tessel3d {
 namespace {
 
-int place_translated(dense2D<double>& coords, const elfes::surface_node_map& map, std::size_t nb_nodes,
-                     std::size_t N, const vector_fixed<double, 3>& T, double h0, double h1) {
+int place_translated(dense2D<double>& coords, const elfes::surface_node_map& map, std::size_t nb_nodes, std::size_t N,
+                     const vector_fixed<double, 3>& T, double h0, double h1) {
   elfes::node_layers layers;
   const int status = elfes::open_layers(coords, map, nb_nodes, N, layers);
   if (status != 0) return status < 0 ? status : 0;

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "common/element_tables.h"
-#include "measures/vec3.h"
+#include "common/vec3.h"
 #include "zel/matrix.h"
 #include "zel/tessel.h"
 

@@ -38,7 +38,7 @@ int circumcenters(const dense2D<double>& coords, const dense2D<unsigned>& connec
   centers.clear();
   if (coords.rows() != 3) return -1;
   if (connect.rows() != 4 || !tessel::check_IDs(connect, TH4, static_cast<unsigned>(coords.cols()))) return -2;
-  if (!centers.resize(3, connect.cols(), 0.0)) return -199;
+  if (!centers.resize(3, connect.cols(), 0.0)) return tessel::OUT_OF_MEMORY;
   if (connect.cols() == 0) return 0;
 
   const elfes::node_reader node{coords.data(), coords.ld()};

@@ -7,7 +7,7 @@
 
 #include "common/element_tables.h"
 #include "measures/triangle_kernels.h"
-#include "measures/vec3.h"
+#include "common/vec3.h"
 
 namespace elfes {
 

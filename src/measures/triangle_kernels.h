@@ -5,7 +5,7 @@
 
 #include <cmath>
 
-#include "measures/vec3.h"
+#include "common/vec3.h"
 
 namespace elfes {
 

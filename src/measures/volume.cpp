@@ -1,5 +1,5 @@
 // volume: signed total volume of a solid mesh (TH4, PY5, W6, or the 8-row mixed layout).
-#include "measures/vec3.h"
+#include "common/vec3.h"
 #include "zel/tessel3d.h"
 
 namespace zel {
@@ -89,8 +89,7 @@ bool sum_pure(const dense2D<unsigned>& connect, const elfes::node_reader& node, 
 // classified by its absent rows, then measured with the kernel of its kind (the same
 // kernels as the pure paths). A column of 8 nodes, the whole of an 8-row H8 mesh, is a
 // hexahedron read without the marker tests: the same values.
-bool sum_mixed(const dense2D<unsigned>& connect, const elfes::mixed_node_reader& node, unsigned nb_nodes,
-               double& sum) {
+bool sum_mixed(const dense2D<unsigned>& connect, const elfes::mixed_node_reader& node, unsigned nb_nodes, double& sum) {
   const std::size_t n = connect.cols(), ld = connect.ld();
   const unsigned* column = connect.data();
   const elfes::node_reader plain{node.base, node.ld};
@@ -103,7 +102,7 @@ bool sum_mixed(const dense2D<unsigned>& connect, const elfes::mixed_node_reader&
       continue;
     }
     for (unsigned k = 0; k < 8; ++k)
-      if (column[k] >= nb_nodes && column[k] != elfes::absent) return false;
+      if (column[k] >= nb_nodes && column[k] != elfes::ABSENT) return false;
     switch (elfes::mixed8_kind(column)) {
       case elfes::kind_TH4:
         elfes::load_vertices<4>(column, node, p);
@@ -146,7 +145,8 @@ int volume(const dense2D<double>& coords, const dense2D<unsigned>& connect, doub
   } else {
     // Any other row count is the mixed layout; only 8 rows can be read as its columns
     // (4, 5 and 6 rows are the pure kinds above).
-    valid = connect.rows() == 8 && sum_mixed(connect, elfes::mixed_node_reader{coords.data(), coords.ld()}, nb_nodes, sum);
+    valid =
+        connect.rows() == 8 && sum_mixed(connect, elfes::mixed_node_reader{coords.data(), coords.ld()}, nb_nodes, sum);
   }
   if (!valid) return -2;
   result = sum * 0.16666666666666666;

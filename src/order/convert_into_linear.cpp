@@ -9,20 +9,18 @@ namespace zel {
 namespace tessel3d {
 namespace {
 
-using elfes::absent;
-
 // Row counts of the quadratic layouts that shrink to 8 rows: bits 13, 14, 15, 18, 20, 27.
 constexpr std::uint32_t quadratic_rows_mask = 0x814E000u;
 
 // The linear kind of a column is read from where its padding begins; only rows that exist
 // beyond the pure element's own size are looked at.
 void pad_corners(const unsigned* from, unsigned* to, std::size_t R) {
-  if (from[10] == absent) {
-    to[4] = to[5] = to[6] = to[7] = absent;  // TH10
-  } else if ((R > 13 && from[13] == absent) || (R > 14 && from[14] == absent)) {
-    to[5] = to[6] = to[7] = absent;  // PY13, PY14
-  } else if ((R > 15 && from[15] == absent) || (R > 18 && from[18] == absent)) {
-    to[6] = to[7] = absent;  // W15, W18
+  if (from[10] == tessel::ABSENT) {
+    to[4] = to[5] = to[6] = to[7] = tessel::ABSENT;  // TH10
+  } else if ((R > 13 && from[13] == tessel::ABSENT) || (R > 14 && from[14] == tessel::ABSENT)) {
+    to[5] = to[6] = to[7] = tessel::ABSENT;  // PY13, PY14
+  } else if ((R > 15 && from[15] == tessel::ABSENT) || (R > 18 && from[18] == tessel::ABSENT)) {
+    to[6] = to[7] = tessel::ABSENT;  // W15, W18
   }
 }
 
@@ -31,18 +29,18 @@ void pad_corners(const unsigned* from, unsigned* to, std::size_t R) {
 int convert_into_linear(dense2D<unsigned>& connect) {
   const std::size_t R = connect.rows(), C = connect.cols();
   if (R * C == 0) return 0;
-  if (R == 10) return connect.resize(4, C) ? 0 : -199;
+  if (R == 10) return connect.resize(4, C) ? 0 : tessel::OUT_OF_MEMORY;
   if (R > 27 || ((quadratic_rows_mask >> R) & 1u) == 0) return -1;
   if (connect.storage().unique()) {
     // Own buffer: rewrite in place, then drop the rows (no allocation, cannot fail).
     unsigned* column = connect.data();
     for (std::size_t j = 0; j < C; ++j, column += connect.ld()) pad_corners(column, column, R);
-    return connect.resize(8, C) ? 0 : -199;
+    return connect.resize(8, C) ? 0 : tessel::OUT_OF_MEMORY;
   }
   // Shared buffer: the resize detaches onto a buffer of its own, so the other views keep
   // their entries; the padding rows are read from the shared one.
   const dense2D<unsigned> shared = connect;
-  if (!connect.resize(8, C)) return -199;
+  if (!connect.resize(8, C)) return tessel::OUT_OF_MEMORY;
   const unsigned* from = shared.data();
   unsigned* to = connect.data();
   for (std::size_t j = 0; j < C; ++j, from += shared.ld(), to += connect.ld()) pad_corners(from, to, R);

@@ -281,7 +281,7 @@ class hash_table {
       const std::size_t capacity = storage_->capacity();
       std::size_t grown = 2 * capacity > 2 ? 2 * capacity : 2;
       if (grown < fresh + 1) grown = fresh + 1;
-      if (!storage_->__grow(grown, fresh)) return npos;
+      if (!storage_->grow(grown, fresh)) return npos;
       slots = storage_->data();
     }
     slots[fresh].value = value;
@@ -351,8 +351,8 @@ class hash_table {
 
   // Room for `count` slots from the start of the storage, keeping the slots in use.
   bool reserve_slots(std::size_t count) {
-    if (storage_) return storage_->__grow(count, first_ + used_);
-    buffer_type* buffer = buffer_type::__create(count);
+    if (storage_) return storage_->grow(count, first_ + used_);
+    buffer_type* buffer = buffer_type::create(count);
     if (!buffer) return false;
     storage_ = buffer;
     return true;

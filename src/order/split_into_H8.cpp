@@ -8,8 +8,6 @@ namespace zel {
 namespace tessel3d {
 namespace {
 
-using elfes::absent;
-
 // Rows of the high-order elements (corners, edge nodes in the local edge order, face
 // nodes in the local face order, centre), one hexahedron per corner of the element.
 constexpr unsigned hexahedron_cut[8][8] = {{0, 8, 24, 11, 16, 22, 26, 20},  {1, 9, 24, 8, 17, 21, 26, 22},
@@ -57,25 +55,25 @@ int split_into_H8(dense2D<double>& coords, const dense2D<unsigned>& connect, den
 
   const std::size_t kept = connectH8.empty() ? 0 : connectH8.cols();
   if (connectH8.empty()) connectH8.clear();
-  if (!connectH8.reserve(8, kept + hexahedra, 1) || !connectH8.resize(8, kept + hexahedra, absent)) {
+  if (!connectH8.reserve(8, kept + hexahedra, 1) || !connectH8.resize(8, kept + hexahedra, tessel::ABSENT)) {
     coords.resize(3, nb_nodes);
-    return -199;
+    return tessel::OUT_OF_MEMORY;
   }
 
   unsigned node[27];
   std::size_t made = kept;
   const unsigned* column = high.data();
   for (std::size_t j = 0; j < high.cols(); ++j, column += high.ld()) {
-    for (std::size_t i = 0; i < 27; ++i) node[i] = i < high.rows() ? column[i] : absent;
+    for (std::size_t i = 0; i < 27; ++i) node[i] = i < high.rows() ? column[i] : tessel::ABSENT;
     const unsigned(*cut)[8] = nullptr;
     unsigned count = 0;
-    if (node[26] != absent) {
+    if (node[26] != tessel::ABSENT) {
       cut = hexahedron_cut;
       count = 8;
-    } else if (node[17] != absent) {
+    } else if (node[17] != tessel::ABSENT) {
       cut = wedge_cut;
       count = 6;
-    } else if (node[9] != absent) {
+    } else if (node[9] != tessel::ABSENT) {
       cut = tetrahedron_cut;
       count = 4;
     }

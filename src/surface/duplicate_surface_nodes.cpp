@@ -16,7 +16,6 @@ namespace zel {
 namespace tessel3d {
 namespace {
 
-using elfes::absent;
 using elfes::element_set;
 using elfes::solid_descriptor;
 using elfes::solid_table;
@@ -39,7 +38,9 @@ struct h8_mesh {
 
 struct mixed8_mesh {
   using key_type = elfes::face_mix;
-  static key_type key(const unsigned* q, unsigned size) { return {{q[0], q[1], q[2], size == 4 ? q[3] : absent}}; }
+  static key_type key(const unsigned* q, unsigned size) {
+    return {{q[0], q[1], q[2], size == 4 ? q[3] : tessel::ABSENT}};
+  }
   static const solid_descriptor& solid(const unsigned* column) { return solid_table[elfes::mixed8_kind(column)]; }
 };
 
@@ -48,7 +49,7 @@ struct mixed8_mesh {
 inline void read_column(const unsigned* column, std::size_t rows, unsigned* out) {
   std::size_t i = 0;
   for (; i < rows; ++i) out[i] = column[i];
-  for (; i < 8; ++i) out[i] = absent;
+  for (; i < 8; ++i) out[i] = tessel::ABSENT;
 }
 
 inline bool holds(const unsigned* column, std::size_t rows, unsigned n) {
@@ -77,14 +78,14 @@ struct faces_with_node<th4_mesh> {
 
 template <class Mesh>
 typename Mesh::key_type element_face_key(const solid_descriptor& solid, const unsigned* nodes, unsigned f) {
-  unsigned q[4] = {absent, absent, absent, absent};
+  unsigned q[4] = {tessel::ABSENT, tessel::ABSENT, tessel::ABSENT, tessel::ABSENT};
   const unsigned size = solid.face_size[f];
   for (unsigned k = 0; k < size; ++k) q[k] = nodes[solid.faces[f][k]];
   return Mesh::key(q, size);
 }
 
 // Status of one side: keep going, the side failed (bad node_element entry), or memory.
-enum side_status { side_ok = 0, side_failed = 1, side_no_memory = -199 };
+enum side_status { side_ok = 0, side_failed = 1, side_no_memory = tessel::OUT_OF_MEMORY };
 
 template <class Mesh>
 class surface_opener {
@@ -101,7 +102,7 @@ class surface_opener {
     const int status = open(excluded, positive_side, negative_side);
     if (status != 0) {
       coords_.resize(3, entry_cols);  // shrinking in place: cannot fail
-      return status == side_failed ? 0 : -199;
+      return status == side_failed ? 0 : tessel::OUT_OF_MEMORY;
     }
     return static_cast<int>(coords_.cols() - entry_cols);
   }
@@ -111,8 +112,8 @@ class surface_opener {
   unsigned surface_face(std::size_t j, unsigned* q) const {
     const unsigned* column = surface_.data() + j * surface_.ld();
     const std::size_t rows = surface_.rows();
-    for (unsigned i = 0; i < 4; ++i) q[i] = i < rows ? column[i] : absent;
-    return q[3] == absent ? 3 : 4;
+    for (unsigned i = 0; i < 4; ++i) q[i] = i < rows ? column[i] : tessel::ABSENT;
+    return q[3] == tessel::ABSENT ? 3 : 4;
   }
 
   int open(const dense1D<unsigned, 8>& excluded, bool positive_side, bool negative_side) {
@@ -137,7 +138,7 @@ class surface_opener {
       unsigned q[4];
       const unsigned size = surface_face(j, q);
       for (unsigned k = 0; k < size; ++k)
-        if (q[k] != absent && pending_[q[k]] == 0) {
+        if (q[k] != tessel::ABSENT && pending_[q[k]] == 0) {
           pending_[q[k]] = sides;
           ++nb_surface_nodes;
         }
@@ -181,7 +182,7 @@ class surface_opener {
       const key_type oriented = Mesh::key(q, size);
       for (unsigned k = 0; k < size; ++k) {
         const unsigned n = q[k];
-        if (n == absent || !(pending_[n] & bit)) continue;
+        if (n == tessel::ABSENT || !(pending_[n] & bit)) continue;
         pending_[n] = static_cast<unsigned char>(pending_[n] & ~bit);
         const int status = open_node(n, oriented);
         if (status != side_ok) return status;
@@ -198,8 +199,7 @@ class surface_opener {
     const unsigned e = node_element_[n];
     if (e >= nb_elements || !holds(column(e), rows, n)) return side_failed;
 
-    const int around = elfes::elements_around_node(n, e, conn_, nbrs_, faces_with_node<Mesh>{rows}, around_,
-                                                   visited_);
+    const int around = elfes::elements_around_node(n, e, conn_, nbrs_, faces_with_node<Mesh>{rows}, around_, visited_);
     if (around < 0) return side_no_memory;
     const unsigned seed = find_seed(oriented);
 
@@ -209,12 +209,12 @@ class surface_opener {
     double* xyz = coords_.data();
     for (unsigned i = 0; i < 3; ++i) xyz[copy * coords_.ld() + i] = xyz[n * coords_.ld() + i];
 
-    if (seed == absent) return side_ok;
+    if (seed == tessel::NO_ELEMENT) return side_ok;
     return flood(n, seed, static_cast<unsigned>(copy));
   }
 
   // First element around n with a face equal to the oriented surface face, same
-  // orientation; ~0U when there is none.
+  // orientation; NO_ELEMENT when there is none.
   unsigned find_seed(const key_type& oriented) const {
     for (std::size_t i = 0; i < around_.size(); ++i) {
       unsigned nodes[8];
@@ -223,7 +223,7 @@ class surface_opener {
       for (unsigned f = 0; f < solid.nb_faces; ++f)
         if (elfes::compare_keys(element_face_key<Mesh>(solid, nodes, f), oriented) == 1) return around_[i];
     }
-    return absent;
+    return tessel::NO_ELEMENT;
   }
 
   // Spreads from the seed to the elements holding n that are reached without crossing
@@ -234,7 +234,7 @@ class surface_opener {
     // Every element met holds n or is a neighbour of one that does.
     const std::size_t expected = 2 + 6 * around_.size();
     if (!visited_.reset(expected, expected, 1.0)) return side_no_memory;
-    if (visited_.insert_growing(elfes::hash_key(absent), absent) == element_set::npos ||
+    if (visited_.insert_growing(elfes::hash_key(tessel::NO_ELEMENT), tessel::NO_ELEMENT) == element_set::npos ||
         visited_.insert_growing(elfes::hash_key(seed), seed) == element_set::npos)
       return side_no_memory;
     stack_.clear();
@@ -301,8 +301,7 @@ int duplicate_surface_nodes(dense2D<double>& coords, dense2D<unsigned>& connecti
     return -2;
   if (neighbors.cols() != connectivity.cols()) return -3;
   const unsigned faces = elfes::is_element_type(type) ? elfes::neighbor_rows[type] : 0;
-  if (neighbors.rows() != faces || !tessel::check_IDs(neighbors, static_cast<unsigned>(connectivity.cols())))
-    return -3;
+  if (neighbors.rows() != faces || !tessel::check_IDs(neighbors, static_cast<unsigned>(connectivity.cols()))) return -3;
   const std::size_t nb_entries = node_element.size();
   if (!tessel::check_IDs(connectivity, nb_entries < ~0U ? static_cast<unsigned>(nb_entries) : ~0U)) return -4;
 
@@ -317,10 +316,9 @@ int duplicate_surface_nodes(dense2D<double>& coords, dense2D<unsigned>& connecti
                                    negative_side);
     case SOLID_MIX8:
       if (!tessel::check_IDs(surface, FACE_MIX4, nb_nodes)) return -5;
-      return open_surface<mixed8_mesh>(coords, connectivity, neighbors, node_element, surface, excluded,
-                                       positive_side, negative_side);
-    default:
-      return -9;
+      return open_surface<mixed8_mesh>(coords, connectivity, neighbors, node_element, surface, excluded, positive_side,
+                                       negative_side);
+    default: return -9;
   }
 }
 

@@ -14,7 +14,7 @@
 
 #include "common/element_tables.h"
 #include "measures/dihedral_kernel.h"
-#include "measures/vec3.h"
+#include "common/vec3.h"
 #include "order/hash_tables.h"
 #include "order/solid_columns.h"
 #include "zel/tessel3d.h"

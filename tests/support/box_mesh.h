@@ -13,14 +13,15 @@
 #include <cstdint>
 
 #include "zel/matrix.h"
+#include "zel/tessel_elements.h"
 
 namespace tessel3d_test {
 
 enum class box_kind { TH4, PY5, W6, H8 };
 
 struct box_mesh {
-  zel::dense2D<double> coords;    // 3 x #nodes
-  zel::dense2D<unsigned> connect; // 4, 5, 6 or 8 rows
+  zel::dense2D<double> coords;     // 3 x #nodes
+  zel::dense2D<unsigned> connect;  // 4, 5, 6 or 8 rows
 };
 
 // Deterministic generator (splitmix64): the same seed gives the same numbers everywhere.
@@ -37,10 +38,13 @@ struct random_stream {
   double uniform(double lo, double hi) { return lo + (hi - lo) * uniform(); }
 };
 
-inline unsigned box_rows(box_kind kind) {
-  static const unsigned rows[] = {4, 5, 6, 8};
-  return rows[static_cast<int>(kind)];
-}
+// The box kinds are the solid kinds of the element records, in the same order.
+inline zel::tessel::solid_kind solid_kind_of(box_kind kind) { return zel::tessel::solid_kind(kind); }
+static_assert(unsigned(box_kind::TH4) == zel::tessel::kind_TH4 && unsigned(box_kind::PY5) == zel::tessel::kind_PY5 &&
+                  unsigned(box_kind::W6) == zel::tessel::kind_W6 && unsigned(box_kind::H8) == zel::tessel::kind_H8,
+              "box kinds follow the solid kinds");
+
+inline unsigned box_rows(box_kind kind) { return zel::tessel::solid_records[solid_kind_of(kind)].nb_vertices; }
 
 inline unsigned box_elements_per_cell(box_kind kind) {
   static const unsigned per_cell[] = {6, 6, 2, 1};
@@ -80,18 +84,16 @@ inline box_mesh make_box(box_kind kind, unsigned nx, unsigned ny, unsigned nz, d
     for (unsigned j = 0; j < ny; ++j)
       for (unsigned i = 0; i < nx; ++i, ++cell) {
         // Corners in the H8 order: bottom 0-1-2-3 counter-clockwise seen from above, top 4-7.
-        const unsigned c[8] = {node(i, j, k),         node(i + 1, j, k),     node(i + 1, j + 1, k),
-                               node(i, j + 1, k),     node(i, j, k + 1),     node(i + 1, j, k + 1),
-                               node(i + 1, j + 1, k + 1), node(i, j + 1, k + 1)};
+        const unsigned c[8] = {
+            node(i, j, k),     node(i + 1, j, k),     node(i + 1, j + 1, k),     node(i, j + 1, k),
+            node(i, j, k + 1), node(i + 1, j, k + 1), node(i + 1, j + 1, k + 1), node(i, j + 1, k + 1)};
         auto emit = [&](std::initializer_list<unsigned> local) {
           unsigned r = 0;
           for (unsigned l : local) column[r++] = c[l];
           column += rows;
         };
         switch (kind) {
-          case box_kind::H8:
-            emit({0, 1, 2, 3, 4, 5, 6, 7});
-            break;
+          case box_kind::H8: emit({0, 1, 2, 3, 4, 5, 6, 7}); break;
           case box_kind::W6:
             emit({0, 1, 2, 4, 5, 6});
             emit({0, 2, 3, 4, 6, 7});
@@ -114,10 +116,11 @@ inline box_mesh make_box(box_kind kind, unsigned nx, unsigned ny, unsigned nz, d
               for (unsigned l = 0; l < 8; ++l) sum += mesh.coords(d, c[l]);
               centre[d] = sum / 8;
             }
-            // Each cell face with its right-hand normal pointing into the cell.
-            static const unsigned faces[6][4] = {{0, 1, 2, 3}, {4, 7, 6, 5}, {0, 4, 5, 1},
-                                                 {3, 2, 6, 7}, {0, 3, 7, 4}, {1, 5, 6, 2}};
-            for (const auto& f : faces) {
+            // The hexahedron's faces, whose normals point into the cell, bottom and top
+            // first: each is the base of a positively oriented pyramid.
+            static const unsigned face_order[6] = {4, 5, 2, 3, 0, 1};
+            for (unsigned h : face_order) {
+              const unsigned* f = zel::tessel::solid_records[zel::tessel::kind_H8].faces[h];
               column[0] = c[f[0]], column[1] = c[f[1]], column[2] = c[f[2]], column[3] = c[f[3]];
               column[4] = apex;
               column += rows;
@@ -129,9 +132,9 @@ inline box_mesh make_box(box_kind kind, unsigned nx, unsigned ny, unsigned nz, d
   return mesh;
 }
 
-// The same elements in the 8-row mixed layout (absent rows ~0U).
+// The same elements in the 8-row mixed layout (absent rows ABSENT).
 inline zel::dense2D<unsigned> to_mixed8(const zel::dense2D<unsigned>& connect) {
-  zel::dense2D<unsigned> mixed(8, connect.cols(), ~0U);
+  zel::dense2D<unsigned> mixed(8, connect.cols(), zel::tessel::ABSENT);
   for (std::size_t j = 0; j < connect.cols(); ++j)
     for (std::size_t i = 0; i < connect.rows(); ++i) mixed(i, j) = connect(i, j);
   return mixed;

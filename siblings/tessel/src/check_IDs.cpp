@@ -5,8 +5,6 @@ namespace zel {
 namespace tessel {
 namespace {
 
-constexpr unsigned absent = ~0U;
-
 // Row counts whose columns each mixed type can be read with safely.
 bool face_mix4_rows(std::size_t rows) { return rows == 3 || rows == 4; }
 bool solid_mix8_rows(std::size_t rows) { return rows >= 4 && rows <= 8 && rows != 7; }
@@ -17,7 +15,7 @@ bool all_below(const dense2D<unsigned>& connect, unsigned nbNodes, bool accept_a
   const unsigned* column = connect.data();
   for (std::size_t j = 0; j < connect.cols(); ++j, column += connect.ld())
     for (std::size_t i = 0; i < connect.rows(); ++i)
-      if (column[i] >= nbNodes && !(accept_absent && column[i] == absent)) return false;
+      if (column[i] >= nbNodes && !(accept_absent && column[i] == ABSENT)) return false;
   return true;
 }
 

@@ -7,8 +7,6 @@ namespace zel {
 namespace tessel {
 namespace {
 
-constexpr unsigned absent = ~0U;
-
 bool same_view(const dense2D<unsigned>& a, const dense2D<unsigned>& b) {
   return a.storage().get() == b.storage().get() && a.offset() == b.offset() && a.rows() == b.rows() &&
          a.cols() == b.cols() && a.ld() == b.ld();
@@ -43,7 +41,7 @@ int simplify(dense2D<double>& coords, dense2D<unsigned>* first, dense2D<unsigned
   const std::size_t nb_nodes = coords.cols();
   if (nbNodes >= nb_nodes) return 0;
   const std::size_t nb_trailing = nb_nodes - nbNodes;
-  if (!work.resize(nb_trailing)) return -199;
+  if (!work.resize(nb_trailing)) return OUT_OF_MEMORY;
   std::fill(work.begin(), work.end(), 0U);
 
   // work[k]: whether node nbNodes + k is used, then its new ID (absent when dropped).
@@ -52,7 +50,7 @@ int simplify(dense2D<double>& coords, dense2D<unsigned>* first, dense2D<unsigned
     for_each_trailing_entry(m, nbNodes, nb_nodes, [&](unsigned& id) { map[id - nbNodes] = 1; });
   });
   unsigned next = nbNodes;
-  for (std::size_t k = 0; k < nb_trailing; ++k) map[k] = map[k] ? next++ : absent;
+  for (std::size_t k = 0; k < nb_trailing; ++k) map[k] = map[k] ? next++ : ABSENT;
   if (next == nb_nodes) return 0;  // every node is used: nothing moves
 
   for_each_matrix(first, last, [&](dense2D<unsigned>& m) {
@@ -62,7 +60,8 @@ int simplify(dense2D<double>& coords, dense2D<unsigned>* first, dense2D<unsigned
   double* xyz = coords.data();
   const std::size_t ld = coords.ld();
   for (std::size_t k = 0; k < nb_trailing; ++k)
-    if (map[k] != absent && map[k] != nbNodes + k) std::copy(xyz + (nbNodes + k) * ld, xyz + (nbNodes + k) * ld + 3, xyz + std::size_t(map[k]) * ld);
+    if (map[k] != ABSENT && map[k] != nbNodes + k)
+      std::copy(xyz + (nbNodes + k) * ld, xyz + (nbNodes + k) * ld + 3, xyz + std::size_t(map[k]) * ld);
   // A narrower view of the same buffer: shrinking cannot fail, even when the buffer is shared.
   coords = coords.sub_matrix(0, 0, 3, next);
   return 0;

@@ -1,6 +1,7 @@
 // normals: angle-weighted nodal normals of a triangle / quadrangle surface.
 #include <cmath>
 
+#include "zel/tessel.h"
 #include "zel/tessel2d.h"
 
 namespace zel {
@@ -28,13 +29,13 @@ inline double angle_between(const vec3& u, const vec3& v) {
 // Adds each face's unit normal, weighted by its angle at the node, to the node's sum.
 // With `reference` given, a face counts at a node only when its normal lies within
 // max_angle of the node's reference direction.
-void accumulate(const dense2D<double>& coords, const dense2D<unsigned>& faces, double* sums,
-                const double* reference, double max_angle) {
+void accumulate(const dense2D<double>& coords, const dense2D<unsigned>& faces, double* sums, const double* reference,
+                double max_angle) {
   const std::size_t ldc = coords.ld();
   const double* xyz = coords.data();
   const unsigned* face = faces.data();
   for (std::size_t j = 0; j < faces.cols(); ++j, face += faces.ld()) {
-    const unsigned corners = (faces.rows() == 4 && face[3] != ~0U) ? 4 : 3;
+    const unsigned corners = (faces.rows() == 4 && face[3] != tessel::ABSENT) ? 4 : 3;
     const double* p[4];
     for (unsigned k = 0; k < corners; ++k) p[k] = xyz + std::size_t(face[k]) * ldc;
     const vec3 n = corners == 3 ? cross(sub(p[1], p[0]), sub(p[2], p[0])) : cross(sub(p[2], p[0]), sub(p[3], p[1]));
@@ -47,8 +48,7 @@ void accumulate(const dense2D<double>& coords, const dense2D<unsigned>& faces, d
         const double* r = reference + 3 * std::size_t(face[k]);
         if (angle_between(unit, {r[0], r[1], r[2]}) > max_angle) continue;
       }
-      const double weight =
-          angle_between(sub(p[(k + 1) % corners], p[k]), sub(p[(k + corners - 1) % corners], p[k]));
+      const double weight = angle_between(sub(p[(k + 1) % corners], p[k]), sub(p[(k + corners - 1) % corners], p[k]));
       sum[0] += weight * unit.x;
       sum[1] += weight * unit.y;
       sum[2] += weight * unit.z;
@@ -63,7 +63,7 @@ bool faces_valid(const dense2D<unsigned>& faces, unsigned nbNodes) {
   const unsigned* face = faces.data();
   for (std::size_t j = 0; j < faces.cols(); ++j, face += faces.ld()) {
     if (face[0] >= nbNodes || face[1] >= nbNodes || face[2] >= nbNodes) return false;
-    if (faces.rows() == 4 && face[3] >= nbNodes && face[3] != ~0U) return false;
+    if (faces.rows() == 4 && face[3] >= nbNodes && face[3] != tessel::ABSENT) return false;
   }
   return true;
 }
@@ -78,12 +78,12 @@ int normals(const dense2D<double>& coords, const dense2D<unsigned>& connectS, do
   if (!(angle >= 0)) return -3;
 
   dense2D<double> result;
-  if (!result.resize(3, coords.cols(), 0.0)) return -199;
+  if (!result.resize(3, coords.cols(), 0.0)) return tessel::OUT_OF_MEMORY;
   accumulate(coords, connectS, result.data(), nullptr, 0);
   if (angle > 0 && !connectS.empty()) {
     // Second pass against the all-face average: faces beyond the feature angle drop out.
     dense2D<double> filtered;
-    if (!filtered.resize(3, coords.cols(), 0.0)) return -199;
+    if (!filtered.resize(3, coords.cols(), 0.0)) return tessel::OUT_OF_MEMORY;
     accumulate(coords, connectS, filtered.data(), result.data(), angle);
     for (std::size_t j = 0; j < coords.cols(); ++j) {
       const double* f = &filtered(0, j);

@@ -60,12 +60,12 @@ class ref_counted {
   ref_counted& operator=(const ref_counted&) = delete;
   ~ref_counted() = default;
 
-  void __add_ref() noexcept { count_.fetch_add(1, std::memory_order_relaxed); }
+  void add_ref() noexcept { count_.fetch_add(1, std::memory_order_relaxed); }
   /// Drops one reference; true when it was the last one.
-  bool __release() noexcept { return count_.fetch_sub(1, std::memory_order_acq_rel) == 1; }
-  std::size_t __count() const noexcept { return count_.load(std::memory_order_acquire); }
+  bool release_ref() noexcept { return count_.fetch_sub(1, std::memory_order_acq_rel) == 1; }
+  std::size_t use_count() const noexcept { return count_.load(std::memory_order_acquire); }
   /// Disposes of an object whose count has reached zero.
-  void __destroy() noexcept { dispose_(this); }
+  void destroy() noexcept { dispose_(this); }
 
  private:
   std::atomic<std::size_t> count_;
@@ -95,7 +95,7 @@ class Ptr {
   }
   /// Rebinds the handle to `object` (which gains a reference; the old one loses one).
   Ptr& operator=(T* object) noexcept {
-    if (object) object->__add_ref();
+    if (object) object->add_ref();
     release();
     object_ = object;
     return *this;
@@ -106,7 +106,7 @@ class Ptr {
   T& operator*() const noexcept { return *object_; }
   explicit operator bool() const noexcept { return object_ != nullptr; }
   /// True when this handle is the only reference to its object.
-  bool unique() const noexcept { return object_ && object_->__count() == 1; }
+  bool unique() const noexcept { return object_ && object_->use_count() == 1; }
   void reset() noexcept {
     release();
     object_ = nullptr;
@@ -114,10 +114,10 @@ class Ptr {
 
  private:
   void add_ref() noexcept {
-    if (object_) object_->__add_ref();
+    if (object_) object_->add_ref();
   }
   void release() noexcept {
-    if (object_ && object_->__release()) object_->__destroy();
+    if (object_ && object_->release_ref()) object_->destroy();
   }
   T* object_ = nullptr;
 };
@@ -129,11 +129,11 @@ class vector_num : public math1::ref_counted {
 
  public:
   /// A new buffer with room for `capacity` values; nullptr when memory runs out.
-  static vector_num* __create(std::size_t capacity) noexcept {
+  static vector_num* create(std::size_t capacity) noexcept {
     void* memory = __vector_num_alloc(sizeof(vector_num));
     if (!memory) return nullptr;
     vector_num* buffer = new (memory) vector_num();
-    if (!buffer->__grow(capacity, 0)) {
+    if (!buffer->grow(capacity, 0)) {
       dispose(buffer);
       return nullptr;
     }
@@ -143,7 +143,7 @@ class vector_num : public math1::ref_counted {
   /// A buffer over `capacity` values of memory owned by the caller (who keeps it alive
   /// while the buffer lives); it is never freed here, and growing moves the values to
   /// memory of the buffer's own. nullptr when memory runs out.
-  static vector_num* __create_external(T* external, std::size_t capacity) noexcept {
+  static vector_num* create_external(T* external, std::size_t capacity) noexcept {
     void* memory = __vector_num_alloc(sizeof(vector_num));
     if (!memory) return nullptr;
     vector_num* buffer = new (memory) vector_num();
@@ -159,7 +159,7 @@ class vector_num : public math1::ref_counted {
 
   /// Enlarges the buffer to at least `capacity` values, keeping its first `keep` values.
   /// The object itself stays where it is, so every view of it stays valid.
-  bool __grow(std::size_t capacity, std::size_t keep) noexcept {
+  bool grow(std::size_t capacity, std::size_t keep) noexcept {
     if (capacity <= capacity_) return true;
     if (capacity > std::numeric_limits<std::size_t>::max() / sizeof(T)) return false;
     T* fresh = static_cast<T*>(__vector_num_alloc(capacity * sizeof(T)));
@@ -220,7 +220,7 @@ class dense2D {
     if (ld < rows) return view;
     const size_type span = cols == 0 ? 0 : ld * (cols - 1) + rows;
     if (span != 0 || data) {
-      buffer_type* buffer = buffer_type::__create_external(data, span);
+      buffer_type* buffer = buffer_type::create_external(data, span);
       if (!buffer) return view;
       view.storage_ = buffer;
     }
@@ -287,7 +287,8 @@ class dense2D {
     if (fits_in_place(rows, cols)) {
       T* base = rows * cols != 0 ? storage_->data() + offset_ : nullptr;  // nothing to fill otherwise
       if (base && rows > rows_)
-        for (size_type j = 0; j < cols_ && j < cols; ++j) std::fill(base + j * ld_ + rows_, base + j * ld_ + rows, fill);
+        for (size_type j = 0; j < cols_ && j < cols; ++j)
+          std::fill(base + j * ld_ + rows_, base + j * ld_ + rows, fill);
       if (base)
         for (size_type j = cols_; j < cols; ++j) std::fill(base + j * ld_, base + j * ld_ + rows, fill);
       if (rows > ld_) ld_ = rows;  // only possible when cols == 0: nothing is stored
@@ -318,7 +319,7 @@ class dense2D {
       }
       size_type needed = offset_ + ld_ * (cols - 1) + rows;
       if (flag == 0) needed = std::max(needed, storage_->capacity() + storage_->capacity() / 2);
-      if (storage_->__grow(needed, offset_ + used_span())) return true;
+      if (storage_->grow(needed, offset_ + used_span())) return true;
       ld_ = old_ld;
       return false;
     }
@@ -335,7 +336,7 @@ class dense2D {
   bool copy(const dense2D& other) noexcept {
     dense2D fresh;
     if (other.rows_ * other.cols_ != 0) {
-      buffer_type* buffer = buffer_type::__create(other.rows_ * other.cols_);
+      buffer_type* buffer = buffer_type::create(other.rows_ * other.cols_);
       if (!buffer) return false;
       fresh.storage_ = buffer;
       fresh.ld_ = other.rows_;
@@ -382,7 +383,7 @@ class dense2D {
   bool relayout(size_type ld, size_type rows, size_type cols, size_type room_rows, size_type room_cols,
                 const T* fill) noexcept {
     if (ld < room_rows) ld = room_rows;
-    buffer_type* buffer = buffer_type::__create(ld * room_cols);
+    buffer_type* buffer = buffer_type::create(ld * room_cols);
     if (!buffer) return false;
     const size_type kept_rows = std::min(rows, rows_), kept_cols = std::min(cols, cols_);
     if (kept_rows && kept_cols) copy_block(data(), ld_, buffer->data(), ld, kept_rows, kept_cols);
@@ -452,7 +453,7 @@ class dense1D {
   static dense1D wrap(T* data, size_type n) noexcept {
     dense1D view;
     if (n == 0 && !data) return view;
-    buffer_type* buffer = buffer_type::__create_external(data, n);
+    buffer_type* buffer = buffer_type::create_external(data, n);
     if (!buffer) return view;
     view.storage_ = buffer;
     view.size_ = n;
@@ -520,7 +521,7 @@ class dense1D {
   bool copy(const dense1D& other) noexcept {
     dense1D fresh;
     if (other.size_) {
-      buffer_type* buffer = buffer_type::__create(other.size_);
+      buffer_type* buffer = buffer_type::create(other.size_);
       if (!buffer) return false;
       fresh.storage_ = buffer;
       std::memcpy(static_cast<void*>(buffer->data()), other.data(), other.size_ * sizeof(T));
@@ -546,9 +547,9 @@ class dense1D {
   bool grow(size_type n) noexcept {
     if (storage_.unique()) {
       if (n > std::numeric_limits<size_type>::max() - offset_) return false;
-      return storage_->__grow(offset_ + n, offset_ + size_);
+      return storage_->grow(offset_ + n, offset_ + size_);
     }
-    buffer_type* buffer = buffer_type::__create(n);
+    buffer_type* buffer = buffer_type::create(n);
     if (!buffer) return false;
     if (size_) std::memcpy(static_cast<void*>(buffer->data()), data(), size_ * sizeof(T));
     storage_ = buffer;

@@ -42,6 +42,15 @@ enum element_type {
 
 namespace tessel {
 
+/// The sentinels of the mesh matrices: one bit pattern, ~0U, with three meanings, each
+/// under its own name so that code says which one it means.
+constexpr unsigned ABSENT = ~0U;      ///< a connectivity position without a node (mixed layouts)
+constexpr unsigned NO_ELEMENT = ~0U;  ///< no element: across a boundary face, or holding a node
+constexpr unsigned NOT_FOUND = ~0U;   ///< a search found nothing (no node, no containing element)
+
+/// Status returned by every function of the libraries when memory runs out.
+constexpr int OUT_OF_MEMORY = -199;
+
 /// True when every entry of `connect` is a node ID below nbNodes. The absent marker ~0U
 /// is accepted for the mixed types only (FACE_MIX4, FACE_MIX9, SOLID_MIX8, SOLID_MIX27),
 /// whose row counts are also checked so that their columns can be read safely:
@@ -96,9 +105,9 @@ class ZEL_TESSEL_EXPORT node_detector {
   // mid = lo + (hi - lo) / 2 along axis split_axes_[mid]: node mid is the median, the
   // nodes of [lo, mid) have a coordinate <= its own along that axis, those of
   // [mid + 1, hi) >= it.
-  dense1D<unsigned, 8> ids_;             // node IDs in tree order
-  dense1D<double, 8> points_;            // their coordinates, 3 per node, in tree order
-  dense1D<unsigned char, 8> split_axes_; // split axis (0, 1, 2) of each cell, at its mid
+  dense1D<unsigned, 8> ids_;              // node IDs in tree order
+  dense1D<double, 8> points_;             // their coordinates, 3 per node, in tree order
+  dense1D<unsigned char, 8> split_axes_;  // split axis (0, 1, 2) of each cell, at its mid
 };
 
 /// Removes the nodes numbered from nbNodes on that no connectivity in [first, last) uses
@@ -143,8 +152,7 @@ ZEL_TESSEL_EXPORT int simplify(dense2D<double>& coords, dense2D<unsigned>* first
 ///                        buffer; written only on success
 /// @return 0 | -1 connect has columns and its row count is not that of type
 ///         | -2 type is not one of the five | -199 memory
-ZEL_TESSEL_EXPORT int get_neighbors(const dense2D<unsigned>& connect, element_type type,
-                                    dense2D<unsigned>& neighbors);
+ZEL_TESSEL_EXPORT int get_neighbors(const dense2D<unsigned>& connect, element_type type, dense2D<unsigned>& neighbors);
 
 /// For each node ID below nbNodes, the first element (column) that holds it, ~0U for a
 /// node in no element. node_element gets nbNodes entries, in a new buffer, and is

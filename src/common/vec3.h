@@ -1,4 +1,4 @@
-// Small 3-vector arithmetic for the measure kernels, and the two ways of reading a
+// Small 3-vector arithmetic for the kernels of every subsystem, and the two ways of reading a
 // node's coordinates out of a coordinates view (plain, or with absent nodes allowed).
 #pragma once
 
@@ -42,7 +42,7 @@ struct mixed_node_reader {
   const double* base;
   std::size_t ld;
   vec3 operator()(unsigned id) const {
-    if (id == absent) {
+    if (id == ABSENT) {
       const double nan = std::numeric_limits<double>::quiet_NaN();
       return {nan, nan, nan};
     }
