@@ -791,5 +791,33 @@ TESSEL3D_EXPORT int split_solid_Q4(dense2D<double>& coords, const dense2D<unsign
                                    const dense2D<unsigned>& quads, double min_quality, dense2D<unsigned>& connectOut,
                                    dense1D<unsigned, 8>& failed);
 
+/// Why a solid is listed by the conforming split_solid_Q4 (row 1 of `failed`).
+enum split_Q4_reason : unsigned {
+  split_Q4_below_quality = 1,     ///< left whole: a piece would not exceed min_quality
+  split_Q4_faces_kept_whole = 2,  ///< left whole: every listed face it carries is kept whole
+  split_Q4_partly_split = 3,      ///< split, but some listed faces it carries are kept whole
+};
+
+/// The conforming split: a listed quadrangle is cut on both sides or on neither,
+/// whichever orientation it is listed in (a solid carries it in either orientation).
+/// Pieces, diagonals, quality and new nodes as the form above, with one more rule: a
+/// solid that cannot be split with every piece above min_quality is copied unchanged and
+/// keeps all its listed faces whole; every other solid on those faces is then judged
+/// again with a PY5 on each such face (as on an unlisted quadrangle), and may in turn be
+/// left whole. The rule is applied until nothing changes (a face only turns from cut to
+/// whole), so no quadrangle of the output ever faces two triangles. Solids are judged
+/// from the last carrying column back, a solid sent back by a neighbour first; a solid
+/// that fails stays whole.
+/// Arguments and status codes as the form above, except:
+/// @param[out] failed  cleared first; on success 2 x #listed solids, ascending by column:
+///                     row 0 the column of a solid that carries a listed face, row 1 a
+///                     split_Q4_reason. A solid split with all its listed faces cut is
+///                     not listed. Left empty on any failure.
+/// Time and memory linear in #nodes + #solids + #quadrangles: each solid is judged at
+/// most once more than it has listed faces.
+TESSEL3D_EXPORT int split_solid_Q4(dense2D<double>& coords, const dense2D<unsigned>& connect,
+                                   const dense2D<unsigned>& quads, double min_quality, dense2D<unsigned>& connectOut,
+                                   dense2D<unsigned>& failed);
+
 }  // namespace tessel3d
 }  // namespace zel

@@ -476,6 +476,10 @@ inline const std::vector<family_row>& family_table() {
     TESSEL3D_ROW("split_solid_Q4", split_q4_input,
                  [](const failure& f) { entry_but(f, [](scene& e) { e.out = {}; e.ids_out = {}; }); },
                  t3::split_solid_Q4(s.coords, s.connect, s.faces, 0.05, s.out, s.ids_out)),
+    // the conforming form writes its (column, reason) list into E; both outputs cleared first
+    TESSEL3D_ROW("split_solid_Q4_conforming", split_q4_input,
+                 [](const failure& f) { entry_but(f, [](scene& e) { e.out = {}; e.E = {}; }); },
+                 t3::split_solid_Q4(s.coords, s.connect, s.faces, 0.05, s.out, s.E)),
 
     TESSEL3D_ROW("get_neighbors", tetrahedra, unchanged, zel::tessel::get_neighbors(s.connect, zel::TH4, s.out)),
     TESSEL3D_ROW("get_node_element", tetrahedra, unchanged,
