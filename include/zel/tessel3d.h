@@ -136,6 +136,39 @@ TESSEL3D_EXPORT int dihedral_angles(const dense2D<double>& coords, const dense2D
 TESSEL3D_EXPORT int solid_angles(const dense2D<double>& coords, const dense2D<unsigned>& connect, bool normalise,
                                  dense1D<double, 8>& minValues, dense1D<double, 8>& maxValues);
 
+/// The checked forms of dihedral_angles and solid_angles: extremes that are defined for
+/// every element, and the list of degenerate elements. With L the longest edge of an
+/// element and tol = 1e-12:
+///   - a face is degenerate when its normal (as above) is no longer than tol L^2: its
+///     pairs of faces are left out of the dihedral extremes;
+///   - a corner is degenerate when one of its edges is no longer than tol L, two of its
+///     edges are parallel (sine <= tol), or its three edges lie in a plane (|a . (b x c)|
+///     <= tol for the unit edges) with the corner inside their angle, where the solid
+///     angle would jump between -2 pi and 2 pi: it is left out of the solid-angle
+///     extremes (a pyramid's apex when either half is);
+///   - an element is degenerate when it has such a face (dihedral) or corner (solid), or
+///     when it is flat: |volume| <= tol L^3 / 6, the volume split as `volume` splits it.
+///     A column of the mixed layout that lacks a node its kind needs is degenerate.
+/// Dihedral angles are atan2(|na x nb|, -(na . nb)) from the unit inward normals, always
+/// in [0, pi] and accurate near 0 and pi (a flat tetrahedron gives 0 and pi); solid
+/// angles use the formula above, in [-2 pi, 2 pi]. The extremes are those of the values
+/// left, NaN for both only when no value is left. Normalisation as above. Each element
+/// is measured on the stack: nothing is left out for lack of memory.
+/// Example: a tetrahedron whose node 3 lies 1e-9 above the middle of face (0, 1, 2) is
+/// not degenerate, with extremes close to 0 and pi; with nodes 0 and 1 at the same
+/// point it is (flat, and two faces without a normal), its one defined dihedral angle,
+/// between the faces opposite nodes 0 and 1, giving both extremes.
+/// @param[out] degenerate  cleared first; on success the columns of the degenerate
+///                         elements, ascending
+/// @return as dihedral_angles (checks in the same order), or -199 when `degenerate`
+///         cannot grow: every extreme is written and `degenerate` is left empty
+TESSEL3D_EXPORT int dihedral_angles(const dense2D<double>& coords, const dense2D<unsigned>& connect, bool normalise,
+                                    dense1D<double, 8>& minValues, dense1D<double, 8>& maxValues,
+                                    dense1D<unsigned, 8>& degenerate);
+TESSEL3D_EXPORT int solid_angles(const dense2D<double>& coords, const dense2D<unsigned>& connect, bool normalise,
+                                 dense1D<double, 8>& minValues, dense1D<double, 8>& maxValues,
+                                 dense1D<unsigned, 8>& degenerate);
+
 // ---- element order -----------------------------------------------------------------
 //
 // Local numbering of the high-order elements. A column lists the corners, then e nodes
