@@ -127,8 +127,10 @@ TABLES = {
                       -2: ("connect", 2, _ids("connect", "must list 4 node IDs per tetrahedron, each below the "
                                               "node count", (4,))),
                       -199: (None, None, _MEMORY)},
-    "dihedral_angles": {-2: ("connect", 2, _ids("connect", _SOLIDS, (4, 5, 6, 8), absent_ok=(8,)))},
-    "solid_angles": {-2: ("connect", 2, _ids("connect", _SOLIDS, (4, 5, 6, 8), absent_ok=(8,)))},
+    "dihedral_angles": {-2: ("connect", 2, _ids("connect", _SOLIDS, (4, 5, 6, 8), absent_ok=(8,))),
+                        -199: (None, None, _MEMORY)},
+    "solid_angles": {-2: ("connect", 2, _ids("connect", _SOLIDS, (4, 5, 6, 8), absent_ok=(8,))),
+                     -199: (None, None, _MEMORY)},
     "convert_into_high_order": {
         -1: ("coords", 1, _coords()),
         -2: ("connect", 2, _ids("connect", "must list 4 (TH4), 6 (W6) or 8 (mixed, H8) node IDs per element, "

@@ -113,3 +113,23 @@ def test_angles_of_an_empty_mesh_and_a_bad_one():
     with pytest.raises(t3.Error) as caught:
         t3.solid_angles(coords, [[0, 1, 2, 3, 4, 5, 6, 99]])
     assert caught.value.status == -2 and "solid_angles: connect (argument 2)" in str(caught.value)
+
+
+def test_angles_of_flat_and_collapsed_elements():
+    # node 3 inside face (0, 1, 2): flat, angles 0 and pi; nodes 0 and 1 at one point:
+    # a single defined dihedral angle; a regular element: not degenerate
+    flat = np.array([[0, 0, 0], [1, 0, 0], [0, 1, 0], [0.25, 0.25, 0]], float)
+    collapsed = np.array([[0, 0, 0], [0, 0, 0], [0, 1, 0], [0, 0, 1]], float)
+    right = np.array([[0, 0, 0], [0, 1, 0], [1, 0, 0], [0, 0, 1]], float)
+    coords = np.vstack([flat, collapsed, right])
+    connect = np.arange(12, dtype=np.uint32).reshape(3, 4)
+    angles = t3.dihedral_angles(coords, connect)
+    np.testing.assert_allclose(angles.min[:2], [0, 0], atol=1e-15)
+    np.testing.assert_allclose(angles.max[:2], [np.pi, 0], atol=1e-15)
+    assert t3.degenerate_elements(coords, connect).tolist() == [0, 1]
+    strict = t3.dihedral_angles(coords, connect, strict=True)
+    assert strict.max[1] == 0 and not np.isnan(angles.max).any()
+    solid = t3.solid_angles(coords, connect)
+    assert np.isnan(solid.min[1]) and solid.max[0] == 0  # no corner left; the +-2 pi corner left out
+    strict = t3.solid_angles(coords, connect, strict=True)
+    assert max(abs(strict.min[0]), abs(strict.max[0])) == pytest.approx(2 * np.pi)  # kept, its sign a rounding

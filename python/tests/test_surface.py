@@ -73,14 +73,19 @@ def test_split_solid_q4_cuts_the_listed_faces():
     coords, pyramid, volume = UNIT["PY5"]
     p = t3.split_solid_q4(coords, pyramid, [[0, 1, 2, 3]], 0.0)
     assert p.connect.shape == (2, 8) and t3.volume(p.coords, p.connect) == pytest.approx(volume)
-    untouched = t3.split_solid_q4(CUBE, [list(range(8))], [[0, 3, 2, 1]], 0.0)  # the face seen from outside
+    # the face seen from outside: split all the same, unless strictly as listed
+    outside = t3.split_solid_q4(CUBE, [list(range(8))], [[0, 3, 2, 1]], 0.0)
+    assert outside.connect.tolist() == r.connect.tolist()
+    untouched = t3.split_solid_q4(CUBE, [list(range(8))], [[0, 3, 2, 1]], 0.0, strict=True)
     assert untouched.connect.tolist() == [list(range(8))] and len(untouched.coords) == 8
 
 
 def test_split_solid_q4_keeps_solids_whose_pieces_fail_the_quality():
     from conftest import CUBE
-    r = t3.split_solid_q4(CUBE, [list(range(8))], [[0, 1, 2, 3]], 0.99)
-    assert r.failed.tolist() == [0] and r.connect.tolist() == [list(range(8))] and len(r.coords) == 8
+    for strict in (False, True):
+        r = t3.split_solid_q4(CUBE, [list(range(8))], [[0, 1, 2, 3]], 0.99, strict=strict)
+        assert r.failed.tolist() == [0] and r.connect.tolist() == [list(range(8))] and len(r.coords) == 8
+        assert r.reasons.tolist() == [t3.SplitReason.BELOW_QUALITY]
 
 
 def test_split_solid_q4_errors():
