@@ -534,3 +534,43 @@ TEST(split_solid_Q4, conforming_on_every_kind_listing_and_threshold) {
   EXPECT_GT(partly, 0);
   EXPECT_GT(broken_by_one_sided, 0);
 }
+
+// Every allocation of a conforming call that leaves solids whole and sends neighbours
+// back, made to fail in turn: -199 with coords, the result and the list as on entry
+// (empty); once none fails, the reference result.
+TEST(split_solid_Q4, conforming_allocation_failures_roll_back) {
+  const box_mesh m = graded(box_kind::H8, 3);
+  std::vector<quad> listed;
+  for (const auto& [key, sides] : quadrangles(m.connect))
+    if (sides.size() == 2) listed.push_back(sides[0]);
+  const double threshold = 0.45;
+  const dense2D<unsigned> quads = columns(listed);
+  dense2D<double> coords;
+  dense2D<unsigned> reference_out, reference_failed;
+  coords.copy(m.coords);
+  ASSERT_EQ(t3::split_solid_Q4(coords, m.connect, quads, threshold, reference_out, reference_failed), 0);
+  std::set<unsigned> reasons;
+  for (std::size_t k = 0; k < reference_failed.cols(); ++k) reasons.insert(reference_failed(1, k));
+  ASSERT_TRUE(reasons.count(t3::split_Q4_below_quality) && reasons.size() > 1) << "propagation not exercised";
+  for (long n = 1;; ++n) {
+    ASSERT_LT(n, 200) << "the call never succeeded";
+    coords.copy(m.coords);
+    dense2D<unsigned> out, failed;
+    bool hit = false;
+    int status;
+    {
+      failing_allocator guard(n);
+      status = t3::split_solid_Q4(coords, m.connect, quads, threshold, out, failed);
+      hit = guard.failed();
+    }
+    if (!hit) {
+      ASSERT_EQ(status, 0);
+      EXPECT_TRUE(std::equal(out.data(), out.data() + out.rows() * out.cols(), reference_out.data()));
+      EXPECT_TRUE(std::equal(failed.data(), failed.data() + 2 * failed.cols(), reference_failed.data()));
+      break;
+    }
+    EXPECT_EQ(status, -199) << "allocation " << n;
+    EXPECT_EQ(coords.cols(), m.coords.cols()) << "allocation " << n;
+    EXPECT_TRUE(out.empty() && failed.empty()) << "allocation " << n;
+  }
+}
