@@ -779,7 +779,7 @@ TESSEL3D_EXPORT int duplicate_surface_nodes(dense2D<double>& coords, dense2D<uns
 ///   W6   0 1 2, 3 5 4, 2 1 4 5, 0 2 5 3, 1 0 3 4
 ///   H8   0 3 7 4, 1 5 6 2, 0 4 5 1, 3 2 6 7, 0 1 2 3, 4 7 6 5
 /// So list a face as seen from the solid to split, and list it in both orientations to
-/// split both solids that share it.
+/// split both solids that share it (the conforming form below needs either one).
 ///   PY5 whose base (0 1 2 3) is listed: two TH4 with the pyramid's apex, cut along 0-2 or
 ///     1-3.
 ///   W6 or H8 carrying one or more listed faces: one new node at the mean of its corners,
@@ -794,7 +794,8 @@ TESSEL3D_EXPORT int duplicate_surface_nodes(dense2D<double>& coords, dense2D<uns
 /// sorted, are lexicographically smaller. A solid is split only when every piece has a
 /// quality above min_quality (a NaN quality is not); otherwise it is copied unchanged,
 /// its column goes to `failed` and it gets no new node. A face shared with such a solid
-/// is then a quadrangle on its side and two triangles on the other.
+/// is then a quadrangle on its side and two triangles on the other (never so in the
+/// conforming form below).
 /// Every piece is positive when its solid is (TH4 with the library's handedness, see the
 /// file comment), and the pieces of a solid with plane faces fill exactly its volume. An
 /// inverted solid gives inverted pieces: dihedral angles do not see orientation.
@@ -839,8 +840,8 @@ enum split_Q4_reason : unsigned {
 /// again with a PY5 on each such face (as on an unlisted quadrangle), and may in turn be
 /// left whole. The rule is applied until nothing changes (a face only turns from cut to
 /// whole), so no quadrangle of the output ever faces two triangles. Solids are judged
-/// from the last carrying column back, a solid sent back by a neighbour first; a solid
-/// that fails stays whole.
+/// in column order, a solid sent back by a neighbour's failure next; a solid that fails
+/// stays whole.
 /// Arguments and status codes as the form above, except:
 /// @param[out] failed  cleared first; on success 2 x #listed solids, ascending by column:
 ///                     row 0 the column of a solid that carries a listed face, row 1 a

@@ -96,6 +96,7 @@ struct checked_dihedral_measure {
     const double smallest = degenerate_tolerance * longest_squared;
     vec3 unit[6];
     bool defined[6];
+#pragma GCC unroll 6
     for (unsigned f = 0; f < solid.nb_faces; ++f) {
       const unsigned* v = solid.faces[f];
       const bool triangle = solid.face_size[f] == 3 || (may_be_absent && kind != kind_H8 && column[v[3]] == absent);
@@ -105,6 +106,7 @@ struct checked_dihedral_measure {
       defined[f] = length > smallest && length < HUGE_VAL;  // false for NaN
       unit[f] = {n.x / length, n.y / length, n.z / length};
     }
+#pragma GCC unroll 12
     for (unsigned k = 0; k < pairs.count; ++k) {
       const unsigned a = pairs.pair[k][0], b = pairs.pair[k][1];
       if (!defined[a] || !defined[b]) {

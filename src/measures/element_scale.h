@@ -18,6 +18,7 @@ template <solid_kind kind>
 inline double longest_squared_edge(const vec3 (&p)[8]) {
   constexpr const solid_descriptor& solid = solid_table[kind];
   double longest = 0;
+#pragma GCC unroll 12
   for (unsigned k = 0; k < solid.nb_edges; ++k) {
     const vec3 e = p[solid.edges[k][1]] - p[solid.edges[k][0]];
     const double squared = dot(e, e);

@@ -144,6 +144,7 @@ struct checked_solid_measure {
     const double shortest = elfes::degenerate_tolerance * elfes::degenerate_tolerance * longest_squared;
     vec3 unit[12];
     bool defined[12];
+#pragma GCC unroll 12
     for (unsigned k = 0; k < solid.nb_edges; ++k) {
       const vec3 e = p[solid.edges[k][1]] - p[solid.edges[k][0]];
       const double squared = dot(e, e), length = std::sqrt(squared);
@@ -151,6 +152,7 @@ struct checked_solid_measure {
       unit[k] = {e.x / length, e.y / length, e.z / length};
     }
     corner_value value[8];
+#pragma GCC unroll 8
     for (unsigned c = 0; c < corners.count; ++c) {
       const unsigned* e = sides.edge[c];
       value[c] = trihedron(side(unit[e[0]], sides.reversed[c][0]), side(unit[e[1]], sides.reversed[c][1]),

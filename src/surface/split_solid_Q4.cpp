@@ -361,7 +361,7 @@ bool judge_conforming(splitter& s) {
     for (unsigned f = 0; f < 6; ++f)
       if (s.carriers[c + 2 + f] != none) member[next[s.carriers[c + 2 + f]]++] = c / carrier_stride;
 
-  // Taken from the end: the last column first, then whatever a failure sends back.
+  // A stack: the carriers in column order, each one a failure sends back taken next.
   for (std::size_t k = 0; k < nb_carriers; ++k) work[k] = nb_carriers - 1 - k;
   std::size_t pending = nb_carriers;
   const elfes::node_reader node{s.coords.data(), s.coords.ld()};
