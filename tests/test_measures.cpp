@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "box_mesh.h"
-#include "failing_allocator.h"
 #include "family_table.h"
 #include "measures/angle_walk.h"
 #include "reference_volume.h"
@@ -323,19 +322,6 @@ TEST(dihedral_angles, extremes_follow_the_comparisons_through_nan) {
   EXPECT_EQ(hi, 3.0);
   elfes::list_extremes(values, 2, lo, hi);
   EXPECT_TRUE(std::isnan(lo) && std::isnan(hi));
-}
-
-TEST(dihedral_angles, a_value_that_cannot_be_stored_is_dropped) {
-  // A right prism over the quadrangle (0,0) (2,0) (2,1) (1,1): its 45 degree lateral
-  // edge 0-4 is the ninth value, the first one past the list's initial room of 8.
-  const box_mesh m = element({0, 0, 0, 2, 0, 0, 2, 1, 0, 1, 1, 0, 0, 0, 1, 2, 0, 1, 2, 1, 1, 1, 1, 1});
-  EXPECT_NEAR(angles_of(t3::dihedral_angles, m, false).lo, pi / 4, 1e-14);
-  dense1D<double, 8> lo(1), hi(1);
-  failing_allocator guard(3);  // list object, room for 8, room for 16
-  EXPECT_EQ(t3::dihedral_angles(m.coords, m.connect, false, lo, hi), 0);
-  EXPECT_TRUE(guard.failed());
-  EXPECT_NEAR(lo[0], pi / 2, 1e-14);
-  EXPECT_NEAR(hi[0], 3 * pi / 4, 1e-14);
 }
 
 TEST(dihedral_and_solid_angles, status_codes_and_outputs) {

@@ -437,31 +437,6 @@ TEST(split_solid_Q4, status_codes_in_order) {
   }
 }
 
-// The allocation sweep over every family meets no solid left whole: here one is, so the
-// list of failed solids grows too.
-TEST(split_solid_Q4, allocation_failures_with_a_solid_left_whole_roll_back) {
-  const listed_mesh p = distorted_pair();
-  ASSERT_EQ(run(p.mesh, p.quads, 0.2).failed.size(), 1u);
-  for (long n = 1;; ++n) {
-    ASSERT_LT(n, 200) << "the call never succeeded";
-    result r;
-    r.coords.copy(p.mesh.coords);
-    bool hit = false;
-    {
-      failing_allocator guard(n);
-      r.status = t3::split_solid_Q4(r.coords, p.mesh.connect, p.quads, 0.2, r.out, r.failed);
-      hit = guard.failed();
-    }
-    if (!hit) {
-      EXPECT_TRUE(r.status == 0 && r.failed.size() == 1);
-      break;
-    }
-    EXPECT_EQ(r.status, -199) << "allocation " << n;
-    EXPECT_EQ(r.coords.cols(), p.mesh.coords.cols()) << "allocation " << n;
-    EXPECT_TRUE(r.out.empty() && r.failed.empty()) << "allocation " << n;
-  }
-}
-
 // ---- the conforming form ------------------------------------------------------------------
 
 // A quarter of the interior quadrangles listed once (either way, at random) or in both
@@ -535,42 +510,57 @@ TEST(split_solid_Q4, conforming_on_every_kind_listing_and_threshold) {
   EXPECT_GT(broken_by_one_sided, 0);
 }
 
-// Every allocation of a conforming call that leaves solids whole and sends neighbours
-// back, made to fail in turn: -199 with coords, the result and the list as on entry
-// (empty); once none fails, the reference result.
-TEST(split_solid_Q4, conforming_allocation_failures_roll_back) {
+// The allocation sweep over every family meets no solid left whole: here some are (and,
+// conforming, neighbours are sent back). Every allocation made to fail in turn: -199
+// with coords, the result and the lists as on entry (empty); once none fails, the
+// reference result.
+TEST(split_solid_Q4, allocation_failures_with_solids_left_whole_roll_back) {
   const box_mesh m = graded(box_kind::H8, 3);
   std::vector<quad> listed;
   for (const auto& [key, sides] : quadrangles(m.connect))
     if (sides.size() == 2) listed.push_back(sides[0]);
-  const double threshold = 0.45;
   const dense2D<unsigned> quads = columns(listed);
-  dense2D<double> coords;
-  dense2D<unsigned> reference_out, reference_failed;
-  coords.copy(m.coords);
-  ASSERT_EQ(t3::split_solid_Q4(coords, m.connect, quads, threshold, reference_out, reference_failed), 0);
-  std::set<unsigned> reasons;
-  for (std::size_t k = 0; k < reference_failed.cols(); ++k) reasons.insert(reference_failed(1, k));
-  ASSERT_TRUE(reasons.count(t3::split_Q4_below_quality) && reasons.size() > 1) << "propagation not exercised";
-  for (long n = 1;; ++n) {
-    ASSERT_LT(n, 200) << "the call never succeeded";
-    coords.copy(m.coords);
-    dense2D<unsigned> out, failed;
-    bool hit = false;
-    int status;
-    {
-      failing_allocator guard(n);
-      status = t3::split_solid_Q4(coords, m.connect, quads, threshold, out, failed);
-      hit = guard.failed();
+  const double threshold = 0.45;
+  struct outputs {
+    dense2D<double> coords;
+    dense2D<unsigned> out, reasons;
+    dense1D<unsigned, 8> failed;
+  };
+  for (bool conforming : {false, true}) {
+    SCOPED_TRACE(conforming ? "conforming" : "one side");
+    const auto call = [&](outputs& o) {
+      return conforming ? t3::split_solid_Q4(o.coords, m.connect, quads, threshold, o.out, o.reasons)
+                        : t3::split_solid_Q4(o.coords, m.connect, quads, threshold, o.out, o.failed);
+    };
+    outputs reference;
+    reference.coords.copy(m.coords);
+    ASSERT_EQ(call(reference), 0);
+    std::set<unsigned> reasons;
+    for (std::size_t k = 0; k < reference.reasons.cols(); ++k) reasons.insert(reference.reasons(1, k));
+    ASSERT_TRUE(conforming ? reasons.count(t3::split_Q4_below_quality) && reasons.size() > 1
+                           : !reference.failed.empty());
+    for (long n = 1;; ++n) {
+      ASSERT_LT(n, 200) << "the call never succeeded";
+      outputs o;
+      o.coords.copy(m.coords);
+      bool hit = false;
+      int status;
+      {
+        failing_allocator guard(n);
+        status = call(o);
+        hit = guard.failed();
+      }
+      if (!hit) {
+        ASSERT_EQ(status, 0);
+        EXPECT_TRUE(std::equal(o.out.data(), o.out.data() + 8 * o.out.cols(), reference.out.data()));
+        EXPECT_TRUE(std::equal(o.reasons.data(), o.reasons.data() + 2 * o.reasons.cols(), reference.reasons.data()));
+        EXPECT_EQ(std::vector<unsigned>(o.failed.begin(), o.failed.end()),
+                  std::vector<unsigned>(reference.failed.begin(), reference.failed.end()));
+        break;
+      }
+      EXPECT_EQ(status, -199) << "allocation " << n;
+      EXPECT_EQ(o.coords.cols(), m.coords.cols()) << "allocation " << n;
+      EXPECT_TRUE(o.out.empty() && o.failed.empty() && o.reasons.empty()) << "allocation " << n;
     }
-    if (!hit) {
-      ASSERT_EQ(status, 0);
-      EXPECT_TRUE(std::equal(out.data(), out.data() + out.rows() * out.cols(), reference_out.data()));
-      EXPECT_TRUE(std::equal(failed.data(), failed.data() + 2 * failed.cols(), reference_failed.data()));
-      break;
-    }
-    EXPECT_EQ(status, -199) << "allocation " << n;
-    EXPECT_EQ(coords.cols(), m.coords.cols()) << "allocation " << n;
-    EXPECT_TRUE(out.empty() && failed.empty()) << "allocation " << n;
   }
 }
