@@ -70,6 +70,19 @@ void run_angles(benchmark::State& state, angle_fn angles, box_kind kind) {
 void dihedral_angles(benchmark::State& state, box_kind kind) { run_angles(state, zel::tessel3d::dihedral_angles, kind); }
 void solid_angles(benchmark::State& state, box_kind kind) { run_angles(state, zel::tessel3d::solid_angles, kind); }
 
+// The checked forms, which also list the degenerate elements (none in a box).
+zel::dense1D<unsigned, 8> degenerate;
+int dihedral_checked(const zel::dense2D<double>& x, const zel::dense2D<unsigned>& c, bool normalise,
+                     zel::dense1D<double, 8>& lo, zel::dense1D<double, 8>& hi) {
+  return zel::tessel3d::dihedral_angles(x, c, normalise, lo, hi, degenerate);
+}
+int solid_checked(const zel::dense2D<double>& x, const zel::dense2D<unsigned>& c, bool normalise,
+                  zel::dense1D<double, 8>& lo, zel::dense1D<double, 8>& hi) {
+  return zel::tessel3d::solid_angles(x, c, normalise, lo, hi, degenerate);
+}
+void dihedral_angles_checked(benchmark::State& state, box_kind kind) { run_angles(state, dihedral_checked, kind); }
+void solid_angles_checked(benchmark::State& state, box_kind kind) { run_angles(state, solid_checked, kind); }
+
 BENCHMARK_CAPTURE(baseline, TH4, box_kind::TH4)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(volume, TH4, box_kind::TH4)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(baseline, PY5, box_kind::PY5)->Unit(benchmark::kMillisecond);
@@ -82,6 +95,10 @@ BENCHMARK_CAPTURE(dihedral_angles, TH4, box_kind::TH4)->Unit(benchmark::kMillise
 BENCHMARK_CAPTURE(dihedral_angles, H8, box_kind::H8)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(solid_angles, TH4, box_kind::TH4)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(solid_angles, H8, box_kind::H8)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(dihedral_angles_checked, TH4, box_kind::TH4)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(dihedral_angles_checked, H8, box_kind::H8)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(solid_angles_checked, TH4, box_kind::TH4)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(solid_angles_checked, H8, box_kind::H8)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

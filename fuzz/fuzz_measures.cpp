@@ -25,10 +25,32 @@ TESSEL3D_FUZZ_TARGET(measures) {
       // Output vectors of any length, shorter than the element count included.
       zel::dense1D<double, 8> low(in.below(30), 9.0), high(in.below(30), 9.0);
       const bool normalise = in.flag();
-      if (in.flag())
-        zel::tessel3d::dihedral_angles(coords, connect, normalise, low, high);
-      else
-        zel::tessel3d::solid_angles(coords, connect, normalise, low, high);
+      if (in.flag()) {
+        if (in.flag())
+          zel::tessel3d::dihedral_angles(coords, connect, normalise, low, high);
+        else
+          zel::tessel3d::solid_angles(coords, connect, normalise, low, high);
+        break;
+      }
+      // The checked forms: ordered extremes (both NaN only for a listed element) and an
+      // ascending list of columns.
+      zel::dense1D<unsigned, 8> degenerate(2, 9u);
+      const bool dihedral = in.flag();
+      const int status = dihedral ? zel::tessel3d::dihedral_angles(coords, connect, normalise, low, high, degenerate)
+                                  : zel::tessel3d::solid_angles(coords, connect, normalise, low, high, degenerate);
+      if (status != 0 && !degenerate.empty()) __builtin_trap();
+      if (status != 0) break;
+      std::size_t listed = 0;
+      for (std::size_t j = 0; j < connect.cols(); ++j) {
+        const bool is_listed = listed < degenerate.size() && degenerate[listed] == j;
+        listed += is_listed;
+        if (j >= low.size() || j >= high.size()) continue;
+        const bool undefined = low[j] != low[j] || high[j] != high[j];
+        if (undefined ? !is_listed || low[j] == low[j] || high[j] == high[j] : !(low[j] <= high[j])) __builtin_trap();
+        const double bound = dihedral ? 3.3 : 12.6 * (normalise ? 1.6 : 1.0);  // a pyramid apex: two halves
+        if (!undefined && !(-bound <= low[j] && high[j] <= bound)) __builtin_trap();
+      }
+      if (listed != degenerate.size()) __builtin_trap();
       break;
     }
   }

@@ -35,5 +35,18 @@ TESSEL3D_FUZZ_TARGET(split) {
     if (out.rows() != 8 || out.cols() < connect.cols() || failed.size() > connect.cols()) __builtin_trap();
     if (!zel::tessel::check_IDs(out, zel::SOLID_MIX8, static_cast<unsigned>(coords.cols()))) __builtin_trap();
   }
+
+  // The conforming form on the same input (coords as on entry): the same status, and its
+  // list ascending, with a known reason for each solid.
+  coords.resize(coords.rows(), entry_nodes);
+  zel::dense2D<unsigned> listed(1, 1, 9u);
+  if (zel::tessel3d::split_solid_Q4(coords, connect, quads, min_quality, out, listed) != status) __builtin_trap();
+  if (status < 0 && (coords.cols() != entry_nodes || !out.empty() || !listed.empty())) __builtin_trap();
+  if (status == 0) {
+    if (listed.rows() != 2 || listed.cols() > connect.cols()) __builtin_trap();
+    for (std::size_t k = 0; k < listed.cols(); ++k)
+      if ((k && listed(0, k - 1) >= listed(0, k)) || listed(1, k) < 1 || listed(1, k) > 3) __builtin_trap();
+    if (!zel::tessel::check_IDs(out, zel::SOLID_MIX8, static_cast<unsigned>(coords.cols()))) __builtin_trap();
+  }
   return 0;
 }

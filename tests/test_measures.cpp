@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "box_mesh.h"
-#include "failing_allocator.h"
 #include "family_table.h"
 #include "measures/angle_walk.h"
 #include "reference_volume.h"
@@ -72,6 +71,12 @@ double shear(box_mesh& m) {
 
 using angle_fn = int (*)(const dense2D<double>&, const dense2D<unsigned>&, bool, dense1D<double, 8>&,
                          dense1D<double, 8>&);
+
+// The forms that also list degenerate elements.
+using checked_fn = int (*)(const dense2D<double>&, const dense2D<unsigned>&, bool, dense1D<double, 8>&,
+                           dense1D<double, 8>&, dense1D<unsigned, 8>&);
+const checked_fn checked_dihedral = t3::dihedral_angles, checked_solid = t3::solid_angles;
+checked_fn checked_form(angle_fn fn) { return fn == angle_fn(t3::dihedral_angles) ? checked_dihedral : checked_solid; }
 
 struct extremes {
   double lo, hi;
@@ -260,7 +265,8 @@ TEST(solid_angles, unit_pyramid_apex_and_base_corners) {
 class angles_on_boxes : public ::testing::TestWithParam<std::tuple<angle_fn, box_kind>> {};
 
 // The mixed layout and strided views give exactly the values of the plain pure mesh;
-// inverted elements have negative solid angles.
+// inverted elements have negative solid angles. The checked form agrees to rounding and
+// finds no degenerate element.
 TEST_P(angles_on_boxes, mixed_layout_views_and_inversion) {
   const angle_fn fn = std::get<0>(GetParam());
   box_mesh m = make_box(std::get<1>(GetParam()), 3, 2, 2, 1, 2, 3, 0.2, 13);
@@ -274,6 +280,15 @@ TEST_P(angles_on_boxes, mixed_layout_views_and_inversion) {
   EXPECT_EQ(values(mixed_hi), values(hi));
   EXPECT_EQ(values(view_lo), values(lo));
   EXPECT_EQ(values(view_hi), values(hi));
+  dense1D<unsigned, 8> degenerate(1, 7u);
+  ASSERT_EQ(checked_form(fn)(padded_view(m.coords, 2, nan_guard), padded_view(to_mixed8(m.connect), 1, 0u), true,
+                             view_lo, view_hi, degenerate),
+            0);
+  EXPECT_TRUE(degenerate.empty());
+  for (std::size_t j = 0; j < n; ++j) {
+    EXPECT_NEAR(view_lo[j], lo[j], 1e-13) << j;
+    EXPECT_NEAR(view_hi[j], hi[j], 1e-13) << j;
+  }
   if (fn != angle_fn(t3::solid_angles)) return;
   ASSERT_EQ(t3::flip(m.connect, type_of[int(std::get<1>(GetParam()))]), 0);
   ASSERT_EQ(fn(m.coords, m.connect, false, lo, hi), 0);
@@ -309,19 +324,6 @@ TEST(dihedral_angles, extremes_follow_the_comparisons_through_nan) {
   EXPECT_TRUE(std::isnan(lo) && std::isnan(hi));
 }
 
-TEST(dihedral_angles, a_value_that_cannot_be_stored_is_dropped) {
-  // A right prism over the quadrangle (0,0) (2,0) (2,1) (1,1): its 45 degree lateral
-  // edge 0-4 is the ninth value, the first one past the list's initial room of 8.
-  const box_mesh m = element({0, 0, 0, 2, 0, 0, 2, 1, 0, 1, 1, 0, 0, 0, 1, 2, 0, 1, 2, 1, 1, 1, 1, 1});
-  EXPECT_NEAR(angles_of(t3::dihedral_angles, m, false).lo, pi / 4, 1e-14);
-  dense1D<double, 8> lo(1), hi(1);
-  failing_allocator guard(3);  // list object, room for 8, room for 16
-  EXPECT_EQ(t3::dihedral_angles(m.coords, m.connect, false, lo, hi), 0);
-  EXPECT_TRUE(guard.failed());
-  EXPECT_NEAR(lo[0], pi / 2, 1e-14);
-  EXPECT_NEAR(hi[0], 3 * pi / 4, 1e-14);
-}
-
 TEST(dihedral_and_solid_angles, status_codes_and_outputs) {
   for (angle_fn fn : {angle_fn(t3::dihedral_angles), angle_fn(t3::solid_angles)}) {
     const box_mesh m = make_box(box_kind::TH4, 1, 1, 1);  // 6 elements
@@ -346,5 +348,224 @@ TEST(dihedral_and_solid_angles, status_codes_and_outputs) {
     EXPECT_EQ(lo2.size() + hi1.size(), 3u);
     EXPECT_EQ(lo2[1], lo[1]);
     EXPECT_EQ(hi1[0], hi[0]);
+    // The checked form: the same checks, its list cleared first.
+    dense1D<double, 8> untouched(6, -7.0);
+    for (const auto& [c, status] : {std::make_pair(bad, -2), std::make_pair(m.connect, -1)}) {
+      dense1D<unsigned, 8> degenerate(1, 7u);
+      EXPECT_EQ(checked_form(fn)(flat, c, false, untouched, untouched, degenerate), status);
+      EXPECT_TRUE(degenerate.empty());
+    }
+    EXPECT_EQ(values(untouched), std::vector<double>(6, -7.0));
   }
+}
+
+// ---- checked angles --------------------------------------------------------------------------
+
+namespace {
+
+struct checked_angles {
+  std::vector<double> lo, hi;
+  std::vector<unsigned> degenerate;
+};
+
+checked_angles checked(checked_fn fn, const box_mesh& m, bool normalise = false) {
+  dense1D<double, 8> lo(m.connect.cols(), -7.0), hi(m.connect.cols(), -7.0);
+  dense1D<unsigned, 8> degenerate(2, 7u);
+  EXPECT_EQ(fn(m.coords, m.connect, normalise, lo, hi, degenerate), 0);
+  return {values(lo), values(hi), std::vector<unsigned>(degenerate.begin(), degenerate.end())};
+}
+
+// Reference angles in extended precision that use no face normal: the dihedral angle
+// along edge (a, b) between the half-planes through q1 and q2 is the angle between the
+// parts of q1 - a and q2 - a normal to the edge; the solid angle at a corner of a convex
+// element is the sum of the dihedral angles along its n edges minus (n - 2) pi.
+using lvec = std::array<long double, 3>;
+
+lvec point(const dense2D<double>& xyz, unsigned j) { return {xyz(0, j), xyz(1, j), xyz(2, j)}; }
+lvec minus(const lvec& a, const lvec& b) { return {a[0] - b[0], a[1] - b[1], a[2] - b[2]}; }
+long double ldot(const lvec& a, const lvec& b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
+lvec lcross(const lvec& a, const lvec& b) {
+  return {a[1] * b[2] - a[2] * b[1], a[2] * b[0] - a[0] * b[2], a[0] * b[1] - a[1] * b[0]};
+}
+long double edge_angle(const lvec& a, const lvec& b, const lvec& q1, const lvec& q2) {
+  const lvec e = minus(b, a);
+  auto normal_part = [&](const lvec& q) {
+    const lvec d = minus(q, a);
+    const long double t = ldot(d, e) / ldot(e, e);
+    return lvec{d[0] - t * e[0], d[1] - t * e[1], d[2] - t * e[2]};
+  };
+  const lvec u = normal_part(q1), v = normal_part(q2), w = lcross(u, v);
+  return std::atan2(std::sqrt(ldot(w, w)), ldot(u, v));
+}
+
+// Edges (a, b, q1, q2) of a TH4 and of a PY5 with a plane convex base.
+const std::vector<std::array<unsigned, 4>> reference_edges[2] = {
+    {{0, 1, 2, 3}, {0, 2, 1, 3}, {0, 3, 1, 2}, {1, 2, 0, 3}, {1, 3, 0, 2}, {2, 3, 0, 1}},
+    {{0, 4, 1, 3}, {1, 4, 2, 0}, {2, 4, 3, 1}, {3, 4, 0, 2}, {0, 1, 2, 4}, {1, 2, 3, 4}, {2, 3, 0, 4}, {3, 0, 1, 4}}};
+
+struct reference_extremes {
+  long double dihedral_lo = 10, dihedral_hi = -10, solid_lo = 10, solid_hi = -10;
+};
+
+reference_extremes reference(const box_mesh& m, unsigned pyramid) {
+  reference_extremes r;
+  const unsigned nb_corners = pyramid ? 5 : 4;
+  std::vector<long double> corner_sum(nb_corners, 0);
+  std::vector<int> corner_edges(nb_corners, 0);
+  for (const auto& e : reference_edges[pyramid]) {
+    const long double angle = edge_angle(point(m.coords, e[0]), point(m.coords, e[1]), point(m.coords, e[2]),
+                                         point(m.coords, e[3]));
+    r.dihedral_lo = std::min(r.dihedral_lo, angle);
+    r.dihedral_hi = std::max(r.dihedral_hi, angle);
+    for (unsigned k : {e[0], e[1]}) corner_sum[k] += angle, ++corner_edges[k];
+  }
+  const long double pi_l = std::acos(-1.0L);
+  for (unsigned k = 0; k < nb_corners; ++k) {
+    const long double solid = corner_sum[k] - (corner_edges[k] - 2) * pi_l;
+    r.solid_lo = std::min(r.solid_lo, solid);
+    r.solid_hi = std::max(r.solid_hi, solid);
+  }
+  return r;
+}
+
+// A positive TH4 (pyramid = 0) or PY5 (1) whose last node lies `height` times its
+// longest edge off the plane of the others, its foot anywhere near them.
+box_mesh nearly_flat(unsigned pyramid, double height, random_stream& random) {
+  auto uniform3 = [&](double lo, double hi) { return lvec{random.uniform(lo, hi), random.uniform(lo, hi), random.uniform(lo, hi)}; };
+  const unsigned n = pyramid ? 5 : 4;
+  std::vector<lvec> p(n);
+  if (pyramid) {
+    // A perturbed square in a random plane, counter-clockwise about its normal w.
+    const lvec u0 = uniform3(-1, 1), v0 = uniform3(-1, 1);
+    const lvec w0 = lcross(u0, v0), v1 = lcross(w0, u0);
+    const long double lu = std::sqrt(ldot(u0, u0)), lv = std::sqrt(ldot(v1, v1));
+    const lvec u{u0[0] / lu, u0[1] / lu, u0[2] / lu}, v{v1[0] / lv, v1[1] / lv, v1[2] / lv};
+    const double square[4][2] = {{-1, -1}, {1, -1}, {1, 1}, {-1, 1}};
+    for (unsigned k = 0; k < 4; ++k) {
+      const double s = square[k][0] + random.uniform(-0.3, 0.3), t = square[k][1] + random.uniform(-0.3, 0.3);
+      for (int d = 0; d < 3; ++d) p[k][d] = s * u[d] + t * v[d];
+    }
+    const double s = random.uniform(-1.5, 1.5), t = random.uniform(-1.5, 1.5);
+    for (int d = 0; d < 3; ++d) p[4][d] = s * u[d] + t * v[d];
+  } else {
+    for (unsigned k = 0; k < 3; ++k) p[k] = uniform3(0, 1);
+    const double s = random.uniform(-0.5, 1.5), t = random.uniform(-0.5, 1.5);
+    for (int d = 0; d < 3; ++d) p[3][d] = p[0][d] + s * (p[1][d] - p[0][d]) + t * (p[2][d] - p[0][d]);
+  }
+  long double longest = 0;
+  for (unsigned a = 0; a < n; ++a)
+    for (unsigned b = 0; b < a; ++b) longest = std::max(longest, ldot(minus(p[a], p[b]), minus(p[a], p[b])));
+  lvec normal = lcross(minus(p[1], p[0]), minus(p[2], p[0]));
+  const long double scale = height * std::sqrt(longest / ldot(normal, normal));
+  // A TH4 is positive with node 3 below the right-hand normal of 0-1-2, a PY5 with its
+  // apex above.
+  for (int d = 0; d < 3; ++d) p[n - 1][d] += (pyramid ? scale : -scale) * normal[d];
+  box_mesh m = element({});
+  m.coords = dense2D<double>(3, n);
+  m.connect = dense2D<unsigned>(n, 1);
+  for (unsigned k = 0; k < n; ++k) {
+    m.connect(k, 0) = k;
+    for (int d = 0; d < 3; ++d) m.coords(d, k) = double(p[k][d]);
+  }
+  return m;
+}
+
+}  // namespace
+
+// Elements 1e-9 of their size from flat: the unclamped arc cosine gives NaN or loses
+// an extreme on some of them; the checked forms match the extended-precision reference
+// on all, and none is degenerate.
+TEST(checked_angles, nearly_flat_elements_match_extended_precision) {
+  random_stream random(2024);
+  for (unsigned pyramid : {0u, 1u}) {
+    SCOPED_TRACE(pyramid ? "PY5" : "TH4");
+    int lost_by_arc_cosine = 0;
+    for (int trial = 0; trial < 200; ++trial) {
+      const box_mesh m = nearly_flat(pyramid, 1e-9, random);
+      ASSERT_GT(volume_of(m.coords, m.connect), 0.0);
+      const reference_extremes r = reference(m, pyramid);
+      const extremes old = angles_of(t3::dihedral_angles, m, false);
+      lost_by_arc_cosine += !(std::fabs(old.lo - double(r.dihedral_lo)) <= 1e-6) ||
+                            !(std::fabs(old.hi - double(r.dihedral_hi)) <= 1e-6);
+      const checked_angles d = checked(checked_dihedral, m), s = checked(checked_solid, m);
+      EXPECT_NEAR(d.lo[0], double(r.dihedral_lo), 1e-13) << trial;
+      EXPECT_NEAR(d.hi[0], double(r.dihedral_hi), 1e-13) << trial;
+      EXPECT_NEAR(s.lo[0], double(r.solid_lo), 1e-12) << trial;
+      EXPECT_NEAR(s.hi[0], double(r.solid_hi), 1e-12) << trial;
+      EXPECT_TRUE(d.degenerate.empty() && s.degenerate.empty()) << trial;
+    }
+    EXPECT_GT(lost_by_arc_cosine, 20);
+  }
+}
+
+// Degenerate faces and corners are left out of the extremes, which come from the other
+// values (reference: the edges (a, b, q1, q2) left, and each corner left as a list of
+// its edges); the element is listed. Nothing left gives NaN.
+TEST(checked_angles, degenerate_faces_and_corners_are_left_out) {
+  using edge = std::array<unsigned, 4>;
+  box_mesh collapsed_pyramid = unit_pyramid();  // base corners 0 and 1 at one point
+  for (int d = 0; d < 3; ++d) collapsed_pyramid.coords(d, 1) = collapsed_pyramid.coords(d, 0);
+  collapsed_pyramid.coords(0, 4) = collapsed_pyramid.coords(1, 4) = 0.4;
+  box_mesh malformed{unit_pyramid().coords, to_mixed8(unit_pyramid().connect)};
+  malformed.connect(3, 0) = absent;  // a pyramid needs row 3
+  box_mesh wedged_cube = cuboid(1, 1, 1);  // top edge 4-5 collapsed: not flat
+  for (int d = 0; d < 3; ++d) wedged_cube.coords(d, 5) = wedged_cube.coords(d, 4);
+  const struct {
+    const char* name;
+    box_mesh mesh;
+    std::vector<edge> dihedral;               // empty: NaN
+    std::vector<std::vector<edge>> corners;  // empty: NaN
+    bool dihedral_listed, solid_listed;
+  } table[] = {
+      // node 3 inside face (0, 1, 2): angles 0 and pi, flat; the corner at node 3 is
+      // surrounded by its edges (+-2 pi on a rounding error), the others measure 0
+      {"flat TH4",
+       element({0, 0, 0, 1, 0, 0, 0, 1, 0, 0.25, 0.25, 0}),
+       {{0, 1, 2, 3}, {0, 3, 1, 2}},
+       {{{0, 1, 2, 3}, {0, 2, 1, 3}, {0, 3, 1, 2}}},
+       true,
+       true},
+      // nodes 0 and 1 at one point: faces opposite 2 and 3 have no normal; the faces
+      // opposite 0 and 1 are one triangle, at angle 0 to itself; no corner is left
+      {"collapsed TH4", element({0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 1}), {{2, 3, 1, 1}}, {}, true, true},
+      {"collapsed PY5",
+       collapsed_pyramid,
+       {{2, 4, 1, 3}, {3, 4, 2, 0}, {1, 2, 3, 4}, {2, 3, 0, 4}, {3, 0, 2, 4}},
+       {{{2, 1, 3, 4}, {2, 3, 1, 4}, {2, 4, 1, 3}}, {{3, 2, 0, 4}, {3, 0, 2, 4}, {3, 4, 2, 0}}},
+       true,
+       true},
+      {"mixed PY5 without row 3", malformed, {}, {}, true, true},
+  };
+  for (const auto& row : table) {
+    SCOPED_TRACE(row.name);
+    auto angle = [&](const edge& e) {
+      return double(edge_angle(point(row.mesh.coords, e[0]), point(row.mesh.coords, e[1]),
+                               point(row.mesh.coords, e[2]), point(row.mesh.coords, e[3])));
+    };
+    std::vector<double> dihedral, solid;
+    for (const edge& e : row.dihedral) dihedral.push_back(angle(e));
+    for (const auto& corner : row.corners) {
+      double sum = -pi * (corner.size() - 2.0);
+      for (const edge& e : corner) sum += angle(e);
+      solid.push_back(sum);
+    }
+    for (const auto& [fn, expected, listed] : {std::make_tuple(checked_dihedral, dihedral, row.dihedral_listed),
+                                               std::make_tuple(checked_solid, solid, row.solid_listed)}) {
+      const checked_angles c = checked(fn, row.mesh);
+      if (expected.empty()) {
+        EXPECT_TRUE(std::isnan(c.lo[0]) && std::isnan(c.hi[0]));
+      } else {
+        EXPECT_NEAR(c.lo[0], *std::min_element(expected.begin(), expected.end()), 1e-14);
+        EXPECT_NEAR(c.hi[0], *std::max_element(expected.begin(), expected.end()), 1e-14);
+      }
+      EXPECT_EQ(c.degenerate, listed ? std::vector<unsigned>{0} : std::vector<unsigned>{});
+    }
+  }
+  // A collapsed edge of a cube leaves every face a direction and the volume half: only
+  // the solid angles at its ends are undefined.
+  EXPECT_TRUE(checked(checked_dihedral, wedged_cube).degenerate.empty());
+  const checked_angles s = checked(checked_solid, wedged_cube);
+  EXPECT_EQ(s.degenerate, std::vector<unsigned>{0});
+  EXPECT_NEAR(s.lo[0], pi / 4, 1e-14);  // corners 1 and 0 under the collapsed edge
+  EXPECT_NEAR(s.hi[0], pi / 2, 1e-14);
 }

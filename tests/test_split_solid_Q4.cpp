@@ -142,6 +142,94 @@ int diagonal_used(const dense2D<unsigned>& out, std::size_t first, std::size_t l
   return -1;
 }
 
+// A box whose cells are graded (x -> x^1.6 and so on) and then sheared: every face stays
+// plane, so volumes are exact, while the cells differ in shape and quality.
+box_mesh graded(box_kind kind, unsigned n) {
+  box_mesh m = make_box(kind, n, n, 2);
+  for (std::size_t j = 0; j < m.coords.cols(); ++j) {
+    const double x = std::pow(m.coords(0, j), 1.6), y = std::pow(m.coords(1, j), 0.7), z = m.coords(2, j);
+    m.coords(0, j) = x + 0.3 * y, m.coords(1, j) = y + 0.2 * z, m.coords(2, j) = z - 0.1 * x;
+  }
+  return m;
+}
+
+// The graded H8 box with every other cell (checkerboard) cut into six PY5 around a new
+// node at its centre, in the 8-row layout.
+box_mesh hexahedra_and_pyramids(unsigned n) {
+  const box_mesh h = graded(box_kind::H8, n);
+  box_mesh m{{}, dense2D<unsigned>(8, 0)};
+  m.coords.copy(h.coords);
+  std::vector<unsigned> ids;
+  for (std::size_t j = 0; j < h.connect.cols(); ++j) {
+    const unsigned* c = &h.connect(0, j);
+    if ((j + j / n + j / (n * n)) % 2 == 0) {
+      ids.insert(ids.end(), c, c + 8);
+      continue;
+    }
+    const unsigned apex = unsigned(m.coords.cols());
+    m.coords.resize(3, apex + 1);
+    for (int d = 0; d < 3; ++d) {
+      m.coords(d, apex) = 0;
+      for (unsigned i = 0; i < 8; ++i) m.coords(d, apex) += h.coords(d, c[i]) / 8;
+    }
+    const elfes::solid_descriptor& hex = elfes::solid_table[elfes::kind_H8];
+    for (unsigned f = 0; f < 6; ++f)
+      ids.insert(ids.end(), {c[hex.faces[f][0]], c[hex.faces[f][1]], c[hex.faces[f][2]], c[hex.faces[f][3]], apex,
+                             absent, absent, absent});
+  }
+  m.connect = dense2D<unsigned>(8, ids.size() / 8);
+  std::copy(ids.begin(), ids.end(), m.connect.data());
+  return m;
+}
+
+// Every quadrangle as each solid sees it, keyed by its sorted nodes.
+std::map<face, std::vector<quad>> quadrangles(const dense2D<unsigned>& c) {
+  std::map<face, std::vector<quad>> seen;
+  for (std::size_t j = 0; j < c.cols(); ++j) {
+    const elfes::solid_kind kind = c.rows() == 5   ? elfes::kind_PY5
+                                   : c.rows() == 6 ? elfes::kind_W6
+                                                   : elfes::mixed8_kind(&c(0, j));
+    const elfes::solid_descriptor& d = elfes::solid_table[kind];
+    for (unsigned f = 0; f < d.nb_faces; ++f) {
+      if (d.face_size[f] != 4) continue;
+      const quad q{{c(d.faces[f][0], j), c(d.faces[f][1], j), c(d.faces[f][2], j), c(d.faces[f][3], j)}};
+      face key(q.begin(), q.end());
+      std::sort(key.begin(), key.end());
+      seen[key].push_back(q);
+    }
+  }
+  return seen;
+}
+
+// Quadrangle faces of the output (8-row layout) that face two triangles on the other
+// side: the two triangles of one of its diagonals are faces of the output too.
+int quadrangles_facing_triangles(const dense2D<unsigned>& out) {
+  std::set<face> triangles;
+  std::vector<quad> quads;
+  for (std::size_t j = 0; j < out.cols(); ++j) {
+    const elfes::solid_descriptor& d = elfes::solid_table[elfes::mixed8_kind(&out(0, j))];
+    for (unsigned f = 0; f < d.nb_faces; ++f) {
+      const unsigned* v = d.faces[f];
+      if (d.face_size[f] == 4) {
+        quads.push_back({{out(v[0], j), out(v[1], j), out(v[2], j), out(v[3], j)}});
+      } else {
+        face t{out(v[0], j), out(v[1], j), out(v[2], j)};
+        std::sort(t.begin(), t.end());
+        triangles.insert(t);
+      }
+    }
+  }
+  int count = 0;
+  for (const quad& q : quads)
+    for (unsigned k = 0; k < 2; ++k) {
+      face a{q[k], q[k + 1], q[k + 2]}, b{q[k + 2], q[(k + 3) % 4], q[k]};
+      std::sort(a.begin(), a.end());
+      std::sort(b.begin(), b.end());
+      count += triangles.count(a) && triangles.count(b);
+    }
+  return count;
+}
+
 }  // namespace
 
 // ---- splitting and conformity -------------------------------------------------------------
@@ -349,27 +437,130 @@ TEST(split_solid_Q4, status_codes_in_order) {
   }
 }
 
-// The allocation sweep over every family meets no solid left whole: here one is, so the
-// list of failed solids grows too.
-TEST(split_solid_Q4, allocation_failures_with_a_solid_left_whole_roll_back) {
-  const listed_mesh p = distorted_pair();
-  ASSERT_EQ(run(p.mesh, p.quads, 0.2).failed.size(), 1u);
-  for (long n = 1;; ++n) {
-    ASSERT_LT(n, 200) << "the call never succeeded";
-    result r;
-    r.coords.copy(p.mesh.coords);
-    bool hit = false;
-    {
-      failing_allocator guard(n);
-      r.status = t3::split_solid_Q4(r.coords, p.mesh.connect, p.quads, 0.2, r.out, r.failed);
-      hit = guard.failed();
+// ---- the conforming form ------------------------------------------------------------------
+
+// A quarter of the interior quadrangles listed once (either way, at random) or in both
+// orientations, at thresholds that leave no, some or most solids whole: no quadrangle of
+// the output faces two triangles, the volume is kept, every piece is positive and above
+// the threshold, and `failed` gives each solid left whole or partly split with a reason
+// that matches the output. The form that keeps one side whole breaks the first rule.
+TEST(split_solid_Q4, conforming_on_every_kind_listing_and_threshold) {
+  const struct {
+    const char* name;
+    box_mesh mesh;
+  } meshes[] = {{"H8", graded(box_kind::H8, 4)},
+                {"W6", graded(box_kind::W6, 4)},
+                {"PY5", graded(box_kind::PY5, 3)},
+                {"H8 and PY5", hexahedra_and_pyramids(4)}};
+  int left_whole = 0, partly = 0, broken_by_one_sided = 0;
+  for (const auto& m : meshes) {
+    std::vector<quad> once, twice;
+    random_stream random(7);
+    for (const auto& [key, sides] : quadrangles(m.mesh.connect)) {
+      if (sides.size() != 2 || random.uniform() >= 0.25) continue;
+      once.push_back(sides[random.uniform() < 0.5]);
+      twice.insert(twice.end(), sides.begin(), sides.end());
     }
-    if (!hit) {
-      EXPECT_TRUE(r.status == 0 && r.failed.size() == 1);
-      break;
+    ASSERT_GT(once.size(), 4u) << m.name;
+    for (const auto& listed : {once, twice})
+      for (double threshold : {-1.0, 0.3, 0.45, 0.6}) {
+        SCOPED_TRACE(::testing::Message() << m.name << ", " << listed.size() << " listed, above " << threshold);
+        result r;
+        r.coords.copy(m.mesh.coords);
+        dense2D<unsigned> failed(1, 1, 5u);
+        ASSERT_EQ(t3::split_solid_Q4(r.coords, m.mesh.connect, columns(listed), threshold, r.out, failed), 0);
+        EXPECT_EQ(quadrangles_facing_triangles(r.out), 0);
+        expect_positive_and_same_volume(r, m.mesh);
+        const std::vector<double> q = qualities(r.coords, r.out);
+        std::set<std::vector<unsigned>> out_columns;
+        for (std::size_t j = 0; j < r.out.cols(); ++j) {
+          const bool piece = elfes::mixed8_kind(&r.out(0, j)) == elfes::kind_TH4 ||
+                             *std::max_element(&r.out(0, j), &r.out(0, j) + 5) >= m.mesh.coords.cols();
+          if (piece) {
+            EXPECT_GT(q[j], threshold) << j;
+          }
+          out_columns.emplace(&r.out(0, j), &r.out(0, j) + 5);
+        }
+        // The listed columns ascend; a solid left whole is in the output as it was.
+        ASSERT_EQ(failed.rows(), 2u);
+        for (std::size_t k = 0; k < failed.cols(); ++k) {
+          const unsigned column = failed(0, k), reason = failed(1, k);
+          EXPECT_TRUE(reason >= t3::split_Q4_below_quality && reason <= t3::split_Q4_partly_split);
+          if (k) {
+            EXPECT_LT(failed(0, k - 1), column);
+          }
+          const unsigned* in = &m.mesh.connect(0, column);
+          EXPECT_EQ(out_columns.count(std::vector<unsigned>(in, in + 5)), reason != t3::split_Q4_partly_split);
+          left_whole += reason != t3::split_Q4_partly_split;
+          partly += reason == t3::split_Q4_partly_split;
+        }
+        if (threshold < 0) {
+          EXPECT_EQ(failed.cols(), 0u) << "every piece is positive";
+        }
+
+        dense1D<unsigned, 8> one_sided;
+        result old;
+        old.coords.copy(m.mesh.coords);
+        ASSERT_EQ(t3::split_solid_Q4(old.coords, m.mesh.connect, columns(listed), threshold, old.out, one_sided), 0);
+        broken_by_one_sided += quadrangles_facing_triangles(old.out);
+      }
+  }
+  EXPECT_GT(left_whole, 0);
+  EXPECT_GT(partly, 0);
+  EXPECT_GT(broken_by_one_sided, 0);
+}
+
+// The allocation sweep over every family meets no solid left whole: here some are (and,
+// conforming, neighbours are sent back). Every allocation made to fail in turn: -199
+// with coords, the result and the lists as on entry (empty); once none fails, the
+// reference result.
+TEST(split_solid_Q4, allocation_failures_with_solids_left_whole_roll_back) {
+  const box_mesh m = graded(box_kind::H8, 3);
+  std::vector<quad> listed;
+  for (const auto& [key, sides] : quadrangles(m.connect))
+    if (sides.size() == 2) listed.push_back(sides[0]);
+  const dense2D<unsigned> quads = columns(listed);
+  const double threshold = 0.45;
+  struct outputs {
+    dense2D<double> coords;
+    dense2D<unsigned> out, reasons;
+    dense1D<unsigned, 8> failed;
+  };
+  for (bool conforming : {false, true}) {
+    SCOPED_TRACE(conforming ? "conforming" : "one side");
+    const auto call = [&](outputs& o) {
+      return conforming ? t3::split_solid_Q4(o.coords, m.connect, quads, threshold, o.out, o.reasons)
+                        : t3::split_solid_Q4(o.coords, m.connect, quads, threshold, o.out, o.failed);
+    };
+    outputs reference;
+    reference.coords.copy(m.coords);
+    ASSERT_EQ(call(reference), 0);
+    std::set<unsigned> reasons;
+    for (std::size_t k = 0; k < reference.reasons.cols(); ++k) reasons.insert(reference.reasons(1, k));
+    ASSERT_TRUE(conforming ? reasons.count(t3::split_Q4_below_quality) && reasons.size() > 1
+                           : !reference.failed.empty());
+    for (long n = 1;; ++n) {
+      ASSERT_LT(n, 200) << "the call never succeeded";
+      outputs o;
+      o.coords.copy(m.coords);
+      bool hit = false;
+      int status;
+      {
+        failing_allocator guard(n);
+        status = call(o);
+        hit = guard.failed();
+      }
+      if (!hit) {
+        ASSERT_EQ(status, 0);
+        EXPECT_TRUE(std::equal(o.out.data(), o.out.data() + 8 * o.out.cols(), reference.out.data()));
+        EXPECT_TRUE(std::equal(o.reasons.data(), o.reasons.data() + 2 * o.reasons.cols(), reference.reasons.data()));
+        EXPECT_EQ(std::vector<unsigned>(o.failed.begin(), o.failed.end()),
+                  std::vector<unsigned>(reference.failed.begin(), reference.failed.end()));
+        break;
+      }
+      EXPECT_EQ(status, -199) << "allocation " << n;
+      EXPECT_EQ(o.coords.cols(), m.coords.cols()) << "allocation " << n;
+      EXPECT_TRUE(o.out.empty() && o.failed.empty() && o.reasons.empty()) << "allocation " << n;
     }
-    EXPECT_EQ(r.status, -199) << "allocation " << n;
-    EXPECT_EQ(r.coords.cols(), p.mesh.coords.cols()) << "allocation " << n;
-    EXPECT_TRUE(r.out.empty() && r.failed.empty()) << "allocation " << n;
   }
 }

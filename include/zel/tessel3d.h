@@ -136,6 +136,39 @@ TESSEL3D_EXPORT int dihedral_angles(const dense2D<double>& coords, const dense2D
 TESSEL3D_EXPORT int solid_angles(const dense2D<double>& coords, const dense2D<unsigned>& connect, bool normalise,
                                  dense1D<double, 8>& minValues, dense1D<double, 8>& maxValues);
 
+/// The checked forms of dihedral_angles and solid_angles: extremes that are defined for
+/// every element, and the list of degenerate elements. With L the longest edge of an
+/// element and tol = 1e-12:
+///   - a face is degenerate when its normal (as above) is no longer than tol L^2: its
+///     pairs of faces are left out of the dihedral extremes;
+///   - a corner is degenerate when one of its edges is no longer than tol L, two of its
+///     edges are parallel (sine <= tol), or its three edges lie in a plane (|a . (b x c)|
+///     <= tol for the unit edges) with the corner inside their angle, where the solid
+///     angle would jump between -2 pi and 2 pi: it is left out of the solid-angle
+///     extremes (a pyramid's apex when either half is);
+///   - an element is degenerate when it has such a face (dihedral) or corner (solid), or
+///     when it is flat: |volume| <= tol L^3 / 6, the volume split as `volume` splits it.
+///     A column of the mixed layout that lacks a node its kind needs is degenerate.
+/// Dihedral angles are atan2(|na x nb|, -(na . nb)) from the unit inward normals, always
+/// in [0, pi] and accurate near 0 and pi (a flat tetrahedron gives 0 and pi); solid
+/// angles use the formula above, in [-2 pi, 2 pi]. The extremes are those of the values
+/// left, NaN for both only when no value is left. Normalisation as above. Each element
+/// is measured on the stack: nothing is left out for lack of memory.
+/// Example: a tetrahedron whose node 3 lies 1e-9 above the middle of face (0, 1, 2) is
+/// not degenerate, with extremes close to 0 and pi; with nodes 0 and 1 at the same
+/// point it is (flat, and two faces without a normal), its one defined dihedral angle,
+/// between the faces opposite nodes 0 and 1, giving both extremes.
+/// @param[out] degenerate  cleared first; on success the columns of the degenerate
+///                         elements, ascending
+/// @return as dihedral_angles (checks in the same order), or -199 when `degenerate`
+///         cannot grow: every extreme is written and `degenerate` is left empty
+TESSEL3D_EXPORT int dihedral_angles(const dense2D<double>& coords, const dense2D<unsigned>& connect, bool normalise,
+                                    dense1D<double, 8>& minValues, dense1D<double, 8>& maxValues,
+                                    dense1D<unsigned, 8>& degenerate);
+TESSEL3D_EXPORT int solid_angles(const dense2D<double>& coords, const dense2D<unsigned>& connect, bool normalise,
+                                 dense1D<double, 8>& minValues, dense1D<double, 8>& maxValues,
+                                 dense1D<unsigned, 8>& degenerate);
+
 // ---- element order -----------------------------------------------------------------
 //
 // Local numbering of the high-order elements. A column lists the corners, then e nodes
@@ -775,7 +808,7 @@ TESSEL3D_EXPORT int duplicate_surface_nodes(dense2D<double>& coords, dense2D<uns
 ///   W6   0 1 2, 3 5 4, 2 1 4 5, 0 2 5 3, 1 0 3 4
 ///   H8   0 3 7 4, 1 5 6 2, 0 4 5 1, 3 2 6 7, 0 1 2 3, 4 7 6 5
 /// So list a face as seen from the solid to split, and list it in both orientations to
-/// split both solids that share it.
+/// split both solids that share it (the conforming form below needs either one).
 ///   PY5 whose base (0 1 2 3) is listed: two TH4 with the pyramid's apex, cut along 0-2 or
 ///     1-3.
 ///   W6 or H8 carrying one or more listed faces: one new node at the mean of its corners,
@@ -790,7 +823,8 @@ TESSEL3D_EXPORT int duplicate_surface_nodes(dense2D<double>& coords, dense2D<uns
 /// sorted, are lexicographically smaller. A solid is split only when every piece has a
 /// quality above min_quality (a NaN quality is not); otherwise it is copied unchanged,
 /// its column goes to `failed` and it gets no new node. A face shared with such a solid
-/// is then a quadrangle on its side and two triangles on the other.
+/// is then a quadrangle on its side and two triangles on the other (never so in the
+/// conforming form below).
 /// Every piece is positive when its solid is (TH4 with the library's handedness, see the
 /// file comment), and the pieces of a solid with plane faces fill exactly its volume. An
 /// inverted solid gives inverted pieces: dihedral angles do not see orientation.
@@ -819,6 +853,34 @@ TESSEL3D_EXPORT int duplicate_surface_nodes(dense2D<double>& coords, dense2D<uns
 TESSEL3D_EXPORT int split_solid_Q4(dense2D<double>& coords, const dense2D<unsigned>& connect,
                                    const dense2D<unsigned>& quads, double min_quality, dense2D<unsigned>& connectOut,
                                    dense1D<unsigned, 8>& failed);
+
+/// Why a solid is listed by the conforming split_solid_Q4 (row 1 of `failed`).
+enum split_Q4_reason : unsigned {
+  split_Q4_below_quality = 1,     ///< left whole: a piece would not exceed min_quality
+  split_Q4_faces_kept_whole = 2,  ///< left whole: every listed face it carries is kept whole
+  split_Q4_partly_split = 3,      ///< split, but some listed faces it carries are kept whole
+};
+
+/// The conforming split: a listed quadrangle is cut on both sides or on neither,
+/// whichever orientation it is listed in (a solid carries it in either orientation).
+/// Pieces, diagonals, quality and new nodes as the form above, with one more rule: a
+/// solid that cannot be split with every piece above min_quality is copied unchanged and
+/// keeps all its listed faces whole; every other solid on those faces is then judged
+/// again with a PY5 on each such face (as on an unlisted quadrangle), and may in turn be
+/// left whole. The rule is applied until nothing changes (a face only turns from cut to
+/// whole), so no quadrangle of the output ever faces two triangles. Solids are judged
+/// in column order, a solid sent back by a neighbour's failure next; a solid that fails
+/// stays whole.
+/// Arguments and status codes as the form above, except:
+/// @param[out] failed  cleared first; on success 2 x #listed solids, ascending by column:
+///                     row 0 the column of a solid that carries a listed face, row 1 a
+///                     split_Q4_reason. A solid split with all its listed faces cut is
+///                     not listed. Left empty on any failure.
+/// Time and memory linear in #nodes + #solids + #quadrangles: each solid is judged at
+/// most once more than it has listed faces.
+TESSEL3D_EXPORT int split_solid_Q4(dense2D<double>& coords, const dense2D<unsigned>& connect,
+                                   const dense2D<unsigned>& quads, double min_quality, dense2D<unsigned>& connectOut,
+                                   dense2D<unsigned>& failed);
 
 }  // namespace tessel3d
 }  // namespace zel

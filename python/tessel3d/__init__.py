@@ -28,11 +28,12 @@ from . import _native
 from .errors import Error, OutOfMemoryError
 from .extrude import Extrusion, extrude_line, extrude_normal, extrude_rotate, extrude_spiral, extrude_translate
 from .locate import Locator, get_element_containing_point, interpolate, interpolate_metrics
-from .measures import Angles, circumcenters, dihedral_angles, element_volumes, solid_angles, volume
+from .measures import (Angles, circumcenters, degenerate_elements, dihedral_angles, element_volumes, solid_angles,
+                       volume)
 from .mesh import (ABSENT, FACES, ROWS, ElementType, NodeDetector, element_type, flip, flip_h8, flip_th4, flip_w6,
                    get_neighbors, get_node_element, mixed, solid_type, surface_normals, version)
 from .order import Converted, Split, convert_into_high_order, convert_into_linear, convert_into_quadratic, split_into_h8
-from .surface import Duplication, SplitQ4, duplicate_surface_nodes, split_solid_q4
+from .surface import Duplication, SplitQ4, SplitReason, duplicate_surface_nodes, split_solid_q4
 
 globals().update({t.name: t for t in ElementType})
 
@@ -40,7 +41,7 @@ __version__ = _native.version()
 
 __all__ = [
     "ABSENT", "Angles", "Converted", "Duplication", "ElementType", "Error", "Extrusion", "FACES", "Locator", "ROWS",
-    "Split", "SplitQ4", "circumcenters", "convert_into_high_order", "convert_into_linear", "convert_into_quadratic",
+    "Split", "SplitQ4", "SplitReason", "circumcenters", "degenerate_elements", "convert_into_high_order", "convert_into_linear", "convert_into_quadratic",
     "dihedral_angles", "duplicate_surface_nodes", "element_type", "element_volumes", "extrude_line", "extrude_normal",
     "extrude_rotate", "extrude_spiral", "extrude_translate", "flip", "flip_h8", "flip_th4", "flip_w6",
     "get_element_containing_point", "get_neighbors", "get_node_element", "interpolate", "interpolate_metrics",

@@ -48,24 +48,47 @@ def circumcenters(coords, connect):
     return centers
 
 
-def _angles(function, coords, connect, normalise):
+def _angles(function, coords, connect, normalise, strict):
+    """Angles(min, max) and the indices of the degenerate elements (None when strict)."""
     x, c = _mesh(function, coords, connect)
-    status, lo, hi = getattr(A.native("measures", function), function)(x, c, bool(normalise))
+    if strict:
+        status, lo, hi = getattr(A.native("measures", function), function)(x, c, bool(normalise))
+        degenerate = None
+    else:
+        name = function + "_checked"
+        status, lo, hi, degenerate = getattr(A.native("measures", name), name)(x, c, bool(normalise))
     check(function, status, {"coords": x, "connect": c})
-    return Angles(lo, hi)
+    return Angles(lo, hi), degenerate
 
 
-def dihedral_angles(coords, connect, normalise=False):
+def dihedral_angles(coords, connect, normalise=False, *, strict=False):
     """Smallest and largest dihedral angle of every element, as Angles(min, max).
 
     Radians, or with normalise=True scaled per kind so that the regular element scores 1
     (the unit cube: pi/2, normalised 1). connect as for volume().
+    By default the angles are always in [0, pi] and precise on nearly flat elements; a
+    face without a normal (a collapsed edge, three nodes on a line) is left out of its
+    element's extremes, which are NaN only when nothing is left: see
+    degenerate_elements(). strict=True gives the plain arc-cosine rule, where rounding
+    can give NaN and a face without a normal counts as an angle of 0.
     """
-    return _angles("dihedral_angles", coords, connect, normalise)
+    return _angles("dihedral_angles", coords, connect, normalise, strict)[0]
 
 
-def solid_angles(coords, connect, normalise=False):
+def solid_angles(coords, connect, normalise=False, *, strict=False):
     """Smallest and largest solid angle at the vertices of every element (steradians, or
     normalised: a TH4's factor is 5/pi, so the regular tetrahedron scores about 0.877).
-    Negative at the vertices of an inverted element."""
-    return _angles("solid_angles", coords, connect, normalise)
+    Negative at the vertices of an inverted element.
+    By default a corner without a defined solid angle (an edge of length 0, two edges on
+    a line, or three edges in a plane around the corner) is left out of its element's
+    extremes; strict=True keeps every corner."""
+    return _angles("solid_angles", coords, connect, normalise, strict)[0]
+
+
+def degenerate_elements(coords, connect):
+    """Indices, ascending, of the elements whose angles are not all defined or whose
+    volume vanishes: a face without a normal, a corner without a solid angle, or a
+    volume below 1e-12 times the cube of the element's longest edge (an (k,) array).
+    connect as for volume()."""
+    lists = [_angles(f, coords, connect, False, False)[1] for f in ("dihedral_angles", "solid_angles")]
+    return np.union1d(*lists).astype(np.int64)

@@ -180,3 +180,29 @@ def test_split_solid_q4_cuts_the_listed_face_only():
     assert t3.volume(r.coords, r.connect) == pytest.approx(1.0)
     kept = t3.split_solid_q4(CUBE, [list(range(8))], [[0, 1, 2, 3]], 0.99)
     assert kept.failed.tolist() == [0] and kept.connect.tolist() == [list(range(8))]
+    assert kept.reasons.tolist() == [t3.SplitReason.BELOW_QUALITY]
+    # the face seen from outside: split all the same, unless strictly as listed
+    outside = t3.split_solid_q4(CUBE, [list(range(8))], [[0, 3, 2, 1]], 0.0)
+    assert outside.connect.tolist() == r.connect.tolist()
+    untouched = t3.split_solid_q4(CUBE, [list(range(8))], [[0, 3, 2, 1]], 0.0, strict=True)
+    assert untouched.connect.tolist() == [list(range(8))] and len(untouched.coords) == 8
+
+
+def test_angles_of_flat_and_collapsed_elements():
+    # node 3 inside face (0, 1, 2): flat, angles 0 and pi; nodes 0 and 1 at one point:
+    # a single defined dihedral angle; a regular element: not degenerate
+    flat = np.array([[0, 0, 0], [1, 0, 0], [0, 1, 0], [0.25, 0.25, 0]], float)
+    collapsed = np.array([[0, 0, 0], [0, 0, 0], [0, 1, 0], [0, 0, 1]], float)
+    right = np.array([[0, 0, 0], [0, 1, 0], [1, 0, 0], [0, 0, 1]], float)
+    coords = np.vstack([flat, collapsed, right])
+    connect = np.arange(12, dtype=np.uint32).reshape(3, 4)
+    angles = t3.dihedral_angles(coords, connect)
+    np.testing.assert_allclose(angles.min[:2], [0, 0], atol=1e-15)
+    np.testing.assert_allclose(angles.max[:2], [np.pi, 0], atol=1e-15)
+    assert t3.degenerate_elements(coords, connect).tolist() == [0, 1]
+    strict = t3.dihedral_angles(coords, connect, strict=True)
+    assert strict.max[1] == 0 and not np.isnan(angles.max).any()
+    solid = t3.solid_angles(coords, connect)
+    assert np.isnan(solid.min[1]) and solid.max[0] == 0  # no corner left; the +-2 pi corner left out
+    strict = t3.solid_angles(coords, connect, strict=True)
+    assert max(abs(strict.min[0]), abs(strict.max[0])) == pytest.approx(2 * np.pi)  # kept, its sign a rounding

@@ -2,8 +2,11 @@
 // the row count, one scratch list of values per call, and the per-element extremes.
 #pragma once
 
+#include <cmath>
+
 #include "common/element_tables.h"
 #include "common/vec3.h"
+#include "measures/element_scale.h"
 #include "zel/matrix.h"
 #include "zel/tessel.h"
 
@@ -120,6 +123,102 @@ int walk_angles(const zel::dense2D<double>& coords, const zel::dense2D<unsigned>
     default: walk_pure<Measure, kind_W6>(coords, connect, list, min_values, max_values); break;
   }
   return 0;
+}
+
+}  // namespace elfes
+
+// ---- the checked walk ----------------------------------------------------------------------
+//
+// The forms that list degenerate elements. Values come from kernels that never leave
+// their range; those that depend on a face or corner without a direction are not
+// added, and their element is marked. A flat element is marked too.
+
+namespace elfes {
+
+// The values of one element, at most twelve, on the stack: nothing to allocate.
+class element_values {
+ public:
+  explicit element_values(bool normalise) : normalise_(normalise) {}
+  void clear() {
+    count_ = 0;
+    degenerate_ = false;
+  }
+  void add(double value, double factor) { value_[count_++] = normalise_ ? value * factor : value; }
+  void mark_degenerate() { degenerate_ = true; }
+  bool degenerate() const { return degenerate_; }
+  // NaN for both when no value is defined.
+  void extremes(double& lo, double& hi) const {
+    lo = hi = count_ ? value_[0] : std::nan("");
+    for (unsigned k = 1; k < count_; ++k) {
+      lo = value_[k] < lo ? value_[k] : lo;
+      hi = value_[k] > hi ? value_[k] : hi;
+    }
+  }
+
+ private:
+  double value_[12];
+  unsigned count_ = 0;
+  bool degenerate_ = false;
+  bool normalise_;
+};
+
+// Measure provides: template <solid_kind kind, bool may_be_absent>
+//   static void element(const unsigned* column, const vec3 (&p)[8], double longest_squared, element_values& list);
+template <class Measure, solid_kind kind, class Reader>
+inline void checked_element(const unsigned* column, const Reader& node, element_values& list) {
+  vec3 p[8];
+  load_vertices<solid_table[kind].nb_vertices>(column, node, p);
+  const double longest = longest_squared_edge<kind>(p);
+  Measure::template element<kind, Reader::may_be_absent>(column, p, longest, list);
+  if (is_flat<kind>(p, longest)) list.mark_degenerate();
+}
+
+// The checks and layouts of walk_angles; `degenerate` is cleared first and lists the
+// marked columns, ascending. When it cannot grow, every extreme is still written and it
+// is left empty: -199.
+template <class Measure>
+int walk_checked_angles(const zel::dense2D<double>& coords, const zel::dense2D<unsigned>& connect, bool normalise,
+                        zel::dense1D<double, 8>& min_values, zel::dense1D<double, 8>& max_values,
+                        zel::dense1D<unsigned, 8>& degenerate) {
+  degenerate.clear();
+  const unsigned nb_nodes = static_cast<unsigned>(coords.cols());
+  solid_kind pure_kind = kind_H8;
+  const bool pure = pure_kind_of_rows(connect.rows(), pure_kind);
+  if (!zel::tessel::check_IDs(connect, pure ? solid_table[pure_kind].type : zel::SOLID_MIX8, nb_nodes)) return -2;
+  if (connect.empty()) return 0;
+  if (coords.rows() < 3) return -1;
+  const node_reader plain{coords.data(), coords.ld()};
+  const mixed_node_reader mixed{coords.data(), coords.ld()};
+  element_values list(normalise);
+  bool listed = true;
+  const std::size_t n = connect.cols(), ld = connect.ld();
+  const unsigned* column = connect.data();
+  for (std::size_t j = 0; j < n; ++j, column += ld) {
+    list.clear();
+    switch (pure ? pure_kind : mixed8_kind(column)) {
+      case kind_TH4:
+        pure ? checked_element<Measure, kind_TH4>(column, plain, list)
+             : checked_element<Measure, kind_TH4>(column, mixed, list);
+        break;
+      case kind_PY5:
+        pure ? checked_element<Measure, kind_PY5>(column, plain, list)
+             : checked_element<Measure, kind_PY5>(column, mixed, list);
+        break;
+      case kind_W6:
+        pure ? checked_element<Measure, kind_W6>(column, plain, list)
+             : checked_element<Measure, kind_W6>(column, mixed, list);
+        break;
+      case kind_H8: checked_element<Measure, kind_H8>(column, mixed, list); break;
+    }
+    double lo, hi;
+    list.extremes(lo, hi);
+    if (j < min_values.size()) min_values[j] = lo;
+    if (j < max_values.size()) max_values[j] = hi;
+    if (list.degenerate() && listed) listed = degenerate.push_back(static_cast<unsigned>(j));
+  }
+  if (listed) return 0;
+  degenerate.clear();
+  return -199;
 }
 
 }  // namespace elfes

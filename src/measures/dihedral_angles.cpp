@@ -13,5 +13,11 @@ int dihedral_angles(const dense2D<double>& coords, const dense2D<unsigned>& conn
   return elfes::walk_angles<elfes::dihedral_measure>(coords, connect, normalise, minValues, maxValues);
 }
 
+int dihedral_angles(const dense2D<double>& coords, const dense2D<unsigned>& connect, bool normalise,
+                    dense1D<double, 8>& minValues, dense1D<double, 8>& maxValues, dense1D<unsigned, 8>& degenerate) {
+  return elfes::walk_checked_angles<elfes::checked_dihedral_measure>(coords, connect, normalise, minValues, maxValues,
+                                                                     degenerate);
+}
+
 }  // namespace tessel3d
 }  // namespace zel

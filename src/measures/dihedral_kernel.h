@@ -6,6 +6,7 @@
 #include <cmath>
 
 #include "common/element_tables.h"
+#include "measures/element_scale.h"
 #include "measures/triangle_kernels.h"
 #include "common/vec3.h"
 
@@ -79,6 +80,42 @@ struct dihedral_measure {
     }
 #pragma GCC unroll 12
     for (unsigned k = 0; k < pairs.count; ++k) list.add(defined[k] ? std::acos(cosine[k]) : 0.0, pairs.factor[k]);
+  }
+};
+
+// The checked form. A face whose normal is shorter than degenerate_tolerance times the
+// squared longest edge has no direction: its pairs are left out and the element is
+// marked. The others give atan2(|na x nb|, -(na . nb)) from the unit normals, which lies
+// in [0, pi] and keeps its precision near 0 and pi, where an arc cosine loses half the
+// digits (and, unclamped, leaves its domain).
+struct checked_dihedral_measure {
+  template <solid_kind kind, bool may_be_absent, class List>
+  static void element(const unsigned* column, const vec3 (&p)[8], double longest_squared, List& list) {
+    constexpr const solid_descriptor& solid = solid_table[kind];
+    constexpr const face_pairs& pairs = pairs_table[kind];
+    const double smallest = degenerate_tolerance * longest_squared;
+    vec3 unit[6];
+    bool defined[6];
+#pragma GCC unroll 6
+    for (unsigned f = 0; f < solid.nb_faces; ++f) {
+      const unsigned* v = solid.faces[f];
+      const bool triangle = solid.face_size[f] == 3 || (may_be_absent && kind != kind_H8 && column[v[3]] == absent);
+      const vec3 n =
+          triangle ? triangle_normal(p[v[0]], p[v[1]], p[v[2]]) : quadrangle_normal(p[v[0]], p[v[1]], p[v[2]], p[v[3]]);
+      const double length = std::sqrt(dot(n, n));
+      defined[f] = length > smallest && length < HUGE_VAL;  // false for NaN
+      unit[f] = {n.x / length, n.y / length, n.z / length};
+    }
+#pragma GCC unroll 12
+    for (unsigned k = 0; k < pairs.count; ++k) {
+      const unsigned a = pairs.pair[k][0], b = pairs.pair[k][1];
+      if (!defined[a] || !defined[b]) {
+        list.mark_degenerate();
+        continue;
+      }
+      const vec3 sine = cross(unit[a], unit[b]);
+      list.add(std::atan2(std::sqrt(dot(sine, sine)), -dot(unit[a], unit[b])), pairs.factor[k]);
+    }
   }
 };
 

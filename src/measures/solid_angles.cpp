@@ -115,7 +115,69 @@ struct solid_measure {
   }
 };
 
+// The checked form. A corner has no defined solid angle when a side is shorter than
+// degenerate_tolerance times the longest edge, when two sides are parallel (a face at
+// the corner has no direction), or when the three sides lie in a plane with the corner
+// inside their angle: the value then jumps between -2 pi and 2 pi on the sign of a
+// rounding error. Such corners are left out (a pyramid's apex when either half is) and
+// the element is marked.
+struct checked_solid_measure {
+  struct corner_value {
+    double angle;
+    bool defined;
+  };
+
+  static corner_value trihedron(const vec3& a, const vec3& b, const vec3& c) {
+    const double tolerance = elfes::degenerate_tolerance, parallel = tolerance * tolerance;
+    const vec3 ab = elfes::cross(a, b), bc = elfes::cross(b, c), ca = elfes::cross(c, a);
+    const double volume = dot(a, bc), spread = dot(c + b, b + a);
+    const bool defined = dot(ab, ab) > parallel && dot(bc, bc) > parallel && dot(ca, ca) > parallel &&
+                         (std::fabs(volume) > tolerance || spread > 0);
+    return {2.0 * std::atan2(volume, spread), defined};
+  }
+
+  template <solid_kind kind, bool may_be_absent>
+  static void element(const unsigned*, const vec3 (&p)[8], double longest_squared, elfes::element_values& list) {
+    constexpr const elfes::solid_descriptor& solid = elfes::solid_table[kind];
+    constexpr const corner_list& corners = corners_table[kind];
+    constexpr const trihedron_edges& sides = edges_table[kind];
+    const double shortest = elfes::degenerate_tolerance * elfes::degenerate_tolerance * longest_squared;
+    vec3 unit[12];
+    bool defined[12];
+#pragma GCC unroll 12
+    for (unsigned k = 0; k < solid.nb_edges; ++k) {
+      const vec3 e = p[solid.edges[k][1]] - p[solid.edges[k][0]];
+      const double squared = dot(e, e), length = std::sqrt(squared);
+      defined[k] = squared > shortest;  // false for NaN
+      unit[k] = {e.x / length, e.y / length, e.z / length};
+    }
+    corner_value value[8];
+#pragma GCC unroll 8
+    for (unsigned c = 0; c < corners.count; ++c) {
+      const unsigned* e = sides.edge[c];
+      value[c] = trihedron(side(unit[e[0]], sides.reversed[c][0]), side(unit[e[1]], sides.reversed[c][1]),
+                           side(unit[e[2]], sides.reversed[c][2]));
+      value[c].defined = value[c].defined && defined[e[0]] && defined[e[1]] && defined[e[2]];
+    }
+    const unsigned nb_values = kind == elfes::kind_PY5 ? 5 : corners.count;
+    if (kind == elfes::kind_PY5) value[4] = {value[4].angle + value[5].angle, value[4].defined && value[5].defined};
+    for (unsigned c = 0; c < nb_values; ++c) {
+      if (!value[c].defined) {
+        list.mark_degenerate();
+        continue;
+      }
+      list.add(value[c].angle, kind == elfes::kind_PY5 && c == 4 ? py5_apex_factor : corners.factor);
+    }
+  }
+};
+
 }  // namespace
+
+int solid_angles(const dense2D<double>& coords, const dense2D<unsigned>& connect, bool normalise,
+                 dense1D<double, 8>& minValues, dense1D<double, 8>& maxValues, dense1D<unsigned, 8>& degenerate) {
+  return elfes::walk_checked_angles<checked_solid_measure>(coords, connect, normalise, minValues, maxValues,
+                                                           degenerate);
+}
 
 int solid_angles(const dense2D<double>& coords, const dense2D<unsigned>& connect, bool normalise,
                  dense1D<double, 8>& minValues, dense1D<double, 8>& maxValues) {

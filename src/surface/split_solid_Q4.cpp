@@ -7,6 +7,12 @@
 // walked once to find those that carry one, scoring both cuts of each listed face; each
 // such solid is then judged with the cuts chosen; the output is finally written in the
 // order of the input columns. Only the second walk touches every solid's faces.
+//
+// The conforming form maps both orientations of a listed face to one record, so every
+// solid on the face carries it, and judges the carriers from a work list: a solid that
+// fails keeps its listed faces whole, which sends the other carriers of those faces back
+// to be judged again with a pyramid on them. A face only ever turns from cut to whole,
+// so each carrier is judged at most once per listed face it has, plus once.
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
@@ -149,17 +155,31 @@ void load_solid(const unsigned* column, solid_kind kind, const elfes::node_reade
   if (kind != elfes::kind_PY5) p[centre] = corner_mean(p, nb);
 }
 
+// What becomes of a carrier in the conforming form.
+enum carrier_state : unsigned char { to_split, below_quality, faces_kept_whole };
+
 struct splitter {
   splitter(dense2D<double>& xyz, const dense2D<unsigned>& solids, const dense2D<unsigned>& listed, double threshold,
-           dense2D<unsigned>& output, dense1D<unsigned, 8>& left_whole)
-      : coords(xyz), connect(solids), quads(listed), min_quality(threshold), out(output), failed(left_whole) {}
+           dense2D<unsigned>& output, dense1D<unsigned, 8>* left_whole, dense2D<unsigned>* reasons)
+      : coords(xyz),
+        connect(solids),
+        quads(listed),
+        min_quality(threshold),
+        out(output),
+        failed(left_whole),
+        failed_reasons(reasons),
+        conforming(reasons != nullptr) {}
 
   dense2D<double>& coords;
   dense2D<unsigned> connect;  // shallow copies: the outputs may share the inputs' buffers
   dense2D<unsigned> quads;
   double min_quality;
   dense2D<unsigned>& out;
-  dense1D<unsigned, 8>& failed;
+  dense1D<unsigned, 8>* failed;         // the form that keeps one side whole
+  dense2D<unsigned>* failed_reasons;    // the conforming form
+  bool conforming;
+  dense1D<unsigned char, 8> record_whole;  // conforming: 1 for a listed face kept whole
+  dense1D<unsigned char, 8> state;         // conforming: a carrier_state per carrier
 
   face_map faces;
   dense1D<unsigned char, 8> listed_node;  // 1 for a corner of a listed quadrangle
@@ -197,7 +217,8 @@ bool list_quads(splitter& s) {
   const std::size_t n = s.quads.cols();
   const std::size_t buckets = elfes::next_prime(n);
   if (!s.listed_node.resize(s.coords.cols(), 0)) return false;
-  if (!s.faces.reset(n < 2 * buckets ? n : 2 * buckets, buckets, 1.0)) return false;
+  const std::size_t keys = s.conforming ? 2 * n : n;
+  if (!s.faces.reset(keys < 2 * buckets ? keys : 2 * buckets, buckets, 1.0)) return false;
   const unsigned* q = s.quads.data();
   for (std::size_t j = 0; j < n; ++j, q += s.quads.ld()) {
     for (unsigned i = 0; i < 4; ++i) s.listed_node[q[i]] = 1;
@@ -206,12 +227,20 @@ bool list_quads(splitter& s) {
     bool added = false;
     const std::size_t pos = s.faces.insert(h, {key, none}, &added);
     if (pos == face_map::npos) return false;
-    if (!added) continue;  // listed twice the same way
-    const std::size_t other = s.faces.find(h, elfes::faceQ4{{q[0], q[3], q[2], q[1]}});
+    if (!added) continue;  // listed twice the same way (or, conforming, the other way)
+    const elfes::faceQ4 reverse{{q[0], q[3], q[2], q[1]}};
+    if (s.conforming) {
+      // Both orientations name the record, so every solid on the face carries it.
+      s.faces.value(pos).second = s.nb_records;
+      if (s.faces.insert(h, {reverse, s.nb_records++}) == face_map::npos) return false;
+      continue;
+    }
+    const std::size_t other = s.faces.find(h, reverse);
     const bool paired = other != s.faces.end() && other != pos;  // a face can be its own reverse
     s.faces.value(pos).second = paired ? s.faces.value(other).second : s.nb_records++;
   }
-  return s.scores.resize(2 * s.nb_records, std::numeric_limits<double>::infinity());
+  return s.scores.resize(2 * s.nb_records, std::numeric_limits<double>::infinity()) &&
+         (!s.conforming || s.record_whole.resize(s.nb_records, 0));
 }
 
 // Finds the solids that carry a listed face and scores both cuts of each such face by
@@ -264,7 +293,7 @@ void carrier_cuts(const splitter& s, const unsigned* column, solid_kind kind, co
   const solid_descriptor& d = solid_table[kind];
   for (unsigned f = 0; f < 6; ++f) {
     cut[f] = whole;
-    if (f < d.nb_faces && record[f] != none)
+    if (f < d.nb_faces && record[f] != none && !(s.conforming && s.record_whole[record[f]]))
       cut[f] = chosen_diagonal(s.scores.data() + 2 * record[f]) ^ first_diagonal(face_key(column, d, f));
   }
 }
@@ -287,12 +316,118 @@ bool judge_carriers(splitter& s) {
     bool good = true;
     for (unsigned k = 0; k < pieces.count && good; ++k) good = piece_quality(pieces.item[k], p) > s.min_quality;
     if (!good) {
-      if (!s.failed.push_back(static_cast<unsigned>(j))) return false;
+      if (!s.failed->push_back(static_cast<unsigned>(j))) return false;
       continue;
     }
     s.carriers[c + 1] = pieces.count;
     s.nb_out += pieces.count - 1;
     if (kind != elfes::kind_PY5) ++s.nb_new_nodes;
+  }
+  return true;
+}
+
+// The pieces of carrier c (at carriers[c]) with the cuts its faces have now; false
+// when none of its listed faces is cut any more.
+bool carrier_pieces(const splitter& s, std::size_t c, piece_list& pieces) {
+  const unsigned* column = s.connect.data() + s.carriers[c] * s.connect.ld();
+  const solid_kind kind = column_kind(column, s.connect.rows());
+  unsigned cut[6];
+  carrier_cuts(s, column, kind, s.carriers.data() + c + 2, cut);
+  bool any_cut = false;
+  for (unsigned f = 0; f < 6; ++f) any_cut = any_cut || cut[f] != whole;
+  if (!any_cut) return false;
+  solid_pieces(kind, cut, pieces);
+  return true;
+}
+
+// Judges every carrier from a work list until no listed face changes: a carrier whose
+// pieces are not all above the threshold keeps its listed faces whole, and the other
+// carriers of those faces are judged again. `member` lists the carriers of each record
+// (from `first[r]` to `first[r + 1]`), so that a face turned whole finds them.
+bool judge_conforming(splitter& s) {
+  const std::size_t nb_carriers = s.carriers.size() / carrier_stride;
+  dense1D<std::size_t, 8> first, member, work;
+  dense1D<unsigned char, 8> queued;
+  if (!first.resize(s.nb_records + 1, 0) || !s.state.resize(nb_carriers, to_split) ||
+      !queued.resize(nb_carriers, 1) || !work.resize(nb_carriers))
+    return false;
+  for (std::size_t c = 0; c < s.carriers.size(); c += carrier_stride)
+    for (unsigned f = 0; f < 6; ++f)
+      if (s.carriers[c + 2 + f] != none) ++first[s.carriers[c + 2 + f] + 1];
+  for (std::size_t r = 0; r < s.nb_records; ++r) first[r + 1] += first[r];
+  dense1D<std::size_t, 8> next;
+  if (!next.copy(first) || !member.resize(first[s.nb_records])) return false;
+  for (std::size_t c = 0; c < s.carriers.size(); c += carrier_stride)
+    for (unsigned f = 0; f < 6; ++f)
+      if (s.carriers[c + 2 + f] != none) member[next[s.carriers[c + 2 + f]]++] = c / carrier_stride;
+
+  // A stack: the carriers in column order, each one a failure sends back taken next.
+  for (std::size_t k = 0; k < nb_carriers; ++k) work[k] = nb_carriers - 1 - k;
+  std::size_t pending = nb_carriers;
+  const elfes::node_reader node{s.coords.data(), s.coords.ld()};
+  while (pending != 0) {
+    const std::size_t k = work[--pending];
+    queued[k] = 0;
+    if (s.state[k] == below_quality) continue;
+    const std::size_t c = k * carrier_stride;
+    piece_list pieces;
+    if (!carrier_pieces(s, c, pieces)) {
+      s.state[k] = faces_kept_whole;
+      continue;
+    }
+    const unsigned* column = s.connect.data() + s.carriers[c] * s.connect.ld();
+    vec3 p[9];
+    load_solid(column, column_kind(column, s.connect.rows()), node, p);
+    bool good = true;
+    for (unsigned i = 0; i < pieces.count && good; ++i) good = piece_quality(pieces.item[i], p) > s.min_quality;
+    if (good) continue;
+    s.state[k] = below_quality;
+    for (unsigned f = 0; f < 6; ++f) {
+      const std::size_t r = s.carriers[c + 2 + f];
+      if (r == none || s.record_whole[r]) continue;
+      s.record_whole[r] = 1;
+      for (std::size_t m = first[r]; m < first[r + 1]; ++m) {
+        const std::size_t other = member[m];
+        if (queued[other] || s.state[other] == below_quality) continue;
+        queued[other] = 1;
+        work[pending++] = other;  // at most once in the list: room for every carrier
+      }
+    }
+  }
+
+  // The split carriers' pieces and new nodes; the others, and those split with a listed
+  // face kept whole, with their reason.
+  s.nb_out = s.connect.cols();
+  std::size_t nb_failed = 0;
+  for (std::size_t k = 0; k < nb_carriers; ++k) {
+    const std::size_t c = k * carrier_stride;
+    piece_list pieces;
+    if (s.state[k] != below_quality && carrier_pieces(s, c, pieces)) {
+      s.carriers[c + 1] = pieces.count;
+      s.nb_out += pieces.count - 1;
+      const unsigned* column = s.connect.data() + s.carriers[c] * s.connect.ld();
+      if (column_kind(column, s.connect.rows()) != elfes::kind_PY5) ++s.nb_new_nodes;
+      bool partly = false;
+      for (unsigned f = 0; f < 6; ++f) {
+        const std::size_t r = s.carriers[c + 2 + f];
+        partly = partly || (r != none && s.record_whole[r]);
+      }
+      s.state[k] = partly ? faces_kept_whole : to_split;
+    } else if (s.state[k] != below_quality) {
+      s.state[k] = faces_kept_whole;
+    }
+    nb_failed += s.state[k] != to_split;
+  }
+  if (!s.failed_reasons->resize(2, nb_failed)) return false;
+  unsigned* row = s.failed_reasons->data();
+  for (std::size_t k = 0; k < nb_carriers; ++k) {
+    if (s.state[k] == to_split) continue;
+    const std::size_t c = k * carrier_stride;
+    row[0] = static_cast<unsigned>(s.carriers[c]);
+    row[1] = s.state[k] == below_quality ? split_Q4_below_quality
+             : s.carriers[c + 1] == 0    ? split_Q4_faces_kept_whole
+                                         : split_Q4_partly_split;
+    row += s.failed_reasons->ld();
   }
   return true;
 }
@@ -338,21 +473,23 @@ void write_output(splitter& s, std::size_t nb_nodes) {
 
 int split(splitter& s) {
   s.out.clear();
-  s.failed.clear();
+  if (s.failed) s.failed->clear();
+  if (s.failed_reasons) s.failed_reasons->clear();
   if (const int status = check_arguments(s)) return status;
   const std::size_t nb_nodes = s.coords.cols();
   const bool listed = s.quads.cols() != 0 && s.connect.cols() != 0;
   bool done = !listed || (list_quads(s) && find_carriers(s));
   s.faces = face_map();  // the map and marks are no longer needed: give their memory back
   s.listed_node = dense1D<unsigned char, 8>();
-  done = done && judge_carriers(s);
+  done = done && (s.conforming ? judge_conforming(s) : judge_carriers(s));
   // The absent marker can never become a node ID.
   done = done && std::uint64_t(nb_nodes) + s.nb_new_nodes <= std::uint64_t(absent) &&
          s.out.resize(8, s.nb_out, absent) && s.coords.resize(3, nb_nodes + s.nb_new_nodes);
   if (!done) {
     // coords grows last, and a failed resize changes nothing: it keeps its columns.
     s.out.clear();
-    s.failed.clear();
+    if (s.failed) s.failed->clear();
+    if (s.failed_reasons) s.failed_reasons->clear();
     return no_memory;
   }
   write_output(s, nb_nodes);
@@ -363,7 +500,13 @@ int split(splitter& s) {
 
 int split_solid_Q4(dense2D<double>& coords, const dense2D<unsigned>& connect, const dense2D<unsigned>& quads,
                    double min_quality, dense2D<unsigned>& connectOut, dense1D<unsigned, 8>& failed) {
-  splitter s(coords, connect, quads, min_quality, connectOut, failed);
+  splitter s(coords, connect, quads, min_quality, connectOut, &failed, nullptr);
+  return split(s);
+}
+
+int split_solid_Q4(dense2D<double>& coords, const dense2D<unsigned>& connect, const dense2D<unsigned>& quads,
+                   double min_quality, dense2D<unsigned>& connectOut, dense2D<unsigned>& failed) {
+  splitter s(coords, connect, quads, min_quality, connectOut, nullptr, &failed);
   return split(s);
 }
 

@@ -140,6 +140,14 @@ inline scene mixed_solids(std::initializer_list<box_kind> kinds) {
   return with_outputs(s);
 }
 inline scene every_solid_kind() { return mixed_solids({box_kind::TH4, box_kind::PY5, box_kind::W6, box_kind::H8}); }
+// The same with the first tetrahedron's nodes 0 and 1 moved to one point: a degenerate
+// element for the checked angle forms to list.
+inline scene with_collapsed_tetrahedron() {
+  scene s = every_solid_kind();
+  for (int d = 0; d < 3; ++d) s.coords(d, s.connect(1, 0)) = s.coords(d, s.connect(0, 0));
+  s.ids_out = {};  // no room yet, so that listing the element allocates
+  return s;
+}
 
 // A 2 x 2 grid of faces at z = 0 in 4-row columns: quadrangles in cells (0, 0) and
 // (1, 1), two triangles (~0U in row 3) in the others; two edges to sweep, a normal per
@@ -315,6 +323,16 @@ inline void one_value_left_out(const failure& f) {
   EXPECT_LE(differing, 1);
 }
 
+// The checked angle forms: -199 with every extreme as a call without failure gives them
+// and the list of degenerate elements empty.
+inline void extremes_written(const failure& f) {
+  entry_but(f, [&](scene& e) {
+    e.min_values = f.reference.min_values;
+    e.max_values = f.reference.max_values;
+    e.ids_out = {};
+  });
+}
+
 // Extrusion along a line: as the other extrusions; and when the removal of the
 // polyline's unused copies runs out of memory, the copies stay and 0 is returned: the
 // same elements, node for node at the same places, with the copies of the start node
@@ -402,6 +420,12 @@ inline const std::vector<family_row>& family_table() {
                  t3::dihedral_angles(s.coords, s.connect, true, s.min_values, s.max_values)),
     TESSEL3D_ROW("solid_angles", every_solid_kind, one_value_left_out,
                  t3::solid_angles(s.coords, s.connect, false, s.min_values, s.max_values)),
+    // the checked forms allocate only to list degenerate elements (here the collapsed
+    // TH4): on failure every extreme is written and the list is left empty
+    TESSEL3D_ROW("dihedral_angles_checked", with_collapsed_tetrahedron, extremes_written,
+                 t3::dihedral_angles(s.coords, s.connect, true, s.min_values, s.max_values, s.ids_out)),
+    TESSEL3D_ROW("solid_angles_checked", with_collapsed_tetrahedron, extremes_written,
+                 t3::solid_angles(s.coords, s.connect, false, s.min_values, s.max_values, s.ids_out)),
 
     TESSEL3D_ROW("convert_into_high_order_result", every_solid_kind, result_cleared,
                  t3::convert_into_high_order(s.coords, s.connect, 2, 4, 3, 8, 1, 2, 1, s.out, s.faces, s.edges)),
@@ -483,6 +507,10 @@ inline const std::vector<family_row>& family_table() {
     TESSEL3D_ROW("split_solid_Q4", split_q4_input,
                  [](const failure& f) { entry_but(f, [](scene& e) { e.out = {}; e.ids_out = {}; }); },
                  t3::split_solid_Q4(s.coords, s.connect, s.faces, 0.05, s.out, s.ids_out)),
+    // the conforming form writes its (column, reason) list into E; both outputs cleared first
+    TESSEL3D_ROW("split_solid_Q4_conforming", split_q4_input,
+                 [](const failure& f) { entry_but(f, [](scene& e) { e.out = {}; e.E = {}; }); },
+                 t3::split_solid_Q4(s.coords, s.connect, s.faces, 0.05, s.out, s.E)),
 
     TESSEL3D_ROW("get_neighbors", tetrahedra, unchanged, zel::tessel::get_neighbors(s.connect, zel::TH4, s.out)),
     TESSEL3D_ROW("get_node_element", tetrahedra, unchanged,
