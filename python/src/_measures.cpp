@@ -94,9 +94,9 @@ void t3py::register_measures(py::module_& m) {
                              zel::dense1D<double, 8>&, zel::dense1D<double, 8>&, zel::dense1D<unsigned, 8>&);
   for (const auto& [name, fn] : {std::make_pair("dihedral_angles_checked", checked_fn(&t3::dihedral_angles)),
                                  std::make_pair("solid_angles_checked", checked_fn(&t3::solid_angles))})
-    m.def(name, [fn = fn](py::array coords, py::array connect, bool normalise) {
-      const zel::dense2D<double> x = matrix_view<double>(coords, "coords");
-      const zel::dense2D<unsigned> c = matrix_view<unsigned>(connect, "connect");
+    m.def(name, [fn = fn](const py::array& coords, const py::array& connect, bool normalise) {
+      const zel::dense2D<double> x = private_matrix<double>(coords, "coords");
+      const zel::dense2D<unsigned> c = private_matrix<unsigned>(connect, "connect");
       py::array_t<double> lo(c.cols()), hi(c.cols());
       std::fill(lo.mutable_data(), lo.mutable_data() + c.cols(), std::numeric_limits<double>::quiet_NaN());
       std::fill(hi.mutable_data(), hi.mutable_data() + c.cols(), std::numeric_limits<double>::quiet_NaN());

@@ -26,17 +26,17 @@ void t3py::register_split_q4(py::module_& m) {
   });
 
   // The conforming form: failed comes back as (k, 2) rows of (column, reason).
-  m.def("split_solid_Q4_conforming", [](py::array coords, py::array connect, py::array quads, double min_quality) {
-    zel::dense2D<double> x = matrix_view<double>(coords, "coords");
-    const zel::dense2D<unsigned> c = matrix_view<unsigned>(connect, "connect");
-    const zel::dense2D<unsigned> q = matrix_view<unsigned>(quads, "quads");
+  m.def("split_solid_Q4_conforming", [](const py::array& coords, const py::array& connect, const py::array& quads,
+                                        double min_quality) {
+    zel::dense2D<double> x = private_matrix<double>(coords, "coords");
+    const zel::dense2D<unsigned> c = private_matrix<unsigned>(connect, "connect");
+    const zel::dense2D<unsigned> q = private_matrix<unsigned>(quads, "quads");
     zel::dense2D<unsigned> out, failed;
     int status;
     {
       py::gil_scoped_release release;
       status = t3::split_solid_Q4(x, c, q, min_quality, out, failed);
     }
-    py::object caller = coords;
-    return py::make_tuple(status, to_numpy(x, {&caller}), to_numpy(out), to_numpy(failed));
+    return py::make_tuple(status, to_numpy(x), to_numpy(out), to_numpy(failed));
   });
 }
