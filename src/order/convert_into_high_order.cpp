@@ -234,6 +234,7 @@ class keys_ahead {
         c.hash[i] = elfes::hash_key(c.key[i]);
         c.home[i] = map.home(c.hash[i]);
         map.prefetch(c.home[i]);
+        map.prefetch_key(c.key[i]);
       }
     }
   }

@@ -15,24 +15,30 @@
 // key; same_orientation: they are two).
 //
 // Layout: one growable array of slots. Slots [0, B) are the home buckets, slots [B, used)
-// overflow slots appended by insertions. Each slot holds a value and a link word:
-// bit 0 = occupied, link >> 1 = forward distance to the next slot of the same chain
-// (0: end of chain). A chain starts at its home bucket and only moves forward, and may
-// pass through unoccupied slots (a home bucket that was never filled still links to its
-// chain), so a chain walk touches no separately allocated node and a rehash is a linear
-// scan. Never-used slots hold key words ~0U, mapped value 0 and link 0.
+// overflow slots appended by insertions: a new entry takes its home bucket (hash mod B)
+// when that is free, else the next overflow slot. A rehash re-inserts the entries in slot
+// order by the same rule. Iteration walks the slots in array order, so bulk traversals
+// are deterministic and depend only on the keys and the order of their insertion. Each
+// slot holds a value and a link word whose bit 0 says it is occupied; never-used slots
+// hold key words ~0U, mapped value 0 and link 0.
+//
+// Lookups do not walk the buckets of the hash above: being additive in the node IDs, it
+// lets a chosen numbering put most keys of a mesh in one bucket. They go through an index
+// beside the slots, open addressing over the slots' positions keyed by a seeded mix of the
+// sorted nodes (key_mixing.h), kept at most half full, so that a find or an insert costs
+// O(1) expected probes whatever the numbering. The index costs 8 to 16 bytes per entry.
 //
 // Use: reset() once (23 expected entries, hint 23, load 1.0), rehash() to the expected
 // count before a bulk insertion, then insert_growing() (which doubles the buckets once
 // the entries would exceed twice their number) or insert(). Iterate in array order with
-// begin() / end() / occupied(): bulk traversals depend on this order and are therefore
-// deterministic. Nothing throws: failures are reported by return values.
+// begin() / end() / occupied(). Nothing throws: failures are reported by return values.
 #pragma once
 
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
 
+#include "order/key_mixing.h"
 #include "zel/matrix.h"
 
 namespace elfes {
@@ -182,6 +188,22 @@ inline std::size_t next_prime(std::size_t wanted) {
   return primes[29];
 }
 
+// ---- seeded lookup hash: equal under either match policy => equal hash ----------------
+
+inline std::uint64_t lookup_hash(std::uint64_t seed, unsigned id) { return mixing::of_nodes(seed, id); }
+inline std::uint64_t lookup_hash(std::uint64_t seed, const edge2& k) {
+  return mixing::of_nodes(seed, k.node[0], k.node[1]);
+}
+inline std::uint64_t lookup_hash(std::uint64_t seed, const faceT3& k) {
+  return mixing::of_nodes(seed, k.node[0], k.node[1], k.node[2]);
+}
+inline std::uint64_t lookup_hash(std::uint64_t seed, const faceQ4& k) {
+  return mixing::of_nodes(seed, k.node[0], k.node[1], k.node[2], k.node[3]);
+}
+inline std::uint64_t lookup_hash(std::uint64_t seed, const face_mix& k) {
+  return mixing::of_nodes(seed, k.node[0], k.node[1], k.node[2], k.node[3]);
+}
+
 // ---- the table ----------------------------------------------------------------------------
 
 template <class Value, class Match = any_orientation>
@@ -193,8 +215,9 @@ class hash_table {
   static constexpr std::size_t npos = ~std::size_t(0);
 
   /// Empties the table and sizes it for n entries with max(hint, 23) buckets. False when
-  /// the slots could not be reserved: the table then has 23 buckets (or, when even those
-  /// cannot be had, none, and every insert fails).
+  /// the slots could not be reserved (the table then has 23 buckets, or, when even those
+  /// cannot be had, none, and every insert fails) or the index for n entries could not be
+  /// had (it is then built by the first insertion).
   bool reset(std::size_t n, std::size_t hint, double max_load) {
     used_ = 0;
     entries_ = 0;
@@ -207,31 +230,32 @@ class hash_table {
     const double wanted = static_cast<double>(n) + extra;
     bool reserved = wanted < 4294967295.0 && reserve_slots(static_cast<std::size_t>(wanted));
     buckets_ = reserved ? tentative : 23;
+    index_.reset();
+    index_mask_ = 0;
+    probes_ = 0;
+    seed_ = mixing::fresh_seed(this);
     if (!reserve_slots(first_ + buckets_)) {
       buckets_ = 0;
       return false;
     }
-    slot_type* slots = storage_->data() + first_;
-    for (std::size_t i = 0; i < buckets_; ++i) clear_slot(slots[i]);
+    slot_type* slots = storage_->data();
+    for (std::size_t i = 0; i < buckets_; ++i) clear_slot(slots[first_ + i]);
     used_ = buckets_;
-    return reserved;
+    // Without its index the table stays usable: the index is then built on demand.
+    return build_index(n) && reserved;
   }
 
-  /// Position of the entry equal to key, or end().
-  std::size_t find(std::uint64_t h, const key_type& key) const {
-    if (buckets_ == 0) return end();
-    const slot_type* slots = storage_->data();
-    std::size_t pos = first_ + h % buckets_;
-    for (;;) {
-      const unsigned link = slots[pos].link;
-      if ((link & 1u) && Match::accepts(compare_keys(stored_key<Value>::of(slots[pos].value), key))) return pos;
-      if (link < 2) return end();
-      pos += link >> 1;
-    }
+  /// Position of the entry equal to key, or end(). h, the key's hash_key(), is not needed
+  /// by the lookup; it is taken for symmetry with insert().
+  std::size_t find(std::uint64_t /*h*/, const key_type& key) const {
+    if (!index_) return end();
+    std::size_t probe = 0;
+    const std::size_t pos = lookup(key, &probe);
+    return pos == npos ? end() : pos;
   }
 
-  /// The home bucket of hash h, where insert() and find() start, while the bucket count
-  /// stays as it is (npos when there are no buckets).
+  /// The home bucket of hash h, where insert() places a new key when it is free, while
+  /// the bucket count stays as it is (npos when there are no buckets).
   std::size_t home(std::uint64_t h) const { return buckets_ == 0 ? npos : first_ + h % buckets_; }
 
   /// Starts loading the slot at `pos` (a home()) into the cache. A bulk insertion asks
@@ -245,8 +269,18 @@ class hash_table {
 #endif
   }
 
+  /// Starts loading the index entry where the lookup of key begins.
+  void prefetch_key(const key_type& key) const {
+#if defined(__GNUC__)
+    if (index_) __builtin_prefetch(index_->data() + (lookup_hash(seed_, key) & index_mask_));
+#else
+    (void)key;
+#endif
+  }
+
   /// Find-or-insert: the position of the existing equal entry (left untouched) or of the
-  /// newly stored value; npos when the slots could not grow. *added tells which.
+  /// newly stored value; npos when the slots or the index could not grow. *added tells
+  /// which.
   std::size_t insert(std::uint64_t h, const Value& value, bool* added = nullptr) {
     return insert_from(home(h), value, added);
   }
@@ -255,59 +289,45 @@ class hash_table {
   std::size_t insert_from(std::size_t home_pos, const Value& value, bool* added = nullptr) {
     if (added) *added = false;
     if (buckets_ == 0) return npos;
-    slot_type* slots = storage_->data();
-    const key_type& key = stored_key<Value>::of(value);
-    std::size_t pos = home_pos, free_slot = npos;
-    for (;;) {
-      const unsigned link = slots[pos].link;
-      if (link & 1u) {
-        if (Match::accepts(compare_keys(stored_key<Value>::of(slots[pos].value), key))) return pos;
-      } else if (free_slot == npos) {
-        free_slot = pos;
-      }
-      if (link < 2) break;
-      pos += link >> 1;
+    std::size_t free_entry = npos;
+    if (index_) {
+      const std::size_t pos = lookup(stored_key<Value>::of(value), &free_entry);
+      if (pos != npos) return pos;
     }
-    if (free_slot != npos) {  // reuse it; its link keeps the chain intact
-      slots[free_slot].value = value;
-      slots[free_slot].link |= 1u;
-      ++entries_;
-      if (added) *added = true;
-      return free_slot;
+    if (2 * (entries_ + 1) > index_capacity()) {
+      if (!build_index(entries_ + 1)) return npos;
+      free_entry = npos;
     }
-    const std::size_t fresh = first_ + used_;
-    if (fresh - pos > 0x7FFFFFFFu) return npos;  // the link word cannot hold the distance
-    if (fresh >= storage_->capacity()) {
-      const std::size_t capacity = storage_->capacity();
-      std::size_t grown = 2 * capacity > 2 ? 2 * capacity : 2;
-      if (grown < fresh + 1) grown = fresh + 1;
-      if (!storage_->__grow(grown, fresh)) return npos;
-      slots = storage_->data();
+    const std::size_t pos = place(home_pos, value);
+    if (pos == npos) return npos;
+    if (free_entry == npos) {
+      record(pos);
+    } else {
+      index_->data()[free_entry] = entry_of(pos, lookup_hash(seed_, stored_key<Value>::of(value)));
     }
-    slots[fresh].value = value;
-    slots[fresh].link = 1u;
-    ++used_;
-    slots[pos].link = static_cast<unsigned>(((fresh - pos) << 1) + 1);
-    ++entries_;
     if (added) *added = true;
-    return fresh;
+    return pos;
   }
 
-  /// Rebuilds the table with at least `wanted` buckets (the next prime of the table).
-  /// False when the new table could not be sized (the old one is kept) or when an entry
-  /// could not be carried over.
+  /// Rebuilds the table with at least `wanted` buckets (the next prime of the table),
+  /// re-inserting the entries in slot order. False when the new table or its index could
+  /// not be sized (the old one is kept) or when an entry could not be carried over.
   bool rehash(std::size_t wanted) {
     const std::size_t buckets = next_prime(wanted);
     hash_table rebuilt;
     rebuilt.reset(entries_, buckets, 1.0);
-    if (rebuilt.buckets_ < buckets) return false;
+    if (rebuilt.buckets_ < buckets || !rebuilt.index_) return false;
     for (std::size_t pos = begin(); pos < end(); ++pos)
       if (occupied(pos)) {
         const Value& value = storage_->data()[pos].value;
-        rebuilt.insert(hash_key(stored_key<Value>::of(value)), value);
+        const std::size_t placed = rebuilt.place(rebuilt.home(hash_key(stored_key<Value>::of(value))), value);
+        if (placed == npos) break;
+        rebuilt.record(placed);
       }
     const bool complete = rebuilt.entries_ == entries_;
+    const std::size_t probes = probes_ + rebuilt.probes_;
     *this = rebuilt;
+    probes_ = probes;
     max_load_ = 1.0;
     return complete;
   }
@@ -340,9 +360,19 @@ class hash_table {
   std::size_t bucket_count() const { return buckets_; }
   std::size_t used_slots() const { return used_; }
   double max_load() const { return max_load_; }
+  /// Index entries examined by the lookups since the last reset: a measure of work that
+  /// does not depend on the machine (for tests and benchmarks).
+  std::size_t probes() const { return probes_; }
 
  private:
   using buffer_type = zel::vector_num<slot_type, 8>;
+  // An index entry: a slot's position relative to first_ (~0U: empty) and the high half
+  // of its key's lookup hash, which settles most mismatches without reading the slot.
+  struct index_entry {
+    unsigned pos;
+    unsigned tag;
+  };
+  using index_type = zel::vector_num<index_entry, 8>;
 
   static void clear_slot(slot_type& slot) {
     stored_key<Value>::mark_unused(slot.value);
@@ -358,12 +388,91 @@ class hash_table {
     return true;
   }
 
+  std::size_t index_capacity() const { return index_ ? index_mask_ + 1 : 0; }
+
+  static index_entry entry_of(std::size_t pos_from_first, std::uint64_t mixed) {
+    return {static_cast<unsigned>(pos_from_first), static_cast<unsigned>(mixed >> 32)};
+  }
+
+  // The position of the entry equal to key, or npos with *free_entry set to the empty
+  // index entry where the key would go.
+  std::size_t lookup(const key_type& key, std::size_t* free_entry) const {
+    const std::uint64_t mixed = lookup_hash(seed_, key);
+    const unsigned tag = static_cast<unsigned>(mixed >> 32);
+    const index_entry* index = index_->data();
+    const slot_type* slots = storage_->data() + first_;
+    for (std::size_t i = mixed & index_mask_;; i = (i + 1) & index_mask_) {
+      ++probes_;
+      const index_entry e = index[i];
+      if (e.pos == ~0U) {
+        *free_entry = i;
+        return npos;
+      }
+      if (e.tag == tag && Match::accepts(compare_keys(stored_key<Value>::of(slots[e.pos].value), key)))
+        return first_ + e.pos;
+    }
+  }
+
+  // Adds the occupied slot at `pos` to the index (which has room and does not hold it).
+  void record(std::size_t pos) {
+    const std::uint64_t mixed = lookup_hash(seed_, stored_key<Value>::of(storage_->data()[pos].value));
+    index_entry* index = index_->data();
+    std::size_t i = mixed & index_mask_;
+    for (++probes_; index[i].pos != ~0U; ++probes_) i = (i + 1) & index_mask_;
+    index[i] = entry_of(pos - first_, mixed);
+  }
+
+  // A fresh index for at least n entries at most half full, holding the occupied slots.
+  // False (the old index kept) when memory runs out or positions would not fit its words.
+  bool build_index(std::size_t n) {
+    if (first_ + used_ + 1 >= ~0U) return false;
+    std::size_t capacity = 16;
+    while (capacity < 2 * n) capacity *= 2;
+    if (index_ && capacity <= index_capacity()) return true;
+    index_type* fresh = index_type::__create(capacity);
+    if (!fresh) return false;
+    for (std::size_t i = 0; i < capacity; ++i) fresh->data()[i] = {~0U, 0};
+    index_ = fresh;
+    index_mask_ = capacity - 1;
+    for (std::size_t pos = begin(); pos < end(); ++pos)
+      if (occupied(pos)) record(pos);
+    return true;
+  }
+
+  // Stores a new entry in its home bucket when free, else in a new overflow slot; the
+  // index is left to the caller. npos when the slots could not grow.
+  std::size_t place(std::size_t home_pos, const Value& value) {
+    slot_type* slots = storage_->data();
+    std::size_t pos = home_pos;
+    if (slots[pos].link & 1u) {
+      pos = first_ + used_;
+      if (pos + 1 >= ~0U) return npos;  // positions must fit the index's words
+      if (pos >= storage_->capacity()) {
+        const std::size_t capacity = storage_->capacity();
+        std::size_t grown = 2 * capacity > 2 ? 2 * capacity : 2;
+        if (grown < pos + 1) grown = pos + 1;
+        if (!storage_->__grow(grown, pos)) return npos;
+        slots = storage_->data();
+      }
+      slots[pos].link = 0;
+      ++used_;
+    }
+    slots[pos].value = value;
+    slots[pos].link |= 1u;
+    ++entries_;
+    return pos;
+  }
+
   zel::Ptr<buffer_type> storage_;
   std::size_t used_ = 0;
   std::size_t first_ = 0;
   std::size_t buckets_ = 0;
   std::size_t entries_ = 0;
   double max_load_ = 1.0;
+  zel::Ptr<index_type> index_;
+  std::size_t index_mask_ = 0;
+  std::uint64_t seed_ = 0;
+  mutable std::size_t probes_ = 0;
 };
 
 }  // namespace elfes
