@@ -19,14 +19,18 @@
 // when that is free, else the next overflow slot. A rehash re-inserts the entries in slot
 // order by the same rule. Iteration walks the slots in array order, so bulk traversals
 // are deterministic and depend only on the keys and the order of their insertion. Each
-// slot holds a value and a link word whose bit 0 says it is occupied; never-used slots
-// hold key words ~0U, mapped value 0 and link 0.
+// slot holds a value and a link word: bit 0 = occupied, link >> 1 = forward distance to
+// the next slot of the same chain (0: end of chain). Never-used slots hold key words ~0U,
+// mapped value 0 and link 0.
 //
-// Lookups do not walk the buckets of the hash above: being additive in the node IDs, it
-// lets a chosen numbering put most keys of a mesh in one bucket. They go through an index
-// beside the slots, open addressing over the slots' positions keyed by a seeded mix of the
-// sorted nodes (key_mixing.h), kept at most half full, so that a find or an insert costs
-// O(1) expected probes whatever the numbering. The index costs 8 to 16 bytes per entry.
+// The hash above is additive in the node IDs, so a chosen numbering can give most keys of
+// a mesh one bucket. A chain is therefore linked for its first chain_limit overflow slots
+// only; the later slots of a bucket go to an index beside the slots, open addressing keyed
+// by a seeded mix of the sorted nodes (key_mixing.h), at most half full. A find or an
+// insert walks at most chain_limit links, then probes the index: O(1) expected whatever
+// the numbering, while an ordinary numbering, whose hashes follow the mesh, keeps the
+// locality of its home buckets and rarely reaches the index. The index is built on demand
+// and costs 16 to 32 bytes per slot it holds.
 //
 // Use: reset() once (23 expected entries, hint 23, load 1.0), rehash() to the expected
 // count before a bulk insertion, then insert_growing() (which doubles the buckets once
@@ -215,9 +219,8 @@ class hash_table {
   static constexpr std::size_t npos = ~std::size_t(0);
 
   /// Empties the table and sizes it for n entries with max(hint, 23) buckets. False when
-  /// the slots could not be reserved (the table then has 23 buckets, or, when even those
-  /// cannot be had, none, and every insert fails) or the index for n entries could not be
-  /// had (it is then built by the first insertion).
+  /// the slots could not be reserved: the table then has 23 buckets (or, when even those
+  /// cannot be had, none, and every insert fails).
   bool reset(std::size_t n, std::size_t hint, double max_load) {
     used_ = 0;
     entries_ = 0;
@@ -232,8 +235,9 @@ class hash_table {
     buckets_ = reserved ? tentative : 23;
     index_.reset();
     index_mask_ = 0;
-    probes_ = 0;
+    indexed_ = 0;
     seed_ = mixing::fresh_seed(this);
+    probes_ = 0;
     if (!reserve_slots(first_ + buckets_)) {
       buckets_ = 0;
       return false;
@@ -241,17 +245,14 @@ class hash_table {
     slot_type* slots = storage_->data();
     for (std::size_t i = 0; i < buckets_; ++i) clear_slot(slots[first_ + i]);
     used_ = buckets_;
-    // Without its index the table stays usable: the index is then built on demand.
-    return build_index(n) && reserved;
+    return reserved;
   }
 
-  /// Position of the entry equal to key, or end(). h, the key's hash_key(), is not needed
-  /// by the lookup; it is taken for symmetry with insert().
-  std::size_t find(std::uint64_t /*h*/, const key_type& key) const {
-    if (!index_) return end();
-    std::size_t probe = 0;
-    const std::size_t pos = lookup(key, &probe);
-    return pos == npos ? end() : pos;
+  /// Position of the entry equal to key, or end().
+  std::size_t find(std::uint64_t h, const key_type& key) const {
+    if (buckets_ == 0) return end();
+    const place_found at = lookup(home(h), key);
+    return at.pos == npos ? end() : at.pos;
   }
 
   /// The home bucket of hash h, where insert() places a new key when it is free, while
@@ -269,7 +270,7 @@ class hash_table {
 #endif
   }
 
-  /// Starts loading the index entry where the lookup of key begins.
+  /// Starts loading the index entry where the lookup of a key past a full chain begins.
   void prefetch_key(const key_type& key) const {
 #if defined(__GNUC__)
     if (index_) __builtin_prefetch(index_->data() + (lookup_hash(seed_, key) & index_mask_));
@@ -289,40 +290,26 @@ class hash_table {
   std::size_t insert_from(std::size_t home_pos, const Value& value, bool* added = nullptr) {
     if (added) *added = false;
     if (buckets_ == 0) return npos;
-    std::size_t free_entry = npos;
-    if (index_) {
-      const std::size_t pos = lookup(stored_key<Value>::of(value), &free_entry);
-      if (pos != npos) return pos;
-    }
-    if (2 * (entries_ + 1) > index_capacity()) {
-      if (!build_index(entries_ + 1)) return npos;
-      free_entry = npos;
-    }
-    const std::size_t pos = place(home_pos, value);
-    if (pos == npos) return npos;
-    if (free_entry == npos) {
-      record(pos);
-    } else {
-      index_->data()[free_entry] = entry_of(pos, lookup_hash(seed_, stored_key<Value>::of(value)));
-    }
-    if (added) *added = true;
+    const place_found at = lookup(home_pos, stored_key<Value>::of(value));
+    if (at.pos != npos) return at.pos;
+    const std::size_t pos = add(at, value);
+    if (added) *added = pos != npos;
     return pos;
   }
 
   /// Rebuilds the table with at least `wanted` buckets (the next prime of the table),
-  /// re-inserting the entries in slot order. False when the new table or its index could
-  /// not be sized (the old one is kept) or when an entry could not be carried over.
+  /// re-inserting the entries in slot order. False when the new table could not be sized
+  /// (the old one is kept) or when an entry could not be carried over.
   bool rehash(std::size_t wanted) {
     const std::size_t buckets = next_prime(wanted);
     hash_table rebuilt;
     rebuilt.reset(entries_, buckets, 1.0);
-    if (rebuilt.buckets_ < buckets || !rebuilt.index_) return false;
+    if (rebuilt.buckets_ < buckets) return false;
     for (std::size_t pos = begin(); pos < end(); ++pos)
       if (occupied(pos)) {
         const Value& value = storage_->data()[pos].value;
-        const std::size_t placed = rebuilt.place(rebuilt.home(hash_key(stored_key<Value>::of(value))), value);
-        if (placed == npos) break;
-        rebuilt.record(placed);
+        const key_type& key = stored_key<Value>::of(value);
+        if (rebuilt.add(rebuilt.chain_end(rebuilt.home(hash_key(key))), value) == npos) break;
       }
     const bool complete = rebuilt.entries_ == entries_;
     const std::size_t probes = probes_ + rebuilt.probes_;
@@ -360,8 +347,8 @@ class hash_table {
   std::size_t bucket_count() const { return buckets_; }
   std::size_t used_slots() const { return used_; }
   double max_load() const { return max_load_; }
-  /// Index entries examined by the lookups since the last reset: a measure of work that
-  /// does not depend on the machine (for tests and benchmarks).
+  /// Slots and index entries examined by the lookups since the last reset: a measure of
+  /// work that does not depend on the machine (for tests and benchmarks).
   std::size_t probes() const { return probes_; }
 
  private:
@@ -373,6 +360,9 @@ class hash_table {
     unsigned tag;
   };
   using index_type = zel::vector_num<index_entry, 8>;
+  // Links walked from a home bucket before the index takes over: long enough for the
+  // chains of ordinary numberings, short enough that no numbering makes a walk costly.
+  static constexpr unsigned chain_limit = 4;
 
   static void clear_slot(slot_type& slot) {
     stored_key<Value>::mark_unused(slot.value);
@@ -390,77 +380,112 @@ class hash_table {
 
   std::size_t index_capacity() const { return index_ ? index_mask_ + 1 : 0; }
 
-  static index_entry entry_of(std::size_t pos_from_first, std::uint64_t mixed) {
-    return {static_cast<unsigned>(pos_from_first), static_cast<unsigned>(mixed >> 32)};
-  }
+  // Where a lookup ended: the entry's position, or npos with the last slot of the key's
+  // chain (npos when its home bucket is free) and the number of links walked to it.
+  struct place_found {
+    std::size_t pos, home, tail;
+    unsigned links;
+  };
 
-  // The position of the entry equal to key, or npos with *free_entry set to the empty
-  // index entry where the key would go.
-  std::size_t lookup(const key_type& key, std::size_t* free_entry) const {
+  // The entry equal to key whose home bucket is home_pos. The chain from the home bucket
+  // is walked up to chain_limit links; a chain that long continues in the index.
+  place_found lookup(std::size_t home_pos, const key_type& key) const {
+    const slot_type* slots = storage_->data();
+    std::size_t pos = home_pos;
+    ++probes_;
+    if (!(slots[pos].link & 1u)) return {npos, home_pos, npos, 0};
+    unsigned links = 0;
+    for (;;) {
+      if (Match::accepts(compare_keys(stored_key<Value>::of(slots[pos].value), key))) return {pos, home_pos, pos, links};
+      const unsigned link = slots[pos].link;
+      if (link < 2) break;
+      pos += link >> 1;
+      ++links;
+      ++probes_;
+    }
+    if (links < chain_limit || !index_) return {npos, home_pos, pos, links};
     const std::uint64_t mixed = lookup_hash(seed_, key);
     const unsigned tag = static_cast<unsigned>(mixed >> 32);
     const index_entry* index = index_->data();
-    const slot_type* slots = storage_->data() + first_;
     for (std::size_t i = mixed & index_mask_;; i = (i + 1) & index_mask_) {
       ++probes_;
       const index_entry e = index[i];
-      if (e.pos == ~0U) {
-        *free_entry = i;
-        return npos;
-      }
-      if (e.tag == tag && Match::accepts(compare_keys(stored_key<Value>::of(slots[e.pos].value), key)))
-        return first_ + e.pos;
+      if (e.pos == ~0U) return {npos, home_pos, pos, links};
+      if (e.tag == tag && Match::accepts(compare_keys(stored_key<Value>::of(slots[first_ + e.pos].value), key)))
+        return {first_ + e.pos, home_pos, pos, links};
     }
   }
 
-  // Adds the occupied slot at `pos` to the index (which has room and does not hold it).
+  // Where the lookup of a key known to be absent would end, without comparing keys.
+  place_found chain_end(std::size_t home_pos) const {
+    const slot_type* slots = storage_->data();
+    if (!(slots[home_pos].link & 1u)) return {npos, home_pos, npos, 0};
+    std::size_t pos = home_pos;
+    unsigned links = 0;
+    for (; slots[pos].link >= 2; ++links) pos += slots[pos].link >> 1;
+    return {npos, home_pos, pos, links};
+  }
+
+  // Adds the slot at `pos` to the index (which has room and does not hold it).
   void record(std::size_t pos) {
     const std::uint64_t mixed = lookup_hash(seed_, stored_key<Value>::of(storage_->data()[pos].value));
     index_entry* index = index_->data();
     std::size_t i = mixed & index_mask_;
     for (++probes_; index[i].pos != ~0U; ++probes_) i = (i + 1) & index_mask_;
-    index[i] = entry_of(pos - first_, mixed);
+    index[i] = {static_cast<unsigned>(pos - first_), static_cast<unsigned>(mixed >> 32)};
   }
 
-  // A fresh index for at least n entries at most half full, holding the occupied slots.
-  // False (the old index kept) when memory runs out or positions would not fit its words.
-  bool build_index(std::size_t n) {
-    if (first_ + used_ + 1 >= ~0U) return false;
+  // An index at most half full with room for one more entry than it holds, holding the
+  // same slots. False (the old index kept) when memory runs out.
+  bool index_room() {
+    if (2 * (indexed_ + 1) <= index_capacity()) return true;
     std::size_t capacity = 16;
-    while (capacity < 2 * n) capacity *= 2;
-    if (index_ && capacity <= index_capacity()) return true;
+    while (capacity < 4 * (indexed_ + 1)) capacity *= 2;
     index_type* fresh = index_type::__create(capacity);
     if (!fresh) return false;
     for (std::size_t i = 0; i < capacity; ++i) fresh->data()[i] = {~0U, 0};
+    const zel::Ptr<index_type> old = index_;
+    const std::size_t old_capacity = index_capacity();
     index_ = fresh;
     index_mask_ = capacity - 1;
-    for (std::size_t pos = begin(); pos < end(); ++pos)
-      if (occupied(pos)) record(pos);
+    for (std::size_t i = 0; i < old_capacity; ++i)
+      if (old->data()[i].pos != ~0U) record(first_ + old->data()[i].pos);
     return true;
   }
 
-  // Stores a new entry in its home bucket when free, else in a new overflow slot; the
-  // index is left to the caller. npos when the slots could not grow.
-  std::size_t place(std::size_t home_pos, const Value& value) {
+  // Stores a key that the table does not hold, `at` being where its lookup ended: in its
+  // home bucket when that is free, else in a new overflow slot linked from the end of
+  // its chain, or recorded in the index when the chain is full. npos when the slots or
+  // the index could not grow, or when a position would not fit a link or an index word.
+  std::size_t add(const place_found& at, const Value& value) {
     slot_type* slots = storage_->data();
-    std::size_t pos = home_pos;
-    if (slots[pos].link & 1u) {
-      pos = first_ + used_;
-      if (pos + 1 >= ~0U) return npos;  // positions must fit the index's words
-      if (pos >= storage_->capacity()) {
-        const std::size_t capacity = storage_->capacity();
-        std::size_t grown = 2 * capacity > 2 ? 2 * capacity : 2;
-        if (grown < pos + 1) grown = pos + 1;
-        if (!storage_->__grow(grown, pos)) return npos;
-        slots = storage_->data();
-      }
-      slots[pos].link = 0;
-      ++used_;
+    if (at.tail == npos) {  // a free home bucket
+      slots[at.home].value = value;
+      slots[at.home].link |= 1u;
+      ++entries_;
+      return at.home;
     }
-    slots[pos].value = value;
-    slots[pos].link |= 1u;
+    const std::size_t fresh = first_ + used_;
+    const bool linked = at.links < chain_limit;
+    if (linked ? fresh - at.tail > 0x7FFFFFFFu : fresh >= ~0U || !index_room()) return npos;
+    if (fresh >= storage_->capacity()) {
+      const std::size_t capacity = storage_->capacity();
+      std::size_t grown = 2 * capacity > 2 ? 2 * capacity : 2;
+      if (grown < fresh + 1) grown = fresh + 1;
+      if (!storage_->__grow(grown, fresh)) return npos;
+      slots = storage_->data();
+    }
+    slots[fresh].value = value;
+    slots[fresh].link = 1u;
+    ++used_;
+    if (linked) {
+      slots[at.tail].link = static_cast<unsigned>(((fresh - at.tail) << 1) + 1);
+    } else {
+      record(fresh);
+      ++indexed_;
+    }
     ++entries_;
-    return pos;
+    return fresh;
   }
 
   zel::Ptr<buffer_type> storage_;
@@ -469,8 +494,9 @@ class hash_table {
   std::size_t buckets_ = 0;
   std::size_t entries_ = 0;
   double max_load_ = 1.0;
-  zel::Ptr<index_type> index_;
+  zel::Ptr<index_type> index_;  // the slots past full chains, by lookup_hash; built on demand
   std::size_t index_mask_ = 0;
+  std::size_t indexed_ = 0;
   std::uint64_t seed_ = 0;
   mutable std::size_t probes_ = 0;
 };
