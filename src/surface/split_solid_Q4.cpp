@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <limits>
 
+#include "common/shared_memory.h"
 #include "common/element_tables.h"
 #include "measures/dihedral_kernel.h"
 #include "measures/vec3.h"
@@ -363,6 +364,13 @@ int split(splitter& s) {
 
 int split_solid_Q4(dense2D<double>& coords, const dense2D<unsigned>& connect, const dense2D<unsigned>& quads,
                    double min_quality, dense2D<unsigned>& connectOut, dense1D<unsigned, 8>& failed) {
+  if (elfes::share_memory(connectOut, failed)) return -6;  // two outputs in one buffer
+  if (elfes::shares_with_any(connectOut, connect, quads) || elfes::shares_with_any(failed, connect, quads) ||
+      elfes::shares_with_any(coords, connect, quads)) {
+    dense2D<unsigned> own_connect, own_quads;  // the outputs are cleared first
+    if (!own_connect.copy(connect) || !own_quads.copy(quads)) return -199;
+    return split_solid_Q4(coords, own_connect, own_quads, min_quality, connectOut, failed);
+  }
   splitter s(coords, connect, quads, min_quality, connectOut, failed);
   return split(s);
 }
