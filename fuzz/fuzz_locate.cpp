@@ -27,7 +27,12 @@ void structured_locate(tessel3d_fuzz::byte_reader& in) {
   zel::dense1D<unsigned, 8> node_element;
   require(zel::tessel::get_neighbors(connect, zel::TH4, neighbors) == 0);
   require(zel::tessel::get_node_element(connect, static_cast<unsigned>(coords.cols()), node_element) == 0);
-  const zel::tessel::node_detector detector(coords);
+  // Over the nodes of the mesh only: the spread numberings leave unused nodes at the
+  // origin, from which no search can start.
+  zel::dense1D<unsigned, 8> used;
+  for (std::size_t n = 0; n < coords.cols(); ++n)
+    if (node_element[n] != ~0U) require(used.push_back(static_cast<unsigned>(n)));
+  const zel::tessel::node_detector detector(coords, used);
   for (int k = 0; k < 8; ++k) {
     double p[3];
     for (double& x : p) x = -0.2 + 1.4 * in.word() / 4294967295.0;

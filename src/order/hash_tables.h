@@ -348,7 +348,8 @@ class hash_table {
   std::size_t used_slots() const { return used_; }
   double max_load() const { return max_load_; }
   /// Slots and index entries examined by the lookups since the last reset: a measure of
-  /// work that does not depend on the machine (for tests and benchmarks).
+  /// work that does not depend on the machine (for tests and benchmarks). Counted without
+  /// synchronisation, even by find(): a table belongs to one call on one thread.
   std::size_t probes() const { return probes_; }
 
  private:
