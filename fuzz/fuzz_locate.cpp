@@ -1,10 +1,69 @@
 // Fuzz target: point location, field and metric interpolation.
 #include "fuzz_input.h"
+#include "fuzz_structured.h"
 #include "zel/tessel3d.h"
 
 namespace t3 = zel::tessel3d;
 
+namespace {
+
+using tessel3d_fuzz::require;
+
+// 6V of the tetrahedron (a, b, c, d) with the library's orientation.
+double six_volume(const double* a, const double* b, const double* c, const double* d) {
+  double u[3], v[3], w[3];
+  for (int k = 0; k < 3; ++k) u[k] = a[k] - d[k], v[k] = b[k] - d[k], w[k] = c[k] - d[k];
+  return u[0] * (v[1] * w[2] - v[2] * w[1]) + u[1] * (v[2] * w[0] - v[0] * w[2]) + u[2] * (v[0] * w[1] - v[1] * w[0]);
+}
+
+// A valid tetrahedral box of thousands of elements, any numbering: a point found lies in
+// the element found (every barycentric coordinate at least -1e-9), and a point well
+// inside the box is found.
+void structured_locate(tessel3d_fuzz::byte_reader& in) {
+  const auto s = tessel3d_fuzz::read_structured(in, {tessel3d_test::box_kind::TH4});
+  const auto& coords = s.mesh.coords;
+  const auto& connect = s.mesh.connect;
+  zel::dense2D<unsigned> neighbors;
+  zel::dense1D<unsigned, 8> node_element;
+  require(zel::tessel::get_neighbors(connect, zel::TH4, neighbors) == 0);
+  require(zel::tessel::get_node_element(connect, static_cast<unsigned>(coords.cols()), node_element) == 0);
+  // Over the nodes of the mesh only: the spread numberings leave unused nodes at the
+  // origin, from which no search can start.
+  zel::dense1D<unsigned, 8> used;
+  for (std::size_t n = 0; n < coords.cols(); ++n)
+    if (node_element[n] != ~0U) require(used.push_back(static_cast<unsigned>(n)));
+  const zel::tessel::node_detector detector(coords, used);
+  for (int k = 0; k < 8; ++k) {
+    double p[3];
+    for (double& x : p) x = -0.2 + 1.4 * in.word() / 4294967295.0;
+    unsigned element = 0;
+    const int status = t3::get_element_containing_point(coords, connect, neighbors, node_element, detector, zel::TH4,
+                                                        zel::vector_fixed<double, 3>(p[0], p[1], p[2]), element, 0.0);
+    bool inside = true;
+    for (double x : p) inside = inside && x > 1e-6 && x < 1 - 1e-6;
+    if (status != 1) {
+      require(!inside);
+      continue;
+    }
+    const double* node[4];
+    for (int i = 0; i < 4; ++i) node[i] = &coords(0, connect(i, element));
+    const double whole = six_volume(node[0], node[1], node[2], node[3]);
+    for (int i = 0; i < 4; ++i) {
+      const double* q[4] = {node[0], node[1], node[2], node[3]};
+      q[i] = p;
+      require(six_volume(q[0], q[1], q[2], q[3]) >= -1e-9 * whole);
+    }
+  }
+}
+
+}  // namespace
+
 TESSEL3D_FUZZ_TARGET(locate) {
+  if (tessel3d_fuzz::is_structured(data, size)) {
+    tessel3d_fuzz::byte_reader structured(data + 1, size - 1);
+    structured_locate(structured);
+    return 0;
+  }
   tessel3d_fuzz::byte_reader in(data, size);
   auto coords = in.coords(24);
   const unsigned nb_nodes = static_cast<unsigned>(coords.cols());

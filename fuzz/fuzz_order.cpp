@@ -6,11 +6,59 @@
 #include <vector>
 
 #include "fuzz_input.h"
+#include "fuzz_structured.h"
 #include "zel/tessel3d.h"
 
 namespace t3 = zel::tessel3d;
 
+namespace {
+
+using tessel3d_fuzz::require;
+using tessel3d_test::box_kind;
+
+// A valid mesh of thousands of elements: the conversion keeps the corners, places new
+// nodes inside the box, gives the natural result renumbered whatever the numbering, and
+// the split into hexahedra keeps the volume.
+void structured_order(tessel3d_fuzz::byte_reader& in) {
+  const auto s = tessel3d_fuzz::read_structured(in, {box_kind::TH4, box_kind::PY5, box_kind::W6, box_kind::H8}, 12);
+  static const unsigned q_choices[] = {0, 1, 4}, t_choices[] = {0, 1, 3}, h_choices[] = {0, 1, 8};
+  const unsigned e = in.below(3), q = q_choices[in.below(3)], t = t_choices[in.below(3)], h = h_choices[in.below(3)];
+  const unsigned w = in.below(2), p = in.below(3), n = in.below(2);
+  zel::dense2D<double> coords_n, coords;
+  zel::dense2D<unsigned> high_n, high;
+  const zel::dense2D<unsigned> linear_n = tessel3d_fuzz::solid_layout(s, s.natural.connect);
+  const zel::dense2D<unsigned> linear = tessel3d_fuzz::solid_layout(s, s.mesh.connect);
+  require(coords_n.copy(s.natural.coords) && coords.copy(s.mesh.coords));
+  require(t3::convert_into_high_order(coords_n, linear_n, e, q, t, h, w, p, n, high_n, {}, {}) == 0);
+  require(t3::convert_into_high_order(coords, linear, e, q, t, h, w, p, n, high, {}, {}) == 0);
+  tessel3d_fuzz::require_renumbered(s, high_n, coords_n, high, coords);
+  const unsigned vertices = tessel3d_test::box_rows(s.kind);
+  for (std::size_t j = 0; j < high.cols(); ++j)
+    for (unsigned r = 0; r < vertices && high.rows() > 0; ++r) require(high(r, j) == linear(r, j));
+  for (std::size_t k = s.mesh.coords.cols(); k < coords.cols(); ++k)
+    for (int d = 0; d < 3; ++d) require(coords(d, k) >= -1e-12 && coords(d, k) <= 1 + 1e-12);
+
+  if (s.kind == box_kind::PY5) return;
+  zel::dense2D<unsigned> quadratic;
+  require(quadratic.copy(s.mesh.connect) && coords.copy(s.mesh.coords));
+  require(t3::convert_into_quadratic(coords, quadratic) == 0 && t3::convert_into_linear(quadratic) == 0);
+  for (std::size_t j = 0; j < linear.cols(); ++j)
+    for (unsigned r = 0; r < vertices; ++r) require(quadratic(r, j) == linear(r, j));
+  zel::dense2D<unsigned> hexahedra;
+  require(coords.copy(s.mesh.coords));
+  require(t3::split_into_H8(coords, linear, hexahedra, {}, {}) == 0);
+  require(hexahedra.cols() == linear.cols() * (s.kind == box_kind::TH4 ? 4 : s.kind == box_kind::W6 ? 6 : 8));
+  if (!s.jittered) tessel3d_fuzz::require_close(tessel3d_fuzz::total_volume(coords, hexahedra), 1.0);
+}
+
+}  // namespace
+
 TESSEL3D_FUZZ_TARGET(order) {
+  if (tessel3d_fuzz::is_structured(data, size)) {
+    tessel3d_fuzz::byte_reader structured(data + 1, size - 1);
+    structured_order(structured);
+    return 0;
+  }
   tessel3d_fuzz::byte_reader in(data, size);
   auto coords = in.coords(24);
   const unsigned nb_nodes = static_cast<unsigned>(coords.cols());

@@ -1,8 +1,54 @@
 // Fuzz target: duplication of the nodes of an internal surface.
 #include "fuzz_input.h"
+#include "fuzz_structured.h"
 #include "zel/tessel3d.h"
 
+namespace {
+
+using tessel3d_fuzz::require;
+
+// The nodes of a plane of faces inside a valid hexahedral box: as many nodes are added
+// as the plane holds, the volume stays, the elements of exactly one layer take the new
+// nodes, and the result is the natural one renumbered.
+void structured_surface(tessel3d_fuzz::byte_reader& in) {
+  const auto s = tessel3d_fuzz::read_structured(in, {tessel3d_test::box_kind::H8});
+  if (s.nz < 2) return;
+  const std::size_t layer = std::size_t(s.nx) * s.ny, first = layer * (1 + in.below(s.nz - 1));
+  zel::dense2D<double> coords[2];
+  zel::dense2D<unsigned> connect[2];
+  int added[2];
+  for (int numbered = 0; numbered < 2; ++numbered) {
+    const tessel3d_test::box_mesh& m = numbered ? s.mesh : s.natural;
+    zel::dense2D<unsigned> neighbors, surface(4, layer);
+    zel::dense1D<unsigned, 8> node_element, excluded;
+    require(zel::tessel::get_neighbors(m.connect, zel::H8, neighbors) == 0);
+    require(zel::tessel::get_node_element(m.connect, static_cast<unsigned>(m.coords.cols()), node_element) == 0);
+    for (std::size_t j = 0; j < layer; ++j)
+      for (unsigned i = 0; i < 4; ++i) surface(i, j) = m.connect(i, first + j);  // bottom faces 0 1 2 3
+    require(coords[numbered].copy(m.coords) && connect[numbered].copy(m.connect));
+    added[numbered] = zel::tessel3d::duplicate_surface_nodes(coords[numbered], connect[numbered], neighbors, node_element,
+                                                  surface, excluded, true, false, zel::H8);
+  }
+  require(added[0] == int((s.nx + 1) * (s.ny + 1)) && added[1] == added[0]);
+  tessel3d_fuzz::require_renumbered(s, connect[0], coords[0], connect[1], coords[1]);
+  if (tessel3d_fuzz::box_volume_known(s)) tessel3d_fuzz::require_close(tessel3d_fuzz::total_volume(coords[1], connect[1]), 1.0);
+  std::size_t moved = 0;
+  for (std::size_t j = 0; j < connect[1].cols(); ++j) {
+    bool uses_new = false;
+    for (unsigned r = 0; r < 8; ++r) uses_new = uses_new || connect[1](r, j) >= s.mesh.coords.cols();
+    moved += uses_new;
+  }
+  require(moved == layer);
+}
+
+}  // namespace
+
 TESSEL3D_FUZZ_TARGET(surface) {
+  if (tessel3d_fuzz::is_structured(data, size)) {
+    tessel3d_fuzz::byte_reader structured(data + 1, size - 1);
+    structured_surface(structured);
+    return 0;
+  }
   tessel3d_fuzz::byte_reader in(data, size);
   auto coords = in.coords(24);
   const unsigned nb_nodes = static_cast<unsigned>(coords.cols());

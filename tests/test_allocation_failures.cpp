@@ -8,6 +8,8 @@
 #include <cmath>
 #include <cstdlib>
 #include <limits>
+#include <new>
+#include <random>
 #include <string>
 #include <utility>
 
@@ -67,6 +69,41 @@ TEST_P(allocation_failures, each_one_is_reported_and_leaves_the_outputs_as_docum
 
 INSTANTIATE_TEST_SUITE_P(every_family, allocation_failures, ::testing::ValuesIn(family_table()),
                          [](const ::testing::TestParamInfo<family_row>& row) { return std::string(row.param.name); });
+
+// ---- memory from outside the library's allocator ---------------------------------------------
+
+// Every block the library uses must come from the replaceable allocator, so that the sweep
+// above reaches it and users' memory accounting sees it: the global operator new of this
+// program counts the calls made while `counting` is set.
+std::atomic<bool> counting{false};
+std::atomic<long> outside_blocks{0};
+
+void* counted_block(std::size_t bytes) noexcept {
+  if (counting) ++outside_blocks;
+  return std::malloc(bytes ? bytes : 1);
+}
+
+TEST(outside_memory, no_family_allocates_with_operator_new) {
+  for (const family_row& row : family_table()) {
+    scene s = row.make();
+    counting = true;
+    row.call(s);
+    counting = false;
+    EXPECT_EQ(outside_blocks.exchange(0), 0) << row.name;
+  }
+  // A node in every element: its bucket of faces is too large for the hashed pairing and
+  // is sorted instead.
+  std::mt19937 random(3);
+  dense2D<unsigned> connect(4, 3000), neighbors;
+  for (std::size_t j = 0; j < connect.cols(); ++j) {
+    connect(0, j) = 0;
+    for (unsigned r = 1; r < 4; ++r) connect(r, j) = 1 + unsigned(random() % 40);
+  }
+  counting = true;
+  EXPECT_EQ(zel::tessel::get_neighbors(connect, zel::TH4, neighbors), 0);
+  counting = false;
+  EXPECT_EQ(outside_blocks.exchange(0), 0) << "get_neighbors on a crowded node";
+}
 
 // ---- hostile sizes ---------------------------------------------------------------------------
 
@@ -260,3 +297,24 @@ TEST(bounds, adjacency_helpers_at_the_32_bit_limit) {
 }
 
 }  // namespace
+
+// The replacements pair malloc with free, which GCC cannot see through operator new.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+#endif
+void* operator new(std::size_t bytes) {
+  if (void* block = counted_block(bytes)) return block;
+  throw std::bad_alloc();
+}
+void* operator new[](std::size_t bytes) {
+  if (void* block = counted_block(bytes)) return block;
+  throw std::bad_alloc();
+}
+void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept { return counted_block(bytes); }
+void* operator new[](std::size_t bytes, const std::nothrow_t&) noexcept { return counted_block(bytes); }
+void operator delete(void* block) noexcept { std::free(block); }
+void operator delete[](void* block) noexcept { std::free(block); }
+void operator delete(void* block, std::size_t) noexcept { std::free(block); }
+void operator delete[](void* block, std::size_t) noexcept { std::free(block); }
+void operator delete(void* block, const std::nothrow_t&) noexcept { std::free(block); }
+void operator delete[](void* block, const std::nothrow_t&) noexcept { std::free(block); }

@@ -87,6 +87,123 @@ TEST_P(padded_views, give_what_plain_matrices_give_and_leave_the_padding_alone) 
 INSTANTIATE_TEST_SUITE_P(every_family, padded_views, ::testing::ValuesIn(tessel3d_test::family_table()),
                          [](const ::testing::TestParamInfo<family_row>& row) { return std::string(row.param.name); });
 
+class shared_storage : public ::testing::TestWithParam<family_row> {};
+
+TEST_P(shared_storage, an_array_sharing_another_gives_what_a_copy_gives) {
+  // The documented refusals of outputs that share memory (1: none).
+  const std::string name = GetParam().name;
+  const int refusal = name == "dihedral_angles" || name == "solid_angles" ? -5
+                      : name == "split_solid_Q4"                          ? -6
+                      : name == "duplicate_surface_nodes"                 ? -2
+                                                                          : 1;
+  tessel3d_test::expect_same_on_shared_storage(GetParam(), refusal);
+}
+
+INSTANTIATE_TEST_SUITE_P(every_family, shared_storage, ::testing::ValuesIn(tessel3d_test::family_table()),
+                         [](const ::testing::TestParamInfo<family_row>& info) { return std::string(info.param.name); });
+
+// One array passed as an input and as an output: the call gives what it gives when the
+// input is a private copy (`apart`), or refuses with `refusal` and changes nothing.
+TEST(shared_storage, one_array_as_input_and_output) {
+  using namespace tessel3d_test;
+  namespace t3 = zel::tessel3d;
+  using zel::dense2D;
+  struct same_array_case {
+    const char* name;
+    scene (*make)();
+    int (*same)(scene&);
+    int (*apart)(scene&);  // nullptr: refused
+    int refusal;
+  };
+  static const vec3 lift(0, 0, 1);
+  const same_array_case cases[] = {
+      {"circumcenters", tetrahedra, [](scene& s) { return t3::circumcenters(s.coords, s.connect, s.coords); },
+       [](scene& s) {
+         dense2D<double> x;
+         x.copy(s.coords);
+         return t3::circumcenters(x, s.connect, s.coords);
+       },
+       0},
+      {"convert_into_high_order", every_solid_kind,
+       [](scene& s) {
+         return t3::convert_into_high_order(s.coords, s.connect, 2, 4, 3, 8, 1, 2, 1, s.connect, s.faces, s.edges);
+       },
+       [](scene& s) {
+         dense2D<unsigned> c;
+         c.copy(s.connect);
+         return t3::convert_into_high_order(s.coords, c, 2, 4, 3, 8, 1, 2, 1, s.connect, s.faces, s.edges);
+       },
+       0},
+      {"split_into_H8", hexahedra_with_caller_nodes,
+       [](scene& s) { return t3::split_into_H8(s.coords, s.connect, s.connect, {}, {}); },
+       [](scene& s) {
+         dense2D<unsigned> c;
+         c.copy(s.connect);
+         return t3::split_into_H8(s.coords, c, s.connect, {}, {});
+       },
+       0},
+      {"split_solid_Q4", split_q4_input,
+       [](scene& s) { return t3::split_solid_Q4(s.coords, s.connect, s.faces, 0.05, s.connect, s.ids_out); },
+       [](scene& s) {
+         dense2D<unsigned> c;
+         c.copy(s.connect);
+         return t3::split_solid_Q4(s.coords, c, s.faces, 0.05, s.connect, s.ids_out);
+       },
+       0},
+      {"extrude_translate", surface,
+       [](scene& s) { return t3::extrude_translate(s.coords, s.connect, lift, 3, s.E, s.E2, s.connect, s.Top); },
+       [](scene& s) {
+         dense2D<unsigned> c;
+         c.copy(s.connect);
+         return t3::extrude_translate(s.coords, c, lift, 3, s.E, s.E2, s.connect, s.Top);
+       },
+       0},
+      {"interpolate", field_input,
+       [](scene& s) { return t3::interpolate(s.coords, s.connect, s.neighbors, s.node_element, s.coords, s.ids); },
+       [](scene& s) {
+         dense2D<double> x;
+         x.copy(s.coords);
+         return t3::interpolate(x, s.connect, s.neighbors, s.node_element, s.coords, s.ids);
+       },
+       0},
+      {"get_elements_containing_points", points_input,
+       [](scene& s) {
+         return t3::get_elements_containing_points(s.coords, s.connect, s.neighbors, s.node_element, s.detector,
+                                                   zel::TH4, s.reals_in, s.node_element, 0.0);
+       },
+       [](scene& s) {
+         zel::dense1D<unsigned, 8> e;
+         e.copy(s.node_element);
+         return t3::get_elements_containing_points(s.coords, s.connect, s.neighbors, e, s.detector, zel::TH4, s.reals_in,
+                                                   s.node_element, 0.0);
+       },
+       0},
+      {"dihedral_angles", every_solid_kind,
+       [](scene& s) { return t3::dihedral_angles(s.coords, s.connect, true, s.min_values, s.min_values); }, nullptr,
+       -5},
+      {"solid_angles", every_solid_kind,
+       [](scene& s) { return t3::solid_angles(s.coords, s.connect, true, s.max_values, s.max_values); }, nullptr, -5},
+      {"split_solid_Q4_outputs", split_q4_input,
+       [](scene& s) {
+         zel::dense1D<unsigned, 8> failed = s.out.as_vector();
+         return t3::split_solid_Q4(s.coords, s.connect, s.faces, 0.05, s.out, failed);
+       },
+       nullptr, -6},
+  };
+  for (const same_array_case& c : cases) {
+    scene same = c.make(), apart = c.make();
+    const scene entry = c.make();
+    const int status = c.same(same);
+    if (!c.apart) {
+      EXPECT_EQ(status, c.refusal) << c.name;
+      expect_same(same, entry, std::string(c.name) + " refused");
+      continue;
+    }
+    EXPECT_EQ(status, c.apart(apart)) << c.name;
+    expect_same(same, apart, c.name);
+  }
+}
+
 // One detector, queried from every thread: the queries are const and share its buffers.
 TEST(node_detector, concurrent_queries_match_queries_alone) {
   const tessel3d_test::box_mesh box = tessel3d_test::make_box(tessel3d_test::box_kind::H8, 6, 5, 4, 1, 1, 1, 0.2);

@@ -6,8 +6,10 @@
 #include <vector>
 
 #include "box_mesh.h"
+#include "crafted_numbering.h"
 #include "failing_allocator.h"
 #include "order/hash_tables.h"
+#include "zel/tessel3d.h"
 
 using namespace elfes;
 
@@ -179,4 +181,93 @@ TEST(hash_table, iteration_follows_the_slot_array) {
   EXPECT_EQ(order, (std::vector<unsigned>{low, first, clash}));
   EXPECT_EQ(set.used_slots(), 24u);
   EXPECT_EQ(set.find(hash_key(clash), clash), set.begin() + 23);
+}
+
+// ---- hostile numberings -----------------------------------------------------------------
+
+namespace {
+
+// Inserts every face of every column of an H8 mesh into a face map; the probes per call.
+double probes_per_face(const zel::dense2D<unsigned>& connect) {
+  static const unsigned faces[6][4] = {{0, 3, 7, 4}, {1, 5, 6, 2}, {0, 4, 5, 1}, {3, 2, 6, 7}, {0, 1, 2, 3}, {4, 7, 6, 5}};
+  hash_table<map_entry<face_mix, unsigned>> map;
+  EXPECT_TRUE(map.reset(23, 23, 1.0));
+  std::size_t calls = 0;
+  for (std::size_t j = 0; j < connect.cols(); ++j)
+    for (const auto& f : faces) {
+      const face_mix key{{connect(f[0], j), connect(f[1], j), connect(f[2], j), connect(f[3], j)}};
+      EXPECT_NE(map.insert_growing(hash_key(key), {key, 0}), map.npos);
+      EXPECT_NE(map.find(hash_key(key), key), map.end());
+      calls += 2;
+    }
+  return static_cast<double>(map.probes()) / static_cast<double>(calls);
+}
+
+}  // namespace
+
+TEST(hash_table, parity_numbering_costs_no_more_probes_than_the_natural_one) {
+  const unsigned n = 16;
+  const auto natural = tessel3d_test::make_box(tessel3d_test::box_kind::H8, n, n, n);
+  const auto crafted = tessel3d_test::parity_numbering(natural, n, n, n);
+  // The numbering is hostile: every quadrangle has one additive hash.
+  std::set<std::uint64_t> hashes;
+  for (std::size_t j = 0; j < crafted.mesh.connect.cols(); ++j) {
+    const auto& c = crafted.mesh.connect;
+    hashes.insert(hash_key(faceQ4{{c(0, j), c(1, j), c(2, j), c(3, j)}}));
+    hashes.insert(hash_key(faceQ4{{c(0, j), c(4, j), c(5, j), c(1, j)}}));
+  }
+  EXPECT_EQ(hashes.size(), 1u);
+  const double plain = probes_per_face(natural.connect), hostile = probes_per_face(crafted.mesh.connect);
+  EXPECT_LT(plain, 6.0);
+  EXPECT_LT(hostile, 3.0 * plain);
+}
+
+TEST(hash_table, parity_numbering_gives_the_natural_results_renumbered) {
+  using tessel3d_test::box_kind;
+  using zel::dense2D;
+  using convert = int (*)(dense2D<double>&, dense2D<unsigned>&, dense2D<unsigned>&);
+  const convert quadratic = [](dense2D<double>& x, dense2D<unsigned>& c, dense2D<unsigned>&) {
+    return zel::tessel3d::convert_into_quadratic(x, c);
+  };
+  const convert high_order = [](dense2D<double>& x, dense2D<unsigned>& c, dense2D<unsigned>& out) {
+    return zel::tessel3d::convert_into_high_order(x, c, 3, 4, 3, 8, 1, 2, 1, out, {}, {});
+  };
+  const convert hexahedra = [](dense2D<double>& x, dense2D<unsigned>& c, dense2D<unsigned>& out) {
+    return zel::tessel3d::split_into_H8(x, c, out, {}, {});
+  };
+  const struct {
+    box_kind kind;
+    convert call;
+  } cases[] = {{box_kind::H8, quadratic},  {box_kind::TH4, quadratic},  {box_kind::W6, quadratic},
+               {box_kind::PY5, quadratic}, {box_kind::H8, high_order}, {box_kind::PY5, high_order},
+               {box_kind::TH4, hexahedra}, {box_kind::W6, hexahedra}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(static_cast<int>(c.kind));
+    const auto natural = tessel3d_test::make_box(c.kind, 5, 4, 3, 1.0, 1.0, 1.0, 0.2);
+    auto crafted = tessel3d_test::parity_numbering(natural, 5, 4, 3);
+    dense2D<double> xn, xc;
+    dense2D<unsigned> cn, cc, outn, outc;
+    ASSERT_TRUE(xn.copy(natural.coords) && cn.copy(natural.connect) && xc.copy(crafted.mesh.coords) &&
+                cc.copy(crafted.mesh.connect));
+    if (cn.rows() == 5) cn = tessel3d_test::to_mixed8(cn), cc = tessel3d_test::to_mixed8(cc);
+    ASSERT_EQ(c.call(xn, cn, outn), 0);
+    ASSERT_EQ(c.call(xc, cc, outc), 0);
+    const dense2D<unsigned>& rn = outn.empty() ? cn : outn;
+    const dense2D<unsigned>& rc = outc.empty() ? cc : outc;
+    const std::size_t nb_n = natural.coords.cols(), nb_c = crafted.mesh.coords.cols();
+    ASSERT_EQ(xc.cols() - nb_c, xn.cols() - nb_n);
+    ASSERT_EQ(rc.rows(), rn.rows());
+    ASSERT_EQ(rc.cols(), rn.cols());
+    std::size_t wrong = 0;
+    for (std::size_t j = 0; j < rn.cols(); ++j)
+      for (std::size_t r = 0; r < rn.rows(); ++r) {
+        const unsigned id = rn(r, j);
+        const unsigned expected = id == ~0U ? id : id < nb_n ? crafted.new_id[id] : unsigned(id - nb_n + nb_c);
+        wrong += rc(r, j) != expected;
+      }
+    EXPECT_EQ(wrong, 0u);
+    for (std::size_t t = 0; t < xn.cols() - nb_n; ++t)
+      for (int d = 0; d < 3; ++d) wrong += xc(d, nb_c + t) != xn(d, nb_n + t);  // bit for bit
+    EXPECT_EQ(wrong, 0u);
+  }
 }

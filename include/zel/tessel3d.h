@@ -19,6 +19,16 @@
 //
 // Concurrency: calls on distinct output matrices may run in parallel; matrices sharing
 // a buffer (shallow copies) must not be written by two calls at once.
+//
+// Shared memory within a call: an output (or in-out argument) may be the same matrix as an
+// input, a shallow copy or view of it, or overlap it: the call then reads that input from
+// a private copy taken first and gives what it gives on separate matrices (-199 when that
+// copy cannot be had, with nothing changed). Two outputs that share memory cannot both be
+// written; the calls that have two are refused, nothing written: the angle measures with
+// minValues and maxValues (-5), split_solid_Q4 with connectOut and failed (-6),
+// duplicate_surface_nodes with coords and connectivity (-2). The extrusions read a surface
+// or edge list that shares memory with connectE, connectQ4 or connectTop from a copy;
+// their outputs must not share memory with one another.
 #pragma once
 
 #include "zel/matrix.h"
@@ -117,9 +127,10 @@ TESSEL3D_EXPORT int circumcenters(const dense2D<double>& coords, const dense2D<u
 /// @param[in]  normalise  scale by the factors above
 /// @param[out] minValues, maxValues  entry j set for element j; never resized: entries
 ///             past the end of a shorter vector are skipped, entries past #elements kept
-/// @return 0 (an empty connect after the check: outputs untouched) | -2 connect rejected
-///         by check_IDs (nothing written) | -1 coords with fewer than 3 rows (tested after
-///         the emptiness test; nothing written). Values the scratch list cannot store
+/// @return -5 (tested first) minValues and maxValues share memory | 0 (an empty connect
+///         after the check: outputs untouched) | -2 connect rejected by check_IDs (nothing
+///         written) | -1 coords with fewer than 3 rows (tested after the emptiness test;
+///         nothing written). Values the scratch list cannot store
 ///         (memory exhausted) are left out of their element's extremes.
 TESSEL3D_EXPORT int dihedral_angles(const dense2D<double>& coords, const dense2D<unsigned>& connect, bool normalise,
                                     dense1D<double, 8>& minValues, dense1D<double, 8>& maxValues);
@@ -774,6 +785,7 @@ TESSEL3D_EXPORT int interpolate_metrics(const dense2D<double>& coords, const den
 /// @param[in]     positive_side, negative_side  the sides to open.
 /// @param[in]     type          TH4, H8 or SOLID_MIX8.
 /// @return the number of nodes added (0 or more), after these checks in order:
+///         -2 coords and connectivity share memory (nothing written);
 ///         0 when connectivity or surface has no entries or no side is requested;
 ///         -1 coords not 3 rows;
 ///         -2 connectivity IDs invalid (check_IDs for `type`) or, for TH4 / H8, not 4 / 8
@@ -843,7 +855,8 @@ TESSEL3D_EXPORT int duplicate_surface_nodes(dense2D<double>& coords, dense2D<uns
 ///                             (face by face) in its place, absent rows ~0U
 /// @param[out]    failed       cleared first; on success the columns, ascending, of the
 ///                             solids that carry a listed face but were left whole
-/// @return 0 (also for a connect without columns, connectOut then 8 x 0) | -1 coords not 3
+/// @return -6 (tested first) connectOut and failed share memory | 0 (also for a connect
+///         without columns, connectOut then 8 x 0) | -1 coords not 3
 ///         rows | -2 connect with columns and a row count other than 5, 6, 8, a bad node
 ///         ID, or a mixed column whose kind needs an absent node | -3 quads with columns
 ///         and not 4 rows, or a bad node ID (~0U included) | -4 min_quality NaN or

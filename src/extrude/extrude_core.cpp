@@ -1,5 +1,6 @@
 // Extrusion core: node map, layer count and distribution, element generation, checks
 // and roll-back shared by the extrusion families.
+#include "common/shared_memory.h"
 #include "extrude/extrude_core.h"
 
 #include <cmath>
@@ -135,6 +136,13 @@ bool node_ids_fit(std::size_t nb_nodes, std::uint64_t N, std::size_t node_count)
 int build_extruded_elements(const dense2D<unsigned>& connectS, const surface_node_map& map, std::size_t nb_nodes,
                             std::size_t N, dense2D<unsigned>& connectE, const dense2D<unsigned>& connectE2,
                             dense2D<unsigned>& connectQ4, dense2D<unsigned>& connectTop) {
+  // Outputs grow in place: inputs that share their memory are read from private copies.
+  if (shares_with_any(connectS, connectE, connectQ4, connectTop) ||
+      shares_with_any(connectE2, connectE, connectQ4, connectTop)) {
+    dense2D<unsigned> surface, edges;
+    if (!surface.copy(connectS) || !edges.copy(connectE2)) return -199;
+    return build_extruded_elements(surface, map, nb_nodes, N, connectE, edges, connectQ4, connectTop);
+  }
   const std::size_t R = connectS.rows(), nb_faces = connectS.cols(), nb_edges = connectE2.cols();
   const std::size_t E0 = connectE.cols(), Q0 = connectQ4.cols(), T0 = connectTop.cols();
   bool sized = grow_columns(connectE, 2 * R, E0 + N * nb_faces, ABSENT);

@@ -5,6 +5,7 @@
 // that consecutive searches walk through elements and nodes that are still in the caches.
 #include <algorithm>
 
+#include "common/shared_memory.h"
 #include "locate/locate_point.h"
 #include "locate/point_order.h"
 #include "locate/search_checks.h"
@@ -17,6 +18,16 @@ int get_elements_containing_points(const dense2D<double>& coords, const dense2D<
                                    const dense2D<unsigned>& neighbors, const dense1D<unsigned, 8>& node_element,
                                    const tessel::node_detector& detector, element_type type,
                                    const dense2D<double>& points, dense1D<unsigned, 8>& elements, double tolerance) {
+  if (elfes::shares_with_any(elements, coords, connectivity, neighbors, node_element, points)) {
+    dense2D<double> own_coords, own_points;  // elements is resized before the search
+    dense2D<unsigned> own_connectivity, own_neighbors;
+    dense1D<unsigned, 8> own_node_element;
+    if (!own_coords.copy(coords) || !own_points.copy(points) || !own_connectivity.copy(connectivity) ||
+        !own_neighbors.copy(neighbors) || !own_node_element.copy(node_element))
+      return -199;
+    return get_elements_containing_points(own_coords, own_connectivity, own_neighbors, own_node_element, detector, type,
+                                          own_points, elements, tolerance);
+  }
   if (const int status = elfes::check_search_arguments(coords, connectivity, neighbors, node_element, type))
     return status;
   // Points are numbered in 32 bits below ~0U while they are ordered.

@@ -3,6 +3,7 @@
 // TH4 mesh, combined from the four nodes of the element that holds each of them so
 // that every result stays a valid metric; nodes outside the mesh copy their nearest
 // mesh node.
+#include "common/shared_memory.h"
 #include "locate/metric_mix.h"
 #include "locate/node_placement.h"
 #include "zel/tessel3d.h"
@@ -79,6 +80,12 @@ bool every_node(const dense2D<double>& coords, dense1D<unsigned, 8>& nodes) {
 int interpolate_metrics(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
                         const dense2D<unsigned>& neighbors, const dense1D<unsigned, 8>& node_element,
                         dense2D<double>& metrics, const dense1D<unsigned, 8>& nodes, bool keep_valid) {
+  if (elfes::shares_with_any(metrics, coords, connectivity, neighbors, node_element, nodes))  // written while they are read
+    return elfes::with_private_copies(
+        [&](const auto& c, const auto& k, const auto& n, const auto& e, const auto& d) {
+          return interpolate_metrics(c, k, n, e, metrics, d, keep_valid);
+        },
+        coords, connectivity, neighbors, node_element, nodes);
   if (nodes.empty()) return 0;
   if (const int status = elfes::check_placement_mesh(coords, connectivity, neighbors, node_element)) return status;
   if (metrics.cols() != coords.cols() || metrics.rows() != 6) return -5;
@@ -90,6 +97,12 @@ int interpolate_metrics(const dense2D<double>& coords, const dense2D<unsigned>& 
 int interpolate_metrics(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
                         const dense2D<unsigned>& neighbors, const dense1D<unsigned, 8>& node_element,
                         dense2D<double>& metrics, bool keep_valid) {
+  if (elfes::shares_with_any(metrics, coords, connectivity, neighbors, node_element))  // written while they are read
+    return elfes::with_private_copies(
+        [&](const auto& c, const auto& k, const auto& n, const auto& e) {
+          return interpolate_metrics(c, k, n, e, metrics, keep_valid);
+        },
+        coords, connectivity, neighbors, node_element);
   dense1D<unsigned, 8> nodes;
   if (!every_node(coords, nodes)) return -199;
   return interpolate_metrics(coords, connectivity, neighbors, node_element, metrics, nodes, keep_valid);
@@ -98,6 +111,12 @@ int interpolate_metrics(const dense2D<double>& coords, const dense2D<unsigned>& 
 int interpolate_metrics(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
                         const dense2D<unsigned>& neighbors, const dense1D<unsigned, 8>& node_element,
                         dense1D<double, 8>& metrics, const dense1D<unsigned, 8>& nodes, bool keep_valid) {
+  if (elfes::shares_with_any(metrics, coords, connectivity, neighbors, node_element, nodes))  // written while they are read
+    return elfes::with_private_copies(
+        [&](const auto& c, const auto& k, const auto& n, const auto& e, const auto& d) {
+          return interpolate_metrics(c, k, n, e, metrics, d, keep_valid);
+        },
+        coords, connectivity, neighbors, node_element, nodes);
   if (nodes.empty()) return 0;
   if (const int status = elfes::check_placement_mesh(coords, connectivity, neighbors, node_element)) return status;
   if (metrics.size() != coords.cols()) return -5;
@@ -109,6 +128,12 @@ int interpolate_metrics(const dense2D<double>& coords, const dense2D<unsigned>& 
 int interpolate_metrics(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
                         const dense2D<unsigned>& neighbors, const dense1D<unsigned, 8>& node_element,
                         dense1D<double, 8>& metrics, bool keep_valid) {
+  if (elfes::shares_with_any(metrics, coords, connectivity, neighbors, node_element))  // written while they are read
+    return elfes::with_private_copies(
+        [&](const auto& c, const auto& k, const auto& n, const auto& e) {
+          return interpolate_metrics(c, k, n, e, metrics, keep_valid);
+        },
+        coords, connectivity, neighbors, node_element);
   dense1D<unsigned, 8> nodes;
   if (!every_node(coords, nodes)) return -199;
   return interpolate_metrics(coords, connectivity, neighbors, node_element, metrics, nodes, keep_valid);

@@ -1,6 +1,7 @@
 // circumcenters: centre of the sphere through the four nodes of every tetrahedron.
 #include <cmath>
 
+#include "common/shared_memory.h"
 #include "measures/triangle_kernels.h"
 #include "zel/tessel3d.h"
 
@@ -35,6 +36,12 @@ inline double tet_circumcentre(const vec3& p0, const vec3& a, const vec3& b, con
 }  // namespace
 
 int circumcenters(const dense2D<double>& coords, const dense2D<unsigned>& connect, dense2D<double>& centers) {
+  if (elfes::shares_with_any(centers, coords, connect)) {  // clearing centers would lose them
+    dense2D<double> own_coords;
+    dense2D<unsigned> own_connect;
+    if (!own_coords.copy(coords) || !own_connect.copy(connect)) return -199;
+    return circumcenters(own_coords, own_connect, centers);
+  }
   centers.clear();
   if (coords.rows() != 3) return -1;
   if (connect.rows() != 4 || !tessel::check_IDs(connect, TH4, static_cast<unsigned>(coords.cols()))) return -2;

@@ -15,24 +15,34 @@
 // key; same_orientation: they are two).
 //
 // Layout: one growable array of slots. Slots [0, B) are the home buckets, slots [B, used)
-// overflow slots appended by insertions. Each slot holds a value and a link word:
-// bit 0 = occupied, link >> 1 = forward distance to the next slot of the same chain
-// (0: end of chain). A chain starts at its home bucket and only moves forward, and may
-// pass through unoccupied slots (a home bucket that was never filled still links to its
-// chain), so a chain walk touches no separately allocated node and a rehash is a linear
-// scan. Never-used slots hold key words ~0U, mapped value 0 and link 0.
+// overflow slots appended by insertions: a new entry takes its home bucket (hash mod B)
+// when that is free, else the next overflow slot. A rehash re-inserts the entries in slot
+// order by the same rule. Iteration walks the slots in array order, so bulk traversals
+// are deterministic and depend only on the keys and the order of their insertion. Each
+// slot holds a value and a link word: bit 0 = occupied, link >> 1 = forward distance to
+// the next slot of the same chain (0: end of chain). Never-used slots hold key words ~0U,
+// mapped value 0 and link 0.
+//
+// The hash above is additive in the node IDs, so a chosen numbering can give most keys of
+// a mesh one bucket. A chain is therefore linked for its first chain_limit overflow slots
+// only; the later slots of a bucket go to an index beside the slots, open addressing keyed
+// by a seeded mix of the sorted nodes (key_mixing.h), at most half full. A find or an
+// insert walks at most chain_limit links, then probes the index: O(1) expected whatever
+// the numbering, while an ordinary numbering, whose hashes follow the mesh, keeps the
+// locality of its home buckets and rarely reaches the index. The index is built on demand
+// and costs 16 to 32 bytes per slot it holds.
 //
 // Use: reset() once (23 expected entries, hint 23, load 1.0), rehash() to the expected
 // count before a bulk insertion, then insert_growing() (which doubles the buckets once
 // the entries would exceed twice their number) or insert(). Iterate in array order with
-// begin() / end() / occupied(): bulk traversals depend on this order and are therefore
-// deterministic. Nothing throws: failures are reported by return values.
+// begin() / end() / occupied(). Nothing throws: failures are reported by return values.
 #pragma once
 
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
 
+#include "order/key_mixing.h"
 #include "zel/matrix.h"
 
 namespace elfes {
@@ -182,6 +192,22 @@ inline std::size_t next_prime(std::size_t wanted) {
   return primes[29];
 }
 
+// ---- seeded lookup hash: equal under either match policy => equal hash ----------------
+
+inline std::uint64_t lookup_hash(std::uint64_t seed, unsigned id) { return mixing::of_nodes(seed, id); }
+inline std::uint64_t lookup_hash(std::uint64_t seed, const edge2& k) {
+  return mixing::of_nodes(seed, k.node[0], k.node[1]);
+}
+inline std::uint64_t lookup_hash(std::uint64_t seed, const faceT3& k) {
+  return mixing::of_nodes(seed, k.node[0], k.node[1], k.node[2]);
+}
+inline std::uint64_t lookup_hash(std::uint64_t seed, const faceQ4& k) {
+  return mixing::of_nodes(seed, k.node[0], k.node[1], k.node[2], k.node[3]);
+}
+inline std::uint64_t lookup_hash(std::uint64_t seed, const face_mix& k) {
+  return mixing::of_nodes(seed, k.node[0], k.node[1], k.node[2], k.node[3]);
+}
+
 // ---- the table ----------------------------------------------------------------------------
 
 template <class Value, class Match = any_orientation>
@@ -207,12 +233,17 @@ class hash_table {
     const double wanted = static_cast<double>(n) + extra;
     bool reserved = wanted < 4294967295.0 && reserve_slots(static_cast<std::size_t>(wanted));
     buckets_ = reserved ? tentative : 23;
+    index_.reset();
+    index_mask_ = 0;
+    indexed_ = 0;
+    seed_ = mixing::fresh_seed(this);
+    probes_ = 0;
     if (!reserve_slots(first_ + buckets_)) {
       buckets_ = 0;
       return false;
     }
-    slot_type* slots = storage_->data() + first_;
-    for (std::size_t i = 0; i < buckets_; ++i) clear_slot(slots[i]);
+    slot_type* slots = storage_->data();
+    for (std::size_t i = 0; i < buckets_; ++i) clear_slot(slots[first_ + i]);
     used_ = buckets_;
     return reserved;
   }
@@ -220,18 +251,12 @@ class hash_table {
   /// Position of the entry equal to key, or end().
   std::size_t find(std::uint64_t h, const key_type& key) const {
     if (buckets_ == 0) return end();
-    const slot_type* slots = storage_->data();
-    std::size_t pos = first_ + h % buckets_;
-    for (;;) {
-      const unsigned link = slots[pos].link;
-      if ((link & 1u) && Match::accepts(compare_keys(stored_key<Value>::of(slots[pos].value), key))) return pos;
-      if (link < 2) return end();
-      pos += link >> 1;
-    }
+    const place_found at = lookup(home(h), key);
+    return at.pos == npos ? end() : at.pos;
   }
 
-  /// The home bucket of hash h, where insert() and find() start, while the bucket count
-  /// stays as it is (npos when there are no buckets).
+  /// The home bucket of hash h, where insert() places a new key when it is free, while
+  /// the bucket count stays as it is (npos when there are no buckets).
   std::size_t home(std::uint64_t h) const { return buckets_ == 0 ? npos : first_ + h % buckets_; }
 
   /// Starts loading the slot at `pos` (a home()) into the cache. A bulk insertion asks
@@ -245,8 +270,18 @@ class hash_table {
 #endif
   }
 
+  /// Starts loading the index entry where the lookup of a key past a full chain begins.
+  void prefetch_key(const key_type& key) const {
+#if defined(__GNUC__)
+    if (index_) __builtin_prefetch(index_->data() + (lookup_hash(seed_, key) & index_mask_));
+#else
+    (void)key;
+#endif
+  }
+
   /// Find-or-insert: the position of the existing equal entry (left untouched) or of the
-  /// newly stored value; npos when the slots could not grow. *added tells which.
+  /// newly stored value; npos when the slots or the index could not grow. *added tells
+  /// which.
   std::size_t insert(std::uint64_t h, const Value& value, bool* added = nullptr) {
     return insert_from(home(h), value, added);
   }
@@ -255,47 +290,16 @@ class hash_table {
   std::size_t insert_from(std::size_t home_pos, const Value& value, bool* added = nullptr) {
     if (added) *added = false;
     if (buckets_ == 0) return npos;
-    slot_type* slots = storage_->data();
-    const key_type& key = stored_key<Value>::of(value);
-    std::size_t pos = home_pos, free_slot = npos;
-    for (;;) {
-      const unsigned link = slots[pos].link;
-      if (link & 1u) {
-        if (Match::accepts(compare_keys(stored_key<Value>::of(slots[pos].value), key))) return pos;
-      } else if (free_slot == npos) {
-        free_slot = pos;
-      }
-      if (link < 2) break;
-      pos += link >> 1;
-    }
-    if (free_slot != npos) {  // reuse it; its link keeps the chain intact
-      slots[free_slot].value = value;
-      slots[free_slot].link |= 1u;
-      ++entries_;
-      if (added) *added = true;
-      return free_slot;
-    }
-    const std::size_t fresh = first_ + used_;
-    if (fresh - pos > 0x7FFFFFFFu) return npos;  // the link word cannot hold the distance
-    if (fresh >= storage_->capacity()) {
-      const std::size_t capacity = storage_->capacity();
-      std::size_t grown = 2 * capacity > 2 ? 2 * capacity : 2;
-      if (grown < fresh + 1) grown = fresh + 1;
-      if (!storage_->grow(grown, fresh)) return npos;
-      slots = storage_->data();
-    }
-    slots[fresh].value = value;
-    slots[fresh].link = 1u;
-    ++used_;
-    slots[pos].link = static_cast<unsigned>(((fresh - pos) << 1) + 1);
-    ++entries_;
-    if (added) *added = true;
-    return fresh;
+    const place_found at = lookup(home_pos, stored_key<Value>::of(value));
+    if (at.pos != npos) return at.pos;
+    const std::size_t pos = add(at, value);
+    if (added) *added = pos != npos;
+    return pos;
   }
 
-  /// Rebuilds the table with at least `wanted` buckets (the next prime of the table).
-  /// False when the new table could not be sized (the old one is kept) or when an entry
-  /// could not be carried over.
+  /// Rebuilds the table with at least `wanted` buckets (the next prime of the table),
+  /// re-inserting the entries in slot order. False when the new table could not be sized
+  /// (the old one is kept) or when an entry could not be carried over.
   bool rehash(std::size_t wanted) {
     const std::size_t buckets = next_prime(wanted);
     hash_table rebuilt;
@@ -304,10 +308,13 @@ class hash_table {
     for (std::size_t pos = begin(); pos < end(); ++pos)
       if (occupied(pos)) {
         const Value& value = storage_->data()[pos].value;
-        rebuilt.insert(hash_key(stored_key<Value>::of(value)), value);
+        const key_type& key = stored_key<Value>::of(value);
+        if (rebuilt.add(rebuilt.chain_end(rebuilt.home(hash_key(key))), value) == npos) break;
       }
     const bool complete = rebuilt.entries_ == entries_;
+    const std::size_t probes = probes_ + rebuilt.probes_;
     *this = rebuilt;
+    probes_ = probes;
     max_load_ = 1.0;
     return complete;
   }
@@ -340,9 +347,23 @@ class hash_table {
   std::size_t bucket_count() const { return buckets_; }
   std::size_t used_slots() const { return used_; }
   double max_load() const { return max_load_; }
+  /// Slots and index entries examined by the lookups since the last reset: a measure of
+  /// work that does not depend on the machine (for tests and benchmarks). Counted without
+  /// synchronisation, even by find(): a table belongs to one call on one thread.
+  std::size_t probes() const { return probes_; }
 
  private:
   using buffer_type = zel::vector_num<slot_type, 8>;
+  // An index entry: a slot's position relative to first_ (~0U: empty) and the high half
+  // of its key's lookup hash, which settles most mismatches without reading the slot.
+  struct index_entry {
+    unsigned pos;
+    unsigned tag;
+  };
+  using index_type = zel::vector_num<index_entry, 8>;
+  // Links walked from a home bucket before the index takes over: long enough for the
+  // chains of ordinary numberings, short enough that no numbering makes a walk costly.
+  static constexpr unsigned chain_limit = 4;
 
   static void clear_slot(slot_type& slot) {
     stored_key<Value>::mark_unused(slot.value);
@@ -358,12 +379,127 @@ class hash_table {
     return true;
   }
 
+  std::size_t index_capacity() const { return index_ ? index_mask_ + 1 : 0; }
+
+  // Where a lookup ended: the entry's position, or npos with the last slot of the key's
+  // chain (npos when its home bucket is free) and the number of links walked to it.
+  struct place_found {
+    std::size_t pos, home, tail;
+    unsigned links;
+  };
+
+  // The entry equal to key whose home bucket is home_pos. The chain from the home bucket
+  // is walked up to chain_limit links; a chain that long continues in the index.
+  place_found lookup(std::size_t home_pos, const key_type& key) const {
+    const slot_type* slots = storage_->data();
+    std::size_t pos = home_pos;
+    ++probes_;
+    if (!(slots[pos].link & 1u)) return {npos, home_pos, npos, 0};
+    unsigned links = 0;
+    for (;;) {
+      if (Match::accepts(compare_keys(stored_key<Value>::of(slots[pos].value), key))) return {pos, home_pos, pos, links};
+      const unsigned link = slots[pos].link;
+      if (link < 2) break;
+      pos += link >> 1;
+      ++links;
+      ++probes_;
+    }
+    if (links < chain_limit || !index_) return {npos, home_pos, pos, links};
+    const std::uint64_t mixed = lookup_hash(seed_, key);
+    const unsigned tag = static_cast<unsigned>(mixed >> 32);
+    const index_entry* index = index_->data();
+    for (std::size_t i = mixed & index_mask_;; i = (i + 1) & index_mask_) {
+      ++probes_;
+      const index_entry e = index[i];
+      if (e.pos == ~0U) return {npos, home_pos, pos, links};
+      if (e.tag == tag && Match::accepts(compare_keys(stored_key<Value>::of(slots[first_ + e.pos].value), key)))
+        return {first_ + e.pos, home_pos, pos, links};
+    }
+  }
+
+  // Where the lookup of a key known to be absent would end, without comparing keys.
+  place_found chain_end(std::size_t home_pos) const {
+    const slot_type* slots = storage_->data();
+    if (!(slots[home_pos].link & 1u)) return {npos, home_pos, npos, 0};
+    std::size_t pos = home_pos;
+    unsigned links = 0;
+    for (; slots[pos].link >= 2; ++links) pos += slots[pos].link >> 1;
+    return {npos, home_pos, pos, links};
+  }
+
+  // Adds the slot at `pos` to the index (which has room and does not hold it).
+  void record(std::size_t pos) {
+    const std::uint64_t mixed = lookup_hash(seed_, stored_key<Value>::of(storage_->data()[pos].value));
+    index_entry* index = index_->data();
+    std::size_t i = mixed & index_mask_;
+    for (++probes_; index[i].pos != ~0U; ++probes_) i = (i + 1) & index_mask_;
+    index[i] = {static_cast<unsigned>(pos - first_), static_cast<unsigned>(mixed >> 32)};
+  }
+
+  // An index at most half full with room for one more entry than it holds, holding the
+  // same slots. False (the old index kept) when memory runs out.
+  bool index_room() {
+    if (2 * (indexed_ + 1) <= index_capacity()) return true;
+    std::size_t capacity = 16;
+    while (capacity < 4 * (indexed_ + 1)) capacity *= 2;
+    index_type* fresh = index_type::create(capacity);
+    if (!fresh) return false;
+    for (std::size_t i = 0; i < capacity; ++i) fresh->data()[i] = {~0U, 0};
+    const zel::Ptr<index_type> old = index_;
+    const std::size_t old_capacity = index_capacity();
+    index_ = fresh;
+    index_mask_ = capacity - 1;
+    for (std::size_t i = 0; i < old_capacity; ++i)
+      if (old->data()[i].pos != ~0U) record(first_ + old->data()[i].pos);
+    return true;
+  }
+
+  // Stores a key that the table does not hold, `at` being where its lookup ended: in its
+  // home bucket when that is free, else in a new overflow slot linked from the end of
+  // its chain, or recorded in the index when the chain is full. npos when the slots or
+  // the index could not grow, or when a position would not fit a link or an index word.
+  std::size_t add(const place_found& at, const Value& value) {
+    slot_type* slots = storage_->data();
+    if (at.tail == npos) {  // a free home bucket
+      slots[at.home].value = value;
+      slots[at.home].link |= 1u;
+      ++entries_;
+      return at.home;
+    }
+    const std::size_t fresh = first_ + used_;
+    const bool linked = at.links < chain_limit;
+    if (linked ? fresh - at.tail > 0x7FFFFFFFu : fresh >= ~0U || !index_room()) return npos;
+    if (fresh >= storage_->capacity()) {
+      const std::size_t capacity = storage_->capacity();
+      std::size_t grown = 2 * capacity > 2 ? 2 * capacity : 2;
+      if (grown < fresh + 1) grown = fresh + 1;
+      if (!storage_->grow(grown, fresh)) return npos;
+      slots = storage_->data();
+    }
+    slots[fresh].value = value;
+    slots[fresh].link = 1u;
+    ++used_;
+    if (linked) {
+      slots[at.tail].link = static_cast<unsigned>(((fresh - at.tail) << 1) + 1);
+    } else {
+      record(fresh);
+      ++indexed_;
+    }
+    ++entries_;
+    return fresh;
+  }
+
   zel::Ptr<buffer_type> storage_;
   std::size_t used_ = 0;
   std::size_t first_ = 0;
   std::size_t buckets_ = 0;
   std::size_t entries_ = 0;
   double max_load_ = 1.0;
+  zel::Ptr<index_type> index_;  // the slots past full chains, by lookup_hash; built on demand
+  std::size_t index_mask_ = 0;
+  std::size_t indexed_ = 0;
+  std::uint64_t seed_ = 0;
+  mutable std::size_t probes_ = 0;
 };
 
 }  // namespace elfes

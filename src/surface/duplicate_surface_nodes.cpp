@@ -7,6 +7,7 @@
 // as it was (coords is shrunk back to its column count on entry).
 #include <cstddef>
 
+#include "common/shared_memory.h"
 #include "common/element_tables.h"
 #include "locate/elements_around_node.h"
 #include "order/hash_tables.h"
@@ -293,6 +294,17 @@ int duplicate_surface_nodes(dense2D<double>& coords, dense2D<unsigned>& connecti
                             const dense2D<unsigned>& neighbors, const dense1D<unsigned, 8>& node_element,
                             const dense2D<unsigned>& surface, const dense1D<unsigned, 8>& excluded, bool positive_side,
                             bool negative_side, element_type type) {
+  if (elfes::share_memory(coords, connectivity)) return -2;  // both are rewritten
+  if (elfes::shares_with_any(coords, neighbors, node_element, surface, excluded) ||
+      elfes::shares_with_any(connectivity, neighbors, node_element, surface, excluded)) {
+    dense2D<unsigned> own_neighbors, own_surface;
+    dense1D<unsigned, 8> own_node_element, own_excluded;
+    if (!own_neighbors.copy(neighbors) || !own_surface.copy(surface) || !own_node_element.copy(node_element) ||
+        !own_excluded.copy(excluded))
+      return -199;
+    return duplicate_surface_nodes(coords, connectivity, own_neighbors, own_node_element, own_surface, own_excluded,
+                                   positive_side, negative_side, type);
+  }
   if (connectivity.empty() || surface.empty() || (!positive_side && !negative_side)) return 0;
   if (coords.rows() != 3) return -1;
   const unsigned nb_nodes = static_cast<unsigned>(coords.cols());

@@ -17,7 +17,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <type_traits>
 
+#include "common/shared_memory.h"
 #include "common/element_tables.h"
 #include "measures/dihedral_kernel.h"
 #include "common/vec3.h"
@@ -496,18 +498,38 @@ int split(splitter& s) {
   return 0;
 }
 
+// Both forms: inputs that share memory with an output are read from private copies, so
+// that the call gives what it gives on separate matrices; two outputs in one buffer are
+// refused.
+template <class Failed>
+int split_apart(dense2D<double>& coords, const dense2D<unsigned>& connect, const dense2D<unsigned>& quads,
+                double min_quality, dense2D<unsigned>& connectOut, Failed& failed) {
+  if (elfes::share_memory(connectOut, failed)) return -6;
+  if (elfes::shares_with_any(connectOut, connect, quads) || elfes::shares_with_any(failed, connect, quads) ||
+      elfes::shares_with_any(coords, connect, quads)) {
+    dense2D<unsigned> own_connect, own_quads;  // the outputs are cleared first
+    if (!own_connect.copy(connect) || !own_quads.copy(quads)) return -199;
+    return split_apart(coords, own_connect, own_quads, min_quality, connectOut, failed);
+  }
+  if constexpr (std::is_same_v<Failed, dense1D<unsigned, 8>>) {
+    splitter s(coords, connect, quads, min_quality, connectOut, &failed, nullptr);
+    return split(s);
+  } else {
+    splitter s(coords, connect, quads, min_quality, connectOut, nullptr, &failed);
+    return split(s);
+  }
+}
+
 }  // namespace
 
 int split_solid_Q4(dense2D<double>& coords, const dense2D<unsigned>& connect, const dense2D<unsigned>& quads,
                    double min_quality, dense2D<unsigned>& connectOut, dense1D<unsigned, 8>& failed) {
-  splitter s(coords, connect, quads, min_quality, connectOut, &failed, nullptr);
-  return split(s);
+  return split_apart(coords, connect, quads, min_quality, connectOut, failed);
 }
 
 int split_solid_Q4(dense2D<double>& coords, const dense2D<unsigned>& connect, const dense2D<unsigned>& quads,
                    double min_quality, dense2D<unsigned>& connectOut, dense2D<unsigned>& failed) {
-  splitter s(coords, connect, quads, min_quality, connectOut, nullptr, &failed);
-  return split(s);
+  return split_apart(coords, connect, quads, min_quality, connectOut, failed);
 }
 
 }  // namespace tessel3d

@@ -561,4 +561,85 @@ inline void expect_same_on_views(const family_row& row) {
   std::apply([&](const auto&... m) { (guards_kept(m), ...); }, matrices(padded));
 }
 
+// f(field, index) for every field of a tuple of references.
+template <class Tuple, class F, std::size_t... I>
+void each_field(const Tuple& t, F&& f, std::index_sequence<I...>) {
+  (f(std::get<I>(t), I), ...);
+}
+template <class Tuple, class F>
+void each_field(const Tuple& t, F&& f) {
+  each_field(t, f, std::make_index_sequence<std::tuple_size<Tuple>::value>{});
+}
+// f(x, y, i) for the fields of one index of two tuples of the same types.
+template <class Tuple, class F>
+void each_pair(const Tuple& t1, const Tuple& t2, F&& f) {
+  each_field(t1, [&](auto& x, std::size_t i) {
+    each_field(t2, [&](auto& y, std::size_t k) {
+      if constexpr (std::is_same_v<decltype(x), decltype(y)>)
+        if (k == i) f(x, y, i);
+    });
+  });
+}
+
+// The matrices and vectors of a scene.
+template <class S>
+auto arrays(S& s) {
+  return std::tuple_cat(matrices(s), std::tie(s.ids, s.node_element, s.ids_out, s.values, s.min_values, s.max_values));
+}
+
+// Every ordered pair (a, b) of arrays of one type, b made a shallow copy of a (sharing its
+// memory): the call gives the status and the outputs that it gives when b is a deep copy
+// of a, or refuses the sharing with `refusal` and changes nothing. The outputs are the
+// arrays that the call with a deep copy changes; an input sharing memory with an output
+// shows the output's values and is not compared.
+inline void expect_same_on_shared_storage(const family_row& row, int refusal) {
+  constexpr std::size_t count = std::tuple_size<decltype(arrays(std::declval<scene&>()))>::value;
+  auto deep_copy = [](scene& from) {
+    scene to;
+    each_pair(arrays(from), arrays(to), [](auto& x, auto& y, std::size_t) { y.copy(x); });
+    to.detector = from.detector, to.element = from.element, to.scalar = from.scalar;
+    return to;
+  };
+  for (std::size_t a = 0; a < count; ++a)
+    for (std::size_t b = 0; b < count; ++b) {
+      if (a == b) continue;
+      bool paired = false;
+      auto pair_up = [&](scene& s, bool shallow) {
+        const auto t = arrays(s);
+        each_field(t, [&](auto& fa, std::size_t i) {
+          each_field(t, [&](auto& fb, std::size_t k) {
+            if constexpr (std::is_same_v<decltype(fa), decltype(fb)>)
+              if (i == a && k == b) {
+                paired = true;
+                if (shallow)
+                  fb = fa;
+                else
+                  fb.copy(fa);
+              }
+          });
+        });
+      };
+      scene deep = row.make(), shared = row.make();
+      pair_up(deep, false);
+      if (!paired) continue;
+      pair_up(shared, true);
+      scene deep_before = deep_copy(deep), shared_before = deep_copy(shared);
+      const int expected = row.call(deep), status = row.call(shared);
+      const std::string where = std::string(row.name) + ": " + field_names[b] + " sharing " + field_names[a];
+      if (status == refusal && expected != refusal) {
+        expect_same(shared, shared_before, where + " (refused)");
+        continue;
+      }
+      EXPECT_EQ(status, expected) << where;
+      bool output[std::tuple_size<decltype(fields(deep))>::value] = {};  // per field: changed by the call
+      each_pair(arrays(deep), arrays(deep_before), [&](const auto& x, const auto& y, std::size_t k) { output[k] = !same(x, y); });
+      each_pair(fields(shared), fields(deep), [&](const auto& x, const auto& y, std::size_t k) {
+        const bool input_under_output = (k == a && output[b] && !output[a]) || (k == b && output[a] && !output[b]);
+        if (!input_under_output) {
+          EXPECT_TRUE(same(x, y)) << where << ": " << field_names[k] << " differs";
+        }
+      });
+    }
+}
+
 }  // namespace tessel3d_test

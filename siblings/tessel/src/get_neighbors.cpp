@@ -74,11 +74,15 @@ struct face_record {
   Ref ref;
 };
 
+// The key (rest[], lexicographically), then the face. A bucket is filled in face order,
+// so this sorts it as a stable sort on the key would, but in place: no buffer is taken
+// from outside the library's allocator.
 template <typename Ref>
-inline bool key_less(const face_record<Ref>& a, const face_record<Ref>& b) {
+inline bool key_then_face_less(const face_record<Ref>& a, const face_record<Ref>& b) {
   if (a.rest[0] != b.rest[0]) return a.rest[0] < b.rest[0];
   if (a.rest[1] != b.rest[1]) return a.rest[1] < b.rest[1];
-  return a.rest[2] < b.rest[2];
+  if (a.rest[2] != b.rest[2]) return a.rest[2] < b.rest[2];
+  return a.ref < b.ref;
 }
 
 template <typename Ref>
@@ -117,10 +121,10 @@ inline unsigned face_key(const unsigned* nodes, unsigned size, unsigned rest[3])
 // group, every face takes the lowest-numbered other element of the group. Buckets are
 // filled element by element, so a group's faces come in element order.
 
-// By a stable sort on the key: any bucket, any group.
+// By sorting on the key (groups keep their face order): any bucket, any group.
 template <typename Ref>
 void pair_by_sorting(face_record<Ref>* first, face_record<Ref>* last, unsigned* out, std::size_t ld) {
-  std::stable_sort(first, last, key_less<Ref>);
+  std::sort(first, last, key_then_face_less<Ref>);
   for (face_record<Ref>* group = first; group < last;) {
     face_record<Ref>* end = group + 1;
     while (end < last && same_key(*end, *group)) ++end;
