@@ -4,6 +4,7 @@
 #include <benchmark/benchmark.h>
 
 #include <cmath>
+#include <vector>
 
 #include "box_mesh.h"
 #include "locate/locate_point.h"
@@ -133,6 +134,37 @@ void interpolate_anisotropic_metrics(benchmark::State& state) {
   state.counters["points/s"] = benchmark::Counter(double(points), benchmark::Counter::kIsIterationInvariantRate);
 }
 BENCHMARK(interpolate_anisotropic_metrics)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+
+// find_closest among 10^6 nodes (argument: 0 random in a cube, 1 on a plane queried off
+// it, 2 on a line queried off it, 3 all at one point, 4 on a sphere queried at its
+// centre), 1000 queries per iteration.
+void node_detector_degenerate(benchmark::State& state) {
+  const int kind = int(state.range(0));
+  const std::size_t n = 1000000;
+  zel::dense2D<double> coords(3, n);
+  random_stream random(23);
+  for (std::size_t j = 0; j < n; ++j) {
+    double x[3] = {random.uniform(-1, 1), random.uniform(-1, 1), random.uniform(-1, 1)};
+    if (kind == 1) x[2] = 0;
+    if (kind == 2) x[1] = x[2] = 0;
+    if (kind == 3) x[0] = x[1] = x[2] = 0.5;
+    if (kind == 4) {
+      const double r = std::sqrt(x[0] * x[0] + x[1] * x[1] + x[2] * x[2]);
+      for (double& c : x) c /= r;
+    }
+    for (int d = 0; d < 3; ++d) coords(d, j) = x[d];
+  }
+  const zel::tessel::node_detector detector(coords);
+  std::vector<zel::vector_fixed<double, 3>> queries;
+  for (int k = 0; k < 1000; ++k)
+    queries.emplace_back(kind == 4 ? 0 : random.uniform(-1, 1), kind == 4 ? 0 : random.uniform(-1, 1),
+                         kind == 4 ? 0 : random.uniform(-1, 1));
+  for (auto _ : state)
+    for (const auto& q : queries) benchmark::DoNotOptimize(detector.find_closest(q));
+  state.counters["queries/s"] =
+      benchmark::Counter(double(queries.size()), benchmark::Counter::kIsIterationInvariantRate);
+}
+BENCHMARK(node_detector_degenerate)->DenseRange(0, 4)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

@@ -7,6 +7,8 @@
 // the interpolations).
 #pragma once
 
+#include <cmath>
+
 #include "locate/elements_around_node.h"
 #include "locate/visibility_walk.h"
 #include "zel/matrix.h"
@@ -24,6 +26,7 @@ struct locate_scratch {
 /// otherwise). With `second_chance`, a first walk that leaves the mesh (or reaches the
 /// step limit) is followed by walks from each element around find_closest(p), in the
 /// order of elements_around_node, until one finds p.
+/// A point with a coordinate that is not finite is not found.
 /// @return 1 found | 0 not found | -1 a walk met an invalid element | -2 a walk ended
 ///         exactly at its step limit (not retried) | -199 memory (second chance)
 template <class NodeSearch>
@@ -33,6 +36,12 @@ int locate_point(const zel::dense2D<double>& coords, const zel::dense2D<unsigned
                  double tolerance, bool second_chance, locate_scratch& scratch) {
   const double* p = point.data();
   const std::size_t nb_elements = connectivity.cols();
+  // A point with a coordinate that is not finite lies in no element (and no walk
+  // could aim at it).
+  if (!(std::isfinite(p[0]) && std::isfinite(p[1]) && std::isfinite(p[2]))) {
+    element = ~0U;
+    return 0;
+  }
   if (element == ~0U) {
     const unsigned n = search.find_close(point);
     // Entries that are no element (~0U, or out of range in a caller's bad input) give no seed.
