@@ -93,6 +93,80 @@ void elements_containing_points(benchmark::State& state) {
 }
 BENCHMARK(elements_containing_points)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 
+// The search that cannot miss, 10^6 points (argument: 1 for random order) with a locator
+// built once outside the loop (as the detector above is), and locate_points, which builds
+// its own for each call (argument + 2).
+void point_locator_find(benchmark::State& state) {
+  located_mesh m(box_cells, 99, (state.range(0) & 1) != 0);
+  const std::size_t points = m.nodes.size();
+  const zel::dense2D<double> p = m.coords.sub_matrix(0, m.mesh_nodes, 3, points);
+  zel::tessel3d::point_locator locator;
+  if (locator.build(m.mesh.coords, m.mesh.connect) != 0) state.SkipWithError("build");
+  zel::dense1D<unsigned, 8> elements;
+  for (auto _ : state) {
+    if (state.range(0) < 2)
+      benchmark::DoNotOptimize(locator.find(p, elements, 1e-9));
+    else
+      benchmark::DoNotOptimize(zel::tessel3d::locate_points(m.mesh.coords, m.mesh.connect, p, elements, 1e-9));
+  }
+  state.counters["points/s"] = benchmark::Counter(double(points), benchmark::Counter::kIsIterationInvariantRate);
+}
+BENCHMARK(point_locator_find)->DenseRange(0, 3)->Unit(benchmark::kMillisecond);
+
+// A point just outside a half-ball fan: every element shares the centre node, the
+// point's closest node, and the walks leave the mesh (arguments: nodes per circle of
+// latitude, and 1 for the specified search). The specified search walks again from every
+// element around the closest node; the locator asks its tree.
+void fan_just_outside(benchmark::State& state) {
+  const unsigned ring = unsigned(state.range(0));  // nodes on each of `ring` circles of latitude
+  zel::dense2D<double> coords(3, 1);
+  std::vector<unsigned> cap;
+  for (unsigned i = 0; i < ring; ++i)
+    for (unsigned j = 0; j < ring; ++j) {
+      const double theta = 1.5707963267948966 * (i + 0.5) / ring, phi = 6.283185307179586 * (j + 0.5 * (i % 2)) / ring;
+      const unsigned n = unsigned(coords.cols());
+      coords.resize(3, n + 1);
+      coords(0, n) = std::sin(theta) * std::cos(phi), coords(1, n) = std::sin(theta) * std::sin(phi);
+      coords(2, n) = std::cos(theta);
+    }
+  // Tetrahedra from the centre (node 0) to the quads between neighbouring latitudes, split in two.
+  std::vector<unsigned> t;
+  auto id = [&](unsigned i, unsigned j) { return 1 + i * ring + j % ring; };
+  for (unsigned i = 0; i + 1 < ring; ++i)
+    for (unsigned j = 0; j < ring; ++j) {
+      const unsigned a = id(i, j), b = id(i, j + 1), c = id(i + 1, j), d = id(i + 1, j + 1);
+      t.insert(t.end(), {0, a, b, c, 0, b, d, c});
+    }
+  zel::dense2D<unsigned> connect(4, t.size() / 4);
+  for (std::size_t k = 0; k < t.size(); ++k) connect.data()[k] = t[k];
+  // Orient every element positively.
+  for (std::size_t e = 0; e < connect.cols(); ++e) {
+    const double* x[4];
+    for (int k = 0; k < 4; ++k) x[k] = &coords(0, connect(k, e));
+    double u[3], v[3], w[3];
+    for (int d = 0; d < 3; ++d) u[d] = x[0][d] - x[3][d], v[d] = x[1][d] - x[3][d], w[d] = x[2][d] - x[3][d];
+    if (u[0] * (v[1] * w[2] - v[2] * w[1]) - u[1] * (v[0] * w[2] - v[2] * w[0]) + u[2] * (v[0] * w[1] - v[1] * w[0]) < 0)
+      std::swap(connect(0, e), connect(1, e));
+  }
+  zel::dense2D<unsigned> neighbors;
+  zel::dense1D<unsigned, 8> node_element;
+  zel::tessel::get_neighbors(connect, zel::TH4, neighbors);
+  zel::tessel::get_node_element(connect, unsigned(coords.cols()), node_element);
+  const zel::tessel::node_detector detector(coords);
+  zel::tessel3d::point_locator locator;
+  locator.build(coords, connect);
+  const zel::dense2D<double> point(3, 1, {0.01, 0.02, -0.001});  // just below the centre, outside
+  zel::dense1D<unsigned, 8> elements;
+  const bool specified = state.range(1) != 0;
+  for (auto _ : state)
+    benchmark::DoNotOptimize(
+        specified ? zel::tessel3d::get_elements_containing_points(coords, connect, neighbors, node_element, detector,
+                                                                  zel::TH4, point, elements, 0.0)
+                  : locator.find(point, elements, 0.0));
+  state.counters["elements"] = double(connect.cols());
+}
+BENCHMARK(fan_just_outside)->ArgsProduct({{40, 80}, {0, 1}})->Unit(benchmark::kMillisecond);
+
 // The search itself, as the exported functions run it after their checks, one point
 // after the other in the given order.
 void locate_point_with_detector(benchmark::State& state) {
