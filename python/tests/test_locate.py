@@ -63,18 +63,29 @@ def test_find_all_gives_what_find_gives_for_each_point():
 
 def test_find_all_errors():
     coords, connect = box("TH4", (2, 2, 2))
-    with pytest.raises(t3.Error) as caught:
-        t3.Locator(coords, connect).find_all(np.zeros((4, 2)))
-    assert caught.value.status == -7 and caught.value.argument == "points"
-    assert "(k, 3)" in str(caught.value) and "(4, 2)" in str(caught.value)
+    for strict, status in ((True, -7), (False, -1)):
+        with pytest.raises(t3.Error) as caught:
+            t3.Locator(coords, connect, strict=strict).find_all(np.zeros((4, 2)))
+        assert caught.value.status == status and caught.value.argument == "points"
+        assert "(k, 3)" in str(caught.value) and "(4, 2)" in str(caught.value)
+        with pytest.raises(t3.Error) as caught:
+            t3.Locator(coords, connect, strict=strict).find((0.5, 0.5, 0.5), tolerance=np.nan)
+        assert caught.value.argument == "tolerance" and "finite" in str(caught.value)
     inverted = connect.copy()
     t3.flip(inverted, t3.TH4)
     with pytest.raises(t3.Error) as caught:
-        t3.Locator(coords, inverted).find_all([[0.5, 0.5, 0.5], [0.2, 0.2, 0.2]])
+        t3.Locator(coords, inverted, strict=True).find_all([[0.5, 0.5, 0.5], [0.2, 0.2, 0.2]])
     assert caught.value.status == -1 and "inverted or flat" in str(caught.value)
+    # inverted elements hold no point for the search that cannot miss
+    assert (t3.Locator(coords, inverted).find_all([[0.5, 0.5, 0.5], [0.2, 0.2, 0.2]]) == A).all()
+    with pytest.raises(t3.Error) as caught:
+        t3.Locator(coords, connect[:, :3])
+    assert caught.value.argument == "connect"
     wedges = box("W6", (1, 1, 1))
-    locator = t3.Locator(*wedges, type=t3.H8, neighbors=np.full(wedges[1].shape, A, dtype=np.uint32))
-    assert (locator.find_all([[0.5, 0.5, 0.5], [0.1, 0.1, 0.1]]) == A).all()
+    for strict in (True, False):
+        locator = t3.Locator(*wedges, type=t3.H8, neighbors=np.full(wedges[1].shape, A, dtype=np.uint32),
+                             strict=strict)
+        assert (locator.find_all([[0.5, 0.5, 0.5], [0.1, 0.1, 0.1]]) == A).all()
 
 
 def test_tolerance_accepts_points_just_outside():
@@ -89,7 +100,7 @@ def test_inverted_element_stops_the_walk():
     inverted = connect.copy()
     t3.flip(inverted, t3.TH4)
     with pytest.raises(t3.Error) as caught:
-        t3.get_element_containing_point(coords, inverted, (0.5, 0.5, 0.5))
+        t3.get_element_containing_point(coords, inverted, (0.5, 0.5, 0.5), strict=True)
     assert caught.value.status == -1 and "inverted or flat" in str(caught.value)
 
 
@@ -99,10 +110,10 @@ def test_other_element_types_are_not_searched():
     coords, connect = box("W6", (1, 1, 1))
     neighbors = np.full(connect.shape, A, dtype=np.uint32)
     assert t3.get_element_containing_point(coords, connect, (0.5, 0.5, 0.5), type=t3.H8,
-                                           neighbors=neighbors) is None
+                                           neighbors=neighbors, strict=True) is None
     hexa = box("H8", (1, 1, 1))
     with pytest.raises(t3.Error) as caught:  # 8 columns cannot match the 6 faces of an H8
-        t3.get_element_containing_point(hexa[0], hexa[1], (0.5, 0.5, 0.5), type=t3.H8)
+        t3.get_element_containing_point(hexa[0], hexa[1], (0.5, 0.5, 0.5), type=t3.H8, strict=True)
     assert caught.value.status == -3
 
 
@@ -119,11 +130,16 @@ def test_interpolation_of_a_linear_field_is_exact():
     field = np.zeros((len(allc), 2))
     field[:n] = linear(coords)
     nodes = np.arange(n, len(allc), dtype=np.uint32)
+    strict = field.copy()
     result = t3.interpolate(allc, connect, field, nodes)
     assert result is field  # in place
     np.testing.assert_allclose(field[n:n + 30], linear(inside), atol=1e-9)
+    # outside: the value at the closest point of the boundary, here (1, 0.5, 0.5)
+    np.testing.assert_allclose(field[-1], linear(np.array([[1.0, 0.5, 0.5]]))[0], atol=1e-12)
+    t3.interpolate(allc, connect, strict, nodes, strict=True)
+    np.testing.assert_allclose(strict[n:n + 30], linear(inside), atol=1e-9)
     nearest = np.argmin(np.linalg.norm(coords - outside[0], axis=1))
-    np.testing.assert_array_equal(field[-1], field[nearest])  # outside: the nearest node's values
+    np.testing.assert_array_equal(strict[-1], strict[nearest])  # strict: the nearest node's values
     scalar = np.zeros(len(allc))
     scalar[:n] = linear(coords)[:, 0]
     t3.interpolate(allc, connect, scalar, nodes)
@@ -132,12 +148,16 @@ def test_interpolation_of_a_linear_field_is_exact():
 
 def test_interpolation_errors():
     coords, connect = box("TH4", (1, 1, 1))
-    with pytest.raises(t3.Error) as caught:
-        t3.interpolate(coords, connect, np.zeros(len(coords) - 1), [0])
-    assert caught.value.status == -5 and "interpolate: field (argument 5)" in str(caught.value)
-    with pytest.raises(t3.Error) as caught:
-        t3.interpolate(coords, connect, np.zeros(len(coords)), [len(coords)])
-    assert caught.value.status == -6
+    for strict, field_status in ((True, -5), (False, -3)):
+        with pytest.raises(t3.Error) as caught:
+            t3.interpolate(coords, connect, np.zeros(len(coords) - 1), [0], strict=strict)
+        assert caught.value.status == field_status and "interpolate: field (argument" in str(caught.value)
+        with pytest.raises(t3.Error) as caught:
+            t3.interpolate(coords, connect, np.zeros(len(coords)), [len(coords)], strict=strict)
+        assert caught.value.argument == "nodes"
+        with pytest.raises(t3.Error) as caught:
+            t3.interpolate_metrics(coords, connect, np.zeros((len(coords), 5)), strict=strict)
+        assert caught.value.argument == "metrics"
     assert t3.interpolate(coords, connect, np.zeros(len(coords)), []).shape == (len(coords),)
 
 

@@ -55,12 +55,15 @@ elfes::box_tree tree_view(const dense1D<unsigned, 8>& items, const dense1D<doubl
 int point_locator::build(const dense2D<double>& coords, const dense2D<unsigned>& connectivity) {
   *this = point_locator();
   if (coords.rows() != 3) return -1;
-  if (connectivity.rows() != 4 || !tessel::check_IDs(connectivity, TH4, unsigned(coords.cols()))) return -2;
+  if (connectivity.rows() != 4) return -2;
   const std::size_t nb_elements = connectivity.cols();
   if (nb_elements >= (std::size_t(1) << 30)) return -199;  // face items 4 e + f must fit in 32 bits
 
+  // The copies are checked, not the caller's matrices, which another thread might change
+  // in between (from Python).
   point_locator built;
   if (!built.coords_.copy(coords) || !built.connectivity_.copy(connectivity)) return -199;
+  if (!tessel::check_IDs(built.connectivity_, TH4, unsigned(coords.cols()))) return -2;
   if (tessel::get_neighbors(built.connectivity_, TH4, built.neighbors_) != 0) return -199;
   if (tessel::get_node_element(built.connectivity_, unsigned(coords.cols()), built.node_element_) != 0) return -199;
   dense1D<unsigned, 8> used;
@@ -68,7 +71,8 @@ int point_locator::build(const dense2D<double>& coords, const dense2D<unsigned>&
     if (built.node_element_[n] != ~0U && !used.push_back(unsigned(n))) return -199;
   built.nodes_ = tessel::node_detector(built.coords_, used);
   std::size_t held = 0;  // the detector leaves out nodes with a NaN coordinate, and fails silently
-  for (unsigned n : used) held += !std::isnan(coords(0, n)) && !std::isnan(coords(1, n)) && !std::isnan(coords(2, n));
+  const dense2D<double>& x0 = built.coords_;
+  for (unsigned n : used) held += !std::isnan(x0(0, n)) && !std::isnan(x0(1, n)) && !std::isnan(x0(2, n));
   if (built.nodes_.size() != held) return -199;
 
   const dense2D<double>& x = built.coords_;
