@@ -529,6 +529,17 @@ TESSEL3D_EXPORT int extrude_line(dense2D<double>& coords, const dense2D<unsigned
 // coordinates of the point, the point is inside when every coordinate is >= -tolerance
 // (0 accepts points on faces, edges and nodes; a positive value accepts points slightly
 // outside, in proportion to the element's size; a negative one rejects points near faces).
+// A point with a coordinate that is not finite lies in no element, and neither does a
+// point far outside an element's box (beyond 1/1024 of its extent plus 4 x tolerance
+// extents), whose triple products lose their digits (from about 1e17 extents away every
+// one rounds to 0) or overflow; near the element the test is exactly the one above.
+//
+// Cost: the checks scan the mesh; then a node search, a walk of length about the
+// distance from the seed in elements, and, when the walk leaves the mesh, one walk per
+// element around the closest node (each at most #elements steps). When more than 64
+// elements hold that node, a scan of the mesh first tells whether any element holds the
+// point (if none does and every element is valid, no walk can find it: the answer is
+// given at once, without changing it).
 
 /// Finds the TH4 that holds `point`, seeded from `detector.find_close(point)` with a
 /// second chance from the elements around `detector.find_closest(point)`.
@@ -542,13 +553,14 @@ TESSEL3D_EXPORT int extrude_line(dense2D<double>& coords, const dense2D<unsigned
 /// @param[in]  detector      node search over the columns of coords, built by the caller
 /// @param[out] element       the containing element, ~0U unless 1 is returned (set to
 ///                           ~0U before the first check)
-/// @param[in]  tolerance     relative tolerance of the inside test (see above)
+/// @param[in]  tolerance     relative tolerance of the inside test (see above), finite
 /// @return 1 located | 0 not located: outside the mesh, no seed node, or a mesh that is
 ///         not a 4-row TH4 (any other type passing the checks, surface and mixed meshes
 ///         included, is not searched) | -1 coords not 3 rows | -2 connectivity rejected
 ///         by check_IDs(type, #nodes) | -3 neighbors not the shape of connectivity, its
 ///         rows not those of `type`, or an entry neither an element nor ~0U | -4
-///         node_element size not #nodes | -1 a walk met an inverted, flat or non-finite
+///         node_element size not #nodes | -9 tolerance not finite (it would accept every
+///         point) | -1 a walk met an inverted, flat or non-finite
 ///         element (0 instead when that happened exactly at the walk's step limit)
 ///         | -199 memory for the list of elements around the closest node.
 /// The checks scan the whole mesh on every call (to search many points, use
@@ -578,7 +590,8 @@ TESSEL3D_EXPORT int get_element_containing_point(const dense2D<double>& coords, 
 ///         (every entry ~0U) | -1 coords not 3 rows | -2 connectivity rejected by
 ///         check_IDs(type, #nodes) | -3 neighbors not the shape of connectivity, its rows
 ///         not those of `type`, or an entry neither an element nor ~0U | -4 node_element
-///         size not #nodes | -7 points not 3 rows, or 2^32 columns or more | -1 also
+///         size not #nodes | -7 points not 3 rows, or 2^32 columns or more | -9
+///         tolerance not finite | -1 also
 ///         when the search of at least one point met an inverted, flat or non-finite
 ///         element, as get_element_containing_point reports it: then `elements` is
 ///         written, those points get ~0U and every other point its result | -199 memory (the order of the points, a list of
@@ -597,9 +610,11 @@ TESSEL3D_EXPORT int get_elements_containing_points(const dense2D<double>& coords
 /// the call) and receives F3 + l0 (F0 - F3) + l1 (F1 - F3) + l2 (F2 - F3) from the four
 /// nodes of its element and its barycentric weights; a node that is not located (outside
 /// the mesh, or its walk met an invalid element) receives an exact copy of the nearest
-/// mesh node's values. Mesh nodes and unlisted nodes are only read. Mesh nodes with a
-/// coordinate that is not finite take no part in the node search (none is copied from
-/// them); nodes crowded into one 2^-32 step of the mesh's extent (coincident nodes, or
+/// mesh node's values (by exact distance, however far the node: distances that would
+/// overflow are compared scaled by a power of two). Mesh nodes and unlisted nodes are
+/// only read. A listed node with a coordinate that is not finite has no nearest node and
+/// is left as it was. Mesh nodes with a coordinate that is not finite take no part in
+/// the node search (none is copied from them); nodes crowded into one 2^-32 step of the mesh's extent (coincident nodes, or
 /// a far outlier squeezing the rest) are searched one by one. Each node is located and
 /// written on its own, so the nodes are treated in an order of their positions (along a
 /// space-filling curve), which gives the same values as the list order, faster; only when a listed node with node_element ~0U
@@ -685,8 +700,8 @@ TESSEL3D_EXPORT int interpolate_metrics(const dense2D<double>& coords, const den
 /// A TH4 mesh prepared for many searches: deep copies of coords and connectivity (later
 /// changes to the caller's matrices do not reach it), the face adjacency, one element per
 /// node, a node search and the trees of the elements and of the boundary faces. Queries
-/// are const and may run at once from several threads. Memory: about 200 bytes per
-/// element.
+/// are const and may run at once from several threads. Memory: about 80 bytes per
+/// element (twice that while building).
 class TESSEL3D_EXPORT point_locator {
  public:
   /// Prepares the mesh; a locator that is not built (or whose build failed) holds no
@@ -713,11 +728,12 @@ class TESSEL3D_EXPORT point_locator {
   ///         rows, or 2^32 columns or more | -3 tolerance not finite | -199 memory
   int find(const dense2D<double>& points, dense1D<unsigned, 8>& elements, double tolerance) const;
 
-  /// Where a value at `point` is read: the element holding it (tolerance 1e-9) with its
-  /// four barycentric weights, clamped to [0, 1] and summing to 1 (return 1); else the
-  /// element of the boundary face nearest the point, with the weights of the closest
-  /// point of that face (0 for the node opposite the face; return 2); 0 for a point with
-  /// a coordinate that is not finite, or a mesh with no valid element.
+  /// Where a value at `point` is read: the element holding it with its four barycentric
+  /// weights (tolerance 0, else 1e-9 across an inner face only, the weights then clamped
+  /// to [0, 1] and summing to 1; return 1); else the element of the boundary face nearest
+  /// the point (by exact distance, scaled when it would overflow), with the weights of
+  /// the closest point of that face (0 for the node opposite the face; return 2); 0 for a
+  /// point with a coordinate that is not finite, or a locator with no element.
   int weights(const vector_fixed<double, 3>& point, unsigned& element, vector_fixed<double, 4>& lambda) const;
 
   /// One element holding node n, ~0U for a node in no element (or not a node).
@@ -757,7 +773,9 @@ TESSEL3D_EXPORT int locate_points(const dense2D<double>& coords, const dense2D<u
 /// interpolation of its four nodes, a node outside the mesh the value at the closest
 /// point of the boundary (point_locator::weights). Linear fields are reproduced exactly
 /// inside the mesh. A node with a coordinate that is not finite, or any node when the
-/// mesh has no valid element, is left as it was. Mesh nodes and unlisted nodes are only
+/// mesh has no element, is left as it was. Cost: building a point_locator, then
+/// O(log #elements) per node inside, plus the boundary faces whose box is nearer than
+/// the closest one for a node outside. Mesh nodes and unlisted nodes are only
 /// read.
 /// @param[in]     coords        3 x #nodes: mesh nodes and the nodes to fill
 /// @param[in]     connectivity  4 x #elements TH4
