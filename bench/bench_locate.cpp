@@ -58,6 +58,19 @@ void interpolate_field(benchmark::State& state) {
 }
 BENCHMARK(interpolate_field)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 
+// The same with interpolate_projected, which builds a point_locator in every call.
+void interpolate_field_projected(benchmark::State& state) {
+  located_mesh m(box_cells, 99, state.range(0) != 0);
+  const std::size_t points = m.nodes.size();
+  zel::dense2D<double> field(3, m.coords.cols(), 0.0);
+  for (std::size_t n = 0; n < m.mesh_nodes; ++n)
+    for (int c = 0; c < 3; ++c) field(c, n) = m.coords(c, n) * (c + 1);
+  for (auto _ : state)
+    benchmark::DoNotOptimize(zel::tessel3d::interpolate_projected(m.coords, m.mesh.connect, field, m.nodes));
+  state.counters["points/s"] = benchmark::Counter(double(points), benchmark::Counter::kIsIterationInvariantRate);
+}
+BENCHMARK(interpolate_field_projected)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+
 // The exported search validates the whole mesh (node IDs and adjacency) on every call,
 // so its rate per point is that of two scans of a million columns.
 void element_containing_point(benchmark::State& state) {
