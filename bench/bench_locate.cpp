@@ -58,6 +58,35 @@ void interpolate_field(benchmark::State& state) {
 }
 BENCHMARK(interpolate_field)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 
+// About 1.6 10^5 TH4 and as many free nodes, a quarter of them outside the mesh (their
+// nearest node searched in the whole tree), with (argument 1) one far element whose
+// nodes stretch the octree's cube 10^6 times: the mesh's nodes then sit 20 levels down.
+void interpolate_far_outlier(benchmark::State& state) {
+  located_mesh m(30, 54, false);
+  for (unsigned n : m.nodes)  // a tenth wider than the mesh: a quarter of the nodes lie outside
+    for (int d = 0; d < 3; ++d) m.coords(d, n) = 0.5 + 1.1 * (m.coords(d, n) - 0.5);
+  if (state.range(0)) {
+    const unsigned n = unsigned(m.coords.cols());
+    m.coords.resize(3, n + 4);
+    const double far[4][3] = {{1e6, 0, 0}, {1e6 + 1, 0, 0}, {1e6, 1, 0}, {1e6, 0, -1}};
+    for (int k = 0; k < 4; ++k)
+      for (int d = 0; d < 3; ++d) m.coords(d, n + k) = far[k][d];
+    const std::size_t e = m.mesh.connect.cols();
+    m.mesh.connect.resize(4, e + 1);
+    for (unsigned k = 0; k < 4; ++k) m.mesh.connect(k, e) = n + k;
+    zel::tessel::get_neighbors(m.mesh.connect, zel::TH4, m.neighbors);
+    zel::tessel::get_node_element(m.mesh.connect, unsigned(m.coords.cols()), m.node_element);
+  }
+  zel::dense1D<double, 8> field(m.coords.cols(), 0.0);
+  for (std::size_t n = 0; n < m.mesh_nodes; ++n) field[n] = m.coords(0, n);
+  for (auto _ : state)
+    benchmark::DoNotOptimize(
+        zel::tessel3d::interpolate(m.coords, m.mesh.connect, m.neighbors, m.node_element, field, m.nodes));
+  state.counters["points/s"] =
+      benchmark::Counter(double(m.nodes.size()), benchmark::Counter::kIsIterationInvariantRate);
+}
+BENCHMARK(interpolate_far_outlier)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+
 // The same with interpolate_projected, which builds a point_locator in every call.
 void interpolate_field_projected(benchmark::State& state) {
   located_mesh m(box_cells, 99, state.range(0) != 0);
