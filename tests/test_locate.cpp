@@ -11,7 +11,9 @@
 #include <algorithm>
 #include <cmath>
 #include <random>
+#include <iterator>
 #include <set>
+#include <tuple>
 #include <vector>
 
 #include "box_mesh.h"
@@ -23,6 +25,7 @@
 #include "locate/node_placement.h"
 #include "locate/point_order.h"
 #include "locate/solve3.h"
+#include "locate/triangle_projection.h"
 #include "locate/visibility_walk.h"
 #include "zel/tessel3d.h"
 
@@ -752,6 +755,333 @@ TEST(interpolation, a_written_node_that_the_mesh_reads_keeps_the_list_order) {
     read[first] = together.scalar[reader];
   }
   EXPECT_NE(read[0], read[1]);
+}
+
+
+// ---- far and non-finite input --------------------------------------------------------------
+
+// Far points round every triple product of the inside test to 0 (from about 1e17 away) or
+// overflow it to NaN; none lies in an element, in any form of the search. A tolerance
+// that is not finite is refused with its position.
+TEST(far_points, never_inside_and_tolerance_must_be_finite) {
+  const th4_box box(3);
+  const dense2D<double>& c = box.mesh.coords;
+  const dense2D<unsigned>& t = box.mesh.connect;
+  const zel::tessel::node_detector detector(c);
+  t3::point_locator locator;
+  ASSERT_EQ(locator.build(c, t), 0);
+  const point3 far[] = {{INFINITY, 0.5, 0.5}, {1e200, 1e200, 1e200}, {-1e300, -1e300, 0.5},
+                        {1e17, 1e17, 1e17}, {0.5, 3e154, 0.5},      {NAN, 0.5, 0.5}};
+  dense2D<double> points(3, std::size(far));
+  for (std::size_t j = 0; j < std::size(far); ++j)
+    for (int d = 0; d < 3; ++d) points(d, j) = far[j][d];
+  for (double tolerance : {0.0, 1e-3}) {
+    for (const point3& p : far) {
+      unsigned element = 7;
+      EXPECT_EQ(t3::get_element_containing_point(c, t, box.neighbors, box.node_element, detector, zel::TH4, p,
+                                                 element, tolerance),
+                0)
+          << p[0];
+      EXPECT_EQ(locator.find(p, element, tolerance), 0) << p[0];
+    }
+    dense1D<unsigned, 8> elements;
+    EXPECT_EQ(t3::get_elements_containing_points(c, t, box.neighbors, box.node_element, detector, zel::TH4, points,
+                                                 elements, tolerance),
+              0);
+    EXPECT_TRUE(same(elements, dense1D<unsigned, 8>(std::size(far), ~0U)));
+    EXPECT_EQ(t3::locate_points(c, t, points, elements, tolerance), 0);
+    EXPECT_TRUE(same(elements, dense1D<unsigned, 8>(std::size(far), ~0U)));
+  }
+  dense1D<unsigned, 8> elements = {7};
+  for (double tolerance : {double(NAN), double(INFINITY), -double(INFINITY)}) {
+    unsigned element = 7;
+    EXPECT_EQ(t3::get_element_containing_point(c, t, box.neighbors, box.node_element, detector, zel::TH4,
+                                               point3(0.5, 0.5, 0.5), element, tolerance),
+              -9);
+    EXPECT_EQ(element, ~0U);
+    EXPECT_EQ(t3::get_elements_containing_points(c, t, box.neighbors, box.node_element, detector, zel::TH4, points,
+                                                 elements, tolerance),
+              -9);
+    EXPECT_EQ(locator.find(point3(0.5, 0.5, 0.5), element, tolerance), -3);
+    EXPECT_EQ(locator.find(points, elements, tolerance), -3);
+    EXPECT_EQ(t3::locate_points(c, t, points, elements, tolerance), -5);
+    EXPECT_TRUE(same(elements, dense1D<unsigned, 8>{7}));
+  }
+}
+
+// A free node far beyond 1e154 gets its nearest mesh node's value (by exact distances in
+// long double); a node with a coordinate that is not finite has none and is left alone.
+TEST(far_points, interpolate_copies_the_nearest_node_however_far) {
+  free_nodes f(3, 0, 0);
+  const unsigned far = append_nodes(f.coords, {point3(3e200, -1e200, 2e200), point3(-1e300, 0.2, 0.9)});
+  const unsigned infinite = append_nodes(f.coords, {point3(0.5, INFINITY, 0.5)});
+  f.node_element.resize(f.coords.cols(), ~0U);
+  dense1D<double, 8> field(f.coords.cols(), -7.0);
+  for (unsigned n = 0; n < f.mesh_nodes; ++n) field[n] = n;
+  const dense1D<unsigned, 8> nodes = {far, far + 1, infinite};
+  ASSERT_EQ(t3::interpolate(f.coords, f.box.mesh.connect, f.box.neighbors, f.node_element, field, nodes), 0);
+  for (unsigned n : {far, far + 1}) {
+    long double best = INFINITY;
+    for (unsigned m = 0; m < f.mesh_nodes; ++m) {
+      long double d2 = 0;
+      for (int d = 0; d < 3; ++d) d2 += std::pow((long double)f.coords(d, m) - f.coords(d, n), 2);
+      best = std::min(best, d2);
+    }
+    ASSERT_LT(field[n], f.mesh_nodes);
+    long double d2 = 0;
+    for (int d = 0; d < 3; ++d) d2 += std::pow((long double)f.coords(d, unsigned(field[n])) - f.coords(d, n), 2);
+    EXPECT_LE(d2, best * (1 + 1e-15L)) << n;
+  }
+  EXPECT_EQ(field[infinite], -7.0);
+}
+
+// ---- the search that cannot miss, values at any point --------------------------------------
+
+// A jittered box with a slot cut in it: the elements whose centroid lies in x > 0.3, |z -
+// 0.5| < 0.04 are removed, leaving a gap one layer thick (open on the side x = 1) whose
+// sides face each other across it; the walk started next to a node on the far side misses points on the near
+// side. Nodes are kept (those of removed elements only become unused).
+struct slotted_box {
+  th4_box box;
+  dense2D<unsigned> connect;
+  slotted_box() : box(12, 0.2, 31) {
+    const auto& x = box.mesh.coords;
+    const auto& t = box.mesh.connect;
+    std::vector<unsigned> kept;
+    for (unsigned e = 0; e < t.cols(); ++e) {
+      double centroid[3] = {0, 0, 0};
+      for (int k = 0; k < 4; ++k)
+        for (int d = 0; d < 3; ++d) centroid[d] += x(d, t(k, e)) / 4;
+      if (!(centroid[0] > 0.3 && std::fabs(centroid[2] - 0.5) < 0.04)) kept.push_back(e);
+    }
+    connect = dense2D<unsigned>(4, kept.size());
+    for (std::size_t j = 0; j < kept.size(); ++j)
+      for (int k = 0; k < 4; ++k) connect(k, j) = t(k, kept[j]);
+  }
+  const dense2D<double>& coords() const { return box.mesh.coords; }
+  // Brute force: does any element hold p with every barycentric coordinate >= -tolerance?
+  bool in_some_element(const double* p, double tolerance) const {
+    for (unsigned e = 0; e < connect.cols(); ++e)
+      if (min_barycentric(coords(), connect, e, p) >= -tolerance) return true;
+    return false;
+  }
+};
+
+// Random points in elements next to the slot (some on a face: one weight 0) are all
+// found, in an element that holds them; points in the gap in none; one point at a time,
+// many in one call and the call that builds its own locator agree.
+TEST(point_locator, finds_every_point_that_lies_in_an_element_of_a_slotted_box) {
+  const slotted_box slot;
+  const auto& x = slot.coords();
+  const auto& t = slot.connect;
+  t3::point_locator locator;
+  ASSERT_EQ(locator.build(x, t), 0);
+  EXPECT_EQ(locator.size(), t.cols());
+  random_stream random(41);
+  std::vector<point3> in, gap;
+  for (unsigned e = 0; e < t.cols(); ++e) {
+    double centroid_z = 0;
+    for (int k = 0; k < 4; ++k) centroid_z += x(2, t(k, e)) / 4;
+    if (std::fabs(centroid_z - 0.5) > 0.15) continue;
+    double w[4], sum = 0;
+    for (double& wi : w) sum += wi = random.uniform();
+    if (e % 3 == 0) sum -= w[e % 4], w[e % 4] = 0;
+    point3 p(0, 0, 0);
+    for (int k = 0; k < 4; ++k)
+      for (int d = 0; d < 3; ++d) p[d] += w[k] / sum * x(d, t(k, e));
+    in.push_back(p);
+  }
+  while (gap.size() < 200) {
+    const point3 p(random.uniform(0.45, 1), random.uniform(), random.uniform(0.48, 0.52));
+    if (!slot.in_some_element(p.data(), 1e-9)) gap.push_back(p);
+  }
+  ASSERT_GT(in.size(), 1000u);
+  dense2D<double> points(3, in.size() + gap.size());
+  std::size_t j = 0;
+  for (const auto* list : {&in, &gap})
+    for (const point3& p : *list) {
+      for (int d = 0; d < 3; ++d) points(d, j) = p[d];
+      unsigned element = 7;
+      const int status = locator.find(p, element, 1e-9);
+      EXPECT_EQ(status, list == &in ? 1 : 0) << j;
+      if (status == 1) {
+        EXPECT_GE(min_barycentric(x, t, element, p.data()), -1e-9) << j;
+      }
+      ++j;
+    }
+  dense1D<unsigned, 8> many, built;
+  EXPECT_EQ(locator.find(points, many, 1e-9), 0);
+  EXPECT_EQ(t3::locate_points(x, t, points, built, 1e-9), 0);
+  EXPECT_TRUE(same(many, built));
+  for (std::size_t k = 0; k < points.cols(); ++k) {
+    unsigned element;
+    locator.find(point3(points(0, k), points(1, k), points(2, k)), element, 1e-9);
+    ASSERT_EQ(many[k], element) << k;
+  }
+}
+
+double gradient_field(const double* x) { return 0.5 + 2.5 * x[0] - 1.5 * x[1] + 0.75 * x[2]; }
+
+// Values of a linear field: exact inside, and outside at the closest point of the
+// boundary: beyond a flat side of the box, the foot of the perpendicular; in the slot and
+// anywhere outside, within |gradient| x (distance to the mesh) of the value at the point,
+// the distance taken by brute force over every boundary face. Sizes follow the field.
+TEST(interpolate_projected, linear_inside_closest_boundary_point_outside) {
+  const slotted_box slot;
+  const unsigned mesh_nodes = unsigned(slot.coords().cols());
+  dense2D<double> coords;
+  coords.copy(slot.coords());
+  random_stream random(43);
+  std::vector<point3> extra;
+  for (int k = 0; k < 100; ++k) extra.emplace_back(random.uniform(), random.uniform(), random.uniform());
+  for (int k = 0; k < 60; ++k)  // beyond the side x = 1, from 1e-11 to 0.1 away
+    extra.emplace_back(1 + std::pow(10.0, -11 + 10 * random.uniform()), random.uniform(0.05, 0.95),
+                       random.uniform(0.05, 0.95));
+  for (int k = 0; k < 60; ++k)
+    extra.emplace_back(random.uniform(-0.5, 1.5), random.uniform(-0.5, 1.5), random.uniform(-0.5, 1.5));
+  for (const point3& p : extra) append_nodes(coords, {p});
+  dense1D<unsigned, 8> nodes;
+  for (unsigned n = mesh_nodes; n < coords.cols(); ++n) nodes.push_back(n);
+  dense1D<double, 8> field(coords.cols(), -7.0), sizes(coords.cols(), 0.0);
+  for (unsigned n = 0; n < mesh_nodes; ++n) field[n] = gradient_field(&coords(0, n)), sizes[n] = size_at(&coords(0, n));
+  ASSERT_EQ(t3::interpolate_projected(coords, slot.connect, field, nodes), 0);
+  ASSERT_EQ(t3::interpolate_metrics_projected(coords, slot.connect, sizes, false), 0);
+  const dense2D<unsigned> neighbors = neighbors_of(slot.connect);
+  const double gradient = std::sqrt(2.5 * 2.5 + 1.5 * 1.5 + 0.75 * 0.75);
+  for (unsigned n = mesh_nodes; n < coords.cols(); ++n) {
+    const double* p = &coords(0, n);
+    if (slot.in_some_element(p, 0)) {
+      EXPECT_NEAR(field[n], gradient_field(p), 1e-12) << n;
+      EXPECT_NEAR(sizes[n], size_at(p), 1e-12) << n;
+      continue;
+    }
+    if (p[0] > 1 && p[1] > 0.05 && p[1] < 0.95 && p[2] > 0.05 && p[2] < 0.95 && std::fabs(p[2] - 0.5) > 0.15) {
+      const double foot[3] = {1, p[1], p[2]};
+      EXPECT_NEAR(field[n], gradient_field(foot), 1e-12) << n;
+      EXPECT_NEAR(sizes[n], size_at(foot), 1e-12) << n;
+    }
+    double distance2 = INFINITY;  // to the boundary, by brute force
+    for (unsigned e = 0; e < slot.connect.cols(); ++e)
+      for (unsigned f = 0; f < 4; ++f) {
+        if (neighbors(f, e) != ~0U) continue;
+        double corner[3][3], w[3];
+        for (int i = 0; i < 3; ++i)
+          for (int d = 0; d < 3; ++d) corner[i][d] = coords(d, slot.connect(elfes::th4_faces[f][i], e)) - p[d];
+        distance2 = std::min(distance2, elfes::closest_on_triangle(corner[0], corner[1], corner[2], w));
+      }
+    EXPECT_LE(std::fabs(field[n] - gradient_field(p)), gradient * std::sqrt(distance2) * (1 + 1e-9) + 1e-12) << n;
+  }
+}
+
+// The closest point of a triangle: inside its face, beyond an edge, beyond a corner, and
+// on a needle triangle (the closest point of its edges).
+TEST(interpolate_projected, closest_point_of_a_triangle) {
+  struct row {
+    double p[3], distance2, w[3];
+  };
+  const double a[3] = {0, 0, 0}, b[3] = {2, 0, 0}, c[3] = {0, 2, 0};
+  const row rows[] = {{{0.5, 0.5, 3}, 9, {0.5, 0.25, 0.25}},
+                      {{1.5, 1.5, 0}, 0.5, {0, 0.5, 0.5}},
+                      {{-1, -1, 1}, 3, {1, 0, 0}},
+                      {{3, -1, 0}, 2, {0, 1, 0}}};
+  for (const row& r : rows) {
+    double rel[3][3], w[3];
+    for (int d = 0; d < 3; ++d) rel[0][d] = a[d] - r.p[d], rel[1][d] = b[d] - r.p[d], rel[2][d] = c[d] - r.p[d];
+    EXPECT_NEAR(elfes::closest_on_triangle(rel[0], rel[1], rel[2], w), r.distance2, 1e-14);
+    for (int i = 0; i < 3; ++i) EXPECT_NEAR(w[i], r.w[i], 1e-14);
+  }
+  const double n0[3] = {-1, 1, 1}, n1[3] = {1, 1, 1}, n2[3] = {3, 1, 1}, p0[3] = {0, 0, 0};  // collinear
+  double w[3];
+  EXPECT_NEAR(elfes::closest_on_triangle(n0, n1, n2, w), 2, 1e-14);
+  EXPECT_NEAR(w[0] * n0[0] + w[1] * n1[0] + w[2] * n2[0], p0[0], 1e-14);
+}
+
+// Positive definite by the leading minors, in long double.
+bool exactly_positive_definite(const double* m) {
+  const long double m11 = m[0], m12 = m[1], m22 = m[2], m13 = m[3], m23 = m[4], m33 = m[5];
+  const long double d3 = m11 * (m22 * m33 - m23 * m23) - m12 * (m12 * m33 - m23 * m13) + m13 * (m12 * m23 - m22 * m13);
+  return m11 > 0 && m11 * m22 - m12 * m12 > 0 && d3 > 0;
+}
+
+// Tensors at the mesh nodes that are symmetric positive definite as stored but extremely
+// anisotropic (eigenvalues 1e-8, 1, 1e8 along random axes): every free node, inside or
+// outside, receives a positive-definite metric.
+TEST(interpolate_metrics_projected, extreme_anisotropy_gives_valid_metrics_everywhere) {
+  free_nodes f(4, 150, 50);
+  const std::size_t nb = f.coords.cols();
+  dense2D<double> tensors(6, nb, 0.0);
+  random_stream random(47);
+  for (unsigned n = 0; n < f.mesh_nodes; ++n)
+    do {
+      const double a = random.uniform(0, 6.3), b = random.uniform(0, 6.3);
+      const double ca = std::cos(a), sa = std::sin(a), cb = std::cos(b), sb = std::sin(b);
+      const double q[3][3] = {{ca, -sa * cb, sa * sb}, {sa, ca * cb, -ca * sb}, {0, sb, cb}};
+      const double eigen[3] = {1e-8, 1, 1e8};
+      unsigned k = 0;
+      for (int col = 0; col < 3; ++col)
+        for (int row = 0; row <= col; ++row, ++k) {
+          double v = 0;
+          for (int i = 0; i < 3; ++i) v += q[row][i] * eigen[i] * q[col][i];
+          tensors(k, n) = v;
+        }
+    } while (!exactly_positive_definite(&tensors(0, n)));
+  ASSERT_EQ(t3::interpolate_metrics_projected(f.coords, f.box.mesh.connect, tensors, false), 0);
+  for (unsigned n = f.mesh_nodes; n < nb; ++n) EXPECT_TRUE(exactly_positive_definite(&tensors(0, n))) << n;
+}
+
+// Status codes of the new forms, each check in turn with every later argument bad too,
+// and nothing written.
+TEST(point_locator, status_codes_in_order_and_nothing_written) {
+  free_nodes f(2, 3, 0);
+  const auto& c = f.coords;
+  const auto& t = f.box.mesh.connect;
+  const std::size_t n = c.cols();
+  dense2D<unsigned> copy;
+  ASSERT_TRUE(copy.copy(t));
+  copy(1, 2) = unsigned(n);
+  const dense2D<unsigned>& bad_id = copy;
+  const dense2D<double> c2 = c.sub_matrix(0, 0, 2, n), p2(2, 3, 0.5), p3(3, 3, 0.5);
+  const dense2D<unsigned> t5(5, t.cols());
+  dense2D<double> field(2, n, 3.0), short_field(2, n - 1, 3.0), tensors(6, n, 3.0), tensors5(5, n, 3.0);
+  dense1D<double, 8> values(n, 3.0), short_values(n - 1, 3.0);
+  const dense1D<unsigned, 8> bad_nodes = {0u, unsigned(n)}, empty;
+  struct row {
+    const dense2D<double>& coords;
+    const dense2D<unsigned>& connect;
+    bool fits;
+    const dense1D<unsigned, 8>& nodes;
+    int status;
+  };
+  for (const row& r : {row{c2, t5, false, bad_nodes, -1}, row{c, t5, false, bad_nodes, -2},
+                       row{c, bad_id, false, bad_nodes, -2}, row{c, t, false, bad_nodes, -3},
+                       row{c, t, true, bad_nodes, -4}, row{c2, t5, false, empty, 0}}) {
+    EXPECT_EQ(t3::interpolate_projected(r.coords, r.connect, r.fits ? field : short_field, r.nodes), r.status);
+    EXPECT_EQ(t3::interpolate_projected(r.coords, r.connect, r.fits ? values : short_values, r.nodes), r.status);
+    EXPECT_EQ(t3::interpolate_metrics_projected(r.coords, r.connect, r.fits ? tensors : tensors5, r.nodes, false),
+              r.status);
+    EXPECT_EQ(t3::interpolate_metrics_projected(r.coords, r.connect, r.fits ? values : short_values, r.nodes, true),
+              r.status);
+    if (r.status >= -2 && r.status < 0) {
+      t3::point_locator locator;
+      EXPECT_EQ(locator.build(r.coords, r.connect), r.status);
+      unsigned element = 7;
+      EXPECT_EQ(locator.find(point3(0.5, 0.5, 0.5), element, 0), 0);  // an empty locator finds nothing
+      EXPECT_EQ(element, ~0U);
+    }
+  }
+  EXPECT_TRUE(same(field, dense2D<double>(2, n, 3.0)) && same(tensors, dense2D<double>(6, n, 3.0)));
+  EXPECT_TRUE(same(values, dense1D<double, 8>(n, 3.0)));
+  dense1D<unsigned, 8> elements = {7};
+  for (const auto& [coords, connect, points, status] :
+       {std::make_tuple(&c2, &t5, &p2, -1), std::make_tuple(&c, &bad_id, &p2, -2),
+        std::make_tuple(&c, &t, &p2, -3)})
+    EXPECT_EQ(t3::locate_points(*coords, *connect, *points, elements, 0), status);
+  t3::point_locator locator;
+  ASSERT_EQ(locator.build(c, t), 0);
+  EXPECT_EQ(locator.find(p2, elements, 0), -1);
+  EXPECT_TRUE(same(elements, dense1D<unsigned, 8>{7}));
+  EXPECT_EQ(locator.find(p3, elements, 0), 1);  // (0.5, 0.5, 0.5) is the middle node
+  EXPECT_EQ(elements.size(), 3u);
 }
 
 }  // namespace

@@ -360,6 +360,51 @@ TEST(node_detector, matches_brute_force_on_random_points) {
   }
 }
 
+// Node sets that defeat a search pruning by splitting planes alone: on a plane, on a
+// line, all at one point, on a sphere (queried at its centre too), and off the plane,
+// line or point; far points whose squared distances overflow.
+TEST(node_detector, degenerate_sets_and_overflowing_distances_match_brute_force) {
+  random_stream random(19);
+  const unsigned n = 2000;
+  for (int kind = 0; kind < 5; ++kind) {
+    dense2D<double> coords(3, n);
+    for (unsigned j = 0; j < n; ++j) {
+      double x[3] = {random.uniform(-1, 1), random.uniform(-1, 1), random.uniform(-1, 1)};
+      if (kind == 0) x[2] = 0.5;                   // a plane
+      if (kind == 1) x[1] = x[2] = -0.25;          // a line
+      if (kind == 2) x[0] = x[1] = x[2] = 0.125;   // one point: ties to the smallest ID
+      if (kind == 3) {                             // a sphere of radius 1 about the origin
+        const double r = std::sqrt(x[0] * x[0] + x[1] * x[1] + x[2] * x[2]);
+        for (double& c : x) c /= r;
+      }
+      for (int d = 0; d < 3; ++d) coords(d, j) = kind == 4 ? x[d] * 1e300 : x[d];
+    }
+    std::vector<unsigned> all(n);
+    for (unsigned i = 0; i < n; ++i) all[i] = i;
+    const zel::tessel::node_detector detector(coords);
+    for (int k = 0; k < 300; ++k) {
+      const double spread = kind == 4 ? 1e300 : 1.5;
+      vec3 q(random.uniform(-spread, spread), random.uniform(-spread, spread), random.uniform(-spread, spread));
+      if (k == 0) q = vec3(0, 0, 0);
+      if (kind == 4) {  // squared distances overflow: compare exact distances in long double
+        long double best = INFINITY;
+        for (unsigned i = 0; i < n; ++i) {
+          long double d2 = 0;
+          for (int d = 0; d < 3; ++d) d2 += (q[d] - (long double)coords(d, i)) * (q[d] - (long double)coords(d, i));
+          best = std::min(best, d2);
+        }
+        const unsigned found = detector.find_closest(q);
+        ASSERT_LT(found, n);
+        long double d2 = 0;
+        for (int d = 0; d < 3; ++d) d2 += (q[d] - (long double)coords(d, found)) * (q[d] - (long double)coords(d, found));
+        EXPECT_LE(d2, best * (1 + 1e-14L)) << k;
+        continue;
+      }
+      ASSERT_EQ(detector.find_closest(q), brute_nearest(coords, all, q)) << kind << " " << k;
+    }
+  }
+}
+
 TEST(node_detector, empty_and_non_finite) {
   const vec3 origin(0, 0, 0);
   const dense2D<double> three_rows(3, 5, 1.0);

@@ -602,6 +602,17 @@ TESSEL3D_EXPORT int extrude_line(dense2D<double>& coords, const dense2D<unsigned
 // coordinates of the point, the point is inside when every coordinate is >= -tolerance
 // (0 accepts points on faces, edges and nodes; a positive value accepts points slightly
 // outside, in proportion to the element's size; a negative one rejects points near faces).
+// A point with a coordinate that is not finite lies in no element, and neither does a
+// point far outside an element's box (beyond 1/1024 of its extent plus 4 x tolerance
+// extents), whose triple products lose their digits (from about 1e17 extents away every
+// one rounds to 0) or overflow; near the element the test is exactly the one above.
+//
+// Cost: the checks scan the mesh; then a node search, a walk of length about the
+// distance from the seed in elements, and, when the walk leaves the mesh, one walk per
+// element around the closest node (each at most #elements steps). When more than 64
+// elements hold that node, a scan of the mesh first tells whether any element holds the
+// point (if none does and every element is valid, no walk can find it: the answer is
+// given at once, without changing it).
 
 /// Finds the TH4 that holds `point`, seeded from `detector.find_close(point)` with a
 /// second chance from the elements around `detector.find_closest(point)`.
@@ -615,13 +626,14 @@ TESSEL3D_EXPORT int extrude_line(dense2D<double>& coords, const dense2D<unsigned
 /// @param[in]  detector      node search over the columns of coords, built by the caller
 /// @param[out] element       the containing element, ~0U unless 1 is returned (set to
 ///                           ~0U before the first check)
-/// @param[in]  tolerance     relative tolerance of the inside test (see above)
+/// @param[in]  tolerance     relative tolerance of the inside test (see above), finite
 /// @return 1 located | 0 not located: outside the mesh, no seed node, or a mesh that is
 ///         not a 4-row TH4 (any other type passing the checks, surface and mixed meshes
 ///         included, is not searched) | -1 coords not 3 rows | -2 connectivity rejected
 ///         by check_IDs(type, #nodes) | -3 neighbors not the shape of connectivity, its
 ///         rows not those of `type`, or an entry neither an element nor ~0U | -4
-///         node_element size not #nodes | -1 a walk met an inverted, flat or non-finite
+///         node_element size not #nodes | -9 tolerance not finite (it would accept every
+///         point) | -1 a walk met an inverted, flat or non-finite
 ///         element (0 instead when that happened exactly at the walk's step limit)
 ///         | -199 memory for the list of elements around the closest node.
 /// The checks scan the whole mesh on every call (to search many points, use
@@ -651,7 +663,8 @@ TESSEL3D_EXPORT int get_element_containing_point(const dense2D<double>& coords, 
 ///         (every entry ~0U) | -1 coords not 3 rows | -2 connectivity rejected by
 ///         check_IDs(type, #nodes) | -3 neighbors not the shape of connectivity, its rows
 ///         not those of `type`, or an entry neither an element nor ~0U | -4 node_element
-///         size not #nodes | -7 points not 3 rows, or 2^32 columns or more | -1 also
+///         size not #nodes | -7 points not 3 rows, or 2^32 columns or more | -9
+///         tolerance not finite | -1 also
 ///         when the search of at least one point met an inverted, flat or non-finite
 ///         element, as get_element_containing_point reports it: then `elements` is
 ///         written, those points get ~0U and every other point its result | -199 memory (the order of the points, a list of
@@ -670,9 +683,11 @@ TESSEL3D_EXPORT int get_elements_containing_points(const dense2D<double>& coords
 /// the call) and receives F3 + l0 (F0 - F3) + l1 (F1 - F3) + l2 (F2 - F3) from the four
 /// nodes of its element and its barycentric weights; a node that is not located (outside
 /// the mesh, or its walk met an invalid element) receives an exact copy of the nearest
-/// mesh node's values. Mesh nodes and unlisted nodes are only read. Mesh nodes with a
-/// coordinate that is not finite take no part in the node search (none is copied from
-/// them); nodes crowded into one 2^-32 step of the mesh's extent (coincident nodes, or
+/// mesh node's values (by exact distance, however far the node: distances that would
+/// overflow are compared scaled by a power of two). Mesh nodes and unlisted nodes are
+/// only read. A listed node with a coordinate that is not finite has no nearest node and
+/// is left as it was. Mesh nodes with a coordinate that is not finite take no part in
+/// the node search (none is copied from them); nodes crowded into one 2^-32 step of the mesh's extent (coincident nodes, or
 /// a far outlier squeezing the rest) are searched one by one. Each node is located and
 /// written on its own, so the nodes are treated in an order of their positions (along a
 /// space-filling curve), which gives the same values as the list order, faster; only when a listed node with node_element ~0U
@@ -734,6 +749,146 @@ TESSEL3D_EXPORT int interpolate_metrics(const dense2D<double>& coords, const den
 TESSEL3D_EXPORT int interpolate_metrics(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
                                         const dense2D<unsigned>& neighbors, const dense1D<unsigned, 8>& node_element,
                                         dense1D<double, 8>& metrics, bool keep_valid);
+
+// ---- point location that cannot miss, and interpolation onto any point ---------------
+//
+// The search above trusts its walk: on meshes with slots, cracks, thin walls or holes the
+// walk and its second chance, both started next to the node nearest the point, can end
+// on the wrong side of a gap and miss a point that lies in an element. The forms below
+// find every point that lies in a valid element (every barycentric coordinate >=
+// -tolerance), whatever the mesh's shape: the same walk (from the element of a near
+// node, at most 256 steps) is tried first, and when it fails a bounding-volume tree of
+// the elements lists the few whose box holds the point, tested in a fixed order. The
+// tree, rather than more walks, because its answer never depends on the paths between
+// elements, and a query costs a descent (O(log #elements) plus the elements whose
+// widened box holds the point) whatever the mesh's shape. Results are deterministic. A
+// point with a coordinate that is not finite lies in no element; inverted, flat or
+// non-finite elements hold no point.
+//
+// The interpolations below give a node outside the mesh the value at the closest point
+// of the mesh's boundary (the nearest boundary face, interpolated on that face), so that
+// the error of a linear field grows with the distance to the mesh, not with the size of
+// its elements.
+
+/// A TH4 mesh prepared for many searches: deep copies of coords and connectivity (later
+/// changes to the caller's matrices do not reach it), the face adjacency, one element per
+/// node, a node search and the trees of the elements and of the boundary faces. Queries
+/// are const and may run at once from several threads. Memory: about 80 bytes per
+/// element (twice that while building).
+class TESSEL3D_EXPORT point_locator {
+ public:
+  /// Prepares the mesh; a locator that is not built (or whose build failed) holds no
+  /// element and locates nothing.
+  /// @param[in] coords        3 x #nodes
+  /// @param[in] connectivity  4 x #elements TH4 (fewer than 2^30 elements)
+  /// @return 0 | -1 coords not 3 rows | -2 connectivity not 4 rows, or a node ID not
+  ///         below #nodes | -199 memory, or 2^30 elements or more (the locator is then
+  ///         empty)
+  int build(const dense2D<double>& coords, const dense2D<unsigned>& connectivity);
+
+  /// The element that holds `point` (see above).
+  /// @param[out] element    the element, ~0U unless 1 is returned
+  /// @param[in]  tolerance  relative tolerance of the inside test, as for
+  ///                        get_element_containing_point
+  /// @return 1 located | 0 not located | -3 tolerance not finite
+  int find(const vector_fixed<double, 3>& point, unsigned& element, double tolerance) const;
+
+  /// The element that holds each column of `points` (3 x #points, any leading
+  /// dimension), searched in an order along their positions, each as find() searches it.
+  /// @param[out] elements  resized to #points: the element of each point, or ~0U;
+  ///                       untouched on a negative status
+  /// @return 1 every point located (also for 0 points) | 0 some not | -1 points not 3
+  ///         rows, or 2^32 columns or more | -3 tolerance not finite | -199 memory
+  int find(const dense2D<double>& points, dense1D<unsigned, 8>& elements, double tolerance) const;
+
+  /// Where a value at `point` is read: the element holding it with its four barycentric
+  /// weights (tolerance 0, else 1e-9 across an inner face only, the weights then clamped
+  /// to [0, 1] and summing to 1; return 1); else the element of the boundary face nearest
+  /// the point (by exact distance, scaled when it would overflow), with the weights of
+  /// the closest point of that face (0 for the node opposite the face; return 2); 0 for a
+  /// point with a coordinate that is not finite, or a locator with no element.
+  int weights(const vector_fixed<double, 3>& point, unsigned& element, vector_fixed<double, 4>& lambda) const;
+
+  /// One element holding node n, ~0U for a node in no element (or not a node).
+  unsigned element_of_node(unsigned n) const { return n < node_element_.size() ? node_element_[n] : ~0U; }
+  /// Number of elements held.
+  std::size_t size() const { return connectivity_.cols(); }
+
+ private:
+  dense2D<double> coords_;
+  dense2D<unsigned> connectivity_, neighbors_;
+  dense1D<unsigned, 8> node_element_;
+  tessel::node_detector nodes_;
+  // Trees of the elements and of the boundary faces (item 4 e + f: face f of element e):
+  // items in tree order, 7 values per tree node, depth.
+  dense1D<unsigned, 8> element_items_, face_items_;
+  dense1D<double, 8> element_nodes_, face_nodes_;
+  unsigned element_depth_ = 0, face_depth_ = 0;
+  double bounds_[6] = {0, 0, 0, 0, 0, 0};  // box of the nodes of the elements
+};
+
+/// The element of each column of `points` in a TH4 mesh, found as point_locator::find
+/// finds it (which this builds for the call: to search many batches, keep a locator).
+/// @param[in]  coords        3 x #nodes
+/// @param[in]  connectivity  4 x #elements TH4
+/// @param[in]  points        3 x #points
+/// @param[out] elements      #points: the element of each point, or ~0U; untouched on a
+///                           negative status
+/// @param[in]  tolerance     relative tolerance of the inside test
+/// @return 1 every point located | 0 some not | -1 coords not 3 rows | -2 connectivity
+///         not 4 rows or a node ID not below #nodes | -3 points not 3 rows, or 2^32
+///         columns or more | -5 tolerance not finite | -199 memory
+TESSEL3D_EXPORT int locate_points(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
+                                  const dense2D<double>& points, dense1D<unsigned, 8>& elements, double tolerance);
+
+/// Interpolation of a nodal field at the listed nodes that no element references (e.g.
+/// the nodes of a second mesh appended to coords): a node in an element gets the linear
+/// interpolation of its four nodes, a node outside the mesh the value at the closest
+/// point of the boundary (point_locator::weights). Linear fields are reproduced exactly
+/// inside the mesh. A node with a coordinate that is not finite, or any node when the
+/// mesh has no element, is left as it was. Cost: building a point_locator, then
+/// O(log #elements) per node inside, plus the boundary faces whose box is nearer than
+/// the closest one for a node outside. Mesh nodes and unlisted nodes are only
+/// read.
+/// @param[in]     coords        3 x #nodes: mesh nodes and the nodes to fill
+/// @param[in]     connectivity  4 x #elements TH4
+/// @param[in,out] field         #components x #nodes (any row count), or #nodes values
+/// @param[in]     nodes         node IDs at which values may be computed
+/// @return 0 (also for an empty `nodes`, checked first) | -1 coords not 3 rows | -2
+///         connectivity not 4 rows, or a node ID not below #nodes | -3 field not one
+///         column (entry) per node | -4 an entry of nodes is not a node ID | -199 memory
+///         (nothing written)
+TESSEL3D_EXPORT int interpolate_projected(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
+                                          dense2D<double>& field, const dense1D<unsigned, 8>& nodes);
+TESSEL3D_EXPORT int interpolate_projected(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
+                                          dense1D<double, 8>& field, const dense1D<unsigned, 8>& nodes);
+
+/// Interpolation of metrics (6 x #nodes packed tensors, or #nodes sizes, as for
+/// interpolate_metrics) at the listed nodes that no element references, read where
+/// interpolate_projected reads fields: the node metrics of the element with weight zero
+/// are left out and the others combined as interpolate_metrics combines them. A result
+/// is written only when it is valid (smallest eigenvalue > 0, or a size in (0,
+/// DBL_MAX)); when the combination fails or gives an invalid result (rounding, with
+/// extreme anisotropy), the node takes the valid metric of the element's node with the
+/// largest weight, and is left as it was only when no node of the element has one.
+/// @param[in,out] metrics     6 x #nodes tensors, or #nodes sizes
+/// @param[in]     nodes       the nodes treated; the forms without it treat 0 ... #nodes-1
+/// @param[in]     keep_valid  skip nodes whose metric is already valid
+/// @return 0 (also for an empty `nodes`) | -1 coords not 3 rows | -2 connectivity not 4
+///         rows, or a node ID not below #nodes | -3 metrics not 6 x #nodes (or not #nodes
+///         long) | -4 an entry of nodes is not a node ID | -199 memory (nothing written)
+TESSEL3D_EXPORT int interpolate_metrics_projected(const dense2D<double>& coords,
+                                                  const dense2D<unsigned>& connectivity, dense2D<double>& metrics,
+                                                  const dense1D<unsigned, 8>& nodes, bool keep_valid);
+TESSEL3D_EXPORT int interpolate_metrics_projected(const dense2D<double>& coords,
+                                                  const dense2D<unsigned>& connectivity, dense2D<double>& metrics,
+                                                  bool keep_valid);
+TESSEL3D_EXPORT int interpolate_metrics_projected(const dense2D<double>& coords,
+                                                  const dense2D<unsigned>& connectivity, dense1D<double, 8>& metrics,
+                                                  const dense1D<unsigned, 8>& nodes, bool keep_valid);
+TESSEL3D_EXPORT int interpolate_metrics_projected(const dense2D<double>& coords,
+                                                  const dense2D<unsigned>& connectivity, dense1D<double, 8>& metrics,
+                                                  bool keep_valid);
 
 // ---- surfaces ----------------------------------------------------------------------
 

@@ -3,6 +3,8 @@
 // library writes into the caller's array (zero copy).
 #include "module.h"
 
+#include <memory>
+
 #include "arrays.h"
 #include "zel/tessel3d.h"
 
@@ -67,6 +69,79 @@ void t3py::register_locate(py::module_& m) {
     if (status < 0) return py::make_tuple(status, py::none());
     return py::make_tuple(status, elements);
   });
+
+  // ---- the search that cannot miss, values at any point (point_locator) ----------------
+  // A PointLocator is built once by build_locator (deep copies of the mesh, made and
+  // checked with the GIL released: the caller's arrays are not read afterwards) and is
+  // read-only from then on, so its searches may run from any thread.
+  py::class_<t3::point_locator>(m, "PointLocator")
+      .def("__len__", &t3::point_locator::size)
+      .def("find",
+           [](const t3::point_locator& self, py::object point, double tolerance) {
+             const auto p = t3py::point3(point);
+             unsigned element = ~0U;
+             int status;
+             {
+               py::gil_scoped_release release;
+               status = self.find(p, element, tolerance);
+             }
+             return py::make_tuple(status, element);
+           })
+      .def("find_all", [](const t3::point_locator& self, py::array points, double tolerance) {
+        const zel::dense2D<double> p = matrix_view<double>(points, "points");
+        py::array_t<unsigned> elements(static_cast<py::ssize_t>(p.cols()));
+        zel::dense1D<unsigned, 8> found = vector_view<unsigned>(elements, "elements", true);
+        int status;
+        {
+          py::gil_scoped_release release;
+          status = self.find(p, found, tolerance);
+        }
+        if (status < 0) return py::make_tuple(status, py::none());
+        return py::make_tuple(status, elements);
+      });
+  m.def("build_locator", [](py::array coords, py::array connect) {
+    const zel::dense2D<double> x = matrix_view<double>(coords, "coords");
+    const zel::dense2D<unsigned> c = matrix_view<unsigned>(connect, "connect");
+    auto locator = std::make_unique<t3::point_locator>();
+    int status;
+    {
+      py::gil_scoped_release release;
+      status = locator->build(x, c);
+    }
+    if (status < 0) return py::make_tuple(status, py::none());
+    return py::make_tuple(status, py::cast(std::move(locator)));
+  });
+  m.def("interpolate_projected", [](py::array coords, py::array connect, py::array field, py::array nodes) {
+    const zel::dense2D<double> x = matrix_view<double>(coords, "coords");
+    const zel::dense2D<unsigned> c = matrix_view<unsigned>(connect, "connect");
+    const zel::dense1D<unsigned, 8> list = vector_view<unsigned>(nodes, "nodes");
+    if (field.ndim() == 1) {
+      zel::dense1D<double, 8> f = vector_view<double>(field, "field", true);
+      py::gil_scoped_release release;
+      return t3::interpolate_projected(x, c, f, list);
+    }
+    zel::dense2D<double> f = matrix_view<double>(field, "field", true);
+    py::gil_scoped_release release;
+    return t3::interpolate_projected(x, c, f, list);
+  });
+  m.def("interpolate_metrics_projected",
+        [](py::array coords, py::array connect, py::array metrics, py::object nodes, bool keep_valid) {
+          const zel::dense2D<double> x = matrix_view<double>(coords, "coords");
+          const zel::dense2D<unsigned> c = matrix_view<unsigned>(connect, "connect");
+          const bool listed = !nodes.is_none();
+          const zel::dense1D<unsigned, 8> list = t3py::optional_vector<unsigned>(nodes, "nodes");
+          if (metrics.ndim() == 1) {
+            zel::dense1D<double, 8> sizes = vector_view<double>(metrics, "metrics", true);
+            py::gil_scoped_release release;
+            return listed ? t3::interpolate_metrics_projected(x, c, sizes, list, keep_valid)
+                          : t3::interpolate_metrics_projected(x, c, sizes, keep_valid);
+          }
+          zel::dense2D<double> tensors = matrix_view<double>(metrics, "metrics", true);
+          py::gil_scoped_release release;
+          return listed ? t3::interpolate_metrics_projected(x, c, tensors, list, keep_valid)
+                        : t3::interpolate_metrics_projected(x, c, tensors, keep_valid);
+        });
+  // ---- end of the point_locator block ---------------------------------------------------
 
   m.def("interpolate", [](MESH_ARGS, py::array field, py::array nodes) {
     MAKE_MESH;

@@ -605,7 +605,11 @@ def cmd_interpolate(args):
     ns, nt = len(source.coords), len(target.coords)
     coords = np.concatenate([source.coords, target.coords])
     nodes = np.arange(ns, ns + nt, dtype=np.uint32)
-    loc = locate.Locator(coords, connect)
+    # The strict search takes the adjacency, built once here for every field.
+    adjacency = {}
+    if args.strict:
+        loc = locate.Locator(coords, connect, strict=True)
+        adjacency = {"neighbors": loc.neighbors, "node_element": loc.node_element}
     for name in names:
         values = np.asarray(source.point_data[name])
         if values.dtype.kind not in "biuf" or len(values) != ns:
@@ -614,7 +618,7 @@ def cmd_interpolate(args):
         field = np.zeros((ns + nt, int(np.prod(shape, dtype=np.int64))))
         field[:ns] = values.reshape(ns, -1)
         with progress(f"interpolating {name}"):
-            locate.interpolate(coords, connect, field, nodes, neighbors=loc.neighbors, node_element=loc.node_element)
+            locate.interpolate(coords, connect, field, nodes, strict=args.strict, **adjacency)
         target.point_data[name] = field[ns:].reshape((nt,) + shape)
         print(f"interpolated {name} onto {nt} node(s)")
     write(args.output, target, args)
@@ -746,11 +750,15 @@ def parser():
 
     s = command("interpolate", cmd_interpolate, "a nodal field from one mesh onto the nodes of another",
                 "Interpolates nodal fields of SOURCE (a tetrahedral mesh) onto the nodes of TARGET and writes "
-                "TARGET with them to OUTPUT. Nodes outside SOURCE copy the nearest node.")
+                "TARGET with them to OUTPUT. Nodes outside SOURCE get the value at the closest point of its "
+                "boundary.")
     s.add_argument("source")
     s.add_argument("target")
     s.add_argument("output")
     s.add_argument("--field", action="append", help="name of a nodal field (default: all); may be repeated")
+    s.add_argument("--strict", action="store_true",
+                   help="the walk alone: nodes it does not place (outside SOURCE, or missed near slots and holes) "
+                   "copy the nearest node")
 
     s = command("demo", cmd_demo, "build, extrude, convert, split and measure a mesh; write .vtu files and a PNG",
                 "Builds a surface mesh (or reads --input), extrudes it, converts it into quadratic elements, "

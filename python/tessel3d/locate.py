@@ -43,12 +43,30 @@ def _walk_error(function, status, args):
 
 
 class Locator:
-    """A tetrahedral mesh prepared for many point searches: its face neighbours, a
-    node-to-element array and a node detector, built once."""
+    """A tetrahedral mesh prepared for many point searches, built once.
 
-    def __init__(self, coords, connect, *, neighbors=None, node_element=None, detector=None, type=ElementType.TH4):
-        f = "get_element_containing_point"
+    By default the search cannot miss: every point that lies in an element (every
+    barycentric coordinate >= -tolerance) is found, whatever the mesh's shape (slots,
+    cracks, thin walls, holes), from a walk and, when the walk fails, a tree of the
+    elements; the locator keeps its own copy of the mesh. strict=True gives the walk
+    alone (get_element_containing_point), with the face neighbours, the node-to-element
+    array and the node detector given or built here.
+    """
+
+    def __init__(self, coords, connect, *, neighbors=None, node_element=None, detector=None, type=ElementType.TH4,
+                 strict=False):
         self.type = element_type(type)
+        self.strict = bool(strict)
+        self._native = None
+        if not self.strict:
+            f = "Locator"
+            self.coords = A.real_matrix(coords, f, "coords", 1)
+            self.connect = A.id_matrix(connect, f, "connect", 2)
+            if self.type == ElementType.TH4:
+                status, self._native = A.native("locate", f).build_locator(self.coords, self.connect)
+                check(f, status, {"coords": self.coords, "connect": self.connect}, form="build")
+            return
+        f = "get_element_containing_point"
         self.coords, self.connect, self.neighbors, self.node_element = _mesh(f, coords, connect, neighbors,
                                                                              node_element, self.type)
         self.detector = detector if detector is not None else NodeDetector(self.coords)
@@ -59,44 +77,62 @@ class Locator:
 
     def find(self, point, tolerance=0.0):
         """The element that holds the point, or None (outside the mesh, or not a TH4 mesh)."""
+        if not self.strict:
+            f = "Locator"
+            p = A.point(point, f, "point", 1)
+            if self._native is None:
+                return None
+            status, element = self._native.find(p, float(tolerance))
+            check(f, status, {"tolerance": tolerance})
+            return element if status == 1 else None
         f = "get_element_containing_point"
         p = A.point(point, f, "point", 7)
         status, element = A.native("locate", f).get_element_containing_point(
             self.coords, self.connect, self.neighbors, self.node_element, self.detector.native, int(self.type), p,
             float(tolerance))
         if status < 0:
-            _walk_error(f, status, self._args())
+            _walk_error(f, status, {**self._args(), "tolerance": tolerance})
         return element if status == 1 else None
 
     def find_all(self, points, tolerance=0.0):
         """The element of every point of an (k, 3) array: (k,) uint32, ABSENT where none.
 
-        One library call for all the points: the mesh is checked once, and the points are
-        searched in an order of their own along their positions, each exactly as find
-        would search it."""
-        f = "get_elements_containing_points"
-        p = A.real_matrix(points, f, "points", 7)
+        One library call for all the points, searched in an order of their own along their
+        positions, each exactly as find would search it."""
+        strict = self.strict
+        f = "get_elements_containing_points" if strict else "Locator"
+        p = A.real_matrix(points, f, "points", 7 if strict else 1)
         if p.shape[0] == 0:  # no point (an empty list gives shape (0, 0))
             p = p.reshape(0, 3)
+        if not strict:
+            if self._native is None:
+                if p.shape[1] != 3:
+                    check(f, -1, {"points": p})
+                return np.full(p.shape[0], A.ABSENT, dtype=np.uint32)
+            status, elements = self._native.find_all(p, float(tolerance))
+            check(f, status, {"points": p, "tolerance": tolerance})
+            return elements
         status, elements = A.native("locate", f).locate_points(
             self.coords, self.connect, self.neighbors, self.node_element, self.detector.native, int(self.type), p,
             float(tolerance))
         if status < 0:
-            _walk_error(f, status, {**self._args(), "points": p})
+            _walk_error(f, status, {**self._args(), "points": p, "tolerance": tolerance})
         return elements
 
 
 def get_element_containing_point(coords, connect, point, *, neighbors=None, node_element=None, detector=None,
-                                 type=ElementType.TH4, tolerance=0.0):
+                                 type=ElementType.TH4, tolerance=0.0, strict=False):
     """The tetrahedron of a TH4 mesh that holds `point`, or None.
 
-    The search walks from an element next to a node near the point across faces towards
-    it. tolerance: a point whose barycentric coordinates are all >= -tolerance is inside.
-    neighbors, node_element and detector are built from the mesh when not given (build
-    a Locator to search many points). Any other element type is reported as not located.
+    tolerance: a point whose barycentric coordinates are all >= -tolerance is inside. By
+    default every point that lies in an element is found (see Locator); strict=True walks
+    from an element next to a node near the point across faces towards it, and may miss
+    points near slots and holes. neighbors, node_element and detector (strict only) are
+    built from the mesh when not given (build a Locator to search many points). Any other
+    element type is reported as not located.
     """
     return Locator(coords, connect, neighbors=neighbors, node_element=node_element, detector=detector,
-                   type=type).find(point, tolerance)
+                   type=type, strict=strict).find(point, tolerance)
 
 
 def _field_in_out(value, function, name, position):
@@ -105,15 +141,30 @@ def _field_in_out(value, function, name, position):
     return A.in_out(value, A.real_matrix, function, name, position)
 
 
-def interpolate(coords, connect, field, nodes, *, neighbors=None, node_element=None):
+def interpolate(coords, connect, field, nodes, *, neighbors=None, node_element=None, strict=False):
     """Fills `field` at the listed nodes that lie in no element of the TH4 mesh.
 
     coords (n, 3) holds the mesh's nodes and the nodes to fill (typically another mesh's
     nodes appended); field is (n, c) or (n,), written in place and returned. A node in
-    the mesh gets the linear interpolation of its tetrahedron's values, a node outside
-    the copy of the nearest mesh node's. node_element (ABSENT for nodes in no element)
-    defaults to get_node_element(connect, n).
+    the mesh gets the linear interpolation of its tetrahedron's values; a node outside
+    gets the value at the closest point of the mesh's boundary (interpolated on the
+    nearest boundary face), so the error of a linear field grows with the distance to
+    the mesh. The nodes filled are those no element references.
+
+    strict=True: the walk alone (tolerance 1e-6), and a node it does not place (outside,
+    or missed near a slot) copies the nearest mesh node; node_element (ABSENT for nodes
+    in no element) then says which nodes are filled and defaults to
+    get_node_element(connect, n).
     """
+    if not strict:
+        f = "interpolate"
+        x = A.real_matrix(coords, f, "coords", 1)
+        c = A.id_matrix(connect, f, "connect", 2)
+        v, back = _field_in_out(field, f, "field", 3)
+        ids = A.id_vector(nodes, f, "nodes", 4)
+        status = A.native("locate", f).interpolate_projected(x, c, v, ids)
+        check(f, status, {"coords": x, "connect": c, "field": v, "nodes": ids}, form="projected")
+        return back()
     f = "interpolate"
     x, c, n, e = _mesh(f, coords, connect, neighbors, node_element)
     v, back = _field_in_out(field, f, "field", 5)
@@ -124,11 +175,27 @@ def interpolate(coords, connect, field, nodes, *, neighbors=None, node_element=N
 
 
 def interpolate_metrics(coords, connect, metrics, nodes=None, *, keep_valid=False, neighbors=None,
-                        node_element=None):
+                        node_element=None, strict=False):
     """Fills metrics at the listed nodes (all nodes when None) that lie in no element,
     keeping every result a valid metric: (n, 6) packed symmetric tensors M11 M12 M22 M13
     M23 M33, or (n,) isotropic sizes. Written in place and returned. keep_valid leaves the
-    nodes whose metric is already valid alone."""
+    nodes whose metric is already valid alone.
+
+    Nodes are placed as interpolate places them (outside the mesh: the closest point of
+    the boundary); a result is written only when it is a valid metric, else the node takes
+    the valid metric of its element's node with the largest weight. strict=True: the walk
+    alone, nodes outside copy the nearest mesh node, and a combination that fails leaves
+    the node as it was.
+    """
+    if not strict:
+        f = "interpolate_metrics"
+        x = A.real_matrix(coords, f, "coords", 1)
+        c = A.id_matrix(connect, f, "connect", 2)
+        m, back = _field_in_out(metrics, f, "metrics", 3)
+        ids = A.optional(A.id_vector, nodes, f, "nodes", 4)
+        status = A.native("locate", f).interpolate_metrics_projected(x, c, m, ids, bool(keep_valid))
+        check(f, status, {"coords": x, "connect": c, "metrics": m, "nodes": ids}, form="projected")
+        return back()
     f = "interpolate_metrics"
     x, c, n, e = _mesh(f, coords, connect, neighbors, node_element)
     m, back = _field_in_out(metrics, f, "metrics", 5)

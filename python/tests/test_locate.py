@@ -1,5 +1,9 @@
 """Point location and interpolation: brute-force references and exactness on linear fields."""
 
+import os
+import subprocess
+import sys
+
 import numpy as np
 import pytest
 from conftest import box, signed_volume_th4
@@ -63,18 +67,29 @@ def test_find_all_gives_what_find_gives_for_each_point():
 
 def test_find_all_errors():
     coords, connect = box("TH4", (2, 2, 2))
-    with pytest.raises(t3.Error) as caught:
-        t3.Locator(coords, connect).find_all(np.zeros((4, 2)))
-    assert caught.value.status == -7 and caught.value.argument == "points"
-    assert "(k, 3)" in str(caught.value) and "(4, 2)" in str(caught.value)
+    for strict, status in ((True, -7), (False, -1)):
+        with pytest.raises(t3.Error) as caught:
+            t3.Locator(coords, connect, strict=strict).find_all(np.zeros((4, 2)))
+        assert caught.value.status == status and caught.value.argument == "points"
+        assert "(k, 3)" in str(caught.value) and "(4, 2)" in str(caught.value)
+        with pytest.raises(t3.Error) as caught:
+            t3.Locator(coords, connect, strict=strict).find((0.5, 0.5, 0.5), tolerance=np.nan)
+        assert caught.value.argument == "tolerance" and "finite" in str(caught.value)
     inverted = connect.copy()
     t3.flip(inverted, t3.TH4)
     with pytest.raises(t3.Error) as caught:
-        t3.Locator(coords, inverted).find_all([[0.5, 0.5, 0.5], [0.2, 0.2, 0.2]])
+        t3.Locator(coords, inverted, strict=True).find_all([[0.5, 0.5, 0.5], [0.2, 0.2, 0.2]])
     assert caught.value.status == -1 and "inverted or flat" in str(caught.value)
+    # inverted elements hold no point for the search that cannot miss
+    assert (t3.Locator(coords, inverted).find_all([[0.5, 0.5, 0.5], [0.2, 0.2, 0.2]]) == A).all()
+    with pytest.raises(t3.Error) as caught:
+        t3.Locator(coords, connect[:, :3])
+    assert caught.value.argument == "connect"
     wedges = box("W6", (1, 1, 1))
-    locator = t3.Locator(*wedges, type=t3.H8, neighbors=np.full(wedges[1].shape, A, dtype=np.uint32))
-    assert (locator.find_all([[0.5, 0.5, 0.5], [0.1, 0.1, 0.1]]) == A).all()
+    for strict in (True, False):
+        locator = t3.Locator(*wedges, type=t3.H8, neighbors=np.full(wedges[1].shape, A, dtype=np.uint32),
+                             strict=strict)
+        assert (locator.find_all([[0.5, 0.5, 0.5], [0.1, 0.1, 0.1]]) == A).all()
 
 
 def test_tolerance_accepts_points_just_outside():
@@ -89,7 +104,7 @@ def test_inverted_element_stops_the_walk():
     inverted = connect.copy()
     t3.flip(inverted, t3.TH4)
     with pytest.raises(t3.Error) as caught:
-        t3.get_element_containing_point(coords, inverted, (0.5, 0.5, 0.5))
+        t3.get_element_containing_point(coords, inverted, (0.5, 0.5, 0.5), strict=True)
     assert caught.value.status == -1 and "inverted or flat" in str(caught.value)
 
 
@@ -99,10 +114,10 @@ def test_other_element_types_are_not_searched():
     coords, connect = box("W6", (1, 1, 1))
     neighbors = np.full(connect.shape, A, dtype=np.uint32)
     assert t3.get_element_containing_point(coords, connect, (0.5, 0.5, 0.5), type=t3.H8,
-                                           neighbors=neighbors) is None
+                                           neighbors=neighbors, strict=True) is None
     hexa = box("H8", (1, 1, 1))
     with pytest.raises(t3.Error) as caught:  # 8 columns cannot match the 6 faces of an H8
-        t3.get_element_containing_point(hexa[0], hexa[1], (0.5, 0.5, 0.5), type=t3.H8)
+        t3.get_element_containing_point(hexa[0], hexa[1], (0.5, 0.5, 0.5), type=t3.H8, strict=True)
     assert caught.value.status == -3
 
 
@@ -119,11 +134,16 @@ def test_interpolation_of_a_linear_field_is_exact():
     field = np.zeros((len(allc), 2))
     field[:n] = linear(coords)
     nodes = np.arange(n, len(allc), dtype=np.uint32)
+    strict = field.copy()
     result = t3.interpolate(allc, connect, field, nodes)
     assert result is field  # in place
     np.testing.assert_allclose(field[n:n + 30], linear(inside), atol=1e-9)
+    # outside: the value at the closest point of the boundary, here (1, 0.5, 0.5)
+    np.testing.assert_allclose(field[-1], linear(np.array([[1.0, 0.5, 0.5]]))[0], atol=1e-12)
+    t3.interpolate(allc, connect, strict, nodes, strict=True)
+    np.testing.assert_allclose(strict[n:n + 30], linear(inside), atol=1e-9)
     nearest = np.argmin(np.linalg.norm(coords - outside[0], axis=1))
-    np.testing.assert_array_equal(field[-1], field[nearest])  # outside: the nearest node's values
+    np.testing.assert_array_equal(strict[-1], strict[nearest])  # strict: the nearest node's values
     scalar = np.zeros(len(allc))
     scalar[:n] = linear(coords)[:, 0]
     t3.interpolate(allc, connect, scalar, nodes)
@@ -132,12 +152,16 @@ def test_interpolation_of_a_linear_field_is_exact():
 
 def test_interpolation_errors():
     coords, connect = box("TH4", (1, 1, 1))
-    with pytest.raises(t3.Error) as caught:
-        t3.interpolate(coords, connect, np.zeros(len(coords) - 1), [0])
-    assert caught.value.status == -5 and "interpolate: field (argument 5)" in str(caught.value)
-    with pytest.raises(t3.Error) as caught:
-        t3.interpolate(coords, connect, np.zeros(len(coords)), [len(coords)])
-    assert caught.value.status == -6
+    for strict, field_status in ((True, -5), (False, -3)):
+        with pytest.raises(t3.Error) as caught:
+            t3.interpolate(coords, connect, np.zeros(len(coords) - 1), [0], strict=strict)
+        assert caught.value.status == field_status and "interpolate: field (argument" in str(caught.value)
+        with pytest.raises(t3.Error) as caught:
+            t3.interpolate(coords, connect, np.zeros(len(coords)), [len(coords)], strict=strict)
+        assert caught.value.argument == "nodes"
+        with pytest.raises(t3.Error) as caught:
+            t3.interpolate_metrics(coords, connect, np.zeros((len(coords), 5)), strict=strict)
+        assert caught.value.argument == "metrics"
     assert t3.interpolate(coords, connect, np.zeros(len(coords)), []).shape == (len(coords),)
 
 
@@ -157,3 +181,129 @@ def test_metric_interpolation_of_equal_metrics_and_sizes():
     kept = np.full(n + 1, 2.0)
     t3.interpolate_metrics(allc, connect, kept, keep_valid=True)
     assert kept[n] == 2.0
+
+
+# ---- meshes made by Gmsh: a slotted block, a block with a hole, cylinders ---------------------
+
+def gmsh_shape(path, shape, size):
+    """Writes a TH4 mesh made by Gmsh: "slot" (unit cube with a slot 0.01 wide at z = 0.37
+    from x = 0.2 to the side x = 1), "hole" (unit cube with a cylindrical hole of radius
+    0.2 along z) or "cylinder" (radius 0.5, height 1). Each in a process of its own: Gmsh
+    keeps state across initialize() calls."""
+    code = f"import test_locate as t; t.generate({path!r}, {shape!r}, {size!r})"
+    subprocess.run([sys.executable, "-c", code], cwd=os.path.dirname(os.path.abspath(__file__)), check=True)
+
+
+def generate(path, shape, size):
+    import gmsh
+    gmsh.initialize()
+    try:
+        gmsh.option.setNumber("General.Terminal", 0)
+        occ = gmsh.model.occ
+        if shape == "cylinder":
+            occ.addCylinder(0, 0, 0, 0, 0, 1, 0.5)
+        else:
+            block = occ.addBox(0, 0, 0, 1, 1, 1)
+            cut = (occ.addBox(0.2, -0.1, 0.365, 1.0, 1.2, 0.01) if shape == "slot"
+                   else occ.addCylinder(0.5, 0.5, -0.1, 0, 0, 1.2, 0.2))
+            occ.cut([(3, block)], [(3, cut)])
+        occ.synchronize()
+        gmsh.option.setNumber("Mesh.MeshSizeMax", size)
+        gmsh.model.mesh.generate(3)
+        gmsh.write(path)
+    finally:
+        gmsh.finalize()
+
+
+@pytest.fixture(scope="module")
+def gmsh_meshes(tmp_path_factory):
+    pytest.importorskip("gmsh", reason="Gmsh's Python module (Debian python3-gmsh) is not installed")
+    from tessel3d import io as mio
+    meshes = {}
+    for shape, size in (("slot", 0.08), ("hole", 0.1), ("cylinder", 0.15), ("fine cylinder", 0.07)):
+        path = str(tmp_path_factory.mktemp("gmsh") / "mesh.msh")
+        gmsh_shape(path, shape.split()[-1], size)
+        mesh = mio.read(path)
+        meshes[shape] = (mesh.coords, mesh.cells["TH4"])
+    return meshes
+
+
+def barycentric(coords, connect, elements, points):
+    """Barycentric coordinates of each point in its element (rows), by volume ratios."""
+    q = coords[connect[elements]]
+    v = signed_volume_th4(q)
+    out = np.empty((len(points), 4))
+    for k in range(4):
+        r = q.copy()
+        r[:, k] = points
+        out[:, k] = signed_volume_th4(r) / v
+    return out
+
+
+def points_in_elements(coords, connect, elements, rng):
+    """One random point in each listed element (a third of them on a face)."""
+    w = rng.uniform(0, 1, (len(elements), 4))
+    w[::3, 0] = 0
+    w /= w.sum(axis=1, keepdims=True)
+    return np.einsum("ij,ijk->ik", w, coords[connect[elements]])
+
+
+@pytest.mark.parametrize("shape", ["slot", "hole"])
+def test_every_point_in_an_element_is_found_near_slots_and_holes(gmsh_meshes, shape):
+    coords, connect = gmsh_meshes[shape]
+    assert (signed_volume_th4(coords[connect]) > 0).all()
+    centroids = coords[connect].mean(axis=1)
+    if shape == "slot":  # the elements within 0.05 of the slot's faces
+        near = np.flatnonzero((np.abs(centroids[:, 2] - 0.37) < 0.05) & (centroids[:, 0] > 0.15))
+    else:  # and around the hole
+        near = np.flatnonzero(np.hypot(centroids[:, 0] - 0.5, centroids[:, 1] - 0.5) < 0.3)
+    rng = np.random.default_rng(3)
+    points = points_in_elements(coords, connect, near, rng)
+    locator = t3.Locator(coords, connect)
+    found = locator.find_all(points, 1e-12)
+    assert (found != A).all()
+    assert (barycentric(coords, connect, found, points).min(axis=1) >= -1e-9).all()
+    # points in the gap or the hole lie in no element (every element tested)
+    gap = (np.column_stack([rng.uniform(0.3, 1, 50), rng.uniform(0, 1, 50), rng.uniform(0.3665, 0.3735, 50)])
+           if shape == "slot" else
+           np.column_stack([0.5 + rng.uniform(-0.12, 0.12, (50, 2)), rng.uniform(0, 1, 50)]))
+    assert (locator.find_all(gap) == A).all()
+    for p in gap[:10]:
+        assert barycentric_inside(coords, connect, p, 0.0) == []
+        assert locator.find(p) is None
+
+
+def test_a_linear_field_onto_a_finer_cylinder(gmsh_meshes):
+    # Target nodes just outside the coarse cylinder (on the true curved surface) get the
+    # value at the closest point of its boundary: the error is that of the chords, not
+    # that of the nearest node.
+    coords, connect = gmsh_meshes["cylinder"]
+    target, _ = gmsh_meshes["fine cylinder"]
+    n = len(coords)
+    allc = np.concatenate([coords, target])
+    gradient = np.array([2.5, -1.0, 0.5])
+    field = np.zeros(len(allc))
+    field[:n] = coords @ gradient
+    nodes = np.arange(n, len(allc), dtype=np.uint32)
+    strict = field.copy()
+    t3.interpolate(allc, connect, field, nodes)
+    t3.interpolate(allc, connect, strict, nodes, strict=True)
+    exact = target @ gradient
+    error, strict_error = np.abs(field[n:] - exact), np.abs(strict[n:] - exact)
+    # the largest gap between the cylinder and its chords of length <= 0.15 is 0.15^2 / 4
+    assert error.max() < np.linalg.norm(gradient) * 0.15 ** 2 / 4
+    assert error.max() < strict_error.max() / 3
+    # sizes the same way, and every interpolated tensor positive definite
+    sizes = np.zeros(len(allc))
+    sizes[:n] = 1 + coords @ (gradient / 10)
+    t3.interpolate_metrics(allc, connect, sizes, nodes)
+    assert np.abs(sizes[n:] - (1 + exact / 10)).max() < np.linalg.norm(gradient / 10) * 0.15 ** 2 / 4
+    rng = np.random.default_rng(4)
+    metrics = np.zeros((len(allc), 6))
+    for k in range(n):
+        a = rng.normal(size=(3, 3))
+        m = a @ a.T + 1e-3 * np.eye(3)
+        metrics[k] = m[[0, 0, 1, 0, 1, 2], [0, 1, 1, 2, 2, 2]]
+    t3.interpolate_metrics(allc, connect, metrics, nodes)
+    full = metrics[n:][:, [[0, 1, 3], [1, 2, 4], [3, 4, 5]]]
+    assert (np.linalg.eigvalsh(full)[:, 0] > 0).all()

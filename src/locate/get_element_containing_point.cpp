@@ -1,5 +1,7 @@
 // get_element_containing_point: the TH4 of a mesh that holds a point, found by the
 // visibility walk from an element next to a node of the caller's node_detector.
+#include <cmath>
+
 #include "locate/locate_point.h"
 #include "locate/search_checks.h"
 #include "zel/tessel3d.h"
@@ -14,6 +16,8 @@ int get_element_containing_point(const dense2D<double>& coords, const dense2D<un
   element = ~0U;
   if (const int status = elfes::check_search_arguments(coords, connectivity, neighbors, node_element, type))
     return status;
+  // An infinite or undefined tolerance would accept every point.
+  if (!std::isfinite(tolerance)) return -9;
   if (!elfes::is_searched_mesh(connectivity, type)) return 0;
 
   elfes::locate_scratch scratch;

@@ -4,6 +4,7 @@
 // next); the points are only visited along a space-filling curve (point_order.h), so
 // that consecutive searches walk through elements and nodes that are still in the caches.
 #include <algorithm>
+#include <cmath>
 
 #include "common/shared_memory.h"
 #include "locate/locate_point.h"
@@ -33,6 +34,8 @@ int get_elements_containing_points(const dense2D<double>& coords, const dense2D<
   // Points are numbered in 32 bits below ~0U while they are ordered.
   if (points.rows() != 3 || points.cols() > std::size_t(~0U)) return -7;
   const std::size_t nb_points = points.cols();
+  // An infinite or undefined tolerance would accept every point.
+  if (!std::isfinite(tolerance)) return -9;
   if (!elfes::is_searched_mesh(connectivity, type)) {
     if (!elements.resize(nb_points)) return -199;
     std::fill(elements.begin(), elements.end(), ~0U);

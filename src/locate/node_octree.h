@@ -60,6 +60,7 @@ class node_octree {
   unsigned find_close(const zel::vector_fixed<double, 3>& point) const {
     const double* p = point.data();
     if (!in_cube(p)) return ~0U;
+    const query q = scaled_query(p);
     std::uint32_t key[3];
     integer_position(p, key);
     box b = root_box(), parent_box = b;
@@ -74,30 +75,51 @@ class node_octree {
     }
     double best = infinity();
     unsigned found = ~0U;
-    nearest_in_crowd(cell, p, best, found);  // a leaf, or the whole crowd of a position
+    nearest_in_crowd(cell, q, best, found);  // a leaf, or the whole crowd of a position
     if (found != ~0U) return found;
     if (parent != ~0U) {
       // Siblings differing in one bit, in two bits, then in all three.
       static const unsigned flips[7] = {1, 2, 4, 6, 5, 3, 7};
       for (unsigned flip : flips) {
         const unsigned sibling = child ^ flip;
-        nearest_in(child_cell(parent, sibling), child_box(parent_box, sibling, depth - 1), depth, p, best, found);
+        nearest_in(child_cell(parent, sibling), child_box(parent_box, sibling, depth - 1), depth, q, best, found);
         if (found != ~0U) return found;
       }
     }
     return find_closest(point);
   }
 
+  /// ~0U also for a point with a coordinate that is not finite (no node is nearer than
+  /// another to it).
   unsigned find_closest(const zel::vector_fixed<double, 3>& point) const {
     double best = infinity();
     unsigned found = ~0U;
-    nearest_in(0, root_box(), 0, point.data(), best, found);
+    if (!finite(point.data())) return found;
+    nearest_in(0, root_box(), 0, scaled_query(point.data()), best, found);
     return found;
   }
 
   std::size_t nb_cells() const { return cells_.cols(); }
 
  private:
+  // A query point: its coordinates times `scale`, a power of two that keeps squared
+  // distances finite (1 unless some coordinate exceeds 2^500 in magnitude). Every
+  // distance is computed as x * scale - p * scale: exact scaling, so the order of the
+  // distances is that of the unscaled ones wherever those do not overflow.
+  struct query {
+    double p[3];
+    double scale;
+  };
+  query scaled_query(const double* p) const {
+    double largest = 0;
+    for (unsigned d = 0; d < 3; ++d)
+      largest = std::fmax(largest, std::fmax(std::fabs(p[d]), std::fmax(std::fabs(lower_[d]), std::fabs(upper_[d]))));
+    query q{{p[0], p[1], p[2]}, 1.0};
+    if (largest > 0x1p500) q.scale = std::ldexp(1.0, 500 - std::ilogb(largest));
+    for (double& c : q.p) c *= q.scale;
+    return q;
+  }
+
   // A cell's integer box: origin and log2 of its edge (32 for the root; it stops
   // shrinking past depth 32).
   struct box {
@@ -267,7 +289,7 @@ class node_octree {
 
   // Nearest node of a crowd (or of a plain leaf): its leaves level by level, in a loop.
   // An exact hit ends the scan, no node being nearer.
-  void nearest_in_crowd(unsigned cell, const double* p, double& best, unsigned& found) const {
+  void nearest_in_crowd(unsigned cell, const query& p, double& best, unsigned& found) const {
     while (is_inner(cell) && best > 0) {
       for (unsigned k = 1; k < 8; ++k) nearest_in_leaf(child_cell(cell, k), p, best, found);
       cell = child_cell(cell, 0);
@@ -276,23 +298,26 @@ class node_octree {
   }
   // Squared distance from p to a box, enlarged by margin_ on each side so that the
   // rounding of the integer mapping never prunes a node that lies in the box.
-  double box_distance2(const box& b, const double* p) const {
+  double box_distance2(const box& b, const query& q) const {
     const double size = static_cast<double>(std::uint64_t(1) << b.log2_size);
+    const double* p = q.p;
     double sum = 0;
     for (unsigned d = 0; d < 3; ++d) {
-      const double lo = lower_[d] + static_cast<double>(b.origin[d]) * unit_ - margin_;
-      const double hi = lower_[d] + (static_cast<double>(b.origin[d]) + size) * unit_ + margin_;
+      const double lo = (lower_[d] + static_cast<double>(b.origin[d]) * unit_ - margin_) * q.scale;
+      const double hi = (lower_[d] + (static_cast<double>(b.origin[d]) + size) * unit_ + margin_) * q.scale;
       const double gap = p[d] < lo ? lo - p[d] : p[d] > hi ? p[d] - hi : 0.0;
       sum += gap * gap;
     }
     return sum;
   }
 
-  void nearest_in_leaf(unsigned cell, const double* p, double& best, unsigned& found) const {
+  void nearest_in_leaf(unsigned cell, const query& q, double& best, unsigned& found) const {
     const unsigned* words = cells_.data() + cell * std::size_t(8);
+    const double* p = q.p;
+    const double s = q.scale;
     for (unsigned k = 1; k <= words[0]; ++k) {
       const double* x = xyz_ + words[k] * ld_;
-      const double dx = x[0] - p[0], dy = x[1] - p[1], dz = x[2] - p[2];
+      const double dx = x[0] * s - p[0], dy = x[1] * s - p[1], dz = x[2] * s - p[2];
       const double d2 = dx * dx + dy * dy + dz * dz;
       if (d2 < best) {
         best = d2;
@@ -303,7 +328,7 @@ class node_octree {
 
   // Nearest node of the subtree at `cell` (its box b, at `depth`), improving best (a
   // squared distance) and found; children are visited nearest box first.
-  void nearest_in(unsigned cell, const box& b, unsigned depth, const double* p, double& best,
+  void nearest_in(unsigned cell, const box& b, unsigned depth, const query& p, double& best,
                   unsigned& found) const {
     if (depth >= crowd_depth || !is_inner(cell)) {
       nearest_in_crowd(cell, p, best, found);
@@ -314,7 +339,10 @@ class node_octree {
     unsigned order[8];
     for (unsigned k = 0; k < 8; ++k) {
       boxes[k] = child_box(b, k, depth);
-      gaps[k] = box_distance2(boxes[k], p);
+      const unsigned child = child_cell(cell, k);
+      // An empty leaf holds no answer: no box to measure (most of them along the
+      // chain of cells that a far outlier makes).
+      gaps[k] = !is_inner(child) && cells_.data()[child * std::size_t(8)] == 0 ? infinity() : box_distance2(boxes[k], p);
       unsigned i = k;
       for (; i > 0 && gaps[order[i - 1]] > gaps[k]; --i) order[i] = order[i - 1];
       order[i] = k;

@@ -19,14 +19,16 @@ inline std::uint32_t walk_seed_step(std::uint32_t state) {
 
 /// Walks from `current` towards p (3 doubles) in a TH4 mesh whose `neighbors` row f
 /// holds the element across face f (~0U on the boundary).
+/// A walk tests at most as many elements as the mesh has, or `step_limit` if fewer.
 /// @return 1 found (current holds p) | 0 not found (current ~0U: left the mesh, or
 ///         more steps than elements) | -1 met an element with V <= 0 or not finite
 ///         (current ~0U) | -2 either ending exactly when `steps` equals the element
 ///         count (current ~0U)
 inline int visibility_walk(const zel::dense2D<double>& coords, const zel::dense2D<unsigned>& connectivity,
                            const zel::dense2D<unsigned>& neighbors, const double* p, unsigned& current,
-                           double tolerance, std::size_t& steps) {
+                           double tolerance, std::size_t& steps, std::size_t step_limit = ~std::size_t(0)) {
   const std::size_t nb_elements = connectivity.cols();
+  const std::size_t limit = step_limit < nb_elements ? step_limit : nb_elements;
   const double* xyz = coords.data();
   const std::size_t ld_xyz = coords.ld();
   const unsigned* conn = connectivity.data();
@@ -39,7 +41,7 @@ inline int visibility_walk(const zel::dense2D<double>& coords, const zel::dense2
   unsigned draws_left = 0;
   for (;;) {
     if (current == ~0U) break;
-    if (steps++ >= nb_elements) break;
+    if (steps++ >= limit) break;
     if (draws_left == 0) {
       state = walk_seed_step(state);
       word = state;

@@ -500,6 +500,26 @@ inline const std::vector<family_row>& family_table() {
                  t3::interpolate_metrics(s.coords, s.connect, s.neighbors, s.node_element, s.values, s.ids, false)),
     TESSEL3D_ROW("interpolate_metrics_sizes_every_node", metric_input, (treated_or_untouched<false, true>),
                  t3::interpolate_metrics(s.coords, s.connect, s.neighbors, s.node_element, s.values, true)),
+    TESSEL3D_ROW("locate_points", points_input, unchanged,
+                 t3::locate_points(s.coords, s.connect, s.reals_in, s.ids_out, 0.0)),
+    // a locator built and searched in one call; the points are outside, on a node, inside
+    TESSEL3D_ROW("point_locator", points_input, unchanged, ([&s] {
+                   t3::point_locator locator;
+                   const int built = locator.build(s.coords, s.connect);
+                   return built != 0 ? built : locator.find(s.reals_in, s.ids_out, 1e-9);
+                 })()),
+    TESSEL3D_ROW("interpolate_projected_components", field_input, unchanged,
+                 t3::interpolate_projected(s.coords, s.connect, s.reals_out, s.ids)),
+    TESSEL3D_ROW("interpolate_projected_scalar", field_input, unchanged,
+                 t3::interpolate_projected(s.coords, s.connect, s.values, s.ids)),
+    TESSEL3D_ROW("interpolate_metrics_projected_tensors", metric_input, unchanged,
+                 t3::interpolate_metrics_projected(s.coords, s.connect, s.reals_out, s.ids, true)),
+    TESSEL3D_ROW("interpolate_metrics_projected_tensors_every_node", metric_input, unchanged,
+                 t3::interpolate_metrics_projected(s.coords, s.connect, s.reals_out, false)),
+    TESSEL3D_ROW("interpolate_metrics_projected_sizes", metric_input, unchanged,
+                 t3::interpolate_metrics_projected(s.coords, s.connect, s.values, s.ids, false)),
+    TESSEL3D_ROW("interpolate_metrics_projected_sizes_every_node", metric_input, unchanged,
+                 t3::interpolate_metrics_projected(s.coords, s.connect, s.values, true)),
     TESSEL3D_ROW("duplicate_surface_nodes", tetrahedra_and_surface, unchanged_or_complete,
                  t3::duplicate_surface_nodes(s.coords, s.connect, s.neighbors, s.node_element, s.faces, s.ids, true,
                                              true, zel::TH4)),

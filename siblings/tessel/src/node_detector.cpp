@@ -63,24 +63,38 @@ struct builder {
     return axis;
   }
 
-  void split(std::size_t lo, std::size_t hi) {
-    if (hi - lo <= leaf_size) return;
+  unsigned* min_ids;
+
+  // Splits [lo, hi) and returns its smallest ID (kept at mid for a cell that splits).
+  unsigned split(std::size_t lo, std::size_t hi) {
+    if (hi - lo <= leaf_size) return hi > lo ? *std::min_element(ids + lo, ids + hi) : none;
     const std::size_t mid = middle(lo, hi);
     const unsigned axis = widest_axis(lo, hi);
     axes[mid] = static_cast<unsigned char>(axis);
     // No NaN reaches this point (such nodes are left out), so the order is strict weak.
     std::nth_element(ids + lo, ids + mid, ids + hi,
                      [this, axis](unsigned a, unsigned b) { return coordinate(a, axis) < coordinate(b, axis); });
-    split(lo, mid);
-    split(mid + 1, hi);
+    const unsigned low = std::min({split(lo, mid), split(mid + 1, hi), ids[mid]});
+    min_ids[mid] = low;
+    return low;
   }
 };
 
+// A query: the point times `scale`, a power of two that keeps squared distances finite
+// (1 unless a finite coordinate of the point or of the nodes' box exceeds 2^500). Every
+// distance is taken as x * scale - q, an exact scaling, so the distances compare as the
+// unscaled ones do wherever those do not overflow.
 struct search_state {
-  const double* q;
+  double q[3];
+  double scale;
   double best_d;
   unsigned best_id;
 };
+
+inline double scaled_distance(const search_state& s, const double* x) {
+  const double dx = s.q[0] - x[0] * s.scale, dy = s.q[1] - x[1] * s.scale, dz = s.q[2] - x[2] * s.scale;
+  return dx * dx + dy * dy + dz * dz;
+}
 
 }  // namespace
 
@@ -111,15 +125,25 @@ void node_detector::build(const dense2D<double>& coords, const dense1D<unsigned,
 
   dense1D<unsigned char, 8> axes;
   dense1D<double, 8> points;
-  if (nb_nodes && (!axes.resize(nb_nodes, 0) || !points.resize(3 * nb_nodes))) return;
-  builder b{xyz, ld, order.data(), axes.data()};
+  dense1D<unsigned, 8> min_ids;
+  if (nb_nodes && (!axes.resize(nb_nodes, 0) || !points.resize(3 * nb_nodes) || !min_ids.resize(nb_nodes, none)))
+    return;
+  builder b{xyz, ld, order.data(), axes.data(), min_ids.data()};
   b.split(0, nb_nodes);
+  double bounds[6] = {INFINITY, INFINITY, INFINITY, -INFINITY, -INFINITY, -INFINITY};
   for (std::size_t i = 0; i < nb_nodes; ++i)
-    for (unsigned a = 0; a < 3; ++a) points[3 * i + a] = b.coordinate(order[i], a);
+    for (unsigned a = 0; a < 3; ++a) {
+      const double c = b.coordinate(order[i], a);
+      points[3 * i + a] = c;
+      bounds[a] = std::fmin(bounds[a], c);
+      bounds[a + 3] = std::fmax(bounds[a + 3], c);
+    }
 
   ids_.swap(order);
   points_.swap(points);
   split_axes_.swap(axes);
+  min_ids_.swap(min_ids);
+  std::copy(bounds, bounds + 6, bounds_);
 }
 
 unsigned node_detector::find_close(const vector_fixed<double, 3>& p) const {
@@ -147,44 +171,89 @@ unsigned node_detector::find_close(const vector_fixed<double, 3>& p) const {
 
 namespace {
 
-// Nearest node of the cell [lo, hi), near half first; the far half is skipped only when
-// its splitting plane is strictly farther than the best distance so far (an equal
-// distance may still hide a smaller ID). Rounding is monotone, so a node beyond the
-// plane never computes closer than the plane itself: the pruning is exact.
-void nearest(const unsigned* ids, const double* points, const unsigned char* axes, std::size_t lo, std::size_t hi,
-             search_state& s) {
-  if (hi - lo <= leaf_size) {
-    for (std::size_t i = lo; i < hi; ++i) {
-      const double d = squared_distance(s.q, points + 3 * i);
-      if (better(d, ids[i], s.best_d, s.best_id)) s.best_d = d, s.best_id = ids[i];
-    }
-    return;
+// Squared distance from the query to a box (lower x y z, upper x y z), no more than that of
+// any point in it: each gap is rounded as the differences to the nodes inside are, and
+// rounding is monotone. Infinite bounds give a gap of 0 towards them.
+inline double box_distance(const search_state& s, const double* box) {
+  double gap[3];
+  for (unsigned a = 0; a < 3; ++a) {
+    const double lo = box[a] * s.scale, hi = box[a + 3] * s.scale;
+    gap[a] = s.q[a] < lo ? s.q[a] - lo : s.q[a] > hi ? s.q[a] - hi : 0.0;
   }
-  const std::size_t mid = middle(lo, hi);
-  const double d = squared_distance(s.q, points + 3 * mid);
-  if (better(d, ids[mid], s.best_d, s.best_id)) s.best_d = d, s.best_id = ids[mid];
-  const unsigned axis = axes[mid];
-  const double offset = s.q[axis] - points[3 * mid + axis];
-  const bool left_first = offset < 0;
-  if (left_first)
-    nearest(ids, points, axes, lo, mid, s);
-  else
-    nearest(ids, points, axes, mid + 1, hi, s);
-  if (!(offset * offset > s.best_d)) {  // also taken when either side is NaN
-    if (left_first)
-      nearest(ids, points, axes, mid + 1, hi, s);
-    else
-      nearest(ids, points, axes, lo, mid, s);
-  }
+  return gap[0] * gap[0] + gap[1] * gap[1] + gap[2] * gap[2];
 }
+
+// Whether a cell at box distance d whose smallest ID is `low` may hold a better answer
+// than the best so far. Only a number strictly greater than the best distance, or equal
+// to it with only larger IDs behind it, rules the cell out (a NaN never does).
+inline bool may_improve(const search_state& s, double d, unsigned low) {
+  if (s.best_id == none || std::isnan(s.best_d) || std::isnan(d)) return true;
+  return !(d > s.best_d) && !(d == s.best_d && low > s.best_id);
+}
+
+struct tree_view {
+  const unsigned* ids;
+  const double* points;
+  const unsigned char* axes;
+  const unsigned* min_ids;
+
+  unsigned lowest_id(std::size_t lo, std::size_t hi) const {
+    return hi - lo > leaf_size ? min_ids[middle(lo, hi)] : 0;  // a leaf is simply scanned
+  }
+
+  // Nearest node of the cell [lo, hi) whose box is `box` (the nodes' box cut by the
+  // splitting planes above it). A half is visited only when its box may hold a better
+  // answer, the nearer half first: the answer is the least (distance, ID) whatever the
+  // order, and degenerate node sets (on a plane or a line, all at one point) cost a
+  // descent instead of a scan, the boxes being flat or a point like the nodes.
+  void nearest(std::size_t lo, std::size_t hi, const double* box, search_state& s) const {
+    if (hi - lo <= leaf_size) {
+      for (std::size_t i = lo; i < hi; ++i) {
+        const double d = scaled_distance(s, points + 3 * i);
+        if (better(d, ids[i], s.best_d, s.best_id)) s.best_d = d, s.best_id = ids[i];
+      }
+      return;
+    }
+    const std::size_t mid = middle(lo, hi);
+    const double d = scaled_distance(s, points + 3 * mid);
+    if (better(d, ids[mid], s.best_d, s.best_id)) s.best_d = d, s.best_id = ids[mid];
+    const unsigned axis = axes[mid];
+    double halves[2][6];
+    std::copy(box, box + 6, halves[0]);
+    std::copy(box, box + 6, halves[1]);
+    halves[0][axis + 3] = points[3 * mid + axis];
+    halves[1][axis] = points[3 * mid + axis];
+    const std::size_t range[2][2] = {{lo, mid}, {mid + 1, hi}};
+    double gap[2];
+    unsigned low[2];
+    for (unsigned h = 0; h < 2; ++h) {
+      gap[h] = box_distance(s, halves[h]);
+      low[h] = lowest_id(range[h][0], range[h][1]);
+    }
+    const unsigned first = gap[1] < gap[0] || (gap[1] == gap[0] && low[1] < low[0]) ? 1 : 0;
+    for (unsigned k = 0; k < 2; ++k) {
+      const unsigned h = first ^ k;
+      if (may_improve(s, gap[h], low[h])) nearest(range[h][0], range[h][1], halves[h], s);
+    }
+  }
+};
 
 }  // namespace
 
 unsigned node_detector::find_closest(const vector_fixed<double, 3>& p) const {
   const double* q = p.data();
   if (ids_.empty() || std::isnan(q[0]) || std::isnan(q[1]) || std::isnan(q[2])) return none;
-  search_state s{q, 0, none};
-  nearest(ids_.data(), points_.data(), split_axes_.data(), 0, ids_.size(), s);
+  search_state s{{q[0], q[1], q[2]}, 1.0, 0, none};
+  double largest = 0;
+  for (unsigned a = 0; a < 3; ++a)
+    for (double c : {q[a], bounds_[a], bounds_[a + 3]})
+      if (std::isfinite(c)) largest = std::fmax(largest, std::fabs(c));
+  if (largest > 0x1p500 && std::isfinite(q[0]) && std::isfinite(q[1]) && std::isfinite(q[2])) {
+    s.scale = std::ldexp(1.0, 500 - std::ilogb(largest));
+    for (double& c : s.q) c *= s.scale;
+  }
+  const tree_view tree{ids_.data(), points_.data(), split_axes_.data(), min_ids_.data()};
+  tree.nearest(0, ids_.size(), bounds_, s);
   return s.best_id;
 }
 
