@@ -230,7 +230,7 @@ TEST(hash_table, parity_numbering_gives_the_natural_results_renumbered) {
     return zel::tessel3d::convert_into_quadratic(x, c);
   };
   const convert high_order = [](dense2D<double>& x, dense2D<unsigned>& c, dense2D<unsigned>& out) {
-    return zel::tessel3d::convert_into_high_order(x, c, 3, 4, 3, 8, 1, 2, 1, out, {}, {});
+    return zel::tessel3d::convert_into_high_order(x, c, 3, 4, 3, 8, 1, 2, 1, out, zel::dense2D<unsigned>(), zel::dense2D<unsigned>());
   };
   const convert hexahedra = [](dense2D<double>& x, dense2D<unsigned>& c, dense2D<unsigned>& out) {
     return zel::tessel3d::split_into_H8(x, c, out, {}, {});

@@ -88,7 +88,7 @@ void t3py::register_locate(py::module_& m) {
              return py::make_tuple(status, element);
            })
       .def("find_all", [](const t3::point_locator& self, py::array points, double tolerance) {
-        const zel::dense2D<double> p = matrix_view<double>(points, "points");
+        const zel::dense2D<double> p = t3py::private_matrix<double>(points, "points");
         py::array_t<unsigned> elements(static_cast<py::ssize_t>(p.cols()));
         zel::dense1D<unsigned, 8> found = vector_view<unsigned>(elements, "elements", true);
         int status;
@@ -100,8 +100,8 @@ void t3py::register_locate(py::module_& m) {
         return py::make_tuple(status, elements);
       });
   m.def("build_locator", [](py::array coords, py::array connect) {
-    const zel::dense2D<double> x = matrix_view<double>(coords, "coords");
-    const zel::dense2D<unsigned> c = matrix_view<unsigned>(connect, "connect");
+    const zel::dense2D<double> x = t3py::private_matrix<double>(coords, "coords");
+    const zel::dense2D<unsigned> c = t3py::private_matrix<unsigned>(connect, "connect");
     auto locator = std::make_unique<t3::point_locator>();
     int status;
     {
@@ -112,9 +112,9 @@ void t3py::register_locate(py::module_& m) {
     return py::make_tuple(status, py::cast(std::move(locator)));
   });
   m.def("interpolate_projected", [](py::array coords, py::array connect, py::array field, py::array nodes) {
-    const zel::dense2D<double> x = matrix_view<double>(coords, "coords");
-    const zel::dense2D<unsigned> c = matrix_view<unsigned>(connect, "connect");
-    const zel::dense1D<unsigned, 8> list = vector_view<unsigned>(nodes, "nodes");
+    const zel::dense2D<double> x = t3py::private_matrix<double>(coords, "coords");
+    const zel::dense2D<unsigned> c = t3py::private_matrix<unsigned>(connect, "connect");
+    const zel::dense1D<unsigned, 8> list = t3py::private_vector<unsigned>(nodes, "nodes");
     if (field.ndim() == 1) {
       zel::dense1D<double, 8> f = vector_view<double>(field, "field", true);
       py::gil_scoped_release release;
@@ -126,10 +126,10 @@ void t3py::register_locate(py::module_& m) {
   });
   m.def("interpolate_metrics_projected",
         [](py::array coords, py::array connect, py::array metrics, py::object nodes, bool keep_valid) {
-          const zel::dense2D<double> x = matrix_view<double>(coords, "coords");
-          const zel::dense2D<unsigned> c = matrix_view<unsigned>(connect, "connect");
+          const zel::dense2D<double> x = t3py::private_matrix<double>(coords, "coords");
+          const zel::dense2D<unsigned> c = t3py::private_matrix<unsigned>(connect, "connect");
           const bool listed = !nodes.is_none();
-          const zel::dense1D<unsigned, 8> list = t3py::optional_vector<unsigned>(nodes, "nodes");
+          const zel::dense1D<unsigned, 8> list = t3py::private_vector<unsigned>(nodes, "nodes");
           if (metrics.ndim() == 1) {
             zel::dense1D<double, 8> sizes = vector_view<double>(metrics, "metrics", true);
             py::gil_scoped_release release;
