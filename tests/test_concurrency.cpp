@@ -92,10 +92,10 @@ class shared_storage : public ::testing::TestWithParam<family_row> {};
 TEST_P(shared_storage, an_array_sharing_another_gives_what_a_copy_gives) {
   // The documented refusals of outputs that share memory (1: none).
   const std::string name = GetParam().name;
-  const int refusal = name == "dihedral_angles" || name == "solid_angles" ? -5
-                      : name == "split_solid_Q4"                          ? -6
-                      : name == "duplicate_surface_nodes"                 ? -2
-                                                                          : 1;
+  const int refusal = name.rfind("dihedral_angles", 0) == 0 || name.rfind("solid_angles", 0) == 0 ? -5
+                      : name.rfind("split_solid_Q4", 0) == 0                                      ? -6
+                      : name == "duplicate_surface_nodes"                                         ? -2
+                                                                                                  : 1;
   tessel3d_test::expect_same_on_shared_storage(GetParam(), refusal);
 }
 

@@ -172,7 +172,8 @@ TESSEL3D_EXPORT int solid_angles(const dense2D<double>& coords, const dense2D<un
 /// @param[out] degenerate  cleared first; on success the columns of the degenerate
 ///                         elements, ascending
 /// @return as dihedral_angles (checks in the same order), or -199 when `degenerate`
-///         cannot grow: every extreme is written and `degenerate` is left empty
+///         cannot grow: every extreme is written and `degenerate` is left empty; -6 when
+///         `degenerate` shares memory with minValues or maxValues (nothing written)
 TESSEL3D_EXPORT int dihedral_angles(const dense2D<double>& coords, const dense2D<unsigned>& connect, bool normalise,
                                     dense1D<double, 8>& minValues, dense1D<double, 8>& maxValues,
                                     dense1D<unsigned, 8>& degenerate);

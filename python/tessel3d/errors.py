@@ -234,31 +234,26 @@ TABLES = {
                                 absent_ok=True)),
         -7: ("points", 7, lambda a: "must be a (k, 3) array of points"
              + ("" if a.get("points") is None else f", not of shape {a['points'].shape}")),
-        -9: ("tolerance", 9, "must be a finite number"),
-        -199: (None, None, _MEMORY)},
+        -9: ("tolerance", 9, "must be a finite number")},
     "Locator/build": {
         -1: ("coords", 1, _coords()),
-        -2: ("connect", 2, "must be an (m, 4) array of tetrahedra with node IDs below the node count"),
-        -199: (None, None, _MEMORY)},
+        -2: ("connect", 2, "must be an (m, 4) array of tetrahedra with node IDs below the node count")},
     "Locator": {
         -1: ("points", 1, lambda a: "must be a (k, 3) array of points"
              + ("" if a.get("points") is None else f", not of shape {a['points'].shape}")),
         -2: ("connect", 2, "must be an (m, 4) array of tetrahedra with node IDs below the node count"),
-        -3: ("tolerance", 2, "must be a finite number"),
-        -199: (None, None, _MEMORY)},
+        -3: ("tolerance", 2, "must be a finite number")},
     "interpolate/projected": {
         -1: ("coords", 1, _coords()),
         -2: ("connect", 2, "must be an (m, 4) array of tetrahedra with node IDs below the node count"),
         -3: ("field", 3, "must have one row (or entry) per node"),
-        -4: ("nodes", 4, "must list node IDs below the node count"),
-        -199: (None, None, _MEMORY)},
+        -4: ("nodes", 4, "must list node IDs below the node count")},
     "interpolate_metrics/projected": {
         -1: ("coords", 1, _coords()),
         -2: ("connect", 2, "must be an (m, 4) array of tetrahedra with node IDs below the node count"),
         -3: ("metrics", 3, "must be an (n, 6) array of packed tensors (M11 M12 M22 M13 M23 M33) or an (n,) "
                            "array of sizes, one per node"),
-        -4: ("nodes", 4, "must list node IDs below the node count"),
-        -199: (None, None, _MEMORY)},
+        -4: ("nodes", 4, "must list node IDs below the node count")},
     "interpolate": {
         **_LOCATE_MESH,
         -5: ("field", 5, _shapes("must have one row (or entry) per node", "field", "coords")),

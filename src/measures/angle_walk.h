@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "common/element_tables.h"
+#include "common/shared_memory.h"
 #include "common/vec3.h"
 #include "measures/element_scale.h"
 #include "zel/matrix.h"
@@ -180,6 +181,16 @@ template <class Measure>
 int walk_checked_angles(const zel::dense2D<double>& coords, const zel::dense2D<unsigned>& connect, bool normalise,
                         zel::dense1D<double, 8>& min_values, zel::dense1D<double, 8>& max_values,
                         zel::dense1D<unsigned, 8>& degenerate) {
+  // Outputs in one buffer are refused; an input under an output is read from a copy.
+  if (share_memory(min_values, max_values)) return -5;
+  if (shares_with_any(degenerate, min_values, max_values)) return -6;
+  if (shares_with_any(min_values, coords, connect) || shares_with_any(max_values, coords, connect) ||
+      shares_with_any(degenerate, coords, connect)) {
+    zel::dense2D<double> own_coords;
+    zel::dense2D<unsigned> own_connect;
+    if (!own_coords.copy(coords) || !own_connect.copy(connect)) return -199;
+    return walk_checked_angles<Measure>(own_coords, own_connect, normalise, min_values, max_values, degenerate);
+  }
   degenerate.clear();
   const unsigned nb_nodes = static_cast<unsigned>(coords.cols());
   solid_kind pure_kind = kind_H8;
