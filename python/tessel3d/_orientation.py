@@ -21,10 +21,14 @@ def refuse_inverted(function, coords, connect):
     if not len(tetrahedra):
         return
     coords = np.asarray(coords)
-    if coords.ndim != 2 or coords.shape[1] != 3 or tetrahedra.max() >= len(coords):
+    if coords.ndim != 2 or coords.shape[1] != 3:
         return  # the call itself reports bad arguments
-    # a few first, so that a right mesh costs next to nothing
+    # A few first, so that a right mesh costs next to nothing. Each set is a private copy,
+    # checked before use: another thread may be writing the caller's array.
     for chosen in (tetrahedra[:64], tetrahedra):
+        chosen = np.array(chosen, dtype=np.int64)
+        if chosen.max() >= len(coords):
+            return  # the call itself reports bad IDs
         volumes = _six_volumes(coords, chosen)
         if not (volumes < 0).all():
             return
@@ -36,6 +40,6 @@ def refuse_inverted(function, coords, connect):
 
 def _six_volumes(coords, tetrahedra):
     """Six times the signed volumes in this library's TH4 convention."""
-    p = coords[tetrahedra.astype(np.intp)]
+    p = coords[tetrahedra]
     a, b, c = p[:, 0] - p[:, 3], p[:, 1] - p[:, 3], p[:, 2] - p[:, 3]
     return np.einsum("ij,ij->i", a, np.cross(b, c))

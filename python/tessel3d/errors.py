@@ -151,7 +151,9 @@ TABLES = {
                       -2: ("connect", 2, _ids("connect", "must list 4 node IDs per tetrahedron, each below the "
                                               "node count", (4,)))},
     "dihedral_angles": {-1: ("coords", 1, _coords()),
-                        -2: ("connect", 2, _ids("connect", _SOLIDS, (4, 5, 6, 8), absent_ok=(8,)))},
+                        -2: ("connect", 2, _ids("connect", _SOLIDS, (4, 5, 6, 8), absent_ok=(8,))),
+                        -5: ("max_values", 5, "must not share memory with min_values"),
+                        -6: ("degenerate", 6, "must not share memory with min_values or max_values")},
     "convert_into_high_order": {
         -1: ("coords", 1, _coords()),
         -2: ("connect", 2, _ids("connect", "must list 4 (TH4), 6 (W6) or 8 (mixed, H8) node IDs per element, "
@@ -235,6 +237,12 @@ TABLES = {
         -7: ("points", 7, lambda a: "must be a (k, 3) array of points"
              + ("" if a.get("points") is None else f", not of shape {a['points'].shape}")),
         -9: ("tolerance", 9, "must be a finite number")},
+    # The search that cannot miss, many points in one call (Python: Locator.find_all).
+    "locate_points": {
+        -1: ("coords", 1, _coords()),
+        -2: ("connect", 2, "must be an (m, 4) array of tetrahedra with node IDs below the node count"),
+        -3: ("points", 3, "must be a (k, 3) array of points"),
+        -5: ("tolerance", 5, "must be a finite number")},
     "Locator/build": {
         -1: ("coords", 1, _coords()),
         -2: ("connect", 2, "must be an (m, 4) array of tetrahedra with node IDs below the node count")},
@@ -246,7 +254,7 @@ TABLES = {
     "interpolate/projected": {
         -1: ("coords", 1, _coords()),
         -2: ("connect", 2, "must be an (m, 4) array of tetrahedra with node IDs below the node count"),
-        -3: ("field", 3, "must have one row (or entry) per node"),
+        -3: ("field", 3, _shapes("must have one row (or entry) per node", "field", "coords")),
         -4: ("nodes", 4, "must list node IDs below the node count")},
     "interpolate_metrics/projected": {
         -1: ("coords", 1, _coords()),
@@ -279,7 +287,8 @@ TABLES = {
         -2: ("connect", 2, _ids("connect", "must list 5 (PY5), 6 (W6) or 8 (H8, mixed) node IDs per element, "
                                 "each below the node count", (5, 6, 8), absent_ok=(8,))),
         -3: ("quads", 3, "must be an (m, 4) array of quadrangles with node IDs below the node count"),
-        -4: ("min_quality", 4, "must be a finite number")},
+        -4: ("min_quality", 4, "must be a finite number"),
+        -6: ("failed", 6, "must not share memory with connectOut")},
     "get_neighbors": {-1: ("connect", 1, _shapes("has a number of node IDs per element that does not fit type",
                                                  "connect")),
                       -2: ("type", 2, "must be TH4, PY5, W6, H8 or SOLID_MIX8")},
