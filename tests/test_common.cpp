@@ -1,4 +1,4 @@
-// Mesh model: version, element tables and the orientation flips.
+// Mesh model: the element tables and the orientation flips.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -52,20 +52,6 @@ std::vector<unsigned> flipped(Flip apply, dense2D<unsigned> c) {
 }
 
 }  // namespace
-
-TEST(version, is_the_release_string) { EXPECT_STREQ(t3::version(), "5.5.0.0"); }
-
-TEST(element_tables, rows_and_boundaries) {
-  const unsigned rows[25] = {0, 1, 2, 3, 4, 4, 9, 3, 6, 4, 8, 9, 8, 27, 4, 10, 5, 13, 14, 6, 15, 18, 8, 20, 27};
-  const unsigned faces[25] = {0, 0, 2, 2, 2, 4, 4, 3, 3, 4, 4, 4, 6, 6, 4, 4, 5, 5, 5, 5, 5, 5, 6, 6, 6};
-  for (int t = 0; t < 25; ++t) {
-    EXPECT_EQ(elfes::element_table[t].rows, rows[t]) << t;
-    EXPECT_EQ(elfes::element_table[t].boundary, faces[t]) << t;
-  }
-  EXPECT_EQ(zel::TH4, 14);
-  EXPECT_EQ(zel::SOLID_MIX8, 12);
-  EXPECT_EQ(zel::H27, 24);
-}
 
 TEST(element_tables, every_face_normal_points_into_the_reference_element) {
   // Reference elements of positive orientation.
