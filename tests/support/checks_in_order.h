@@ -17,6 +17,7 @@
 
 #include <functional>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "zel/matrix.h"
@@ -30,30 +31,18 @@ struct bad_argument {
   int status;
 };
 
-// Shapes and bytes of matrices, vectors and scalars: equal means unchanged, NaN included.
-inline void append_bytes(std::string& out, const void* p, std::size_t n) {
-  out.append(static_cast<const char*>(p), n);
-}
-template <class T>
-void append_bytes_of(std::string& out, const zel::dense2D<T>& m) {
-  const std::size_t shape[2] = {m.rows(), m.cols()};
-  append_bytes(out, shape, sizeof shape);
-  for (std::size_t j = 0; j < m.cols(); ++j) append_bytes(out, &m(0, j), m.rows() * sizeof(T));
-}
-template <class T>
-void append_bytes_of(std::string& out, const zel::dense1D<T, 8>& v) {
-  const std::size_t size = v.size();
-  append_bytes(out, &size, sizeof size);
-  if (size) append_bytes(out, v.data(), size * sizeof(T));
-}
-template <class T>
-void append_bytes_of(std::string& out, const T& scalar) {
-  append_bytes(out, &scalar, sizeof scalar);
-}
-template <class... M>
-std::string bytes_of(const M&... m) {
+// Shapes and entries of matrices, byte for byte: equal means unchanged, NaN included.
+template <class... T>
+std::string bytes_of(const zel::dense2D<T>&... m) {
   std::string out;
-  (append_bytes_of(out, m), ...);
+  const auto append = [&out](const auto& matrix) {
+    using entry = typename std::decay_t<decltype(matrix)>::value_type;
+    const std::size_t shape[2] = {matrix.rows(), matrix.cols()};
+    out.append(reinterpret_cast<const char*>(shape), sizeof shape);
+    for (std::size_t j = 0; j < matrix.cols() && matrix.rows(); ++j)
+      out.append(reinterpret_cast<const char*>(&matrix(0, j)), matrix.rows() * sizeof(entry));
+  };
+  (append(m), ...);
   return out;
 }
 
