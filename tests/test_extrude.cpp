@@ -6,10 +6,12 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "box_mesh.h"
+#include "checks_in_order.h"
 #include "extrude/extrude_core.h"
 #include "extrude/rotation.h"
 #include "family_table.h"
@@ -427,9 +429,6 @@ struct call_args {
       case Top_rows: Top = dense2D<unsigned>(5, 1, 0u); break;
     }
   }
-  std::vector<std::size_t> shapes() const {
-    return {coords.rows(), coords.cols(), E.rows(), E.cols(), E2.cols(), Q4.rows(), Q4.cols(), Top.rows(), Top.cols()};
-  }
 };
 
 struct form_codes {
@@ -502,29 +501,27 @@ const std::vector<form_codes>& status_table() {
 // A failing check writes nothing, nor does a call without layers or faces. The short
 // forms give the long forms' codes for the arguments they have.
 TEST(extrusion_status, every_code_in_validation_order_and_nothing_written) {
+  const auto untouched = [](const call_args& a) {
+    return tessel3d_test::bytes_of(a.coords, a.E, a.E2, a.Q4, a.Top);
+  };
   for (const form_codes& form : status_table())
     for (const bool is_short : {false, true}) {
-      const std::string name = std::string(form.name) + (is_short ? " short" : " long");
+      SCOPED_TRACE(std::string(form.name) + (is_short ? " short" : " long"));
       auto has = [&](bad b) { return !is_short || (b != E2_rows && b != Q4_rows && b != Top_rows); };
-      auto call = [&](call_args& a) { return is_short ? form.short_call(a) : form.call(a); };
-      call_args valid;
-      EXPECT_EQ(call(valid), 0) << name;
-      for (std::size_t i = 0; i < form.chain.size(); ++i) {
-        if (!has(form.chain[i].first)) continue;
-        call_args a;
-        for (std::size_t j = i; j < form.chain.size(); ++j)
-          if (has(form.chain[j].first)) a.apply(form.chain[j].first);
-        const std::vector<std::size_t> before = a.shapes();
-        EXPECT_EQ(call(a), form.chain[i].second) << name << ", bad argument " << form.chain[i].first;
-        EXPECT_EQ(a.shapes(), before) << name << ", bad argument " << form.chain[i].first;
-      }
+      const std::function<int(call_args&)> call = [&](call_args& a) {
+        return is_short ? form.short_call(a) : form.call(a);
+      };
+      std::vector<tessel3d_test::bad_argument<call_args>> chain;
+      for (const auto& [b, code] : form.chain)
+        if (has(b)) chain.push_back({std::to_string(b), [b = b](call_args& a) { a.apply(b); }, code});
+      tessel3d_test::expect_checks_in_order(chain, call, untouched);
       for (const auto& [set, code] : form.alone) {
         call_args a;
         for (bad b : set) a.apply(b);
-        const std::vector<std::size_t> before = a.shapes();
-        EXPECT_EQ(call(a), code) << name << ", bad argument " << set[0];
+        const std::string before = untouched(a);
+        EXPECT_EQ(call(a), code) << "bad argument " << set[0];
         if (code != 0 || a.n == 0 || a.S.cols() == 0) {
-          EXPECT_EQ(a.shapes(), before) << name << ", bad argument " << set[0];
+          EXPECT_TRUE(untouched(a) == before) << "bad argument " << set[0];
         }
       }
     }

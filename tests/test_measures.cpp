@@ -5,10 +5,13 @@
 #include <cmath>
 #include <limits>
 #include <numeric>
+#include <string>
 #include <tuple>
 #include <vector>
 
 #include "box_mesh.h"
+#include "checks_in_order.h"
+#include "failing_allocator.h"
 #include "family_table.h"
 #include "measures/angle_walk.h"
 #include "reference_volume.h"
@@ -173,28 +176,38 @@ TEST(volume, mixed_mesh_of_every_kind) {
   EXPECT_NEAR(volume_of(s.coords, s.connect), 4.0, 1e-12);
 }
 
+namespace {
+
+// One unit tetrahedron; `result` starts at 42 and reads 0 after any failure.
+struct volume_args {
+  box_mesh m = element({0, 0, 0, 0, 1, 0, 1, 0, 0, 0, 0, 1});
+  double result = 42.0;
+};
+
+bad_argument<volume_args> connectivity_of(std::initializer_list<unsigned> rows, int status) {
+  const dense2D<unsigned> c(rows.size(), 1, rows);
+  return {std::to_string(rows.size()) + " rows", [c](volume_args& a) { a.m.connect = c; }, status};
+}
+
+}  // namespace
+
 TEST(volume, status_codes_and_result_on_failure) {
-  const box_mesh m = make_box(box_kind::TH4, 1, 1, 1);
-  const dense2D<double> flat(2, m.coords.cols(), 0.0);
-  const dense2D<unsigned> bad_id(4, 1, {0, 1, unsigned(m.coords.cols()), 3}),
-      no_node(4, 1, {0, 1, absent, 3});  // absent nodes only belong to the mixed layout
-  const struct {
-    const dense2D<double>& coords;
-    dense2D<unsigned> connect;
-    int status;
-  } table[] = {{flat, dense2D<unsigned>(4, 0), 0},  // empty connectivity first: even malformed coordinates pass
-               {flat, m.connect, -1},
-               {flat, bad_id, -1},  // coordinates are checked before IDs
-               {m.coords, bad_id, -2},
-               {m.coords, no_node, -2},
-               {m.coords, dense2D<unsigned>(3, 2, 0u), -2},
-               {m.coords, dense2D<unsigned>(7, 2, 0u), -2},
-               {m.coords, dense2D<unsigned>(9, 2, 0u), -2}};
-  for (const auto& r : table) {
-    double v = 42.0;
-    EXPECT_EQ(t3::volume(r.coords, r.connect, v), r.status) << r.connect.rows();
-    EXPECT_EQ(v, 0.0);
-  }
+  const auto call = [](volume_args& a) {
+    const int status = t3::volume(a.m.coords, a.m.connect, a.result);
+    EXPECT_TRUE((status == 0 && !a.m.connect.empty()) || a.result == 0.0) << "result on failure";
+    return status;
+  };
+  const auto untouched = [](const volume_args& a) { return bytes_of(a.m.coords, a.m.connect); };
+  // An empty connectivity comes first: even malformed coordinates pass.
+  expect_checks_in_order<volume_args>(
+      {{"connectivity (empty)", [](volume_args& a) { a.m.connect = dense2D<unsigned>(4, 0); }, 0},
+       {"coords rows", [](volume_args& a) { a.m.coords = dense2D<double>(2, 4, 0.0); }, -1},
+       connectivity_of({0, 1, 4, 3}, -2)},
+      call, untouched);
+  for (const auto& alone : {connectivity_of({0, 1, absent, 3}, -2),  // ~0U only in the mixed layout
+                            connectivity_of({0, 1, 2}, -2), connectivity_of({0, 1, 2, 3, 0, 1, 2}, -2),
+                            connectivity_of({0, 1, 2, 3, 0, 1, 2, 3, 0}, -2)})
+    expect_checks_in_order<volume_args>({alone}, call, untouched);
   // An invalid ID anywhere (a column read four at a time, the last column) in every layout.
   for (int k = 0; k < 4; ++k) {
     const box_mesh b = make_box(static_cast<box_kind>(k), k == 0 ? 1 : 2, 1, 1);  // 6 TH4: 4 + 2
@@ -238,15 +251,25 @@ TEST(circumcenters, equidistant_from_the_nodes_of_positive_tets) {
 }
 
 TEST(circumcenters, status_codes_and_output_on_failure) {
-  const box_mesh m = element({0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 1});
-  dense2D<double> centers(3, 2, 9.0);
-  EXPECT_EQ(t3::circumcenters(dense2D<double>(2, 4), m.connect, centers), -1);
-  EXPECT_EQ(centers.rows() + centers.cols() + centers.ld(), 0u);
-  EXPECT_EQ(t3::circumcenters(m.coords, dense2D<unsigned>(3, 1, 0u), centers), -2);
-  EXPECT_EQ(t3::circumcenters(m.coords, dense2D<unsigned>(4, 1, 4u), centers), -2);
-  EXPECT_EQ(t3::circumcenters(m.coords, dense2D<unsigned>(3, 0), centers), -2);  // rows before emptiness
-  EXPECT_EQ(t3::circumcenters(m.coords, dense2D<unsigned>(4, 0), centers), 0);
-  EXPECT_TRUE(centers.rows() == 3 && centers.cols() == 0);
+  struct args {
+    box_mesh m = element({0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 1});
+    dense2D<double> centers{3, 2, 9.0};
+  };
+  expect_checks_in_order<args>(
+      {{"coords rows", [](args& a) { a.m.coords = dense2D<double>(2, 4); }, -1},
+       {"connectivity rows (before emptiness)", [](args& a) { a.m.connect = dense2D<unsigned>(3, 0); }, -2},
+       {"connectivity ID", [](args& a) { a.m.connect = dense2D<unsigned>(4, 1, 4u); }, -2},
+       {"connectivity (empty)", [](args& a) { a.m.connect = dense2D<unsigned>(4, 0); }, 0}},
+      [](args& a) {
+        const int status = t3::circumcenters(a.m.coords, a.m.connect, a.centers);
+        if (status != 0) {
+          EXPECT_EQ(a.centers.rows() + a.centers.cols() + a.centers.ld(), 0u) << "cleared";
+        } else {
+          EXPECT_TRUE(a.centers.rows() == 3 && a.centers.cols() == a.m.connect.cols());
+        }
+        return status;
+      },
+      [](const args& a) { return bytes_of(a.m.coords, a.m.connect); });
 }
 
 // ---- dihedral_angles, solid_angles ---------------------------------------------------------

@@ -4,12 +4,14 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <functional>
 #include <map>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "box_mesh.h"
+#include "checks_in_order.h"
 #include "reference_volume.h"
 #include "zel/tessel.h"
 #include "zel/tessel3d.h"
@@ -139,63 +141,77 @@ mesh copy_of(const mesh& original) {
   return m;
 }
 
+// A deep copy of c with entry (i, j) set to value.
+dense2D<unsigned> deep_with(const dense2D<unsigned>& c, std::size_t i, std::size_t j, unsigned value) {
+  dense2D<unsigned> d;
+  d.copy(c);
+  if (i < d.rows() && j < d.cols()) d(i, j) = value;
+  return d;
+}
+
 }  // namespace
 
 // ---- convert_into_high_order ------------------------------------------------------------
 
+namespace {
+
+// The conversion's arguments on the mixed mesh (11 nodes): an H8 whose quadrangle 0-1-2-3
+// the caller gives (q + 4(e + 1) = 9 rows) and whose edge 0-1 too (e + 2 = 3 rows).
+struct conversion_args {
+  mesh m = copy_of(mixed_mesh(true));
+  counts c{1, 1, 0, 1, 0, 0, 0};
+  dense2D<unsigned> faces{9, 1, {0, 1, 2, 3, 8, 8, 8, 8, 10}}, edges{3, 1, {0, 1, 8}}, high{2, 2, 7u};
+};
+using conversion_fault = tessel3d_test::bad_argument<conversion_args>;
+
+const std::vector<conversion_fault> conversion_checks = {
+    {"connectivity (empty)", [](conversion_args& a) { a.m.connect = dense2D<unsigned>(8, 0); }, 0},
+    {"counts (all 0)", [](conversion_args& a) { a.c = {0, 0, 0, 0, 0, 0, 0}; }, 0},
+    {"coords rows", [](conversion_args& a) { a.m.coords = dense2D<double>(2, 11, 0.0); }, -1},
+    {"connectivity ID", [](conversion_args& a) { a.m.connect = deep_with(a.m.connect, 3, 0, 11); }, -2},
+    {"q", [](conversion_args& a) { a.c.q = 2; }, -4},
+    {"t", [](conversion_args& a) { a.c.t = 2; }, -5},
+    {"h", [](conversion_args& a) { a.c.h = 64; }, -6},  // a cube, refused without options
+    {"w", [](conversion_args& a) { a.c.w = 2; }, -7},
+    {"n", [](conversion_args& a) { a.c.n = 2; }, -9},
+    {"faces", [](conversion_args& a) { a.faces(2, 0) = absent; }, -11},  // a corner of a quadrangle
+    {"edges", [](conversion_args& a) { a.edges(2, 0) = absent; }, -12}};
+
+// Faults that no chain holds: each on its own.
+const std::vector<conversion_fault> conversion_faults = {
+    {"5 rows", [](conversion_args& a) { a.m.connect = dense2D<unsigned>(5, 1, 0u); }, -2},
+    {"H8 without corner 7", [](conversion_args& a) { a.m.connect = deep_with(a.m.connect, 7, 0, absent); }, -2},
+    {"faces of 6 rows", [](conversion_args& a) { a.faces = dense2D<unsigned>(6, 1, {0, 1, 2, 8, 8, 8}); }, -11},
+    {"edges of 4 rows", [](conversion_args& a) { a.edges = dense2D<unsigned>(4, 1, 0u); }, -12}};
+
+}  // namespace
+
 TEST(convert_into_high_order, status_codes_in_order) {
-  const mesh base = mixed_mesh(true);
-  const unsigned nb = unsigned(base.coords.cols());
-  const dense2D<double> flat(2, nb, 0.0);
-  dense2D<unsigned> bad_id, missing_corner;
-  bad_id.copy(base.connect), missing_corner.copy(base.connect);
-  bad_id(3, 0) = nb;
-  missing_corner(7, 0) = absent;  // an H8 without its corner 7
-  // Faces of an 8-row mesh have q + 4(e + 1) rows; edges e + 2.
-  const dense2D<unsigned> no, face_t6(6, 1, {0, 1, 2, 8, 8, 8}), face_q8(9, 1, {0, 1, 2, 3, 8, 8, 8, 8, 10}),
-      face_bad(9, 1, {0, 1, absent, 3, 8, 8, 8, 8, 10}),  // a corner of a quadrangle
-      edge_ok(3, 1, {0, 1, 8}), edge_bad(3, 1, {0, 1, absent});
-  const counts quad{1, 1, 0, 1, 0, 0, 0};
-  const struct {
-    dense2D<double> coords;
-    dense2D<unsigned> connect;
-    counts c;
-    dense2D<unsigned> faces, edges;
-    int status;
-  } table[] = {{base.coords, dense2D<unsigned>(8, 0), quad, no, no, 0},
-               {flat, base.connect, {0, 0, 0, 0, 0, 0, 0}, no, no, 0},
-               {flat, bad_id, quad, no, no, -1},
-               {base.coords, dense2D<unsigned>(5, 1, 0u), quad, no, no, -2},
-               {base.coords, bad_id, {1, 2, 2, 1, 0, 0, 0}, no, no, -2},
-               {base.coords, missing_corner, quad, no, no, -2},
-               {base.coords, base.connect, {1, 2, 2, 1, 0, 0, 0}, no, no, -4},
-               {base.coords, base.connect, {1, 4, 2, 64, 0, 0, 0}, no, no, -5},
-               {base.coords, base.connect, {1, 4, 3, 64, 2, 0, 2}, no, no, -6},
-               {base.coords, base.connect, {1, 4, 3, 27, 2, 0, 2}, no, no, -7},
-               {base.coords, base.connect, {1, 4, 3, 27, 1, 9, 2}, no, no, -9},
-               {base.coords, base.connect, quad, face_t6, edge_bad, -11},
-               {base.coords, base.connect, quad, face_bad, edge_ok, -11},
-               {base.coords, base.connect, quad, face_q8, dense2D<unsigned>(4, 1, 0u), -12},
-               {base.coords, base.connect, quad, face_q8, edge_bad, -12},
-               {base.coords, base.connect, quad, face_q8, edge_ok, 0},
-               {base.coords, base.connect, {1, 4, 3, 27, 1, 9, 1}, no, no, 0}};  // h = 27 passes, p is free
-  // The form with options checks the same, except that h = 64 is a cube there.
   const t3::high_order_options conforming;
-  for (const auto& row : table)
-    for (const bool with_options : {false, true}) {
-      SCOPED_TRACE("row " + std::to_string(&row - table) + (with_options ? " with options" : ""));
-      mesh m = copy_of({row.coords, row.connect});
-      dense2D<unsigned> high(2, 2, 7u);
-      const counts& c = row.c;
-      const int status = with_options && row.status == -6 ? -7 : row.status;
-      EXPECT_EQ(with_options ? t3::convert_into_high_order(m.coords, m.connect, c.e, c.q, c.t, c.h, c.w, c.p, c.n, high,
-                                                           row.faces, row.edges, conforming)
-                             : convert(m, c, high, row.faces, row.edges),
-                status);
-      if (status != 0 || c.e + c.q + c.t + c.h + c.w + c.p + c.n == 0 || row.connect.empty()) {
-        EXPECT_TRUE(high.rows() + high.cols() == 0 && m.coords.cols() == row.coords.cols()) << "cleared, coords kept";
+  for (const bool with_options : {false, true}) {
+    SCOPED_TRACE(with_options ? "with options" : "without options");
+    const std::function<int(conversion_args&)> call = [&](conversion_args& a) {
+      const counts& c = a.c;
+      const int status = with_options ? t3::convert_into_high_order(a.m.coords, a.m.connect, c.e, c.q, c.t, c.h, c.w,
+                                                                    c.p, c.n, a.high, a.faces, a.edges, conforming)
+                                      : convert(a.m, c, a.high, a.faces, a.edges);
+      if (status != 0 || c.e + c.q + c.t + c.h + c.w + c.p + c.n == 0 || a.m.connect.empty()) {
+        EXPECT_TRUE(a.high.empty()) << "the output is cleared";
       }
-    }
+      return status;
+    };
+    const auto untouched = [](const conversion_args& a) { return tessel3d_test::bytes_of(a.m.coords); };
+    std::vector<conversion_fault> chain = conversion_checks;
+    if (with_options) chain[6].status = -7;  // h = 64 is a cube there: the next check fails
+    tessel3d_test::expect_checks_in_order<conversion_args>(chain, call, untouched);
+    for (const conversion_fault& fault : conversion_faults)
+      tessel3d_test::expect_checks_in_order<conversion_args>({fault}, call, untouched);
+    conversion_args any_p;  // h = 27 passes, p is free
+    any_p.c = {1, 4, 3, 27, 1, 9, 1};
+    any_p.faces.clear();
+    any_p.edges.clear();
+    EXPECT_EQ(call(any_p), 0);
+  }
 }
 
 // The corners first, then new IDs: one per distinct edge, face and element (counted by
@@ -348,35 +364,6 @@ TEST(convert_into_high_order, caller_triangle_among_quadrangle_faces) {
   EXPECT_EQ(high(12, 2), 3u);  // tetrahedron face (0, 1, 3)
   const entity_counts n = count_entities(mixed_mesh(false).connect);
   EXPECT_EQ(mixed.coords.cols(), 11 + n.edges + n.triangles - 1 + n.quadrangles);
-}
-
-TEST(convert_into_high_order, views_with_larger_leading_dimension) {
-  const auto box = make_box(box_kind::W6, 2, 2, 1, 1, 1, 1, 0.1, 3);
-  const dense2D<unsigned> edges(3, 1, {0, 1, 2}), faces(7, 1, {0, 1, 4, 3, 4, 5, 6});
-  // The fixed rule with the caller's nodes, and the conforming one with face grids (q = 4,
-  // t = 3) into a padded result.
-  for (const bool conforming : {false, true}) {
-    const counts c = conforming ? counts{3, 4, 3, 0, 1, 0, 0} : counts{1, 1, 1, 0, 1, 0, 0};
-    const dense2D<unsigned> no, padded_faces = padded_view(faces, 1, 0u), padded_edges = padded_view(edges, 4, 0u);
-    mesh plain = copy_of({box.coords, box.connect}),
-         view{padded_view(box.coords, 2, -7.0), padded_view(box.connect, 3, 0u)};
-    dense2D<unsigned> expected, high = padded_view(dense2D<unsigned>(2, 2, 7u), 5, 9u);
-    const t3::high_order_options options;
-    ASSERT_EQ(conforming ? t3::convert_into_high_order(plain.coords, plain.connect, c.e, c.q, c.t, c.h, c.w, c.p, c.n,
-                                                       expected, no, no, options)
-                         : convert(plain, c, expected, faces, edges),
-              0);
-    ASSERT_EQ(conforming ? t3::convert_into_high_order(view.coords, view.connect, c.e, c.q, c.t, c.h, c.w, c.p, c.n,
-                                                       high, no, no, options)
-                         : convert(view, c, high, padded_faces, padded_edges),
-              0);
-    ASSERT_TRUE(high.rows() == expected.rows() && high.cols() == expected.cols() &&
-                view.coords.cols() == plain.coords.cols());
-    for (std::size_t j = 0; j < high.cols(); ++j)
-      for (std::size_t i = 0; i < high.rows(); ++i) EXPECT_EQ(high(i, j), expected(i, j));
-    for (std::size_t j = 0; j < plain.coords.cols(); ++j)
-      for (std::size_t i = 0; i < 3; ++i) EXPECT_EQ(view.coords(i, j), plain.coords(i, j));
-  }
 }
 
 // ---- conforming face nodes ----------------------------------------------------------------
@@ -821,41 +808,38 @@ TEST(convert_into_linear, shared_buffer_is_left_to_the_other_views) {
 
 // ---- split_into_H8 ----------------------------------------------------------------------
 
+namespace {
+
+// The split's arguments on the mixed mesh without its pyramid: one caller face (the
+// quadrangle 0-1-2-3) and edge (0-1), and a connectivity of hexahedra to append to.
+struct split_args {
+  mesh m = copy_of(mixed_mesh(false));
+  dense2D<unsigned> hexahedra{8, 1, 0u}, faces{9, 1, {0, 1, 2, 3, 8, 8, 8, 8, 8}}, edges{3, 1, {0, 1, 8}};
+};
+using split_fault = tessel3d_test::bad_argument<split_args>;
+
+}  // namespace
+
 TEST(split_into_H8, status_codes_in_order) {
-  const mesh base = mixed_mesh(false);
-  const unsigned nb = unsigned(base.coords.cols());
-  const dense2D<double> flat(2, nb, 0.0);
-  dense2D<unsigned> bad_id;
-  bad_id.copy(base.connect);
-  bad_id(0, 1) = nb;
-  const dense2D<unsigned> no, h8(8, 1, 0u), h4(4, 1, 0u), q9(9, 1, {0, 1, 2, 3, 8, 8, 8, 8, 8}),
-      q9_triangle(9, 1, {0, 1, 2, 3, 8, 8, 8, 8, absent});
-  const struct {
-    dense2D<double> coords;
-    dense2D<unsigned> connect, hexahedra, faces, edges;
-    int status;
-  } table[] = {{flat, dense2D<unsigned>(8, 0), h4, no, no, 0},
-               {flat, bad_id, h4, no, no, -1},
-               {base.coords, bad_id, h4, no, no, -2},
-               {base.coords, base.connect, h4, q9_triangle, no, -3},
-               {base.coords, base.connect, h8, q9_triangle, no, -4},  // even the ~0U of a triangle
-               {base.coords, base.connect, h8, q9, dense2D<unsigned>(3, 1, {0, 1, nb}), -5},
-               {base.coords, mixed_mesh(true).connect, h8, no, no, -2},
-               {base.coords, dense2D<unsigned>(6, 1, {0, 1, 5, 4, 10, absent}), h8, no, no, -2},
-               {base.coords, base.connect, h8, dense2D<unsigned>(7, 1, 0u), no, -11},
-               {base.coords, base.connect, h8, q9, dense2D<unsigned>(2, 1, 0u), -12},
-               {base.coords, base.connect, h8, q9, dense2D<unsigned>(3, 1, {0, 1, 8}), 0}};
-  for (const auto& row : table) {
-    SCOPED_TRACE("row " + std::to_string(&row - table));
-    mesh m = copy_of({row.coords, row.connect});
-    dense2D<unsigned> hexahedra;
-    hexahedra.copy(row.hexahedra);
-    EXPECT_EQ(t3::split_into_H8(m.coords, m.connect, hexahedra, row.faces, row.edges), row.status);
-    if (row.status != 0) {
-      EXPECT_EQ(m.coords.cols(), row.coords.cols());
-      EXPECT_EQ(hexahedra.cols(), row.hexahedra.cols());
-    }
-  }
+  const std::vector<split_fault> chain = {
+      {"connectivity (empty)", [](split_args& a) { a.m.connect = dense2D<unsigned>(8, 0); }, 0},
+      {"coords rows", [](split_args& a) { a.m.coords = dense2D<double>(2, 11, 0.0); }, -1},
+      {"connectivity ID", [](split_args& a) { a.m.connect = deep_with(a.m.connect, 0, 1, 11); }, -2},
+      {"hexahedra rows", [](split_args& a) { a.hexahedra = dense2D<unsigned>(4, 1, 0u); }, -3},
+      {"faces", [](split_args& a) { a.faces(8, 0) = absent; }, -4},  // even the ~0U of a triangle
+      {"edges", [](split_args& a) { a.edges(2, 0) = 11; }, -5}};
+  const std::vector<split_fault> alone = {
+      {"a pyramid", [](split_args& a) { a.m.connect = mixed_mesh(true).connect; }, -2},
+      {"a pyramid in 6 rows", [](split_args& a) { a.m.connect = dense2D<unsigned>(6, 1, {0, 1, 5, 4, 10, absent}); },
+       -2},
+      {"faces of 7 rows", [](split_args& a) { a.faces = dense2D<unsigned>(7, 1, 0u); }, -11},
+      {"edges of 2 rows", [](split_args& a) { a.edges = dense2D<unsigned>(2, 1, 0u); }, -12}};
+  const std::function<int(split_args&)> call = [](split_args& a) {
+    return t3::split_into_H8(a.m.coords, a.m.connect, a.hexahedra, a.faces, a.edges);
+  };
+  const auto untouched = [](const split_args& a) { return tessel3d_test::bytes_of(a.m.coords, a.hexahedra); };
+  tessel3d_test::expect_checks_in_order<split_args>(chain, call, untouched);
+  for (const split_fault& fault : alone) tessel3d_test::expect_checks_in_order<split_args>({fault}, call, untouched);
 }
 
 // Hexahedra per element and new nodes (edges, faces, centre); every hexahedron positive,

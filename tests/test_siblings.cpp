@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "box_mesh.h"
+#include "checks_in_order.h"
 #include "common/element_tables.h"
 #include "failing_allocator.h"
 #include "zel/lapack.h"
@@ -698,18 +699,26 @@ TEST(normals, feature_angle_leaves_out_the_faces_beyond_it) {
 }
 
 TEST(normals, status_codes_in_order) {
+  struct args {
+    square sq{2};
+    dense2D<unsigned> faces = sq.triangles;
+    double angle = 0;
+    dense2D<double> n{1, 1, 42.0};
+  };
+  using fault = bad_argument<args>;
+  const auto call = [](args& a) { return zel::tessel2d::normals(a.sq.coords, a.faces, a.angle, true, a.n); };
+  const auto untouched = [](const args& a) { return bytes_of(a.n); };
+  expect_checks_in_order<args>({{"coords rows", [](args& a) { a.sq.coords = dense2D<double>(2, 9); }, -1},
+                                {"face ID", [](args& a) { a.faces = dense2D<unsigned>(3, 1, {0, 1, 9}); }, -2},
+                                {"angle NaN", [](args& a) { a.angle = nan_value; }, -3}},
+                               call, untouched);
+  for (const fault& alone : {fault{"faces of 5 rows", [](args& a) { a.faces = dense2D<unsigned>(5, 2); }, -2},
+                             fault{"~0U not in row 3", [](args& a) { a.faces = dense2D<unsigned>(4, 1, {0, absent, 4, 3}); },
+                                   -2},
+                             fault{"angle -1", [](args& a) { a.angle = -1; }, -3}})
+    expect_checks_in_order<args>({alone}, call, untouched);
   const square sq(2);
-  dense2D<double> n(1, 1, 42.0);
-  const snapshot<dense2D<double>> before(n);
-  const dense2D<unsigned> bad_corner(4, 1, {0, absent, 4, 3}),  // only corner 3 may be absent
-      too_big(3, 1, {0, 1, 9});                                 // == number of nodes
-  EXPECT_EQ(zel::tessel2d::normals(dense2D<double>(2, 9), too_big, -1, true, n), -1);
-  EXPECT_EQ(zel::tessel2d::normals(sq.coords, dense2D<unsigned>(5, 2), -1, true, n), -2);
-  EXPECT_EQ(zel::tessel2d::normals(sq.coords, bad_corner, -1, true, n), -2);
-  EXPECT_EQ(zel::tessel2d::normals(sq.coords, too_big, -1, true, n), -2);
-  EXPECT_EQ(zel::tessel2d::normals(sq.coords, sq.triangles, -1, true, n), -3);
-  EXPECT_EQ(zel::tessel2d::normals(sq.coords, sq.triangles, nan_value, true, n), -3);
-  before.expect_same(n);
+  dense2D<double> n;
   dense2D<double> lonely;  // node 9 in no face
   ASSERT_TRUE(lonely.copy(sq.coords) && lonely.resize(3, 10, 0.5));
   ASSERT_EQ(zel::tessel2d::normals(lonely, sq.mixed, M_PI, true, n), 0);

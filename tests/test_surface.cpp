@@ -1,7 +1,7 @@
 // Duplication of surface nodes: boxes of every solid kind cut by an internal plane,
 // checked against the copies each side must get and against the connected components
-// of the opened mesh, on plain matrices and on views with padding. Allocation failures
-// are checked by test_allocation_failures.
+// of the opened mesh. Allocation failures and views with padding are checked for every
+// family by test_allocation_failures and test_concurrency.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "box_mesh.h"
+#include "checks_in_order.h"
 #include "family_table.h"
 #include "zel/tessel3d.h"
 
@@ -171,14 +172,6 @@ void check_opening(const mesh& m, bool pos, bool neg, const std::set<unsigned>& 
   EXPECT_EQ(std::count_if(sides.begin(), sides.end(), [](const auto& s) { return s.second == 3; }),
             long((nx + 1) * (ny + 1) - copies[pos ? 0 : 1].size()));
   EXPECT_EQ(components(connect), excluded.empty() ? 2u : 1u);
-  // Views whose leading dimension exceeds their rows give the same.
-  mesh padded = m;
-  padded.neighbors = padded_view(m.neighbors, 3, 0u);
-  padded.surface = padded_view(m.surface, 1, 0u);
-  dense2D<double> padded_coords = padded_view(m.coords, 2, -7.0);
-  dense2D<unsigned> padded_connect = padded_view(m.connect, 2, 0u);
-  ASSERT_EQ(call(padded, padded_coords, padded_connect, ex, pos, neg), int(next - m.coords.cols()));
-  EXPECT_TRUE(same(padded_connect, connect) && same(padded_coords, coords));
 }
 
 }  // namespace
@@ -262,53 +255,48 @@ TEST(duplicate_surface_nodes, numbering_on_two_tetrahedra) {
                                                                    0, 1, 0, 1, 0, 0, 0, 0, 0})));
 }
 
+// On a TH4, an H8 and a mixed mesh (each type reads its surface in its own way).
 TEST(duplicate_surface_nodes, status_codes_in_order) {
-  const mesh m = make_cut_mesh(cases[0]);
-  const auto& c = m.coords;
-  const auto& t = m.connect;
-  const auto& nb = m.neighbors;
-  const auto& ne = m.node_element;
-  const auto& S = m.surface;
-  dense2D<unsigned> bad_t = deep(t), bad_nb = deep(nb), bad_S = deep(S);
-  bad_t(1, 3) = unsigned(c.cols());
-  bad_nb(0, 0) = unsigned(t.cols());
-  bad_S(2, 0) = unsigned(c.cols());
-  const dense2D<double> flat(2, c.cols());
-  const dense1D<unsigned, 8> short_ne(c.cols() / 2, 0u);
-  const dense2D<unsigned> none(4, 0), nb_cols = nb.sub_matrix(0, 0, 4, 5), nb_rows = nb.sub_matrix(0, 0, 3, nb.cols());
-  struct row {
-    int expected;
-    const dense2D<double>& coords;
-    const dense2D<unsigned>&connect, &neighbors;
-    const dense1D<unsigned, 8>& node_element;
-    dense2D<unsigned> surface;
-    bool pos, neg;
-    zel::element_type type;
-  };
-  // Each row breaks one argument and every argument checked after it.
-  const row rows[] = {
-      {0, flat, none, bad_nb, short_ne, bad_S, true, true, zel::W6},
-      {0, flat, bad_t, bad_nb, short_ne, {}, true, true, zel::W6},
-      {0, flat, bad_t, bad_nb, short_ne, bad_S, false, false, zel::W6},
-      {-1, flat, bad_t, bad_nb, short_ne, bad_S, true, false, zel::W6},
-      {-2, c, bad_t, bad_nb, short_ne, bad_S, true, false, zel::TH4},
-      {-2, c, dense2D<unsigned>(5, t.cols(), 0u), nb, ne, S, true, false, zel::TH4},
-      {-2, c, dense2D<unsigned>(7, 3, 0u), nb, ne, S, true, true, zel::SOLID_MIX8},
-      {-3, c, t, nb_cols, short_ne, bad_S, false, true, zel::TH4},
-      {-3, c, t, nb_rows, short_ne, bad_S, false, true, zel::TH4},
-      {-3, c, t, bad_nb, short_ne, bad_S, false, true, zel::TH4},
-      {-4, c, t, nb, short_ne, bad_S, true, true, zel::TH4},
-      {-5, c, t, nb, ne, bad_S, true, true, zel::TH4},
-      {-5, c, t, nb, ne, dense2D<unsigned>(4, S.cols(), 0u), true, true, zel::TH4},
-      {-9, c, t, nb, ne, S, true, true, zel::TH10},
-  };
-  for (const row& r : rows) {
-    dense2D<double> coords = deep(r.coords);
-    dense2D<unsigned> connect = deep(r.connect);
-    EXPECT_EQ(
-        duplicate_surface_nodes(coords, connect, r.neighbors, r.node_element, r.surface, {}, r.pos, r.neg, r.type),
-        r.expected)
-        << "row expecting " << r.expected;
-    EXPECT_TRUE(same(coords, r.coords) && same(connect, r.connect)) << "row expecting " << r.expected;
+  for (const cut_case& c : {cases[0], cases[1], cases[2]}) {
+    SCOPED_TRACE(c.name);
+    static mesh cut;
+    cut = make_cut_mesh(c);
+    struct args {
+      mesh m = cut;
+      dense2D<double> coords = deep(cut.coords);
+      dense2D<unsigned> connect = deep(cut.connect);
+      bool pos = true, neg = true;
+    };
+    using fault = bad_argument<args>;
+    const auto with = [](const dense2D<unsigned>& m, std::size_t i, std::size_t j, unsigned value) {
+      dense2D<unsigned> d = deep(m);
+      d(i, j) = value;
+      return d;
+    };
+    const auto nodes = unsigned(cut.coords.cols()), elements = unsigned(cut.connect.cols());
+    const std::vector<fault> chain = {
+        {"connectivity (empty)", [](args& a) { a.connect = dense2D<unsigned>(4, 0); }, 0},
+        {"surface (empty)", [](args& a) { a.m.surface = dense2D<unsigned>(); }, 0},
+        {"no side", [](args& a) { a.pos = a.neg = false; }, 0},
+        {"coords rows", [](args& a) { a.coords = dense2D<double>(2, a.coords.cols()); }, -1},
+        {"connectivity ID", [&](args& a) { a.connect = with(a.connect, 1, 3, nodes); }, -2},
+        {"neighbor", [&](args& a) { a.m.neighbors = with(a.m.neighbors, 0, 0, elements); }, -3},
+        {"node_element size", [](args& a) { a.m.node_element = dense1D<unsigned, 8>(a.coords.cols() / 2, 0u); }, -4},
+        {"surface ID", [&](args& a) { a.m.surface = with(a.m.surface, 2, 0, nodes); }, -5}};
+    std::vector<fault> alone = {
+        {"connectivity of 7 rows", [](args& a) { a.connect = dense2D<unsigned>(7, a.connect.cols(), 0u); }, -2},
+        {"neighbors columns", [](args& a) { a.m.neighbors = a.m.neighbors.sub_matrix(0, 0, a.m.neighbors.rows(), 5); },
+         -3},
+        {"neighbors rows", [](args& a) { a.m.neighbors = a.m.neighbors.sub_matrix(0, 0, 3, a.m.neighbors.cols()); },
+         -3},
+        {"surface of 5 rows", [](args& a) { a.m.surface = dense2D<unsigned>(5, a.m.surface.cols(), 0u); }, -5}};
+    if (c.type == zel::TH4) alone.push_back({"type TH10", [](args& a) { a.m.type = zel::TH10; }, -9});
+    const auto call = [](args& a) {
+      return duplicate_surface_nodes(a.coords, a.connect, a.m.neighbors, a.m.node_element, a.m.surface, {}, a.pos,
+                                     a.neg, a.m.type);
+    };
+    const auto untouched = [](const args& a) { return bytes_of(a.coords, a.connect); };
+    expect_checks_in_order<args>(chain, call, untouched);
+    for (const fault& f : alone) expect_checks_in_order<args>({f}, call, untouched);
   }
 }
