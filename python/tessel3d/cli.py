@@ -217,13 +217,14 @@ def cmd_info(args):
     return 0
 
 
-def angle_summary(coords, connect):
+def angle_summary(coords, connect, strict=False):
     """(min dihedral, max dihedral, min solid, max solid) per element, in degrees and
-    steradians."""
+    steradians. The checked forms unless strict: faces and corners without a direction
+    are left out of the extremes."""
     from . import measures
     with progress("measuring angles"):
-        dihedral = measures.dihedral_angles(coords, connect)
-        solid = measures.solid_angles(coords, connect)
+        dihedral = measures.dihedral_angles(coords, connect, strict=strict)
+        solid = measures.solid_angles(coords, connect, strict=strict)
     return dihedral.min * DEG, dihedral.max * DEG, solid.min, solid.max
 
 
@@ -239,18 +240,34 @@ def cmd_quality(args):
     kind, connect, parents = corner_solids(mesh)
     if connect is None:
         raise UserError(f"{args.input}: holds no solid elements")
-    dmin, dmax, smin, smax = angle_summary(mesh.coords, connect)
+    from . import measures
+    dmin, dmax, smin, smax = angle_summary(mesh.coords, connect, strict=args.strict)
+    # Flat and collapsed elements are counted and listed apart (the checked measures only):
+    # their angles say nothing about the shape of the others.
+    degenerate = np.zeros(len(connect), bool)
+    if not args.strict:
+        degenerate[measures.degenerate_elements(mesh.coords, connect)] = True
+    regular = ~degenerate
     print(f"{args.input}: {len(connect)} elements")
-    print(f"  minimum dihedral angle per element: {np.nanmin(dmin):.2f} - {np.nanmax(dmin):.2f} deg, "
-          f"mean {np.nanmean(dmin):.2f}")
-    print(f"  maximum dihedral angle per element: {np.nanmin(dmax):.2f} - {np.nanmax(dmax):.2f} deg")
-    print(f"  minimum solid angle per element: {np.nanmin(smin):.4f} - {np.nanmax(smin):.4f} sr")
-    print("  histogram of the minimum dihedral angles:")
-    print(histogram(dmin[np.isfinite(dmin)], args.bins, 0.0, 90.0))
+    if degenerate.any():
+        listed = np.flatnonzero(degenerate)
+        shown = ", ".join(str(i) for i in listed[:10]) + (", ..." if len(listed) > 10 else "")
+        print(f"  degenerate (flat or collapsed) elements: {len(listed)}, left out below: {shown}")
+    if not regular.any():
+        print("  no element with defined angles")
+    else:
+        rmin, rmax, rsmin = dmin[regular], dmax[regular], smin[regular]
+        print(f"  minimum dihedral angle per element: {np.nanmin(rmin):.2f} - {np.nanmax(rmin):.2f} deg, "
+              f"mean {np.nanmean(rmin):.2f}")
+        print(f"  maximum dihedral angle per element: {np.nanmin(rmax):.2f} - {np.nanmax(rmax):.2f} deg")
+        print(f"  minimum solid angle per element: {np.nanmin(rsmin):.4f} - {np.nanmax(rsmin):.4f} sr")
+        print("  histogram of the minimum dihedral angles:")
+        print(histogram(rmin[np.isfinite(rmin)], args.bins, 0.0, 90.0))
     if args.output:
         # the input as it is, each element with its angles (NaN for faces and edges)
         cells = Cells(mesh)
-        for key, values in (("min_dihedral", dmin), ("max_dihedral", dmax), ("min_solid", smin), ("max_solid", smax)):
+        for key, values in (("min_dihedral", dmin), ("max_dihedral", dmax), ("min_solid", smin), ("max_solid", smax),
+                            ("degenerate", degenerate.astype(float))):
             every = np.full(cells.count, np.nan)
             every[parents] = values
             mesh.cell_data[key] = {name: every[cells.index(name)] for name in mesh.cells}
@@ -731,6 +748,9 @@ def parser():
     s.add_argument("--output", "-o", help="write the mesh with the angles as cell data")
     s.add_argument("--bins", type=_number(int, 1, 10000), default=9, help="histogram bins over 0-90 degrees "
                    "(default 9)")
+    s.add_argument("--strict", action="store_true",
+                   help="the plain angle rules: no element counted apart, faces and corners without a direction "
+                   "folded into the extremes")
 
     s = command("crack", cmd_crack, "duplicate the nodes of an internal surface",
                 "Opens a solid mesh along an internal surface, given by a group of faces of the file or by a "

@@ -204,6 +204,18 @@ def test_quality_output_is_the_input_with_angles(capsys, tmp_path, meshes):
     np.testing.assert_array_equal(q.cell_data["weight"]["W6"], source.cell_data["weight"]["W6"])
 
 
+def test_quality_counts_flat_elements_apart(capsys, tmp_path):
+    # a right tetrahedron and a flat one (node 3 in the plane of the others)
+    coords = np.array([[0, 0, 0], [0, 1, 0], [1, 0, 0], [0, 0, 1], [0.25, 0.25, 0]], float)
+    path = tmp_path / "flat.vtu"
+    mio.write(str(path), mio.Mesh(coords, {"TH4": np.array([[0, 1, 2, 3], [0, 1, 2, 4]], np.uint32)}))
+    text = ok(capsys, "quality", path)
+    assert "degenerate (flat or collapsed) elements: 1, left out below: 1" in text
+    assert "minimum dihedral angle per element: 54.74 - 54.74 deg" in text  # the right one's 90 - 35.26 ... its min
+    strict = ok(capsys, "quality", path, "--strict")
+    assert "degenerate" not in strict and "0.00 - 54.74 deg" in strict
+
+
 def _unit_quadratic(kind):
     """One positive element of a quadratic type, nodes where the library places them."""
     from conftest import UNIT

@@ -15,7 +15,6 @@ using zel::tessel::NO_ELEMENT;
 using zel::tessel::NOT_FOUND;
 using zel::tessel::OUT_OF_MEMORY;
 
-constexpr unsigned absent = ABSENT;  // the kernels' short name for a position without a node
 
 using element_info = zel::tessel::element_record;
 inline constexpr const auto& element_table = zel::tessel::element_records;

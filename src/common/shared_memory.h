@@ -9,6 +9,7 @@
 #include <functional>
 #include <tuple>
 
+#include "common/element_tables.h"
 #include "zel/matrix.h"
 
 namespace elfes {
@@ -54,7 +55,7 @@ template <class Call, class... In>
 int with_private_copies(const Call& call, const In&... in) {
   std::tuple<In...> own;
   const bool copied = std::apply([&](In&... o) { return (o.copy(in) && ...); }, own);
-  return copied ? std::apply(call, own) : -199;
+  return copied ? std::apply(call, own) : OUT_OF_MEMORY;
 }
 
 }  // namespace elfes

@@ -15,6 +15,7 @@
 #include <cmath>
 #include <cstdint>
 
+#include "common/element_tables.h"
 #include "locate/point_order.h"
 #include "zel/matrix.h"
 
@@ -38,7 +39,7 @@ struct box_tree {
     depth = 0;
     zel::dense1D<double, 8> centres;
     zel::dense1D<unsigned, 8> kept;  // 1 for an item with a finite box
-    if (!centres.resize(3 * count) || !kept.resize(count, 0u)) return -199;
+    if (!centres.resize(3 * count) || !kept.resize(count, 0u)) return OUT_OF_MEMORY;
     for (std::size_t i = 0; i < count; ++i) {
       double b[6];
       box_of(static_cast<unsigned>(i), b);
@@ -48,14 +49,14 @@ struct box_tree {
       for (unsigned d = 0; d < 3; ++d) centres[3 * i + d] = finite ? 0.5 * b[d] + 0.5 * b[d + 3] : 0.0;
     }
     order_records order;
-    auto id_of = [&](std::size_t i) { return kept[i] ? static_cast<unsigned>(i) : ~0U; };
-    if (spatial_order(centres.data(), 3, count, id_of, order) != 0) return -199;
+    auto id_of = [&](std::size_t i) { return kept[i] ? static_cast<unsigned>(i) : NOT_FOUND; };
+    if (spatial_order(centres.data(), 3, count, id_of, order) != 0) return OUT_OF_MEMORY;
     const std::size_t m = order.size();
     while (((m + (std::size_t(1) << depth) - 1) >> depth) > leaf_size) ++depth;
     const std::size_t nb_nodes = (std::size_t(2) << depth) - 1;
     if (!items.resize(m) || !nodes.resize(node_values * nb_nodes)) {
       items.clear();
-      return -199;
+      return OUT_OF_MEMORY;
     }
     for (std::size_t k = 0; k < m; ++k) items[k] = record_id(order[k]);
     fill(0, 0, m, 0, box_of);

@@ -67,10 +67,10 @@ int elements_around_node(unsigned n, unsigned e0, const zel::dense2D<unsigned>& 
                          const zel::dense2D<unsigned>& neighbors, const FacesWithNode& faces_with_node,
                          zel::dense1D<unsigned, 8>& elements, element_set& visited) {
   elements.clear();
-  if (e0 == ~0U) return 0;
-  if (!visited.reset(23, 23, 1.0)) return -199;
+  if (e0 == NO_ELEMENT) return 0;
+  if (!visited.reset(23, 23, 1.0)) return OUT_OF_MEMORY;
   zel::dense1D<unsigned, 8> stack;
-  if (visited.insert_growing(hash_key(e0), e0) == element_set::npos || !stack.push_back(e0)) return -199;
+  if (visited.insert_growing(hash_key(e0), e0) == element_set::npos || !stack.push_back(e0)) return OUT_OF_MEMORY;
 
   const unsigned* conn = connectivity.data();
   const std::size_t ld_conn = connectivity.ld();
@@ -81,15 +81,15 @@ int elements_around_node(unsigned n, unsigned e0, const zel::dense2D<unsigned>& 
     stack.resize(stack.size() - 1);
     const unsigned mask = faces_with_node(conn + e * ld_conn, n);
     if (mask == 0) return 1;
-    if (!elements.push_back(e)) return -199;
+    if (!elements.push_back(e)) return OUT_OF_MEMORY;
     const unsigned* across = nbrs + e * ld_nbrs;
     for (unsigned f = 8; f-- > 0;) {  // at most six faces
       if (!(mask & (1u << f))) continue;
       const unsigned next = across[f];
-      if (next == ~0U) continue;
+      if (next == NO_ELEMENT) continue;
       bool added = false;
-      if (visited.insert_growing(hash_key(next), next, &added) == element_set::npos) return -199;
-      if (added && !stack.push_back(next)) return -199;
+      if (visited.insert_growing(hash_key(next), next, &added) == element_set::npos) return OUT_OF_MEMORY;
+      if (added && !stack.push_back(next)) return OUT_OF_MEMORY;
     }
   }
   return 0;

@@ -13,7 +13,7 @@ int get_element_containing_point(const dense2D<double>& coords, const dense2D<un
                                  const dense2D<unsigned>& neighbors, const dense1D<unsigned, 8>& node_element,
                                  const tessel::node_detector& detector, element_type type,
                                  const vector_fixed<double, 3>& point, unsigned& element, double tolerance) {
-  element = ~0U;
+  element = tessel::NOT_FOUND;
   if (const int status = elfes::check_search_arguments(coords, connectivity, neighbors, node_element, type))
     return status;
   // An infinite or undefined tolerance would accept every point.
@@ -24,7 +24,7 @@ int get_element_containing_point(const dense2D<double>& coords, const dense2D<un
   const int r = elfes::locate_point(coords, connectivity, neighbors, node_element, detector, point, element,
                                     tolerance, true, scratch);
   if (r == 1) return 1;
-  element = ~0U;
+  element = tessel::NOT_FOUND;
   return r == -2 ? 0 : r;
 }
 

@@ -25,7 +25,7 @@ int get_elements_containing_points(const dense2D<double>& coords, const dense2D<
     dense1D<unsigned, 8> own_node_element;
     if (!own_coords.copy(coords) || !own_points.copy(points) || !own_connectivity.copy(connectivity) ||
         !own_neighbors.copy(neighbors) || !own_node_element.copy(node_element))
-      return -199;
+      return tessel::OUT_OF_MEMORY;
     return get_elements_containing_points(own_coords, own_connectivity, own_neighbors, own_node_element, detector, type,
                                           own_points, elements, tolerance);
   }
@@ -37,8 +37,8 @@ int get_elements_containing_points(const dense2D<double>& coords, const dense2D<
   // An infinite or undefined tolerance would accept every point.
   if (!std::isfinite(tolerance)) return -9;
   if (!elfes::is_searched_mesh(connectivity, type)) {
-    if (!elements.resize(nb_points)) return -199;
-    std::fill(elements.begin(), elements.end(), ~0U);
+    if (!elements.resize(nb_points)) return tessel::OUT_OF_MEMORY;
+    std::fill(elements.begin(), elements.end(), tessel::NOT_FOUND);
     return 0;
   }
 
@@ -46,7 +46,7 @@ int get_elements_containing_points(const dense2D<double>& coords, const dense2D<
   const std::size_t ld = points.ld();
   elfes::order_records order;
   if (elfes::spatial_order(xyz, ld, nb_points, [](std::size_t k) { return static_cast<unsigned>(k); }, order) != 0)
-    return -199;
+    return tessel::OUT_OF_MEMORY;
 
   // Each record's key is replaced by the point's element once searched, so that nothing
   // is written to `elements` before every search has got through.
@@ -57,18 +57,18 @@ int get_elements_containing_points(const dense2D<double>& coords, const dense2D<
       elfes::prefetch(xyz + elfes::record_id(order[k + elfes::prefetch_distance]) * ld);
     const unsigned j = elfes::record_id(order[k]);
     const double* p = xyz + j * ld;
-    unsigned element = ~0U;
+    unsigned element = tessel::NOT_FOUND;
     const int r = elfes::locate_point(coords, connectivity, neighbors, node_element, detector,
                                       vector_fixed<double, 3>(p[0], p[1], p[2]), element, tolerance, true, scratch);
-    if (r == -199) return -199;
+    if (r == tessel::OUT_OF_MEMORY) return tessel::OUT_OF_MEMORY;
     if (r == -1) met_invalid = true;
     if (r != 1) {
-      element = ~0U;
+      element = tessel::NOT_FOUND;
       missed |= r != -1;
     }
     order[k] = std::uint64_t(element) << 32 | j;
   }
-  if (!elements.resize(nb_points)) return -199;
+  if (!elements.resize(nb_points)) return tessel::OUT_OF_MEMORY;
   unsigned* out = elements.data();
   for (std::size_t k = 0; k < nb_points; ++k) out[elfes::record_id(order[k])] = static_cast<unsigned>(order[k] >> 32);
   return met_invalid ? -1 : missed ? 0 : 1;

@@ -23,9 +23,9 @@ int interpolate_field(const dense2D<double>& coords, const dense2D<unsigned>& co
                       const field_view& field, const dense1D<unsigned, 8>& nodes) {
   if (field.components == 0) return 0;
   elfes::node_placement placement(coords, connectivity, neighbors, node_element);
-  if (placement.build() != 0) return -199;
+  if (placement.build() != 0) return tessel::OUT_OF_MEMORY;
   elfes::order_records order;
-  if (elfes::free_nodes_in_order(coords, connectivity, node_element, nodes, order) != 0) return -199;
+  if (elfes::free_nodes_in_order(coords, connectivity, node_element, nodes, order) != 0) return tessel::OUT_OF_MEMORY;
   const unsigned* conn = connectivity.data();
   for (std::size_t k = 0; k < order.size(); ++k) {
     elfes::prefetch_node_ahead(order, k, coords, [&](unsigned ahead) { return field.at(ahead); });
@@ -43,7 +43,7 @@ int interpolate_field(const dense2D<double>& coords, const dense2D<unsigned>& co
       const double* f3 = field.at(column[3]);
       for (std::size_t c = 0; c < field.components; ++c)
         out[c] = f3[c] + lambda[0] * (f0[c] - f3[c]) + lambda[1] * (f1[c] - f3[c]) + lambda[2] * (f2[c] - f3[c]);
-    } else if (where != ~0U) {
+    } else if (where != tessel::NOT_FOUND) {
       const double* from = field.at(where);
       for (std::size_t c = 0; c < field.components; ++c) out[c] = from[c];
     }

@@ -49,9 +49,9 @@ int interpolate_each(const dense2D<double>& coords, const dense2D<unsigned>& con
                      const dense2D<unsigned>& neighbors, const dense1D<unsigned, 8>& node_element, Metrics& metrics,
                      const dense1D<unsigned, 8>& nodes, bool keep_valid) {
   elfes::node_placement placement(coords, connectivity, neighbors, node_element);
-  if (placement.build() != 0) return -199;
+  if (placement.build() != 0) return tessel::OUT_OF_MEMORY;
   elfes::order_records order;
-  if (elfes::free_nodes_in_order(coords, connectivity, node_element, nodes, order) != 0) return -199;
+  if (elfes::free_nodes_in_order(coords, connectivity, node_element, nodes, order) != 0) return tessel::OUT_OF_MEMORY;
   for (std::size_t k = 0; k < order.size(); ++k) {
     elfes::prefetch_node_ahead(order, k, coords, [&](unsigned ahead) { return metrics.at(ahead); });
     const unsigned n = elfes::record_id(order[k]);
@@ -62,7 +62,7 @@ int interpolate_each(const dense2D<double>& coords, const dense2D<unsigned>& con
     if (r < 0) return r;
     if (r == 1)
       metrics.combine(connectivity.data() + where * connectivity.ld(), lambda, n);
-    else if (where != ~0U)
+    else if (where != tessel::NOT_FOUND)
       metrics.copy(where, n);
   }
   return 0;
@@ -104,7 +104,7 @@ int interpolate_metrics(const dense2D<double>& coords, const dense2D<unsigned>& 
         },
         coords, connectivity, neighbors, node_element);
   dense1D<unsigned, 8> nodes;
-  if (!every_node(coords, nodes)) return -199;
+  if (!every_node(coords, nodes)) return tessel::OUT_OF_MEMORY;
   return interpolate_metrics(coords, connectivity, neighbors, node_element, metrics, nodes, keep_valid);
 }
 
@@ -135,7 +135,7 @@ int interpolate_metrics(const dense2D<double>& coords, const dense2D<unsigned>& 
         },
         coords, connectivity, neighbors, node_element);
   dense1D<unsigned, 8> nodes;
-  if (!every_node(coords, nodes)) return -199;
+  if (!every_node(coords, nodes)) return tessel::OUT_OF_MEMORY;
   return interpolate_metrics(coords, connectivity, neighbors, node_element, metrics, nodes, keep_valid);
 }
 

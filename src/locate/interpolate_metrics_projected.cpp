@@ -41,7 +41,7 @@ int interpolate_each(const dense2D<double>& coords, const dense2D<unsigned>& con
                      const dense1D<unsigned, 8>& nodes, bool keep_valid) {
   point_locator locator;
   elfes::order_records order;
-  if (elfes::prepare_projection(coords, connectivity, nodes, locator, order) != 0) return -199;
+  if (elfes::prepare_projection(coords, connectivity, nodes, locator, order) != 0) return tessel::OUT_OF_MEMORY;
   for (std::size_t k = 0; k < order.size(); ++k) {
     const unsigned n = elfes::record_id(order[k]);
     if (keep_valid && metrics.is_valid(n)) continue;
@@ -88,7 +88,7 @@ int interpolate_metrics_projected(const dense2D<double>& coords, const dense2D<u
 int interpolate_metrics_projected(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
                                   dense2D<double>& metrics, bool keep_valid) {
   dense1D<unsigned, 8> nodes;
-  if (!every_node(coords, nodes)) return -199;
+  if (!every_node(coords, nodes)) return tessel::OUT_OF_MEMORY;
   return interpolate_metrics_projected(coords, connectivity, metrics, nodes, keep_valid);
 }
 
@@ -105,7 +105,7 @@ int interpolate_metrics_projected(const dense2D<double>& coords, const dense2D<u
 int interpolate_metrics_projected(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
                                   dense1D<double, 8>& metrics, bool keep_valid) {
   dense1D<unsigned, 8> nodes;
-  if (!every_node(coords, nodes)) return -199;
+  if (!every_node(coords, nodes)) return tessel::OUT_OF_MEMORY;
   return interpolate_metrics_projected(coords, connectivity, metrics, nodes, keep_valid);
 }
 

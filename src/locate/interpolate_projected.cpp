@@ -13,7 +13,7 @@ int interpolate_field(const dense2D<double>& coords, const dense2D<unsigned>& co
   if (components == 0) return 0;
   point_locator locator;
   elfes::order_records order;
-  if (elfes::prepare_projection(coords, connectivity, nodes, locator, order) != 0) return -199;
+  if (elfes::prepare_projection(coords, connectivity, nodes, locator, order) != 0) return tessel::OUT_OF_MEMORY;
   const unsigned* conn = connectivity.data();
   for (std::size_t k = 0; k < order.size(); ++k) {
     const unsigned n = elfes::record_id(order[k]);

@@ -9,6 +9,7 @@
 
 #include <cmath>
 
+#include "common/element_tables.h"
 #include "locate/elements_around_node.h"
 #include "locate/visibility_walk.h"
 #include "zel/matrix.h"
@@ -65,10 +66,10 @@ int locate_point(const zel::dense2D<double>& coords, const zel::dense2D<unsigned
   // A point with a coordinate that is not finite lies in no element (and no walk
   // could aim at it).
   if (!(std::isfinite(p[0]) && std::isfinite(p[1]) && std::isfinite(p[2]))) {
-    element = ~0U;
+    element = NO_ELEMENT;
     return 0;
   }
-  if (element == ~0U) {
+  if (element == NO_ELEMENT) {
     const unsigned n = search.find_close(point);
     // Entries that are no element (~0U, or out of range in a caller's bad input) give no seed.
     if (n >= node_element.size() || node_element[n] >= nb_elements) return 0;
@@ -77,16 +78,16 @@ int locate_point(const zel::dense2D<double>& coords, const zel::dense2D<unsigned
   std::size_t steps = 0;
   int r = visibility_walk(coords, connectivity, neighbors, p, element, tolerance, steps);
   if (r != 0) {
-    if (r != 1) element = ~0U;
+    if (r != 1) element = NO_ELEMENT;
     return r;
   }
-  element = ~0U;
+  element = NO_ELEMENT;
   if (!second_chance) return 0;
 
   const unsigned n = search.find_closest(point);
   if (n >= node_element.size() || node_element[n] >= nb_elements) return 0;
   if (elements_around_node(n, node_element[n], connectivity, neighbors, scratch.around, scratch.visited) < 0)
-    return -199;
+    return OUT_OF_MEMORY;
   // Every walk would leave the mesh (or stop at its limit): the same answer, at once.
   if (scratch.around.size() > long_second_chance && no_element_holds(coords, connectivity, p, tolerance, scratch))
     return 0;
@@ -94,7 +95,7 @@ int locate_point(const zel::dense2D<double>& coords, const zel::dense2D<unsigned
     element = scratch.around[k];
     r = visibility_walk(coords, connectivity, neighbors, p, element, tolerance, steps);
   }
-  if (r != 1) element = ~0U;
+  if (r != 1) element = NO_ELEMENT;
   return r;
 }
 

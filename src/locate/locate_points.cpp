@@ -14,7 +14,7 @@ int locate_points(const dense2D<double>& coords, const dense2D<unsigned>& connec
   if (points.rows() != 3 || points.cols() > std::size_t(~0U)) return -3;
   if (!std::isfinite(tolerance)) return -5;
   point_locator locator;
-  if (locator.build(coords, connectivity) != 0) return -199;
+  if (locator.build(coords, connectivity) != 0) return tessel::OUT_OF_MEMORY;
   return locator.find(points, elements, tolerance);
 }
 

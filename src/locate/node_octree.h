@@ -27,6 +27,7 @@
 #include <cstdint>
 #include <limits>
 
+#include "common/element_tables.h"
 #include "zel/matrix.h"
 
 namespace elfes {
@@ -45,26 +46,26 @@ class node_octree {
     xyz_ = coords_.data();
     ld_ = coords_.ld();
     cells_.clear();
-    if (!cells_.reserve(8, 64, 1) || !cells_.resize(8, 1, 0u)) return -199;
+    if (!cells_.reserve(8, 64, 1) || !cells_.resize(8, 1, 0u)) return OUT_OF_MEMORY;
 
     zel::dense1D<unsigned, 8> nodes;
-    if (!collect_nodes(connectivity, nodes)) return -199;
+    if (!collect_nodes(connectivity, nodes)) return OUT_OF_MEMORY;
     set_cube(nodes);
     for (std::size_t k = 0; k < nodes.size(); ++k) {
       const double* x = xyz_ + nodes[k] * ld_;
-      if (in_cube(x) && !insert(nodes[k], x)) return -199;
+      if (in_cube(x) && !insert(nodes[k], x)) return OUT_OF_MEMORY;
     }
     return 0;
   }
 
   unsigned find_close(const zel::vector_fixed<double, 3>& point) const {
     const double* p = point.data();
-    if (!in_cube(p)) return ~0U;
+    if (!in_cube(p)) return NOT_FOUND;
     const query q = scaled_query(p);
     std::uint32_t key[3];
     integer_position(p, key);
     box b = root_box(), parent_box = b;
-    unsigned cell = 0, parent = ~0U, child = 0, depth = 0;
+    unsigned cell = 0, parent = NOT_FOUND, child = 0, depth = 0;
     while (depth < crowd_depth && is_inner(cell)) {
       parent = cell;
       parent_box = b;
@@ -74,16 +75,16 @@ class node_octree {
       ++depth;
     }
     double best = infinity();
-    unsigned found = ~0U;
+    unsigned found = NOT_FOUND;
     nearest_in_crowd(cell, q, best, found);  // a leaf, or the whole crowd of a position
-    if (found != ~0U) return found;
-    if (parent != ~0U) {
+    if (found != NOT_FOUND) return found;
+    if (parent != NOT_FOUND) {
       // Siblings differing in one bit, in two bits, then in all three.
       static const unsigned flips[7] = {1, 2, 4, 6, 5, 3, 7};
       for (unsigned flip : flips) {
         const unsigned sibling = child ^ flip;
         nearest_in(child_cell(parent, sibling), child_box(parent_box, sibling, depth - 1), depth, q, best, found);
-        if (found != ~0U) return found;
+        if (found != NOT_FOUND) return found;
       }
     }
     return find_closest(point);
@@ -93,7 +94,7 @@ class node_octree {
   /// another to it).
   unsigned find_closest(const zel::vector_fixed<double, 3>& point) const {
     double best = infinity();
-    unsigned found = ~0U;
+    unsigned found = NOT_FOUND;
     if (!finite(point.data())) return found;
     nearest_in(0, root_box(), 0, scaled_query(point.data()), best, found);
     return found;
@@ -211,10 +212,10 @@ class node_octree {
   // `count` new empty leaves, the index of the first; ~0U when memory runs out.
   unsigned new_cells(unsigned count) {
     const std::size_t first = cells_.cols(), wanted = first + count;
-    if (wanted >= inner_flag) return ~0U;
+    if (wanted >= inner_flag) return NOT_FOUND;
     const std::size_t room = cells_.storage() ? cells_.storage()->capacity() / 8 : 0;
-    if (wanted > room && !cells_.reserve(8, 2 * wanted, 1)) return ~0U;
-    if (!cells_.resize(8, wanted, 0u)) return ~0U;
+    if (wanted > room && !cells_.reserve(8, 2 * wanted, 1)) return NOT_FOUND;
+    if (!cells_.resize(8, wanted, 0u)) return NOT_FOUND;
     return static_cast<unsigned>(first);
   }
 
@@ -243,7 +244,7 @@ class node_octree {
   // child 1 for a crowd, whose nodes have no bit left to tell them apart).
   bool split(unsigned cell, unsigned depth) {
     const unsigned first = new_cells(8);
-    if (first == ~0U) return false;
+    if (first == NOT_FOUND) return false;
     unsigned* words = cells_.data() + cell * std::size_t(8);
     unsigned moved[leaf_size];
     for (unsigned k = 0; k < leaf_size; ++k) moved[k] = words[1 + k];
@@ -277,7 +278,7 @@ class node_octree {
       if (!is_inner(child) && append(cells_.data() + child * std::size_t(8), node)) return true;
     }
     const unsigned first = new_cells(8);
-    if (first == ~0U) return false;
+    if (first == NOT_FOUND) return false;
     unsigned* words = cells_.data() + cell * std::size_t(8);
     unsigned* below = cells_.data() + first * std::size_t(8);
     for (unsigned k = 0; k < 8; ++k) {

@@ -4,6 +4,7 @@
 // search fails).
 #pragma once
 
+#include "common/element_tables.h"
 #include "locate/locate_point.h"
 #include "locate/node_octree.h"
 #include "locate/point_order.h"
@@ -41,11 +42,11 @@ inline int check_placement_mesh(const zel::dense2D<double>& coords, const zel::d
 inline int free_nodes_in_order(const zel::dense2D<double>& coords, const zel::dense2D<unsigned>& connectivity,
                                const zel::dense1D<unsigned, 8>& node_element, const zel::dense1D<unsigned, 8>& nodes,
                                order_records& records) {
-  auto free_node = [&](std::size_t k) { return node_element[nodes[k]] == ~0U ? nodes[k] : ~0U; };
+  auto free_node = [&](std::size_t k) { return node_element[nodes[k]] == NO_ELEMENT ? nodes[k] : NO_ELEMENT; };
   zel::dense1D<unsigned, 8> written;  // one bit per node
-  if (!written.resize((coords.cols() + 31) / 32, 0u)) return -199;
+  if (!written.resize((coords.cols() + 31) / 32, 0u)) return OUT_OF_MEMORY;
   for (std::size_t k = 0; k < nodes.size(); ++k)
-    if (free_node(k) != ~0U) written[nodes[k] >> 5] |= 1u << (nodes[k] & 31);
+    if (free_node(k) != NO_ELEMENT) written[nodes[k] >> 5] |= 1u << (nodes[k] & 31);
   bool read_after_write = false;
   const unsigned* column = connectivity.data();
   for (std::size_t e = 0; e < connectivity.cols() && !read_after_write; ++e, column += connectivity.ld())
@@ -54,7 +55,7 @@ inline int free_nodes_in_order(const zel::dense2D<double>& coords, const zel::de
 
   records.clear();
   for (std::size_t k = 0; k < nodes.size(); ++k)
-    if (free_node(k) != ~0U && !records.push_back(free_node(k))) return -199;
+    if (free_node(k) != NO_ELEMENT && !records.push_back(free_node(k))) return OUT_OF_MEMORY;
   return 0;
 }
 
@@ -92,10 +93,10 @@ class node_placement {
   int place(unsigned n, unsigned& where, double* lambda) {
     const double* p = coords_.data() + n * coords_.ld();
     const zel::vector_fixed<double, 3> point(p[0], p[1], p[2]);
-    where = ~0U;
+    where = NOT_FOUND;
     const int r = locate_point(coords_, connectivity_, neighbors_, node_element_, tree_, point, where, tolerance,
                                true, scratch_);
-    if (r == -199) return -199;
+    if (r == OUT_OF_MEMORY) return OUT_OF_MEMORY;
     if (r != 1) {
       where = tree_.find_closest(point);
       return 0;

@@ -57,34 +57,34 @@ int point_locator::build(const dense2D<double>& coords, const dense2D<unsigned>&
   if (coords.rows() != 3) return -1;
   if (connectivity.rows() != 4) return -2;
   const std::size_t nb_elements = connectivity.cols();
-  if (nb_elements >= (std::size_t(1) << 30)) return -199;  // face items 4 e + f must fit in 32 bits
+  if (nb_elements >= (std::size_t(1) << 30)) return tessel::OUT_OF_MEMORY;  // face items 4 e + f must fit in 32 bits
 
   // The copies are checked, not the caller's matrices, which another thread might change
   // in between (from Python).
   point_locator built;
-  if (!built.coords_.copy(coords) || !built.connectivity_.copy(connectivity)) return -199;
+  if (!built.coords_.copy(coords) || !built.connectivity_.copy(connectivity)) return tessel::OUT_OF_MEMORY;
   if (!tessel::check_IDs(built.connectivity_, TH4, unsigned(coords.cols()))) return -2;
-  if (tessel::get_neighbors(built.connectivity_, TH4, built.neighbors_) != 0) return -199;
-  if (tessel::get_node_element(built.connectivity_, unsigned(coords.cols()), built.node_element_) != 0) return -199;
+  if (tessel::get_neighbors(built.connectivity_, TH4, built.neighbors_) != 0) return tessel::OUT_OF_MEMORY;
+  if (tessel::get_node_element(built.connectivity_, unsigned(coords.cols()), built.node_element_) != 0) return tessel::OUT_OF_MEMORY;
   dense1D<unsigned, 8> used;
   for (std::size_t n = 0; n < built.node_element_.size(); ++n)
-    if (built.node_element_[n] != ~0U && !used.push_back(unsigned(n))) return -199;
+    if (built.node_element_[n] != tessel::NO_ELEMENT && !used.push_back(unsigned(n))) return tessel::OUT_OF_MEMORY;
   built.nodes_ = tessel::node_detector(built.coords_, used);
   std::size_t held = 0;  // the detector leaves out nodes with a NaN coordinate, and fails silently
   const dense2D<double>& x0 = built.coords_;
   for (unsigned n : used) held += !std::isnan(x0(0, n)) && !std::isnan(x0(1, n)) && !std::isnan(x0(2, n));
-  if (built.nodes_.size() != held) return -199;
+  if (built.nodes_.size() != held) return tessel::OUT_OF_MEMORY;
 
   const dense2D<double>& x = built.coords_;
   const dense2D<unsigned>& t = built.connectivity_;
   elfes::box_tree elements;
   auto element_box = [&](unsigned e, double* box) { box_of_nodes(th4_nodes(x, t, e).node, 4, box); };
-  if (elements.build(nb_elements, element_box) != 0) return -199;
+  if (elements.build(nb_elements, element_box) != 0) return tessel::OUT_OF_MEMORY;
 
   dense1D<unsigned, 8> faces;  // boundary faces as 4 e + f
   for (std::size_t e = 0; e < nb_elements; ++e)
     for (unsigned f = 0; f < 4; ++f)
-      if (built.neighbors_(f, e) == ~0U && !faces.push_back(unsigned(4 * e + f))) return -199;
+      if (built.neighbors_(f, e) == tessel::NO_ELEMENT && !faces.push_back(unsigned(4 * e + f))) return tessel::OUT_OF_MEMORY;
   elfes::box_tree boundary;
   auto face_box = [&](unsigned k, double* box) {
     const unsigned item = faces[k];
@@ -93,7 +93,7 @@ int point_locator::build(const dense2D<double>& coords, const dense2D<unsigned>&
     for (unsigned i = 0; i < 3; ++i) corner[i] = element.node[elfes::th4_faces[item & 3u][i]];
     box_of_nodes(corner, 3, box);
   };
-  if (boundary.build(faces.size(), face_box) != 0) return -199;
+  if (boundary.build(faces.size(), face_box) != 0) return tessel::OUT_OF_MEMORY;
   for (std::size_t k = 0; k < boundary.items.size(); ++k) boundary.items[k] = faces[boundary.items[k]];
 
   built.element_items_ = elements.items;
@@ -108,13 +108,13 @@ int point_locator::build(const dense2D<double>& coords, const dense2D<unsigned>&
 }
 
 int point_locator::find(const vector_fixed<double, 3>& point, unsigned& element, double tolerance) const {
-  element = ~0U;
+  element = tessel::NO_ELEMENT;
   if (!std::isfinite(tolerance)) return -3;
   const double* p = point.data();
   if (!finite3(p) || connectivity_.cols() == 0) return 0;
 
   const unsigned n = nodes_.find_close(point);
-  if (n < node_element_.size() && node_element_[n] != ~0U) {
+  if (n < node_element_.size() && node_element_[n] != tessel::NO_ELEMENT) {
     unsigned current = node_element_[n];
     std::size_t steps = 0;
     if (elfes::visibility_walk(coords_, connectivity_, neighbors_, p, current, tolerance, steps, walk_steps) == 1) {
@@ -142,7 +142,7 @@ int point_locator::find(const dense2D<double>& points, dense1D<unsigned, 8>& ele
   const std::size_t ld = points.ld();
   elfes::order_records order;
   if (elfes::spatial_order(xyz, ld, nb_points, [](std::size_t k) { return static_cast<unsigned>(k); }, order) != 0)
-    return -199;
+    return tessel::OUT_OF_MEMORY;
   bool missed = false;
   for (std::size_t k = 0; k < nb_points; ++k) {
     if (k + elfes::prefetch_distance < nb_points)
@@ -153,14 +153,14 @@ int point_locator::find(const dense2D<double>& points, dense1D<unsigned, 8>& ele
     missed |= find(vector_fixed<double, 3>(p[0], p[1], p[2]), element, tolerance) != 1;
     order[k] = std::uint64_t(element) << 32 | j;  // written once every point is searched
   }
-  if (!elements.resize(nb_points)) return -199;
+  if (!elements.resize(nb_points)) return tessel::OUT_OF_MEMORY;
   for (std::size_t k = 0; k < nb_points; ++k) elements[elfes::record_id(order[k])] = unsigned(order[k] >> 32);
   return missed ? 0 : 1;
 }
 
 int point_locator::weights(const vector_fixed<double, 3>& point, unsigned& element,
                            vector_fixed<double, 4>& lambda) const {
-  element = ~0U;
+  element = tessel::NO_ELEMENT;
   const double* p = point.data();
   if (!finite3(p)) return 0;
   // Exactly inside first: a point inside one element may lie within the tolerance of its
@@ -171,14 +171,14 @@ int point_locator::weights(const vector_fixed<double, 3>& point, unsigned& eleme
   if (inside || find(point, element, weights_tolerance) == 1) {
     elfes::th4_weights(th4_nodes(coords_, connectivity_, element).node, p, lambda.data());
     bool across_boundary = false;
-    for (unsigned k = 0; k < 4; ++k) across_boundary |= !inside && lambda[k] < 0 && neighbors_(k, element) == ~0U;
+    for (unsigned k = 0; k < 4; ++k) across_boundary |= !inside && lambda[k] < 0 && neighbors_(k, element) == tessel::NO_ELEMENT;
     if (!across_boundary) {
       double sum = 0;
       for (unsigned k = 0; k < 4; ++k) sum += lambda[k] = std::fmin(std::fmax(lambda[k], 0.0), 1.0);
       for (unsigned k = 0; k < 4; ++k) lambda[k] /= sum;  // sum >= 1 - 3e-9: one weight at least is large
       return 1;
     }
-    element = ~0U;
+    element = tessel::NO_ELEMENT;
   }
   // The nearest boundary face, distances taken relative to the point (and scaled when
   // they would overflow).
@@ -191,11 +191,11 @@ int point_locator::weights(const vector_fixed<double, 3>& point, unsigned& eleme
     return elfes::closest_on_triangle(corner[0], corner[1], corner[2], w);
   };
   double best = INFINITY, w[3];
-  unsigned found = ~0U;
+  unsigned found = tessel::NO_ELEMENT;
   tree_view(face_items_, face_nodes_, face_depth_)
       .nearest([&](unsigned item) { return face_distance2(item, w); }, [&](const double* box) { return q.gap2(box); },
                best, found);
-  if (found == ~0U) return 0;
+  if (found == tessel::NO_ELEMENT) return 0;
   face_distance2(found, w);
   element = found >> 2;
   const unsigned face = found & 3u;

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <utility>
 
+#include "common/element_tables.h"
 #include "zel/matrix.h"
 
 namespace elfes {
@@ -74,7 +75,7 @@ int spatial_order(const double* xyz, std::size_t ld, std::size_t count, const Id
   std::size_t chosen = 0;
   for (std::size_t k = 0; k < count; ++k) {
     const unsigned id = id_of(k);
-    if (id == ~0U) continue;
+    if (id == NOT_FOUND) continue;
     ++chosen;
     const double* x = xyz + id * ld;
     if (!std::isfinite(x[0]) || !std::isfinite(x[1]) || !std::isfinite(x[2])) continue;
@@ -83,7 +84,7 @@ int spatial_order(const double* xyz, std::size_t ld, std::size_t count, const Id
       if (x[d] > hi[d]) hi[d] = x[d];
     }
   }
-  if (!records.resize(chosen)) return -199;
+  if (!records.resize(chosen)) return OUT_OF_MEMORY;
   // Cubic cells over the largest extent; a finite extent too large to divide (1e308
   // across) or none at all puts every finite point in the first cell.
   double extent = 0;
@@ -93,7 +94,7 @@ int spatial_order(const double* xyz, std::size_t ld, std::size_t count, const Id
   std::uint64_t* record = records.data();
   for (std::size_t k = 0; k < count; ++k) {
     const unsigned id = id_of(k);
-    if (id == ~0U) continue;
+    if (id == NOT_FOUND) continue;
     const double* x = xyz + id * ld;
     std::uint32_t key = non_finite_key;
     if (std::isfinite(x[0]) && std::isfinite(x[1]) && std::isfinite(x[2])) {
@@ -108,7 +109,7 @@ int spatial_order(const double* xyz, std::size_t ld, std::size_t count, const Id
   }
   if (!sort_records_by_key(records)) {
     records.clear();
-    return -199;
+    return OUT_OF_MEMORY;
   }
   return 0;
 }

@@ -3,6 +3,7 @@
 // element) in an order along their positions.
 #pragma once
 
+#include "common/element_tables.h"
 #include "locate/node_placement.h"
 #include "zel/tessel3d.h"
 
@@ -22,9 +23,9 @@ inline int check_projection_mesh(const zel::dense2D<double>& coords, const zel::
 inline int prepare_projection(const zel::dense2D<double>& coords, const zel::dense2D<unsigned>& connectivity,
                               const zel::dense1D<unsigned, 8>& nodes, zel::tessel3d::point_locator& locator,
                               order_records& order) {
-  if (locator.build(coords, connectivity) != 0) return -199;
+  if (locator.build(coords, connectivity) != 0) return OUT_OF_MEMORY;
   zel::dense1D<unsigned, 8> node_element;
-  if (!node_element.resize(coords.cols())) return -199;
+  if (!node_element.resize(coords.cols())) return OUT_OF_MEMORY;
   for (std::size_t n = 0; n < coords.cols(); ++n) node_element[n] = locator.element_of_node(unsigned(n));
   return free_nodes_in_order(coords, connectivity, node_element, nodes, order);
 }

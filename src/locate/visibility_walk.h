@@ -7,6 +7,7 @@
 
 #include <cstdint>
 
+#include "common/element_tables.h"
 #include "locate/th4_exit_face.h"
 #include "zel/matrix.h"
 
@@ -40,7 +41,7 @@ inline int visibility_walk(const zel::dense2D<double>& coords, const zel::dense2
   std::uint32_t state = 1, word = 0;
   unsigned draws_left = 0;
   for (;;) {
-    if (current == ~0U) break;
+    if (current == NO_ELEMENT) break;
     if (steps++ >= limit) break;
     if (draws_left == 0) {
       state = walk_seed_step(state);
@@ -55,20 +56,20 @@ inline int visibility_walk(const zel::dense2D<double>& coords, const zel::dense2
     const int face = TH4_exit_face(xyz, ld_xyz, column, p, tolerance, first);
     if (face == th4_inside) return 1;
     if (face == th4_invalid) {
-      current = ~0U;
+      current = NO_ELEMENT;
       return steps == nb_elements ? -2 : -1;
     }
     const unsigned* across = nbrs + current * ld_nbrs;
     unsigned next = across[face];
     // A boundary face: look for another face through which p lies outside, without
     // spending a step or a draw.
-    for (unsigned k = 1; k <= 3 && next == ~0U; ++k) {
+    for (unsigned k = 1; k <= 3 && next == NO_ELEMENT; ++k) {
       const int retry = TH4_exit_face(xyz, ld_xyz, column, p, tolerance, (first + k) & 3u);
       if (retry >= 0) next = across[retry];
     }
     current = next;
   }
-  current = ~0U;
+  current = NO_ELEMENT;
   return steps == nb_elements ? -2 : 0;
 }
 

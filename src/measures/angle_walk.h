@@ -188,7 +188,7 @@ int walk_checked_angles(const zel::dense2D<double>& coords, const zel::dense2D<u
       shares_with_any(degenerate, coords, connect)) {
     zel::dense2D<double> own_coords;
     zel::dense2D<unsigned> own_connect;
-    if (!own_coords.copy(coords) || !own_connect.copy(connect)) return -199;
+    if (!own_coords.copy(coords) || !own_connect.copy(connect)) return OUT_OF_MEMORY;
     return walk_checked_angles<Measure>(own_coords, own_connect, normalise, min_values, max_values, degenerate);
   }
   degenerate.clear();
@@ -229,7 +229,7 @@ int walk_checked_angles(const zel::dense2D<double>& coords, const zel::dense2D<u
   }
   if (listed) return 0;
   degenerate.clear();
-  return -199;
+  return OUT_OF_MEMORY;
 }
 
 }  // namespace elfes

@@ -64,7 +64,7 @@ struct dihedral_measure {
       const unsigned* v = solid.faces[f];
       // A pyramid base or wedge side without its fourth node (mixed layout) is a triangle.
       const bool triangle =
-          solid.face_size[f] == 3 || (Reader::may_be_absent && kind != kind_H8 && column[v[3]] == absent);
+          solid.face_size[f] == 3 || (Reader::may_be_absent && kind != kind_H8 && column[v[3]] == ABSENT);
       normal[f] =
           triangle ? triangle_normal(p[v[0]], p[v[1]], p[v[2]]) : quadrangle_normal(p[v[0]], p[v[1]], p[v[2]], p[v[3]]);
       squared[f] = dot(normal[f], normal[f]);
@@ -99,7 +99,7 @@ struct checked_dihedral_measure {
 #pragma GCC unroll 6
     for (unsigned f = 0; f < solid.nb_faces; ++f) {
       const unsigned* v = solid.faces[f];
-      const bool triangle = solid.face_size[f] == 3 || (may_be_absent && kind != kind_H8 && column[v[3]] == absent);
+      const bool triangle = solid.face_size[f] == 3 || (may_be_absent && kind != kind_H8 && column[v[3]] == ABSENT);
       const vec3 n =
           triangle ? triangle_normal(p[v[0]], p[v[1]], p[v[2]]) : quadrangle_normal(p[v[0]], p[v[1]], p[v[2]], p[v[3]]);
       const double length = std::sqrt(dot(n, n));

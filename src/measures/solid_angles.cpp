@@ -186,7 +186,7 @@ int solid_angles(const dense2D<double>& coords, const dense2D<unsigned>& connect
   if (elfes::shares_with_any(minValues, coords, connect) || elfes::shares_with_any(maxValues, coords, connect)) {
     dense2D<double> own_coords;
     dense2D<unsigned> own_connect;
-    if (!own_coords.copy(coords) || !own_connect.copy(connect)) return -199;
+    if (!own_coords.copy(coords) || !own_connect.copy(connect)) return tessel::OUT_OF_MEMORY;
     return elfes::walk_angles<solid_measure>(own_coords, own_connect, normalise, minValues, maxValues);
   }
   return elfes::walk_angles<solid_measure>(coords, connect, normalise, minValues, maxValues);

@@ -17,14 +17,12 @@ namespace zel {
 namespace tessel3d {
 namespace {
 
-using elfes::absent;
 using elfes::solid_descriptor;
 using elfes::solid_kind;
 using elfes::solid_table;
 using edge_map = elfes::hash_table<elfes::map_entry<elfes::edge2, unsigned>>;
 using face_map = elfes::hash_table<elfes::map_entry<elfes::face_mix, unsigned>>;
 
-constexpr int no_memory = -199;
 constexpr std::uint64_t id_limit = 0xFFFFFFFFull;  // node IDs stay below the absent marker
 
 struct node_counts {
@@ -77,7 +75,7 @@ struct conversion {
 
 // ---- checks -------------------------------------------------------------------------------
 
-bool present(const unsigned* column, std::size_t row) { return column[row] != absent; }
+bool present(const unsigned* column, std::size_t row) { return column[row] != tessel::ABSENT; }
 
 // Counts the kinds, refusing columns with an absent vertex.
 bool count_kinds(conversion& cv) {
@@ -110,7 +108,7 @@ bool faces_valid(conversion& cv) {
   if (!tessel::check_IDs(f, static_cast<unsigned>(cv.nb_nodes))) return false;
   const unsigned* column = f.data();
   for (std::size_t j = 0; j < f.cols(); ++j, column += f.ld()) {
-    const bool triangle = !cv.faces_quad_form || column[rows - 1] == absent;
+    const bool triangle = !cv.faces_quad_form || column[rows - 1] == tessel::ABSENT;
     const unsigned corners = triangle ? 3 : 4, inside = triangle ? cv.c.t : cv.c.q;
     for (unsigned i = 0; i < corners; ++i)
       if (!present(column, i)) return false;
@@ -191,7 +189,7 @@ bool kind_has_face_nodes(const conversion& cv, unsigned kind) {
 
 // The key of face f of a column: its corners in the local face order.
 elfes::face_mix face_key(const unsigned* column, const solid_descriptor& d, unsigned f) {
-  elfes::face_mix key{{column[d.faces[f][0]], column[d.faces[f][1]], column[d.faces[f][2]], absent}};
+  elfes::face_mix key{{column[d.faces[f][0]], column[d.faces[f][1]], column[d.faces[f][2]], tessel::ABSENT}};
   if (d.face_size[f] == 4) key.node[3] = column[d.faces[f][3]];
   return key;
 }
@@ -324,7 +322,7 @@ void write_face_run(unsigned* row, unsigned first, unsigned count, const elfes::
     row[0] = first;
     return;
   }
-  const unsigned n = stored.node[3] == absent ? 3 : 4;
+  const unsigned n = stored.node[3] == tessel::ABSENT ? 3 : 4;
   const bool reversed = elfes::compare_keys(stored, mine) == -1;
   unsigned r = 0;
   while (r < n && (reversed ? stored.node[n - 1 - r] : stored.node[r]) != mine.node[0]) ++r;
@@ -346,7 +344,7 @@ constexpr int quadrangle_corner_at[4][2] = {{0, 0}, {1, 0}, {1, 1}, {0, 1}};
 // order.
 void write_face_grid(unsigned* row, unsigned first, unsigned count, unsigned side, const elfes::face_mix& stored,
                      const elfes::face_mix& mine) {
-  const unsigned n = stored.node[3] == absent ? 3 : 4;
+  const unsigned n = stored.node[3] == tessel::ABSENT ? 3 : 4;
   unsigned at[4] = {0, 0, 0, 0};  // at[c]: the stored position of the element's corner c
   unsigned seen = 0;              // bit s: stored corner s is some element corner
   for (unsigned c = 0; c < n; ++c) {
@@ -399,9 +397,9 @@ bool number_faces(conversion& cv) {
   const std::uint64_t e = cv.c.e;
   const unsigned* column = f.data();
   for (std::size_t j = 0; j < f.cols(); ++j, column += f.ld()) {
-    const bool triangle = !cv.faces_quad_form || column[f.rows() - 1] == absent;
+    const bool triangle = !cv.faces_quad_form || column[f.rows() - 1] == tessel::ABSENT;
     if ((triangle ? cv.c.t : cv.c.q) == 0) continue;  // nothing of it can be reused
-    const elfes::face_mix key{{column[0], column[1], column[2], triangle ? absent : column[3]}};
+    const elfes::face_mix key{{column[0], column[1], column[2], triangle ? tessel::ABSENT : column[3]}};
     const unsigned first = column[(triangle ? 3 : 4) * (e + 1)];
     const std::size_t pos = map.insert_growing(elfes::hash_key(key), {key, first});
     if (pos == map.npos) return false;
@@ -452,7 +450,7 @@ bool number_faces(conversion& cv) {
 unsigned edge_first(const conversion& cv, unsigned a, unsigned b) {
   const elfes::edge2 key{{a, b}};
   const std::size_t pos = cv.edge_nodes.find(elfes::hash_key(key), key);
-  return pos == cv.edge_nodes.end() ? absent : cv.edge_nodes.value(pos).second;
+  return pos == cv.edge_nodes.end() ? tessel::ABSENT : cv.edge_nodes.value(pos).second;
 }
 
 // New edge nodes equally spaced on the straight edge, from the end the edge was first
@@ -499,7 +497,7 @@ void place_face_nodes(conversion& cv) {
     const auto& entry = map.value(pos);
     if (entry.second < cv.nb_nodes) continue;  // a caller's face keeps its nodes
     const unsigned* corner = entry.first.node;
-    const unsigned n = corner[3] == absent ? 3 : 4;
+    const unsigned n = corner[3] == tessel::ABSENT ? 3 : 4;
     unsigned node[8] = {corner[0], corner[1], corner[2], corner[3]};
     bool curved = false;
     if (cv.caller_edges) {
@@ -625,14 +623,14 @@ int convert(conversion& cv) {
   if (const int status = check_arguments(cv)) return status;
   make_layouts(cv);
   cv.next_node = cv.nb_nodes;
-  if (!cv.connectH.resize(output_rows(cv), cv.connectM.cols(), absent) || !number_edges(cv)) {
+  if (!cv.connectH.resize(output_rows(cv), cv.connectM.cols(), tessel::ABSENT) || !number_edges(cv)) {
     cv.connectH.clear();
-    return no_memory;
+    return tessel::OUT_OF_MEMORY;
   }
   if (!cv.caller_edges) cv.edge_nodes = edge_map();  // only curved faces look edges up again
   if (!number_faces(cv)) {
     cv.connectH.clear();
-    return no_memory;
+    return tessel::OUT_OF_MEMORY;
   }
   const std::uint64_t total = cv.next_node + std::uint64_t(c.n) * cv.nb_kind[elfes::kind_TH4] +
                               std::uint64_t(c.p) * cv.nb_kind[elfes::kind_PY5] +
@@ -640,7 +638,7 @@ int convert(conversion& cv) {
                               std::uint64_t(c.h) * cv.nb_kind[elfes::kind_H8];
   if (total > id_limit || !cv.coords.resize(3, total, 0.0)) {
     cv.connectH.clear();
-    return no_memory;
+    return tessel::OUT_OF_MEMORY;
   }
   place_edge_nodes(cv);
   place_face_nodes(cv);
@@ -656,7 +654,7 @@ int convert_into_high_order(dense2D<double>& coords, const dense2D<unsigned>& co
                             const dense2D<unsigned>& faces, const dense2D<unsigned>& edges) {
   if (elfes::shares_with_any(connectH, connectM, faces, edges) || elfes::shares_with_any(coords, connectM, faces, edges)) {
     dense2D<unsigned> own_connect, own_faces, own_edges;  // connectH is cleared first
-    if (!own_connect.copy(connectM) || !own_faces.copy(faces) || !own_edges.copy(edges)) return no_memory;
+    if (!own_connect.copy(connectM) || !own_faces.copy(faces) || !own_edges.copy(edges)) return tessel::OUT_OF_MEMORY;
     return convert_into_high_order(coords, own_connect, nodes_per_edge, nodes_in_Q4, nodes_in_T3, nodes_in_H8,
                                    nodes_in_W6, nodes_in_PY5, nodes_in_TH4, connectH, own_faces, own_edges);
   }
@@ -670,7 +668,7 @@ int convert_into_high_order(dense2D<double>& coords, dense2D<unsigned>& connect,
                             unsigned nodes_in_PY5, unsigned nodes_in_TH4, const dense2D<unsigned>& faces,
                             const dense2D<unsigned>& edges) {
   dense2D<unsigned> linear;
-  if (!linear.copy(connect)) return no_memory;
+  if (!linear.copy(connect)) return tessel::OUT_OF_MEMORY;
   return convert_into_high_order(coords, linear, nodes_per_edge, nodes_in_Q4, nodes_in_T3, nodes_in_H8, nodes_in_W6,
                                  nodes_in_PY5, nodes_in_TH4, connect, faces, edges);
 }
@@ -691,7 +689,7 @@ int convert_into_high_order(dense2D<double>& coords, dense2D<unsigned>& connect,
                             unsigned nodes_in_PY5, unsigned nodes_in_TH4, const dense2D<unsigned>& faces,
                             const dense2D<unsigned>& edges, const high_order_options& options) {
   dense2D<unsigned> linear;
-  if (!linear.copy(connect)) return no_memory;
+  if (!linear.copy(connect)) return tessel::OUT_OF_MEMORY;
   return convert_into_high_order(coords, linear, nodes_per_edge, nodes_in_Q4, nodes_in_T3, nodes_in_H8, nodes_in_W6,
                                  nodes_in_PY5, nodes_in_TH4, connect, faces, edges, options);
 }

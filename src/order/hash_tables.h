@@ -42,6 +42,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "common/element_tables.h"
 #include "order/key_mixing.h"
 #include "zel/matrix.h"
 
@@ -89,7 +90,7 @@ inline std::uint64_t hash_key(const faceQ4& k) {
 }
 inline std::uint64_t hash_key(const face_mix& k) {
   const std::uint64_t h = hash_node(k.node[0]) + hash_node(k.node[1]) + hash_node(k.node[2]);
-  return k.node[3] < ~0U ? h + hash_node(k.node[3]) : h;
+  return k.node[3] < ABSENT ? h + hash_node(k.node[3]) : h;
 }
 
 // ---- comparison: 1 same orientation, -1 opposite, 0 different -------------------------
@@ -137,7 +138,7 @@ inline int compare_cycles(const unsigned* a, const unsigned* b, unsigned n) {
 inline int compare_keys(const faceT3& a, const faceT3& b) { return detail::compare_cycles(a.node, b.node, 3); }
 inline int compare_keys(const faceQ4& a, const faceQ4& b) { return detail::compare_cycles(a.node, b.node, 4); }
 inline int compare_keys(const face_mix& a, const face_mix& b) {
-  const bool a_triangle = a.node[3] == ~0U, b_triangle = b.node[3] == ~0U;
+  const bool a_triangle = a.node[3] == ABSENT, b_triangle = b.node[3] == ABSENT;
   if (a_triangle != b_triangle) return 0;
   return detail::compare_cycles(a.node, b.node, a_triangle ? 3 : 4);
 }
@@ -163,10 +164,10 @@ struct stored_key {
     blank(key);
     return key;
   }
-  static void blank(unsigned& id) { id = ~0U; }
+  static void blank(unsigned& id) { id = ABSENT; }
   template <class K>
   static void blank(K& key) {
-    for (unsigned& n : key.node) n = ~0U;
+    for (unsigned& n : key.node) n = ABSENT;
   }
 };
 
@@ -411,7 +412,7 @@ class hash_table {
     for (std::size_t i = mixed & index_mask_;; i = (i + 1) & index_mask_) {
       ++probes_;
       const index_entry e = index[i];
-      if (e.pos == ~0U) return {npos, home_pos, pos, links};
+      if (e.pos == ABSENT) return {npos, home_pos, pos, links};
       if (e.tag == tag && Match::accepts(compare_keys(stored_key<Value>::of(slots[first_ + e.pos].value), key)))
         return {first_ + e.pos, home_pos, pos, links};
     }
@@ -432,7 +433,7 @@ class hash_table {
     const std::uint64_t mixed = lookup_hash(seed_, stored_key<Value>::of(storage_->data()[pos].value));
     index_entry* index = index_->data();
     std::size_t i = mixed & index_mask_;
-    for (++probes_; index[i].pos != ~0U; ++probes_) i = (i + 1) & index_mask_;
+    for (++probes_; index[i].pos != ABSENT; ++probes_) i = (i + 1) & index_mask_;
     index[i] = {static_cast<unsigned>(pos - first_), static_cast<unsigned>(mixed >> 32)};
   }
 
@@ -444,13 +445,13 @@ class hash_table {
     while (capacity < 4 * (indexed_ + 1)) capacity *= 2;
     index_type* fresh = index_type::create(capacity);
     if (!fresh) return false;
-    for (std::size_t i = 0; i < capacity; ++i) fresh->data()[i] = {~0U, 0};
+    for (std::size_t i = 0; i < capacity; ++i) fresh->data()[i] = {ABSENT, 0};
     const zel::Ptr<index_type> old = index_;
     const std::size_t old_capacity = index_capacity();
     index_ = fresh;
     index_mask_ = capacity - 1;
     for (std::size_t i = 0; i < old_capacity; ++i)
-      if (old->data()[i].pos != ~0U) record(first_ + old->data()[i].pos);
+      if (old->data()[i].pos != ABSENT) record(first_ + old->data()[i].pos);
     return true;
   }
 
@@ -468,7 +469,7 @@ class hash_table {
     }
     const std::size_t fresh = first_ + used_;
     const bool linked = at.links < chain_limit;
-    if (linked ? fresh - at.tail > 0x7FFFFFFFu : fresh >= ~0U || !index_room()) return npos;
+    if (linked ? fresh - at.tail > 0x7FFFFFFFu : fresh >= ABSENT || !index_room()) return npos;
     if (fresh >= storage_->capacity()) {
       const std::size_t capacity = storage_->capacity();
       std::size_t grown = 2 * capacity > 2 ? 2 * capacity : 2;

@@ -15,8 +15,8 @@ inline solid_kind linear_column_kind(const unsigned* column, std::size_t rows) {
   TESSEL3D_DEBUG_ASSERT(rows == 4 || rows == 6 || rows == 8);
   if (rows == 4) return kind_TH4;
   if (rows == 6) {
-    if (column[4] == absent) return kind_TH4;
-    return column[5] == absent ? kind_PY5 : kind_W6;
+    if (column[4] == ABSENT) return kind_TH4;
+    return column[5] == ABSENT ? kind_PY5 : kind_W6;
   }
   return mixed8_kind(column);
 }
@@ -26,7 +26,7 @@ inline solid_kind linear_column_kind(const unsigned* column, std::size_t rows) {
 inline bool vertices_present(const unsigned* column, solid_kind kind) {
   TESSEL3D_DEBUG_ASSERT(kind <= kind_H8);
   for (unsigned v = 0; v < solid_table[kind].nb_vertices; ++v)
-    if (column[v] == absent) return false;
+    if (column[v] == ABSENT) return false;
   return true;
 }
 

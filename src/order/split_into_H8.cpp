@@ -29,7 +29,7 @@ int split_into_H8(dense2D<double>& coords, const dense2D<unsigned>& connect, den
                   const dense2D<unsigned>& faces, const dense2D<unsigned>& edges) {
   if (elfes::shares_with_any(connectH8, connect, faces, edges) || elfes::shares_with_any(coords, connect, faces, edges)) {
     dense2D<unsigned> own_connect, own_faces, own_edges;  // the outputs grow in place
-    if (!own_connect.copy(connect) || !own_faces.copy(faces) || !own_edges.copy(edges)) return -199;
+    if (!own_connect.copy(connect) || !own_faces.copy(faces) || !own_edges.copy(edges)) return tessel::OUT_OF_MEMORY;
     return split_into_H8(coords, own_connect, connectH8, own_faces, own_edges);
   }
   if (connect.cols() == 0) return 0;

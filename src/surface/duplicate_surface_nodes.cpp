@@ -301,7 +301,7 @@ int duplicate_surface_nodes(dense2D<double>& coords, dense2D<unsigned>& connecti
     dense1D<unsigned, 8> own_node_element, own_excluded;
     if (!own_neighbors.copy(neighbors) || !own_surface.copy(surface) || !own_node_element.copy(node_element) ||
         !own_excluded.copy(excluded))
-      return -199;
+      return tessel::OUT_OF_MEMORY;
     return duplicate_surface_nodes(coords, connectivity, own_neighbors, own_node_element, own_surface, own_excluded,
                                    positive_side, negative_side, type);
   }

@@ -31,7 +31,6 @@ namespace zel {
 namespace tessel3d {
 namespace {
 
-using elfes::absent;
 using elfes::solid_descriptor;
 using elfes::solid_kind;
 using elfes::solid_table;
@@ -42,7 +41,6 @@ using elfes::vec3;
 // for the face is the same from both sides.
 using face_map = elfes::hash_table<elfes::map_entry<elfes::faceQ4, std::size_t>, elfes::same_orientation>;
 
-constexpr int no_memory = -199;
 constexpr std::size_t none = ~std::size_t(0);
 constexpr unsigned centre = 8;  // local index of a wedge's or hexahedron's new node
 constexpr unsigned whole = 2;   // cut of a face that is not split
@@ -485,14 +483,14 @@ int split(splitter& s) {
   s.listed_node = dense1D<unsigned char, 8>();
   done = done && (s.conforming ? judge_conforming(s) : judge_carriers(s));
   // The absent marker can never become a node ID.
-  done = done && std::uint64_t(nb_nodes) + s.nb_new_nodes <= std::uint64_t(absent) &&
-         s.out.resize(8, s.nb_out, absent) && s.coords.resize(3, nb_nodes + s.nb_new_nodes);
+  done = done && std::uint64_t(nb_nodes) + s.nb_new_nodes <= std::uint64_t(tessel::ABSENT) &&
+         s.out.resize(8, s.nb_out, tessel::ABSENT) && s.coords.resize(3, nb_nodes + s.nb_new_nodes);
   if (!done) {
     // coords grows last, and a failed resize changes nothing: it keeps its columns.
     s.out.clear();
     if (s.failed) s.failed->clear();
     if (s.failed_reasons) s.failed_reasons->clear();
-    return no_memory;
+    return tessel::OUT_OF_MEMORY;
   }
   write_output(s, nb_nodes);
   return 0;
@@ -508,7 +506,7 @@ int split_apart(dense2D<double>& coords, const dense2D<unsigned>& connect, const
   if (elfes::shares_with_any(connectOut, connect, quads) || elfes::shares_with_any(failed, connect, quads) ||
       elfes::shares_with_any(coords, connect, quads)) {
     dense2D<unsigned> own_connect, own_quads;  // the outputs are cleared first
-    if (!own_connect.copy(connect) || !own_quads.copy(quads)) return -199;
+    if (!own_connect.copy(connect) || !own_quads.copy(quads)) return tessel::OUT_OF_MEMORY;
     return split_apart(coords, own_connect, own_quads, min_quality, connectOut, failed);
   }
   if constexpr (std::is_same_v<Failed, dense1D<unsigned, 8>>) {

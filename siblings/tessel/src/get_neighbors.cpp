@@ -13,7 +13,6 @@ namespace zel {
 namespace tessel {
 namespace {
 
-constexpr unsigned absent = ~0U;
 
 // The linear solids' faces, in the numbering of the mesh library (face f of a TH4 is
 // opposite node f). Each face lists 3 or 4 local nodes; absent pads the triangles.
@@ -26,22 +25,22 @@ struct solid_faces {
 enum kind : unsigned { kind_TH4, kind_PY5, kind_W6, kind_H8 };
 
 constexpr solid_faces face_table[4] = {
-    {4, 4, {{1, 2, 3, absent}, {2, 0, 3, absent}, {0, 1, 3, absent}, {2, 1, 0, absent}}},
-    {5, 5, {{0, 4, 1, absent}, {1, 4, 2, absent}, {2, 4, 3, absent}, {3, 4, 0, absent}, {0, 1, 2, 3}}},
-    {6, 5, {{0, 1, 2, absent}, {3, 5, 4, absent}, {2, 1, 4, 5}, {0, 2, 5, 3}, {1, 0, 3, 4}}},
+    {4, 4, {{1, 2, 3, ABSENT}, {2, 0, 3, ABSENT}, {0, 1, 3, ABSENT}, {2, 1, 0, ABSENT}}},
+    {5, 5, {{0, 4, 1, ABSENT}, {1, 4, 2, ABSENT}, {2, 4, 3, ABSENT}, {3, 4, 0, ABSENT}, {0, 1, 2, 3}}},
+    {6, 5, {{0, 1, 2, ABSENT}, {3, 5, 4, ABSENT}, {2, 1, 4, 5}, {0, 2, 5, 3}, {1, 0, 3, 4}}},
     {8, 6, {{0, 3, 7, 4}, {1, 5, 6, 2}, {0, 4, 5, 1}, {3, 2, 6, 7}, {0, 1, 2, 3}, {4, 7, 6, 5}}},
 };
 
 // Kind of a column of the 8-row mixed layout, from rows 3, 4, 5, 6 tested in this order
 // (rows 3 and 4 both absent is a malformed column read as a hexahedron or a wedge).
 kind mixed8_kind(const unsigned* column) {
-  if (column[3] != absent && column[4] == absent) return kind_TH4;
-  if (column[4] != absent) {
-    if (column[5] == absent) return kind_PY5;
-    return column[6] == absent ? kind_W6 : kind_H8;
+  if (column[3] != ABSENT && column[4] == ABSENT) return kind_TH4;
+  if (column[4] != ABSENT) {
+    if (column[5] == ABSENT) return kind_PY5;
+    return column[6] == ABSENT ? kind_W6 : kind_H8;
   }
-  if (column[5] == absent) return kind_H8;
-  return column[6] == absent ? kind_W6 : kind_H8;
+  if (column[5] == ABSENT) return kind_H8;
+  return column[6] == ABSENT ? kind_W6 : kind_H8;
 }
 
 struct solid_mesh {
@@ -54,13 +53,13 @@ struct solid_mesh {
   kind kind_of(const unsigned* column) const { return mixed ? mixed8_kind(column) : pure; }
 };
 
-inline unsigned face_size(const solid_faces& table, unsigned f) { return table.faces[f][3] == absent ? 3 : 4; }
+inline unsigned face_size(const solid_faces& table, unsigned f) { return table.faces[f][3] == ABSENT ? 3 : 4; }
 
 // The nodes of face f of a column; false when one of them is absent.
 inline bool face_nodes(const unsigned* column, const solid_faces& table, unsigned f, unsigned nodes[4]) {
   const unsigned* local = table.faces[f];
   for (unsigned k = 0, size = face_size(table, f); k < size; ++k)
-    if ((nodes[k] = column[local[k]]) == absent) return false;
+    if ((nodes[k] = column[local[k]]) == ABSENT) return false;
   return true;
 }
 
@@ -100,7 +99,7 @@ inline void order(unsigned& a, unsigned& b) {
 // in registers by a network of compare-exchanges (an array sorted in place on the stack
 // stalls on store forwarding).
 inline unsigned face_key(const unsigned* nodes, unsigned size, unsigned rest[3]) {
-  unsigned a = nodes[0], b = nodes[1], c = nodes[2], d = size == 4 ? nodes[3] : absent;
+  unsigned a = nodes[0], b = nodes[1], c = nodes[2], d = size == 4 ? nodes[3] : ABSENT;
   if (size == 4) {
     order(a, b), order(c, d), order(a, c), order(b, d), order(b, c);
   } else {
@@ -112,7 +111,7 @@ inline unsigned face_key(const unsigned* nodes, unsigned size, unsigned rest[3])
     unsigned n = 0;
     for (unsigned k = 1; k < size; ++k)
       if (sorted[k] != sorted[k - 1]) rest[n++] = sorted[k];
-    while (n < 3) rest[n++] = absent;
+    while (n < 3) rest[n++] = ABSENT;
   }
   return a;
 }
@@ -130,8 +129,8 @@ void pair_by_sorting(face_record<Ref>* first, face_record<Ref>* last, unsigned* 
     while (end < last && same_key(*end, *group)) ++end;
     if (end - group > 1) {
       const unsigned lowest = static_cast<unsigned>(group->ref >> 3);
-      unsigned second = absent;
-      for (face_record<Ref>* r = group + 1; r < end && second == absent; ++r)
+      unsigned second = NO_ELEMENT;
+      for (face_record<Ref>* r = group + 1; r < end && second == NO_ELEMENT; ++r)
         if (static_cast<unsigned>(r->ref >> 3) != lowest) second = static_cast<unsigned>(r->ref >> 3);
       for (face_record<Ref>* r = group; r < end; ++r) {
         const std::size_t element = std::size_t(r->ref >> 3);
@@ -168,12 +167,12 @@ void pair_bucket(face_record<Ref>* first, face_record<Ref>* last, unsigned* out,
   unsigned bits = 3;
   while ((std::size_t(1) << bits) < 2 * size) ++bits;
   const unsigned mask = (1U << bits) - 1;
-  std::fill(table, table + mask + 1, absent);
+  std::fill(table, table + mask + 1, ABSENT);
   std::size_t probes = 0;
   for (face_record<Ref>* r = first; r < last; ++r) {
     unsigned slot = (r->rest[0] * 0x9E3779B1U ^ r->rest[1] * 0x85EBCA77U ^ r->rest[2] * 0xC2B2AE3DU) >> (32 - bits);
     for (;; slot = (slot + 1) & mask) {
-      if (table[slot] == absent) {
+      if (table[slot] == ABSENT) {
         table[slot] = static_cast<unsigned>(r - first);
         break;
       }
@@ -184,7 +183,7 @@ void pair_bucket(face_record<Ref>* first, face_record<Ref>* last, unsigned* out,
       if (element == lowest) return pair_by_sorting(first, last, out, ld);
       out[std::size_t(element) * ld + (r->ref & 7)] = lowest;
       unsigned& back = out[std::size_t(lowest) * ld + (head.ref & 7)];
-      if (back == absent) back = element;
+      if (back == ABSENT) back = element;
       break;
     }
   }
@@ -211,7 +210,7 @@ int match_faces(const solid_mesh& mesh, std::size_t nb_elements, dense2D<unsigne
     const unsigned* column = mesh.column(e);
     const unsigned nb_vertices = face_table[mesh.kind_of(column)].nb_vertices;
     for (unsigned k = 0; k < nb_vertices; ++k)
-      if (column[k] != absent) {
+      if (column[k] != ABSENT) {
         max_id = std::max(max_id, std::size_t(column[k]));
         ++nb_incidences;
       }
@@ -223,12 +222,12 @@ int match_faces(const solid_mesh& mesh, std::size_t nb_elements, dense2D<unsigne
   const bool dense = max_id <= 2 * nb_incidences + 1024;
   dense1D<unsigned, 8> distinct_ids;
   if (!dense) {
-    if (!distinct_ids.reserve(nb_incidences, 1)) return -199;
+    if (!distinct_ids.reserve(nb_incidences, 1)) return OUT_OF_MEMORY;
     for (std::size_t e = 0; e < nb_elements; ++e) {
       const unsigned* column = mesh.column(e);
       const unsigned nb_vertices = face_table[mesh.kind_of(column)].nb_vertices;
       for (unsigned k = 0; k < nb_vertices; ++k)
-        if (column[k] != absent) distinct_ids.push_back(column[k]);  // room reserved: cannot fail
+        if (column[k] != ABSENT) distinct_ids.push_back(column[k]);  // room reserved: cannot fail
     }
     std::sort(distinct_ids.begin(), distinct_ids.end());
     const std::size_t n = std::size_t(std::unique(distinct_ids.begin(), distinct_ids.end()) - distinct_ids.begin());
@@ -243,7 +242,7 @@ int match_faces(const solid_mesh& mesh, std::size_t nb_elements, dense2D<unsigne
   };
 
   dense1D<Ref, 8> start;
-  if (!start.resize(nb_buckets + 1, 0)) return -199;
+  if (!start.resize(nb_buckets + 1, 0)) return OUT_OF_MEMORY;
   for_each_face(mesh, nb_elements, [&](std::size_t, unsigned, const unsigned* nodes, unsigned size) {
     unsigned smallest = std::min(std::min(nodes[0], nodes[1]), nodes[2]);
     if (size == 4) smallest = std::min(smallest, nodes[3]);
@@ -252,7 +251,7 @@ int match_faces(const solid_mesh& mesh, std::size_t nb_elements, dense2D<unsigne
   for (std::size_t b = 0; b < nb_buckets; ++b) start[b + 1] += start[b];
   // Room only: every record is written below, so the buffer is not filled first.
   dense1D<face_record<Ref>, 8> records;
-  if (!records.reserve(start[nb_buckets], 1)) return -199;
+  if (!records.reserve(start[nb_buckets], 1)) return OUT_OF_MEMORY;
   // Fill with start[b] as the cursor of bucket b, which leaves it at the end of b, then
   // shift the starts back by one bucket.
   for_each_face(mesh, nb_elements, [&](std::size_t e, unsigned f, const unsigned* nodes, unsigned size) {
@@ -285,11 +284,11 @@ int get_neighbors(const dense2D<unsigned>& connect, element_type type, dense2D<u
   }
   const std::size_t nb_elements = connect.cols();
   if (nb_elements && connect.rows() != rows) return -1;
-  if (nb_elements >= absent) return -199;  // element IDs must stay below the marker
+  if (nb_elements >= NO_ELEMENT) return OUT_OF_MEMORY;  // element IDs must stay below the marker
   const std::size_t nb_faces = mesh.mixed ? 6 : face_table[mesh.pure].nb_faces;
 
   dense2D<unsigned> result;
-  if (!result.resize(nb_faces, nb_elements, absent)) return -199;
+  if (!result.resize(nb_faces, nb_elements, NO_ELEMENT)) return OUT_OF_MEMORY;
   // 32-bit face references and bucket starts while element << 3 and the face count fit.
   const int status = nb_elements < (std::size_t(1) << 28) ? match_faces<std::uint32_t>(mesh, nb_elements, result)
                                                            : match_faces<std::uint64_t>(mesh, nb_elements, result);

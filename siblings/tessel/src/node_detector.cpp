@@ -15,7 +15,7 @@ namespace tessel {
 namespace {
 
 constexpr std::size_t leaf_size = 8;
-constexpr unsigned none = ~0U;
+constexpr unsigned none = NOT_FOUND;
 
 inline std::size_t middle(std::size_t lo, std::size_t hi) { return lo + (hi - lo) / 2; }
 
