@@ -8,55 +8,27 @@
 #include <cstdint>
 
 #include "zel/tessel.h"
+#include "zel/tessel_elements.h"
 
 namespace zel {
 namespace tessel {
 namespace {
 
-
-// The linear solids' faces, in the numbering of the mesh library (face f of a TH4 is
-// opposite node f). Each face lists 3 or 4 local nodes; absent pads the triangles.
-struct solid_faces {
-  unsigned nb_vertices;
-  unsigned nb_faces;
-  unsigned faces[6][4];
-};
-
-enum kind : unsigned { kind_TH4, kind_PY5, kind_W6, kind_H8 };
-
-constexpr solid_faces face_table[4] = {
-    {4, 4, {{1, 2, 3, ABSENT}, {2, 0, 3, ABSENT}, {0, 1, 3, ABSENT}, {2, 1, 0, ABSENT}}},
-    {5, 5, {{0, 4, 1, ABSENT}, {1, 4, 2, ABSENT}, {2, 4, 3, ABSENT}, {3, 4, 0, ABSENT}, {0, 1, 2, 3}}},
-    {6, 5, {{0, 1, 2, ABSENT}, {3, 5, 4, ABSENT}, {2, 1, 4, 5}, {0, 2, 5, 3}, {1, 0, 3, 4}}},
-    {8, 6, {{0, 3, 7, 4}, {1, 5, 6, 2}, {0, 4, 5, 1}, {3, 2, 6, 7}, {0, 1, 2, 3}, {4, 7, 6, 5}}},
-};
-
-// Kind of a column of the 8-row mixed layout, from rows 3, 4, 5, 6 tested in this order
-// (rows 3 and 4 both absent is a malformed column read as a hexahedron or a wedge).
-kind mixed8_kind(const unsigned* column) {
-  if (column[3] != ABSENT && column[4] == ABSENT) return kind_TH4;
-  if (column[4] != ABSENT) {
-    if (column[5] == ABSENT) return kind_PY5;
-    return column[6] == ABSENT ? kind_W6 : kind_H8;
-  }
-  if (column[5] == ABSENT) return kind_H8;
-  return column[6] == ABSENT ? kind_W6 : kind_H8;
-}
-
 struct solid_mesh {
   const unsigned* data;
   std::size_t ld;
   bool mixed;
-  kind pure;
+  solid_kind pure;
 
   const unsigned* column(std::size_t e) const { return data + e * ld; }
-  kind kind_of(const unsigned* column) const { return mixed ? mixed8_kind(column) : pure; }
+  solid_kind kind_of(const unsigned* column) const { return mixed ? mixed8_kind(column) : pure; }
 };
 
-inline unsigned face_size(const solid_faces& table, unsigned f) { return table.faces[f][3] == ABSENT ? 3 : 4; }
+// 3 or 4, read off the padding (the compiler then knows at least 3 nodes are written).
+inline unsigned face_size(const solid_record& table, unsigned f) { return table.faces[f][3] == ABSENT ? 3 : 4; }
 
 // The nodes of face f of a column; false when one of them is absent.
-inline bool face_nodes(const unsigned* column, const solid_faces& table, unsigned f, unsigned nodes[4]) {
+inline bool face_nodes(const unsigned* column, const solid_record& table, unsigned f, unsigned nodes[4]) {
   const unsigned* local = table.faces[f];
   for (unsigned k = 0, size = face_size(table, f); k < size; ++k)
     if ((nodes[k] = column[local[k]]) == ABSENT) return false;
@@ -194,7 +166,7 @@ template <class Visit>
 inline void for_each_face(const solid_mesh& mesh, std::size_t nb_elements, const Visit& visit) {
   for (std::size_t e = 0; e < nb_elements; ++e) {
     const unsigned* column = mesh.column(e);
-    const solid_faces& table = face_table[mesh.kind_of(column)];
+    const solid_record& table = solid_records[mesh.kind_of(column)];
     for (unsigned f = 0; f < table.nb_faces; ++f) {
       unsigned nodes[4];
       if (face_nodes(column, table, f, nodes)) visit(e, f, nodes, face_size(table, f));
@@ -208,7 +180,7 @@ int match_faces(const solid_mesh& mesh, std::size_t nb_elements, dense2D<unsigne
   std::size_t nb_incidences = 0, max_id = 0;
   for (std::size_t e = 0; e < nb_elements; ++e) {
     const unsigned* column = mesh.column(e);
-    const unsigned nb_vertices = face_table[mesh.kind_of(column)].nb_vertices;
+    const unsigned nb_vertices = solid_records[mesh.kind_of(column)].nb_vertices;
     for (unsigned k = 0; k < nb_vertices; ++k)
       if (column[k] != ABSENT) {
         max_id = std::max(max_id, std::size_t(column[k]));
@@ -225,7 +197,7 @@ int match_faces(const solid_mesh& mesh, std::size_t nb_elements, dense2D<unsigne
     if (!distinct_ids.reserve(nb_incidences, 1)) return OUT_OF_MEMORY;
     for (std::size_t e = 0; e < nb_elements; ++e) {
       const unsigned* column = mesh.column(e);
-      const unsigned nb_vertices = face_table[mesh.kind_of(column)].nb_vertices;
+      const unsigned nb_vertices = solid_records[mesh.kind_of(column)].nb_vertices;
       for (unsigned k = 0; k < nb_vertices; ++k)
         if (column[k] != ABSENT) distinct_ids.push_back(column[k]);  // room reserved: cannot fail
     }
@@ -285,7 +257,7 @@ int get_neighbors(const dense2D<unsigned>& connect, element_type type, dense2D<u
   const std::size_t nb_elements = connect.cols();
   if (nb_elements && connect.rows() != rows) return -1;
   if (nb_elements >= NO_ELEMENT) return OUT_OF_MEMORY;  // element IDs must stay below the marker
-  const std::size_t nb_faces = mesh.mixed ? 6 : face_table[mesh.pure].nb_faces;
+  const std::size_t nb_faces = mesh.mixed ? 6 : solid_records[mesh.pure].nb_faces;
 
   dense2D<unsigned> result;
   if (!result.resize(nb_faces, nb_elements, NO_ELEMENT)) return OUT_OF_MEMORY;
