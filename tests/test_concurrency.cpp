@@ -100,7 +100,7 @@ TEST_P(shared_storage, an_array_sharing_another_gives_what_a_copy_gives) {
 }
 
 INSTANTIATE_TEST_SUITE_P(every_family, shared_storage, ::testing::ValuesIn(tessel3d_test::family_table()),
-                         [](const ::testing::TestParamInfo<family_row>& info) { return std::string(info.param.name); });
+                         [](const ::testing::TestParamInfo<family_row>& row) { return std::string(row.param.name); });
 
 // One array passed as an input and as an output: the call gives what it gives when the
 // input is a private copy (`apart`), or refuses with `refusal` and changes nothing.

@@ -398,11 +398,11 @@ TEST(get_elements_containing_points, status_codes_in_order_and_what_elements_hol
   const dense2D<double> c2 = c.sub_matrix(0, 0, 2, c.cols()), p2(2, 4, 0.5), p3(3, 4, 0.5);
   const dense2D<unsigned> nb3 = nb.sub_matrix(0, 0, 3, t.cols()), none(4, 0);
   const dense1D<unsigned, 8> ne_short(c.cols() - 1, 0u);
-  auto call = [&](const dense2D<double>& c, const dense2D<unsigned>& t, const dense2D<unsigned>& nb,
-                  const dense1D<unsigned, 8>& ne, const dense2D<double>& p, zel::element_type type, int status,
+  auto call = [&](const dense2D<double>& cs, const dense2D<unsigned>& ts, const dense2D<unsigned>& nbs,
+                  const dense1D<unsigned, 8>& nes, const dense2D<double>& p, zel::element_type type, int status,
                   std::vector<unsigned> expected) {
     dense1D<unsigned, 8> elements = {7, 7};
-    EXPECT_EQ(t3::get_elements_containing_points(c, t, nb, ne, zel::tessel::node_detector(c), type, p, elements, 0),
+    EXPECT_EQ(t3::get_elements_containing_points(cs, ts, nbs, nes, zel::tessel::node_detector(cs), type, p, elements, 0),
               status);
     EXPECT_EQ(std::vector<unsigned>(elements.begin(), elements.end()), expected) << status;
   };
@@ -514,29 +514,29 @@ TEST(location_status, every_code_in_validation_order_and_nothing_written) {
   const dense2D<unsigned> t5(5, t.cols()), nb3 = nb.sub_matrix(0, 0, 3, nb.cols()), none4(4, 0);
   const dense2D<unsigned> nb_short = nb.sub_matrix(0, 0, 4, nb.cols() - 1);
   const dense1D<unsigned, 8> ne_short(n - 1, ~0U), bad_nodes = {0u, unsigned(n)}, empty;
-  auto search = [](const dense2D<double>& c, const dense2D<unsigned>& t, const dense2D<unsigned>& nb,
-                   const dense1D<unsigned, 8>& ne, zel::element_type type) {
+  auto search = [](const dense2D<double>& cs, const dense2D<unsigned>& ts, const dense2D<unsigned>& nbs,
+                   const dense1D<unsigned, 8>& nes, zel::element_type type) {
     unsigned element = 77;
-    const int status = t3::get_element_containing_point(c, t, nb, ne, zel::tessel::node_detector(c), type,
+    const int status = t3::get_element_containing_point(cs, ts, nbs, nes, zel::tessel::node_detector(cs), type,
                                                         point3(0.5, 0.5, 0.5), element, 0);
     EXPECT_EQ(element == ~0U, status != 1);
     return status;
   };
   // Every form with the given arguments, fields that fit or fields that do not; the forms
   // that treat every node are left out where the node list decides.
-  auto all = [&](const dense2D<double>& c, const dense2D<unsigned>& t, const dense2D<unsigned>& nb,
-                 const dense1D<unsigned, 8>& ne, bool fit, const dense1D<unsigned, 8>& nodes, int expected,
+  auto all = [&](const dense2D<double>& cs, const dense2D<unsigned>& ts, const dense2D<unsigned>& nbs,
+                 const dense1D<unsigned, 8>& nes, bool fit, const dense1D<unsigned, 8>& nodes, int expected,
                  int located) {
     dense2D<double>&m = fit ? field : short_field, &mt = fit ? tensors : short_tensors;
     dense1D<double, 8>& v = fit ? values : long_values;
-    EXPECT_EQ(search(c, t, nb, ne, zel::TH4), located);
-    EXPECT_EQ(t3::interpolate(c, t, nb, ne, m, nodes), expected);
-    EXPECT_EQ(t3::interpolate(c, t, nb, ne, v, nodes), expected);
-    EXPECT_EQ(t3::interpolate_metrics(c, t, nb, ne, mt, nodes, false), expected);
-    EXPECT_EQ(t3::interpolate_metrics(c, t, nb, ne, v, nodes, true), expected);
+    EXPECT_EQ(search(cs, ts, nbs, nes, zel::TH4), located);
+    EXPECT_EQ(t3::interpolate(cs, ts, nbs, nes, m, nodes), expected);
+    EXPECT_EQ(t3::interpolate(cs, ts, nbs, nes, v, nodes), expected);
+    EXPECT_EQ(t3::interpolate_metrics(cs, ts, nbs, nes, mt, nodes, false), expected);
+    EXPECT_EQ(t3::interpolate_metrics(cs, ts, nbs, nes, v, nodes, true), expected);
     if (&nodes != &f.nodes) return;
-    EXPECT_EQ(t3::interpolate_metrics(c, t, nb, ne, mt, false), expected);
-    EXPECT_EQ(t3::interpolate_metrics(c, t, nb, ne, v, true), expected);
+    EXPECT_EQ(t3::interpolate_metrics(cs, ts, nbs, nes, mt, false), expected);
+    EXPECT_EQ(t3::interpolate_metrics(cs, ts, nbs, nes, v, true), expected);
   };
   all(coords2, t5, nb3, ne_short, false, empty, 0, -1);  // an empty list is checked first
   all(coords2, t5, nb3, ne_short, false, f.nodes, -1, -1);
