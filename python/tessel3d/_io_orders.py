@@ -12,6 +12,8 @@ here): see python/tests/test_io_referees.py and docs/node-orders.md.
 
 import numpy as np
 
+from .mesh import SOLID_EDGES  # this library's edge orders, from the base mesh library
+
 
 def _order(corners, edges=(), faces=(), centre=False):
     names = [frozenset([c]) for c in range(corners)]
@@ -23,11 +25,11 @@ def _order(corners, edges=(), faces=(), centre=False):
 
 # ---- this library -------------------------------------------------------------------
 
-TH_EDGES = ((1, 2), (2, 0), (0, 1), (3, 0), (3, 1), (3, 2))
-PY_EDGES = ((0, 4), (1, 4), (2, 4), (3, 4), (0, 1), (1, 2), (2, 3), (3, 0))
-W_EDGES = ((0, 3), (1, 4), (2, 5), (1, 2), (2, 0), (0, 1), (4, 5), (5, 3), (3, 4))
+TH_EDGES = SOLID_EDGES["TH4"]
+PY_EDGES = SOLID_EDGES["PY5"]
+W_EDGES = SOLID_EDGES["W6"]
 W_QUADS = ((2, 1, 4, 5), (0, 2, 5, 3), (1, 0, 3, 4))
-H_EDGES = ((0, 1), (1, 2), (2, 3), (3, 0), (4, 5), (5, 6), (6, 7), (7, 4), (0, 4), (1, 5), (2, 6), (3, 7))
+H_EDGES = SOLID_EDGES["H8"]
 H_FACES = ((0, 3, 7, 4), (1, 2, 6, 5), (0, 1, 5, 4), (2, 3, 7, 6), (0, 1, 2, 3), (4, 5, 6, 7))
 Q_EDGES = ((0, 1), (1, 2), (2, 3), (3, 0))
 

@@ -40,9 +40,12 @@ class ElementType(enum.IntEnum):
     H27 = 24
 
 
+# The element tables of the base mesh library, the one home of the element combinatorics.
+_TABLES = A.native("core", "element_tables").element_tables()
+
 # Nodes per element and faces (sides, ends) per element, by type.
-ROWS = dict(zip(ElementType, (0, 1, 2, 3, 4, 4, 9, 3, 6, 4, 8, 9, 8, 27, 4, 10, 5, 13, 14, 6, 15, 18, 8, 20, 27)))
-FACES = dict(zip(ElementType, (0, 0, 2, 2, 2, 4, 4, 3, 3, 4, 4, 4, 6, 6, 4, 4, 5, 5, 5, 5, 5, 5, 6, 6, 6)))
+ROWS = {t: _TABLES["types"][int(t)][0] for t in ElementType}
+FACES = {t: _TABLES["types"][int(t)][3] for t in ElementType}
 
 
 def version():
@@ -182,14 +185,10 @@ def mixed(blocks):
     return np.concatenate(parts) if parts else np.zeros((0, 8), dtype=np.uint32)
 
 
-# Faces of the linear solids (the get_neighbors order), right-hand normals pointing into
-# a positive element.
-SOLID_FACES = {
-    "TH4": ((1, 2, 3), (2, 0, 3), (0, 1, 3), (2, 1, 0)),
-    "PY5": ((0, 4, 1), (1, 4, 2), (2, 4, 3), (3, 4, 0), (0, 1, 2, 3)),
-    "W6": ((0, 1, 2), (3, 5, 4), (2, 1, 4, 5), (0, 2, 5, 3), (1, 0, 3, 4)),
-    "H8": ((0, 3, 7, 4), (1, 5, 6, 2), (0, 4, 5, 1), (3, 2, 6, 7), (0, 1, 2, 3), (4, 7, 6, 5)),
-}
+# Faces and edges of the linear solids (the get_neighbors order for the faces), right-hand
+# normals pointing into a positive element.
+SOLID_FACES = {name: _TABLES["solids"][int(ElementType[name])]["faces"] for name in ("TH4", "PY5", "W6", "H8")}
+SOLID_EDGES = {name: _TABLES["solids"][int(ElementType[name])]["edges"] for name in ("TH4", "PY5", "W6", "H8")}
 
 # Member type of a column of a mixed layout by its number of present entries.
 _MEMBERS = {8: {4: "TH4", 5: "PY5", 6: "W6", 8: "H8"}, 27: {10: "TH10", 14: "PY14", 18: "W18", 27: "H27"},
