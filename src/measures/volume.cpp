@@ -1,4 +1,7 @@
 // volume: signed total volume of a solid mesh (TH4, PY5, W6, or the 8-row mixed layout).
+#include <atomic>
+
+#include "common/parallel.h"
 #include "measures/vec3.h"
 #include "zel/tessel3d.h"
 
@@ -50,11 +53,12 @@ inline bool valid_column(const unsigned* column, unsigned nb_nodes) {
 
 // Tetrahedra four columns at a time into separate partial sums: the loads of one
 // column overlap the arithmetic of the others. False on an invalid ID.
-bool sum_TH4(const dense2D<unsigned>& connect, const elfes::node_reader& node, unsigned nb_nodes, double& sum) {
-  const std::size_t n = connect.cols(), ld = connect.ld();
-  const unsigned* column = connect.data();
+bool sum_TH4(const dense2D<unsigned>& connect, const elfes::node_reader& node, unsigned nb_nodes, std::size_t first,
+             std::size_t n, double& sum) {
+  const std::size_t ld = connect.ld();
+  const unsigned* column = connect.data() + first * ld;
   double s0 = 0, s1 = 0, s2 = 0, s3 = 0;
-  std::size_t j = 0;
+  std::size_t j = first;
   for (; j + 4 <= n; j += 4, column += 4 * ld) {
     if (!(int(valid_column<4>(column, nb_nodes)) & int(valid_column<4>(column + ld, nb_nodes)) &
           int(valid_column<4>(column + 2 * ld, nb_nodes)) & int(valid_column<4>(column + 3 * ld, nb_nodes))))
@@ -73,12 +77,13 @@ bool sum_TH4(const dense2D<unsigned>& connect, const elfes::node_reader& node, u
 }
 
 template <elfes::solid_kind kind>
-bool sum_pure(const dense2D<unsigned>& connect, const elfes::node_reader& node, unsigned nb_nodes, double& sum) {
+bool sum_pure(const dense2D<unsigned>& connect, const elfes::node_reader& node, unsigned nb_nodes, std::size_t first,
+              std::size_t n, double& sum) {
   constexpr unsigned rows = elfes::solid_table[kind].nb_vertices;
-  const std::size_t n = connect.cols(), ld = connect.ld();
-  const unsigned* column = connect.data();
+  const std::size_t ld = connect.ld();
+  const unsigned* column = connect.data() + first * ld;
   sum = 0;
-  for (std::size_t j = 0; j < n; ++j, column += ld) {
+  for (std::size_t j = first; j < n; ++j, column += ld) {
     if (!valid_column<rows>(column, nb_nodes)) return false;
     sum += six_volume<kind>(column, node);
   }
@@ -90,13 +95,13 @@ bool sum_pure(const dense2D<unsigned>& connect, const elfes::node_reader& node, 
 // kernels as the pure paths). A column of 8 nodes, the whole of an 8-row H8 mesh, is a
 // hexahedron read without the marker tests: the same values.
 bool sum_mixed(const dense2D<unsigned>& connect, const elfes::mixed_node_reader& node, unsigned nb_nodes,
-               double& sum) {
-  const std::size_t n = connect.cols(), ld = connect.ld();
-  const unsigned* column = connect.data();
+               std::size_t first, std::size_t n, double& sum) {
+  const std::size_t ld = connect.ld();
+  const unsigned* column = connect.data() + first * ld;
   const elfes::node_reader plain{node.base, node.ld};
   sum = 0;
   vec3 p[8];
-  for (std::size_t j = 0; j < n; ++j, column += ld) {
+  for (std::size_t j = first; j < n; ++j, column += ld) {
     if (valid_column<8>(column, nb_nodes)) {
       elfes::load_vertices<8>(column, plain, p);
       sum += six_volume_H8(p);
@@ -135,20 +140,29 @@ int volume(const dense2D<double>& coords, const dense2D<unsigned>& connect, doub
   const unsigned nb_nodes = static_cast<unsigned>(coords.cols());
   const elfes::node_reader node{coords.data(), coords.ld()};
   elfes::solid_kind kind;
-  double sum = 0;
-  bool valid;
-  if (elfes::pure_kind_of_rows(connect.rows(), kind)) {
-    switch (kind) {
-      case elfes::kind_TH4: valid = sum_TH4(connect, node, nb_nodes, sum); break;
-      case elfes::kind_PY5: valid = sum_pure<elfes::kind_PY5>(connect, node, nb_nodes, sum); break;
-      default: valid = sum_pure<elfes::kind_W6>(connect, node, nb_nodes, sum); break;
+  const bool pure = elfes::pure_kind_of_rows(connect.rows(), kind);
+  // Any other row count is the mixed layout; only 8 rows can be read as its columns
+  // (4, 5 and 6 rows are the pure kinds above).
+  if (!pure && connect.rows() != 8) return -2;
+  const elfes::mixed_node_reader mixed_node{coords.data(), coords.ld()};
+  std::atomic<bool> valid{true};
+  // Chunks of a fixed size summed in order: the same bits on any number of threads.
+  const double sum = elfes::parallel_sum(connect.cols(), 1u << 16, [&](std::size_t first, std::size_t last) {
+    double part = 0;
+    bool ok;
+    if (!pure) {
+      ok = sum_mixed(connect, mixed_node, nb_nodes, first, last, part);
+    } else {
+      switch (kind) {
+        case elfes::kind_TH4: ok = sum_TH4(connect, node, nb_nodes, first, last, part); break;
+        case elfes::kind_PY5: ok = sum_pure<elfes::kind_PY5>(connect, node, nb_nodes, first, last, part); break;
+        default: ok = sum_pure<elfes::kind_W6>(connect, node, nb_nodes, first, last, part); break;
+      }
     }
-  } else {
-    // Any other row count is the mixed layout; only 8 rows can be read as its columns
-    // (4, 5 and 6 rows are the pure kinds above).
-    valid = connect.rows() == 8 && sum_mixed(connect, elfes::mixed_node_reader{coords.data(), coords.ld()}, nb_nodes, sum);
-  }
-  if (!valid) return -2;
+    if (!ok) valid.store(false, std::memory_order_relaxed);
+    return part;
+  });
+  if (!valid.load()) return -2;
   result = sum * 0.16666666666666666;
   return 0;
 }
