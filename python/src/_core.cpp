@@ -15,6 +15,10 @@ PYBIND11_MODULE(_core, m) {
 
   m.def("version", [] { return std::string(t3::version()); });
 
+  // The thread count of the library's calls (0: the cores of the affinity mask).
+  m.def("set_threads", [](unsigned n) { t3::set_threads(n); });
+  m.def("threads", [] { return t3::threads(); });
+
   m.def("flip", [](py::array connect, int type) {
     zel::dense2D<unsigned> c = matrix_view<unsigned>(connect, "connect", true);
     py::gil_scoped_release release;

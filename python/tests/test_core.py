@@ -1,5 +1,7 @@
 """Version, element types, the flips, array conversion (zero copy) and errors."""
 
+import os
+
 import numpy as np
 import pytest
 
@@ -124,3 +126,22 @@ def test_read_only_array_cannot_be_flipped():
     connect.flags.writeable = False
     with pytest.raises(t3.Error, match="read-only"):
         t3.flip(connect, t3.TH4)
+
+
+def test_thread_count_follows_the_affinity_mask_and_changes_no_bit():
+    rng = np.random.default_rng(3)
+    coords = rng.random((5000, 3))
+    connect = rng.integers(0, 5000, size=(300000, 4), dtype=np.uint32)  # several chunks
+    try:
+        t3.set_threads(0)
+        assert t3.threads() == len(os.sched_getaffinity(0))
+        t3.set_threads(1)
+        one = t3.volume(coords, connect)
+        for n in (2, 4):
+            t3.set_threads(n)
+            assert t3.threads() == n
+            assert t3.volume(coords, connect) == one
+        with pytest.raises(ValueError):
+            t3.set_threads(-1)
+    finally:
+        t3.set_threads(0)
