@@ -56,7 +56,8 @@ double parallel_sum(std::size_t n, std::size_t grain, Body&& body) {
   const std::size_t nb_chunks = chunk_count(n, grain);
   zel::dense1D<double, 8> partial;
   if (nb_chunks > 1 && parallel_threads() > 1 && partial.resize(nb_chunks)) {
-    parallel_chunks(n, grain, [&](std::size_t c, std::size_t first, std::size_t last) { partial[c] = body(first, last); });
+    parallel_chunks(n, grain,
+                    [&](std::size_t c, std::size_t first, std::size_t last) { partial[c] = body(first, last); });
   } else {
     double total = 0;
     for (std::size_t c = 0; c < nb_chunks; ++c) {
