@@ -1,3 +1,6 @@
+// Threads: the families that cut their work into chunks give on any thread count the
+// bits of one thread, on meshes of several chunks, and the count follows the process's
+// affinity mask by default.
 // Buffers: every family runs in four threads at once on inputs that share one set of
 // buffers (shallow copies), each thread with outputs of its own, and every thread must
 // get what a call alone gets while the shared buffers stay as they were (run under
@@ -5,14 +8,18 @@
 // dimension exceeds their rows what it gives on plain matrices.
 #include <gtest/gtest.h>
 
+#include <sched.h>
+
 #include <atomic>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "box_mesh.h"
+#include "failing_allocator.h"
 #include "family_table.h"
 #include "zel/tessel.h"
+#include "zel/tessel3d.h"
 
 namespace {
 
@@ -202,6 +209,150 @@ TEST(shared_storage, one_array_as_input_and_output) {
     EXPECT_EQ(status, c.apart(apart)) << c.name;
     expect_same(same, apart, c.name);
   }
+}
+
+// ---- thread counts ----------------------------------------------------------------------------
+
+// Meshes larger than several chunks of every parallel loop (the largest chunk holds 2^16
+// elements), mixed layouts included, and a surface whose faces, edges and nodes span
+// several chunks of the extrusions.
+namespace t3 = zel::tessel3d;
+using tessel3d_test::box_kind;
+using tessel3d_test::make_box;
+
+scene big_box(box_kind kind, unsigned n) { return tessel3d_test::from_box(make_box(kind, n, n, n, 1, 1, 1, 0.2)); }
+scene big_surface() {
+  const unsigned n = 90;  // 8100 faces, 8281 nodes, 8190 edges
+  scene s = tessel3d_test::from_box(make_box(box_kind::H8, n, n, 1, 1, 1, 0.01, 0.2));
+  s.connect = s.connect.sub_matrix(0, 0, 4, s.connect.cols());  // the bottom quadrangles
+  s.E2.resize(2, n * (n + 1));
+  for (unsigned row = 0, e = 0; row <= n; ++row)
+    for (unsigned i = 0; i < n; ++i, ++e) {
+      s.E2(0, e) = row * (n + 1) + i;
+      s.E2(1, e) = row * (n + 1) + i + 1;
+    }
+  return s;
+}
+// 27-row mixed quadratic columns, TH10, PY13, W15 and H27 in turn (only the padding
+// tells the kinds apart; the IDs are not read).
+scene big_quadratic() {
+  scene s;
+  const unsigned sizes[4] = {10, 13, 15, 27};
+  s.connect.resize(27, 70000, ~0U);
+  for (unsigned j = 0; j < 70000; ++j)
+    for (unsigned i = 0; i < sizes[j % 4]; ++i) s.connect(i, j) = 27 * j + i;
+  return s;
+}
+
+// 10^4 points around a TH4 box of 24,576 elements, some outside it.
+scene big_search() {
+  scene s = big_box(box_kind::TH4, 16);
+  zel::tessel::get_neighbors(s.connect, zel::TH4, s.neighbors);
+  zel::tessel::get_node_element(s.connect, unsigned(s.coords.cols()), s.node_element);
+  s.detector = zel::tessel::node_detector(s.coords);
+  tessel3d_test::random_stream random(9);
+  s.reals_in.resize(3, 10000);
+  for (std::size_t j = 0; j < s.reals_in.cols(); ++j)
+    for (int d = 0; d < 3; ++d) s.reals_in(d, j) = random.uniform(-0.1, 1.1);
+  return s;
+}
+
+#define BIG_ROW(name, make, ...) \
+  family_row { name, make, nullptr, [](scene& s) { return __VA_ARGS__; } }
+const vec3 lift(0, 0, 0.5), axis(-1, 0, 0), turn(0, -0.5, 0);
+const std::vector<family_row>& chunked_families() {
+  static const std::vector<family_row> rows = {
+      BIG_ROW("flip_H8", [] { return big_box(box_kind::H8, 42); }, t3::flip(s.connect, zel::H8)),
+      BIG_ROW("flip_halves", [] { return big_box(box_kind::H8, 42); }, t3::flip_H8(s.connect)),
+      BIG_ROW("circumcenters", [] { return big_box(box_kind::TH4, 16); },
+              t3::circumcenters(s.coords, s.connect, s.reals_out)),
+      BIG_ROW("convert_into_linear", big_quadratic, t3::convert_into_linear(s.connect)),
+      BIG_ROW("extrude_translate", big_surface,
+              t3::extrude_translate(s.coords, s.connect, lift, 3, s.E, s.E2, s.Q4, s.Top)),
+      BIG_ROW("extrude_rotate", big_surface,
+              t3::extrude_rotate(s.coords, s.connect, axis, turn, 0.05, 0.1, false, s.E, s.E2, s.Q4, s.Top)),
+      BIG_ROW("extrude_normal", big_surface, t3::extrude_normal(s.coords, s.connect, 0.3, 2u, s.E, s.E2, s.Q4, s.Top)),
+      BIG_ROW("get_elements_containing_points", big_search,
+              t3::get_elements_containing_points(s.coords, s.connect, s.neighbors, s.node_element, s.detector,
+                                                 zel::TH4, s.reals_in, s.ids_out, 0.0)),
+      BIG_ROW("get_node_element", [] { return big_box(box_kind::TH4, 24); },
+              zel::tessel::get_node_element(s.connect, unsigned(s.coords.cols()), s.ids_out)),
+  };
+  return rows;
+}
+#undef BIG_ROW
+
+class thread_counts : public ::testing::TestWithParam<family_row> {};
+
+TEST_P(thread_counts, give_the_bits_of_one_thread) {
+  const family_row& row = GetParam();
+  t3::set_threads(1);
+  scene one = row.make();
+  const int status = row.call(one);
+  EXPECT_GE(status, 0);
+  for (unsigned n : {2u, 3u, 4u}) {
+    t3::set_threads(n);
+    scene many = row.make();
+    EXPECT_EQ(row.call(many), status) << n << " threads";
+    tessel3d_test::expect_same(many, one, std::to_string(n) + " threads");
+  }
+  t3::set_threads(0);
+}
+
+// Several callers' threads at once, each call cut into chunks on the library's threads.
+TEST_P(thread_counts, callers_threads_share_the_library_threads) {
+  const family_row& row = GetParam();
+  t3::set_threads(1);
+  scene alone = row.make();
+  const int status = row.call(alone);
+  t3::set_threads(3);
+  std::vector<scene> results(2);
+  std::vector<std::thread> callers;
+  for (int t = 0; t < 2; ++t)
+    callers.emplace_back([&, t] {
+      results[t] = row.make();
+      EXPECT_EQ(row.call(results[t]), status);
+    });
+  for (std::thread& caller : callers) caller.join();
+  for (const scene& result : results) tessel3d_test::expect_same(result, alone, "caller");
+  t3::set_threads(0);
+}
+
+// An allocation failing anywhere in a call on several threads: -199 (the families' own
+// roll-back is checked by test_allocation_failures), or, where the call absorbs the failure,
+// the result of a call without failure.
+TEST_P(thread_counts, absorb_or_report_a_failed_allocation) {
+  const family_row& row = GetParam();
+  t3::set_threads(1);
+  scene reference = row.make();
+  const int status = row.call(reference);
+  t3::set_threads(2);
+  for (long n = 1;; n = n < 16 ? n + 1 : 2 * n) {  // the first allocations, then spread out
+    scene s = row.make();
+    tessel3d_test::failing_allocator guard(n);
+    const int got = row.call(s);
+    if (!guard.failed()) break;
+    if (got == -199) continue;
+    EXPECT_EQ(got, status) << "allocation " << n;
+    tessel3d_test::expect_same(s, reference, "allocation " + std::to_string(n) + " failed");
+  }
+  t3::set_threads(0);
+}
+
+INSTANTIATE_TEST_SUITE_P(chunked, thread_counts, ::testing::ValuesIn(chunked_families()),
+                         [](const ::testing::TestParamInfo<family_row>& info) { return std::string(info.param.name); });
+
+TEST(thread_setting, defaults_to_the_cores_of_the_affinity_mask) {
+  cpu_set_t mask;
+  ASSERT_EQ(sched_getaffinity(0, sizeof mask, &mask), 0);
+  t3::set_threads(0);
+  EXPECT_EQ(t3::threads(), unsigned(CPU_COUNT(&mask)));
+  t3::set_threads(5);
+  EXPECT_EQ(t3::threads(), 5u);
+  t3::set_threads(1);
+  EXPECT_EQ(t3::threads(), 1u);
+  t3::set_threads(0);
+  EXPECT_EQ(t3::threads(), unsigned(CPU_COUNT(&mask)));
 }
 
 // One detector, queried from every thread: the queries are const and share its buffers.

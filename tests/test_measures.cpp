@@ -372,13 +372,14 @@ TEST(dihedral_and_solid_angles, status_codes_and_outputs) {
     EXPECT_EQ(lo2[1], lo[1]);
     EXPECT_EQ(hi1[0], hi[0]);
     // The checked form: the same checks, its list cleared first.
-    dense1D<double, 8> untouched(6, -7.0);
+    dense1D<double, 8> untouched_lo(6, -7.0), untouched_hi(6, -7.0);  // apart: one buffer is -5
     for (const auto& [c, status] : {std::make_pair(bad, -2), std::make_pair(m.connect, -1)}) {
       dense1D<unsigned, 8> degenerate(1, 7u);
-      EXPECT_EQ(checked_form(fn)(flat, c, false, untouched, untouched, degenerate), status);
+      EXPECT_EQ(checked_form(fn)(flat, c, false, untouched_lo, untouched_hi, degenerate), status);
       EXPECT_TRUE(degenerate.empty());
     }
-    EXPECT_EQ(values(untouched), std::vector<double>(6, -7.0));
+    EXPECT_EQ(values(untouched_lo), std::vector<double>(6, -7.0));
+    EXPECT_EQ(values(untouched_hi), std::vector<double>(6, -7.0));
   }
 }
 

@@ -37,6 +37,8 @@ def parse():
     p.add_argument("--fine", action="store_true", help="scaling at half decades too (3e3, 3e4, ...)")
     p.add_argument("--no-peers", action="store_true", help="only the scaling")
     p.add_argument("--no-scaling", action="store_true", help="only the comparison")
+    p.add_argument("--threads", type=int, default=1,
+                   help="threads of tessel3d's calls (default 1, as every peer; 0: every core)")
     p.add_argument("--out", default=str(C.ROOT / "build" / "peers"), help="output directory")
     p.add_argument("--update-docs", action="store_true", help="write the table and plot into docs/")
     a = p.parse_args()
@@ -109,6 +111,7 @@ def main():
     a = parse()
     C.ensure_peers()
     t3 = C.import_tessel3d(a.build)
+    t3.set_threads(a.threads)
     out = pathlib.Path(a.out)
     out.mkdir(parents=True, exist_ok=True)
     def log(text=""):

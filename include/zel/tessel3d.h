@@ -41,6 +41,16 @@ namespace tessel3d {
 /// The library version, "5.5.0.0" (a constant string for the life of the process).
 TESSEL3D_EXPORT const char* version();
 
+/// Sets the number of threads the functions below may use for one call: n, or with n = 0
+/// (the default) the cores the process may run on (its affinity mask). Results are the
+/// same bits whatever the count. The threads are oneTBB's: calls made from several
+/// threads of the caller share them instead of multiplying them, and a call made from
+/// inside the caller's own oneTBB work runs within it. Counts above 1024 are taken as
+/// 1024. Takes effect for the calls that start after it returns.
+TESSEL3D_EXPORT void set_threads(unsigned n);
+/// The number of threads a call may use (at least 1).
+TESSEL3D_EXPORT unsigned threads();
+
 // ---- orientation flips -------------------------------------------------------------
 
 /// Reverses the orientation of every element in place by exchanging fixed pairs of rows

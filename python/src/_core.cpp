@@ -15,6 +15,10 @@ void t3py::register_core(py::module_& m) {
 
   m.def("version", [] { return std::string(t3::version()); });
 
+  // The thread count of the library's calls (0: the cores of the affinity mask).
+  m.def("set_threads", [](unsigned n) { t3::set_threads(n); });
+  m.def("threads", [] { return t3::threads(); });
+
   // The flips write the caller's array in place: they only move entries, whatever
   // their values, so a concurrent write there cannot send them out of bounds.
   m.def("flip", [](const py::array& connect, int type) {

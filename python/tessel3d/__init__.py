@@ -31,7 +31,8 @@ from .locate import Locator, get_element_containing_point, interpolate, interpol
 from .measures import (Angles, circumcenters, degenerate_elements, dihedral_angles, element_volumes, solid_angles,
                        volume)
 from .mesh import (ABSENT, FACES, ROWS, ElementType, NodeDetector, element_type, flip, flip_h8, flip_th4, flip_w6,
-                   get_neighbors, get_node_element, mixed, solid_type, surface_normals, version)
+                   get_neighbors, get_node_element, mixed, set_threads, solid_type, surface_normals, threads,
+                   version)
 from .order import Converted, Split, convert_into_high_order, convert_into_linear, convert_into_quadratic, split_into_h8
 from .surface import Duplication, SplitQ4, SplitReason, duplicate_surface_nodes, split_solid_q4
 
@@ -45,5 +46,6 @@ __all__ = [
     "dihedral_angles", "duplicate_surface_nodes", "element_type", "element_volumes", "extrude_line", "extrude_normal",
     "extrude_rotate", "extrude_spiral", "extrude_translate", "flip", "flip_h8", "flip_th4", "flip_w6",
     "get_element_containing_point", "get_neighbors", "get_node_element", "interpolate", "interpolate_metrics",
-    "mixed", "OutOfMemoryError", "solid_angles", "solid_type", "split_into_h8", "split_solid_q4", "surface_normals", "version", "volume",
+    "mixed", "OutOfMemoryError", "set_threads", "solid_angles", "solid_type", "split_into_h8", "split_solid_q4",
+    "surface_normals", "threads", "version", "volume",
 ] + [t.name for t in ElementType]

@@ -686,6 +686,8 @@ def parser():
 
     # options shared by every command, and by every command that writes a file
     common = argparse.ArgumentParser(add_help=False)
+    common.add_argument("--threads", type=_number(int, 0, 1024), default=0, metavar="N",
+                        help="threads one step may use (default 0: the cores this process may run on)")
     writing = argparse.ArgumentParser(add_help=False, parents=[common])
     writing.add_argument("--compression", choices=("none", "zlib", "lzma"),
                          help="compression of the written .vtu or .xdmf file (default: tessel3d.io's)")
@@ -811,6 +813,8 @@ def main(argv=None):
     try:
         if getattr(args, "output", None):
             _check_compression(args.output, args)  # before the work, not after it
+        from .mesh import set_threads
+        set_threads(args.threads)
         return args.run(args)
     except (UserError, Error, mio.FileError, ValueError, NotImplementedError) as error:
         message = str(error).strip().splitlines()

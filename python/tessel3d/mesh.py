@@ -53,6 +53,21 @@ def version():
     return A.native("core", "version").version()
 
 
+def set_threads(n=0):
+    """Sets how many threads one call may use: n, or with 0 (the default) the cores the process
+    may run on (its affinity mask). Results are the same whatever the count. Calls release the
+    GIL, so Python threads can run calls side by side; they share the library's threads."""
+    n = int(n)
+    if not 0 <= n < 2**32:
+        raise ValueError(f"set_threads: n must be 0 or a positive count, not {n}")
+    A.native("core", "set_threads").set_threads(n)
+
+
+def threads():
+    """How many threads one call may use (at least 1)."""
+    return A.native("core", "threads").threads()
+
+
 def element_type(value):
     """An ElementType from a type, its value, its name ("TH4", "th4") or meshio's name
     of it ("tetra")."""

@@ -130,6 +130,26 @@ def test_element_types_outside_the_enumeration_are_refused_by_the_module():
 
 # ---- threads ---------------------------------------------------------------------------
 
+def test_thread_count_follows_the_affinity_mask_and_changes_no_bit():
+    rng = np.random.default_rng(3)
+    coords = rng.random((5000, 3))
+    connect = rng.integers(0, 5000, size=(300000, 4), dtype=np.uint32)  # several chunks
+    try:
+        t3.set_threads(0)
+        assert t3.threads() == len(os.sched_getaffinity(0))
+        t3.set_threads(1)
+        one = t3.volume(coords, connect), t3.get_node_element(connect, 5000)
+        for n in (2, 4):
+            t3.set_threads(n)
+            assert t3.threads() == n
+            assert t3.volume(coords, connect) == one[0]
+            assert np.array_equal(t3.get_node_element(connect, 5000), one[1])
+        with pytest.raises(ValueError):
+            t3.set_threads(-1)
+    finally:
+        t3.set_threads(0)
+
+
 def test_a_thread_writing_bad_ids_during_calls_cannot_crash_the_interpreter():
     # Before the inputs were private copies, a few hundred calls of dihedral_angles on
     # this mesh were enough for a SIGSEGV.

@@ -2,6 +2,7 @@
 #include <utility>
 
 #include "common/element_tables.h"
+#include "common/parallel.h"
 #include "zel/tessel3d.h"
 
 namespace zel {
@@ -54,11 +55,21 @@ constexpr row_swaps th4_halves = {1, {{0, 1}}};
 constexpr row_swaps w6_halves = {3, {{0, 3}, {1, 4}, {2, 5}}};
 constexpr row_swaps h8_halves = {4, {{0, 4}, {1, 5}, {2, 6}, {3, 7}}};
 
+// The columns are independent: chunks of them on the library's threads.
+constexpr std::size_t flip_grain = 1u << 16;
+
+template <class Flip>
+void flip_each_column(dense2D<unsigned>& connect, Flip flip_one) {
+  elfes::parallel_for(connect.cols(), flip_grain, [&](std::size_t first, std::size_t last) {
+    unsigned* column = connect.data() + first * connect.ld();
+    for (std::size_t j = first; j < last; ++j, column += connect.ld()) flip_one(column);
+  });
+}
+
 int flip_columns(dense2D<unsigned>& connect, std::size_t rows, const row_swaps& swaps) {
   if (connect.cols() == 0) return 0;
   if (connect.rows() != rows) return -1;
-  unsigned* column = connect.data();
-  for (std::size_t j = 0; j < connect.cols(); ++j, column += connect.ld()) apply(column, swaps);
+  flip_each_column(connect, [&](unsigned* column) { apply(column, swaps); });
   return 0;
 }
 
@@ -66,16 +77,15 @@ int flip_columns(dense2D<unsigned>& connect, std::size_t rows, const row_swaps& 
 
 int flip(dense2D<unsigned>& connect, element_type type) {
   if (connect.cols() == 0) return 0;
-  unsigned* column = connect.data();
   if (type == SOLID_MIX8) {
     if (connect.rows() != 27) return -2;
-    for (std::size_t j = 0; j < connect.cols(); ++j, column += connect.ld()) flip_mixed27(column);
+    flip_each_column(connect, flip_mixed27);
     return 0;
   }
   if (!elfes::is_element_type(type) || connect.rows() != elfes::element_rows(type)) return -2;
   const row_swaps& swaps = *flip_table[type];
   if (swaps.count == 0) return 0;
-  for (std::size_t j = 0; j < connect.cols(); ++j, column += connect.ld()) apply(column, swaps);
+  flip_each_column(connect, [&](unsigned* column) { apply(column, swaps); });
   return 0;
 }
 

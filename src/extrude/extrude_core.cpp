@@ -6,6 +6,7 @@
 #include <cmath>
 
 #include "common/element_tables.h"
+#include "common/parallel.h"
 #include "zel/tessel.h"
 
 namespace elfes {
@@ -153,55 +154,60 @@ int build_extruded_elements(const dense2D<unsigned>& connectS, const surface_nod
   // IDs are 32-bit: a node missing from the map (local index NOT_FOUND) wraps like the caller's.
   const unsigned base = static_cast<unsigned>(nb_nodes), step = static_cast<unsigned>(map.node_count());
   const std::size_t ldE = connectE.ld(), ldT = connectTop.ld(), ldQ = connectQ4.ld();
-  // The layer-1 nodes of every face go first into its far-cap column: done apart from the
-  // bulk of the solids, the map lookups find the table still in cache.
-  const unsigned* face = connectS.data();
-  for (std::size_t j = 0; j < nb_faces; ++j, face += connectS.ld()) {
-    const unsigned nb_corners = (R == 4 && face[3] != ABSENT) ? 4 : 3;
-    unsigned* top = connectTop.data() + (T0 + j) * ldT;
-    for (unsigned i = 0; i < nb_corners; ++i) {
-      TESSEL3D_DEBUG_ASSERT(map.local(face[i]) != NOT_FOUND);  // every face node is in a complete map
-      top[i] = base + map.local(face[i]);
-    }
-  }
-  face = connectS.data();
-  for (std::size_t j = 0; j < nb_faces; ++j, face += connectS.ld()) {
-    const unsigned nb_corners = (R == 4 && face[3] != ABSENT) ? 4 : 3;
-    unsigned* top = connectTop.data() + (T0 + j) * ldT;
-    unsigned b[4], t[4];
-    for (unsigned i = 0; i < nb_corners; ++i) {
-      b[i] = face[i];
-      t[i] = top[i];
-    }
-    unsigned* solid = connectE.data() + (E0 + j * N) * ldE;
-    for (std::size_t k = 0; k < N; ++k, solid += ldE)
+  // Faces, and then edges, are independent: chunks of them on the library's threads.
+  // Within a chunk the layer-1 nodes of every face go first into its far-cap column:
+  // done apart from the bulk of the solids, the map lookups find the table still in cache.
+  elfes::parallel_for(nb_faces, 1u << 12, [&](std::size_t first, std::size_t last) {
+    const unsigned* face = connectS.data() + first * connectS.ld();
+    for (std::size_t j = first; j < last; ++j, face += connectS.ld()) {
+      const unsigned nb_corners = (R == 4 && face[3] != ABSENT) ? 4 : 3;
+      unsigned* top = connectTop.data() + (T0 + j) * ldT;
       for (unsigned i = 0; i < nb_corners; ++i) {
-        solid[i] = b[i];
-        solid[nb_corners + i] = t[i];
-        b[i] = t[i];
-        t[i] += step;
+        TESSEL3D_DEBUG_ASSERT(map.local(face[i]) != NOT_FOUND);  // every face node is in a complete map
+        top[i] = base + map.local(face[i]);
       }
-    // Far cap: the last layer's nodes, reversed so that its normal points out of the solid.
-    top[0] = b[0];
-    for (unsigned i = 1; i < nb_corners; ++i) top[i] = b[nb_corners - i];
-  }
-
-  const unsigned* edge = connectE2.data();
-  for (std::size_t e = 0; e < nb_edges; ++e, edge += connectE2.ld()) {
-    unsigned a = edge[0], b = edge[1];
-    unsigned a_up = base + map.local(a), b_up = base + map.local(b);
-    unsigned* quad = connectQ4.data() + (Q0 + e * N) * ldQ;
-    for (std::size_t k = 0; k < N; ++k, quad += ldQ) {
-      quad[0] = b;
-      quad[1] = a;
-      quad[2] = a_up;
-      quad[3] = b_up;
-      a = a_up;
-      b = b_up;
-      a_up += step;
-      b_up += step;
     }
-  }
+    face = connectS.data() + first * connectS.ld();
+    for (std::size_t j = first; j < last; ++j, face += connectS.ld()) {
+      const unsigned nb_corners = (R == 4 && face[3] != ABSENT) ? 4 : 3;
+      unsigned* top = connectTop.data() + (T0 + j) * ldT;
+      unsigned b[4], t[4];
+      for (unsigned i = 0; i < nb_corners; ++i) {
+        b[i] = face[i];
+        t[i] = top[i];
+      }
+      unsigned* solid = connectE.data() + (E0 + j * N) * ldE;
+      for (std::size_t k = 0; k < N; ++k, solid += ldE)
+        for (unsigned i = 0; i < nb_corners; ++i) {
+          solid[i] = b[i];
+          solid[nb_corners + i] = t[i];
+          b[i] = t[i];
+          t[i] += step;
+        }
+      // Far cap: the last layer's nodes, reversed so that its normal points out of the solid.
+      top[0] = b[0];
+      for (unsigned i = 1; i < nb_corners; ++i) top[i] = b[nb_corners - i];
+    }
+  });
+
+  elfes::parallel_for(nb_edges, 1u << 12, [&](std::size_t first, std::size_t last) {
+    const unsigned* edge = connectE2.data() + first * connectE2.ld();
+    for (std::size_t e = first; e < last; ++e, edge += connectE2.ld()) {
+      unsigned a = edge[0], b = edge[1];
+      unsigned a_up = base + map.local(a), b_up = base + map.local(b);
+      unsigned* quad = connectQ4.data() + (Q0 + e * N) * ldQ;
+      for (std::size_t k = 0; k < N; ++k, quad += ldQ) {
+        quad[0] = b;
+        quad[1] = a;
+        quad[2] = a_up;
+        quad[3] = b_up;
+        a = a_up;
+        b = b_up;
+        a_up += step;
+        b_up += step;
+      }
+    }
+  });
   return 0;
 }
 

@@ -14,6 +14,7 @@
 
 #include "common/debug_check.h"
 #include "common/element_tables.h"
+#include "common/parallel.h"
 #include "order/hash_tables.h"
 #include "zel/matrix.h"
 
@@ -157,6 +158,20 @@ struct node_layers {
     return k == 0 ? xyz + std::size_t(ids[i]) * ld : xyz + (nb_nodes + (k - 1) * count + i) * ld;
   }
 };
+
+/// Writes every copy: node(value, i, out) for surface node i in layer k (1 ... N), value =
+/// layer(k). The surface nodes are cut into chunks run on the library's threads, each
+/// walking the layers in turn; layer(k) is a pure function of k, evaluated per chunk.
+template <class Layer, class Node>
+void place_layers(const node_layers& layers, std::size_t N, Layer&& layer, Node&& node) {
+  parallel_for(layers.count, 1u << 12, [&](std::size_t first, std::size_t last) {
+    for (std::size_t k = 1; k <= N; ++k) {
+      const auto value = layer(k);
+      double* out = layers.copy(k, first);
+      for (std::size_t i = first; i < last; ++i, out += layers.ld) node(value, i, out);
+    }
+  });
+}
 
 /// Resizes coords to 3 rows and nb_nodes + N * node_count columns (new entries 0.0) and
 /// describes its columns in `layers`. 1 when there is nothing to place (N or node_count

@@ -18,22 +18,20 @@ int place_along_normals(dense2D<double>& coords, const elfes::surface_node_map& 
   if (status != 0) return status < 0 ? status : 0;
   const double* vectors = normals.data();
   const std::size_t ldn = normals.ld();
-  for (std::size_t k = 1; k <= N; ++k) {
-    const double s = scale(k);
-    double* out = layers.copy(k, 0);
-    for (std::size_t i = 0; i < layers.count; ++i, out += layers.ld) {
-      const double* p = layers.surface(i);
-      out[0] = p[0];
-      out[1] = p[1];
-      out[2] = p[2];
-      if (s != 0) {
-        const double* n = vectors + std::size_t(layers.ids[i]) * ldn;
-        out[0] += s * n[0];
-        out[1] += s * n[1];
-        out[2] += s * n[2];
-      }
-    }
-  }
+  elfes::place_layers(
+      layers, N, [&](std::size_t k) { return scale(k); },
+      [&](double s, std::size_t i, double* out) {
+        const double* p = layers.surface(i);
+        out[0] = p[0];
+        out[1] = p[1];
+        out[2] = p[2];
+        if (s != 0) {
+          const double* n = vectors + std::size_t(layers.ids[i]) * ldn;
+          out[0] += s * n[0];
+          out[1] += s * n[1];
+          out[2] += s * n[2];
+        }
+      });
   return 0;
 }
 

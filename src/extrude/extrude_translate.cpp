@@ -12,23 +12,27 @@ int place_translated(dense2D<double>& coords, const elfes::surface_node_map& map
   const int status = elfes::open_layers(coords, map, nb_nodes, N, layers);
   if (status != 0) return status < 0 ? status : 0;
   const double inverse_N = 1.0 / static_cast<double>(N);
-  for (std::size_t k = 1; k <= N; ++k) {
-    const double t = static_cast<double>(k) * inverse_N;
-    const double u = h0 > 0 && h1 > 0 ? elfes::layer_fraction(t, h0, h1) : t;
-    const double dx = u * T[0], dy = u * T[1], dz = u * T[2];
-    double* out = layers.copy(k, 0);
-    for (std::size_t i = 0; i < layers.count; ++i, out += layers.ld) {
-      const double* p = layers.surface(i);
-      out[0] = p[0];
-      out[1] = p[1];
-      out[2] = p[2];
-      if (u != 0) {
-        out[0] += dx;
-        out[1] += dy;
-        out[2] += dz;
-      }
-    }
-  }
+  struct shift {
+    double u, d[3];
+  };
+  elfes::place_layers(
+      layers, N,
+      [&](std::size_t k) {
+        const double t = static_cast<double>(k) * inverse_N;
+        const double u = h0 > 0 && h1 > 0 ? elfes::layer_fraction(t, h0, h1) : t;
+        return shift{u, {u * T[0], u * T[1], u * T[2]}};
+      },
+      [&](const shift& s, std::size_t i, double* out) {
+        const double* p = layers.surface(i);
+        out[0] = p[0];
+        out[1] = p[1];
+        out[2] = p[2];
+        if (s.u != 0) {
+          out[0] += s.d[0];
+          out[1] += s.d[1];
+          out[2] += s.d[2];
+        }
+      });
   return 0;
 }
 

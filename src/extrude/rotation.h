@@ -52,23 +52,27 @@ inline int place_rotated(dense2D<double>& coords, const surface_node_map& map, s
   const int status = open_layers(coords, map, nb_nodes, N, layers);
   if (status != 0) return status < 0 ? status : 0;
   const double inverse_N = 1.0 / static_cast<double>(N);
-  for (std::size_t k = 1; k <= N; ++k) {
-    const double t = static_cast<double>(k) * inverse_N;
-    const double u = h0 > 0 && h1 > 0 ? layer_fraction(t, h0, h1) : t;
-    const double angle[3] = {u * R[0], u * R[1], u * R[2]};
-    const rotation3 M = rotation_matrix(angle);
-    // Image of the origin shift: C + u T, added after rotating P - C.
-    const double shift[3] = {C[0] + u * T[0], C[1] + u * T[1], C[2] + u * T[2]};
-    double* out = layers.copy(k, 0);
-    for (std::size_t i = 0; i < layers.count; ++i, out += layers.ld) {
-      const double* p = layers.surface(i);
-      const double v[3] = {p[0] - C[0], p[1] - C[1], p[2] - C[2]};
-      M.apply(v, out);
-      out[0] += shift[0];
-      out[1] += shift[1];
-      out[2] += shift[2];
-    }
-  }
+  struct motion {
+    rotation3 M;
+    double shift[3];
+  };
+  place_layers(
+      layers, N,
+      [&](std::size_t k) {
+        const double t = static_cast<double>(k) * inverse_N;
+        const double u = h0 > 0 && h1 > 0 ? layer_fraction(t, h0, h1) : t;
+        const double angle[3] = {u * R[0], u * R[1], u * R[2]};
+        // Image of the origin shift: C + u T, added after rotating P - C.
+        return motion{rotation_matrix(angle), {C[0] + u * T[0], C[1] + u * T[1], C[2] + u * T[2]}};
+      },
+      [&](const motion& m, std::size_t i, double* out) {
+        const double* p = layers.surface(i);
+        const double v[3] = {p[0] - C[0], p[1] - C[1], p[2] - C[2]};
+        m.M.apply(v, out);
+        out[0] += m.shift[0];
+        out[1] += m.shift[1];
+        out[2] += m.shift[2];
+      });
   return 0;
 }
 

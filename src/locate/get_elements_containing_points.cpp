@@ -4,8 +4,10 @@
 // next); the points are only visited along a space-filling curve (point_order.h), so
 // that consecutive searches walk through elements and nodes that are still in the caches.
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 
+#include "common/parallel.h"
 #include "common/shared_memory.h"
 #include "locate/locate_point.h"
 #include "locate/point_order.h"
@@ -49,29 +51,37 @@ int get_elements_containing_points(const dense2D<double>& coords, const dense2D<
     return tessel::OUT_OF_MEMORY;
 
   // Each record's key is replaced by the point's element once searched, so that nothing
-  // is written to `elements` before every search has got through.
-  elfes::locate_scratch scratch;
-  bool missed = false, met_invalid = false;
-  for (std::size_t k = 0; k < nb_points; ++k) {
-    if (k + elfes::prefetch_distance < nb_points)
-      elfes::prefetch(xyz + elfes::record_id(order[k + elfes::prefetch_distance]) * ld);
-    const unsigned j = elfes::record_id(order[k]);
-    const double* p = xyz + j * ld;
-    unsigned element = tessel::NOT_FOUND;
-    const int r = elfes::locate_point(coords, connectivity, neighbors, node_element, detector,
-                                      vector_fixed<double, 3>(p[0], p[1], p[2]), element, tolerance, true, scratch);
-    if (r == tessel::OUT_OF_MEMORY) return tessel::OUT_OF_MEMORY;
-    if (r == -1) met_invalid = true;
-    if (r != 1) {
-      element = tessel::NOT_FOUND;
-      missed |= r != -1;
+  // is written to `elements` before every search has got through. The searches are
+  // independent: runs of the curve on the library's threads, each with its scratch, and
+  // the outcome flags merged (the same whatever order the runs take).
+  std::atomic<bool> missed{false}, met_invalid{false}, failed{false};
+  elfes::parallel_for(nb_points, 1u << 12, [&](std::size_t first, std::size_t last) {
+    elfes::locate_scratch scratch;
+    for (std::size_t k = first; k < last; ++k) {
+      if (k + elfes::prefetch_distance < last)
+        elfes::prefetch(xyz + elfes::record_id(order[k + elfes::prefetch_distance]) * ld);
+      const unsigned j = elfes::record_id(order[k]);
+      const double* p = xyz + j * ld;
+      unsigned element = tessel::NOT_FOUND;
+      const int r = elfes::locate_point(coords, connectivity, neighbors, node_element, detector,
+                                        vector_fixed<double, 3>(p[0], p[1], p[2]), element, tolerance, true, scratch);
+      if (r == tessel::OUT_OF_MEMORY) {
+        failed.store(true, std::memory_order_relaxed);
+        return;
+      }
+      if (r == -1) met_invalid.store(true, std::memory_order_relaxed);
+      if (r != 1) {
+        element = tessel::NOT_FOUND;
+        if (r != -1) missed.store(true, std::memory_order_relaxed);
+      }
+      order[k] = std::uint64_t(element) << 32 | j;
     }
-    order[k] = std::uint64_t(element) << 32 | j;
-  }
+  });
+  if (failed.load()) return tessel::OUT_OF_MEMORY;
   if (!elements.resize(nb_points)) return tessel::OUT_OF_MEMORY;
   unsigned* out = elements.data();
   for (std::size_t k = 0; k < nb_points; ++k) out[elfes::record_id(order[k])] = static_cast<unsigned>(order[k] >> 32);
-  return met_invalid ? -1 : missed ? 0 : 1;
+  return met_invalid.load() ? -1 : missed.load() ? 0 : 1;
 }
 
 }  // namespace tessel3d

@@ -1,6 +1,7 @@
 // circumcenters: centre of the sphere through the four nodes of every tetrahedron.
 #include <cmath>
 
+#include "common/parallel.h"
 #include "common/shared_memory.h"
 #include "measures/triangle_kernels.h"
 #include "zel/tessel3d.h"
@@ -49,16 +50,18 @@ int circumcenters(const dense2D<double>& coords, const dense2D<unsigned>& connec
   if (connect.cols() == 0) return 0;
 
   const elfes::node_reader node{coords.data(), coords.ld()};
-  const std::size_t n = connect.cols(), ld = connect.ld(), out_ld = centers.ld();
-  const unsigned* column = connect.data();
-  double* out = centers.data();
-  for (std::size_t j = 0; j < n; ++j, column += ld, out += out_ld) {
-    vec3 centre;
-    tet_circumcentre(node(column[0]), node(column[1]), node(column[2]), node(column[3]), centre);
-    out[0] = centre.x;
-    out[1] = centre.y;
-    out[2] = centre.z;
-  }
+  const std::size_t ld = connect.ld(), out_ld = centers.ld();
+  elfes::parallel_for(connect.cols(), 1u << 14, [&](std::size_t first, std::size_t last) {
+    const unsigned* column = connect.data() + first * ld;
+    double* out = centers.data() + first * out_ld;
+    for (std::size_t j = first; j < last; ++j, column += ld, out += out_ld) {
+      vec3 centre;
+      tet_circumcentre(node(column[0]), node(column[1]), node(column[2]), node(column[3]), centre);
+      out[0] = centre.x;
+      out[1] = centre.y;
+      out[2] = centre.z;
+    }
+  });
   return 0;
 }
 

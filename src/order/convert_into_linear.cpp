@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "common/element_tables.h"
+#include "common/parallel.h"
 #include "zel/tessel3d.h"
 
 namespace zel {
@@ -24,6 +25,15 @@ void pad_corners(const unsigned* from, unsigned* to, std::size_t R) {
   }
 }
 
+// Columns are independent (in place, each reads only its own): chunks on the threads.
+void pad_every_column(const dense2D<unsigned>& from, dense2D<unsigned>& to, std::size_t R) {
+  elfes::parallel_for(to.cols(), 1u << 16, [&](std::size_t first, std::size_t last) {
+    const unsigned* source = from.data() + first * from.ld();
+    unsigned* target = to.data() + first * to.ld();
+    for (std::size_t j = first; j < last; ++j, source += from.ld(), target += to.ld()) pad_corners(source, target, R);
+  });
+}
+
 }  // namespace
 
 int convert_into_linear(dense2D<unsigned>& connect) {
@@ -33,17 +43,14 @@ int convert_into_linear(dense2D<unsigned>& connect) {
   if (R > 27 || ((quadratic_rows_mask >> R) & 1u) == 0) return -1;
   if (connect.storage().unique()) {
     // Own buffer: rewrite in place, then drop the rows (no allocation, cannot fail).
-    unsigned* column = connect.data();
-    for (std::size_t j = 0; j < C; ++j, column += connect.ld()) pad_corners(column, column, R);
+    pad_every_column(connect, connect, R);
     return connect.resize(8, C) ? 0 : tessel::OUT_OF_MEMORY;
   }
   // Shared buffer: the resize detaches onto a buffer of its own, so the other views keep
   // their entries; the padding rows are read from the shared one.
   const dense2D<unsigned> shared = connect;
   if (!connect.resize(8, C)) return tessel::OUT_OF_MEMORY;
-  const unsigned* from = shared.data();
-  unsigned* to = connect.data();
-  for (std::size_t j = 0; j < C; ++j, from += shared.ld(), to += connect.ld()) pad_corners(from, to, R);
+  pad_every_column(shared, connect, R);
   return 0;
 }
 

@@ -1,0 +1,110 @@
+// Speed of the families that cut their work into chunks, on 1 and 2 threads (the
+// argument), on meshes of about 10^6 elements: elements (or faces, nodes) per second.
+// The ratio of the two rates is what a second core buys; a family whose rate barely
+// moves is bound by memory bandwidth, not arithmetic.
+#include <benchmark/benchmark.h>
+
+#include "box_mesh.h"
+#include "zel/tessel3d.h"
+
+namespace {
+
+using tessel3d_test::box_kind;
+using tessel3d_test::box_mesh;
+namespace t3 = zel::tessel3d;
+
+const box_mesh& th4() {
+  static const box_mesh m = tessel3d_test::make_box(box_kind::TH4, 55, 55, 55, 1, 1, 1, 0.1);  // 998,250 TH4
+  return m;
+}
+const box_mesh& h8() {
+  static const box_mesh m = tessel3d_test::make_box(box_kind::H8, 100, 100, 100, 1, 1, 1, 0.1);  // 10^6 H8
+  return m;
+}
+// 10^6 H27 columns, converted once.
+const zel::dense2D<unsigned>& h27() {
+  static const zel::dense2D<unsigned> c = [] {
+    box_mesh m = h8();
+    zel::dense2D<double> coords;
+    coords.copy(m.coords);
+    zel::dense2D<unsigned> connect;
+    connect.copy(m.connect);
+    t3::convert_into_quadratic(coords, connect);
+    return connect;
+  }();
+  return c;
+}
+// A 1000 x 1000 grid of quadrangles (the bottom of a one-layer H8 box).
+const box_mesh& grid() {
+  static const box_mesh m = [] {
+    box_mesh b = tessel3d_test::make_box(box_kind::H8, 1000, 1000, 1, 1, 1, 0.01);
+    b.connect = b.connect.sub_matrix(0, 0, 4, b.connect.cols());
+    return b;
+  }();
+  return m;
+}
+
+void threads_from(benchmark::State& state) { t3::set_threads(unsigned(state.range(0))); }
+void rate(benchmark::State& state, std::size_t items) {
+  state.counters["elements/s"] = benchmark::Counter(double(items), benchmark::Counter::kIsIterationInvariantRate);
+  t3::set_threads(0);
+}
+
+void circumcenters(benchmark::State& state) {
+  threads_from(state);
+  zel::dense2D<double> centres;
+  for (auto _ : state) t3::circumcenters(th4().coords, th4().connect, centres);
+  rate(state, th4().connect.cols());
+}
+
+void flip_H8(benchmark::State& state) {
+  threads_from(state);
+  zel::dense2D<unsigned> c;
+  c.copy(h8().connect);
+  for (auto _ : state) t3::flip(c, zel::H8);
+  rate(state, c.cols());
+}
+
+// The copy of the quadratic columns is timed too (paused timers cost more than it).
+void convert_into_linear(benchmark::State& state) {
+  threads_from(state);
+  for (auto _ : state) {
+    state.PauseTiming();
+    zel::dense2D<unsigned> c;
+    c.copy(h27());
+    state.ResumeTiming();
+    t3::convert_into_linear(c);
+  }
+  rate(state, h27().cols());
+}
+
+void extrude_translate(benchmark::State& state) {
+  threads_from(state);
+  for (auto _ : state) {
+    state.PauseTiming();
+    zel::dense2D<double> coords;
+    coords.copy(grid().coords);
+    zel::dense2D<unsigned> E;
+    state.ResumeTiming();
+    t3::extrude_translate(coords, grid().connect, zel::vector_fixed<double, 3>(0, 0, 1), 4u, E);
+  }
+  rate(state, 4 * grid().connect.cols());  // solids made
+}
+
+void get_node_element(benchmark::State& state) {
+  threads_from(state);
+  zel::dense1D<unsigned, 8> first;
+  for (auto _ : state) zel::tessel::get_node_element(th4().connect, unsigned(th4().coords.cols()), first);
+  rate(state, th4().connect.cols());
+}
+
+#define BY_THREADS(f) BENCHMARK(f)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime()
+BY_THREADS(circumcenters);
+BY_THREADS(flip_H8);
+BY_THREADS(convert_into_linear);
+BY_THREADS(extrude_translate);
+BY_THREADS(get_node_element);
+
+}  // namespace
+
+BENCHMARK_MAIN();
