@@ -127,10 +127,10 @@ void line_factors(benchmark::State& state) {
 }
 
 void line_tensors(benchmark::State& state) {
-  static const dense2D<double> metrics(6, nb_layers + 1, {1, 0, 1, 0, 0, 1, 1, 0, 1, 0, 0, 1, 1, 0, 1, 0, 0, 1,
-                                                        1, 0, 1, 0, 0, 1, 1, 0, 1, 0, 0, 1, 1, 0, 1, 0, 0, 1,
-                                                        1, 0, 1, 0, 0, 1, 1, 0, 1, 0, 0, 1, 1, 0, 1, 0, 0, 1,
-                                                        1, 0, 1, 0, 0, 1, 1, 0, 1, 0, 0, 1});
+  static const dense2D<double> metrics(
+      6, nb_layers + 1,
+      {1, 0, 1, 0, 0, 1, 1, 0, 1, 0, 0, 1, 1, 0, 1, 0, 0, 1, 1, 0, 1, 0, 0, 1, 1, 0, 1, 0, 0, 1, 1, 0, 1,
+       0, 0, 1, 1, 0, 1, 0, 0, 1, 1, 0, 1, 0, 0, 1, 1, 0, 1, 0, 0, 1, 1, 0, 1, 0, 0, 1, 1, 0, 1, 0, 0, 1});
   run(state, [](const surface& s, dense2D<double>& coords, dense2D<unsigned>& E) {
     return t3::extrude_line(coords, s.faces, s.line, vec3(0, 0, 1), metrics, E);
   });

@@ -51,7 +51,8 @@ void interpolate_field(benchmark::State& state) {
   for (std::size_t n = 0; n < m.mesh_nodes; ++n)
     for (int c = 0; c < 3; ++c) field(c, n) = m.coords(c, n) * (c + 1);
   for (auto _ : state) {
-    const int status = zel::tessel3d::interpolate(m.coords, m.mesh.connect, m.neighbors, m.node_element, field, m.nodes);
+    const int status =
+        zel::tessel3d::interpolate(m.coords, m.mesh.connect, m.neighbors, m.node_element, field, m.nodes);
     benchmark::DoNotOptimize(status);
   }
   state.counters["points/s"] = benchmark::Counter(double(points), benchmark::Counter::kIsIterationInvariantRate);
@@ -187,7 +188,8 @@ void fan_just_outside(benchmark::State& state) {
     for (int k = 0; k < 4; ++k) x[k] = &coords(0, connect(k, e));
     double u[3], v[3], w[3];
     for (int d = 0; d < 3; ++d) u[d] = x[0][d] - x[3][d], v[d] = x[1][d] - x[3][d], w[d] = x[2][d] - x[3][d];
-    if (u[0] * (v[1] * w[2] - v[2] * w[1]) - u[1] * (v[0] * w[2] - v[2] * w[0]) + u[2] * (v[0] * w[1] - v[1] * w[0]) < 0)
+    if (u[0] * (v[1] * w[2] - v[2] * w[1]) - u[1] * (v[0] * w[2] - v[2] * w[0]) + u[2] * (v[0] * w[1] - v[1] * w[0]) <
+        0)
       std::swap(connect(0, e), connect(1, e));
   }
   zel::dense2D<unsigned> neighbors;
@@ -201,10 +203,10 @@ void fan_just_outside(benchmark::State& state) {
   zel::dense1D<unsigned, 8> elements;
   const bool specified = state.range(1) != 0;
   for (auto _ : state)
-    benchmark::DoNotOptimize(
-        specified ? zel::tessel3d::get_elements_containing_points(coords, connect, neighbors, node_element, detector,
-                                                                  zel::TH4, point, elements, 0.0)
-                  : locator.find(point, elements, 0.0));
+    benchmark::DoNotOptimize(specified ? zel::tessel3d::get_elements_containing_points(coords, connect, neighbors,
+                                                                                       node_element, detector, zel::TH4,
+                                                                                       point, elements, 0.0)
+                                       : locator.find(point, elements, 0.0));
   state.counters["elements"] = double(connect.cols());
 }
 BENCHMARK(fan_just_outside)->ArgsProduct({{40, 80}, {0, 1}})->Unit(benchmark::kMillisecond);
@@ -221,8 +223,8 @@ void locate_point_with_detector(benchmark::State& state) {
       const unsigned n = m.nodes[k];
       const zel::vector_fixed<double, 3> p(m.coords(0, n), m.coords(1, n), m.coords(2, n));
       unsigned element = ~0U;
-      benchmark::DoNotOptimize(elfes::locate_point(m.coords, m.mesh.connect, m.neighbors, m.node_element, detector,
-                                                   p, element, 1e-9, true, scratch));
+      benchmark::DoNotOptimize(elfes::locate_point(m.coords, m.mesh.connect, m.neighbors, m.node_element, detector, p,
+                                                   element, 1e-9, true, scratch));
     }
   }
   state.counters["points/s"] = benchmark::Counter(double(points), benchmark::Counter::kIsIterationInvariantRate);
@@ -238,7 +240,8 @@ void interpolate_anisotropic_metrics(benchmark::State& state) {
   for (std::size_t n = 0; n < m.mesh_nodes; ++n) {
     // A random positive-definite tensor: diagonal sizes, made anisotropic by off-diagonal terms.
     const double a = random.uniform(1, 100), b = random.uniform(1, 100), c = random.uniform(1, 100);
-    const double ab = 0.5 * std::sqrt(a * b) * random.uniform(-1, 1), ac = 0.3 * std::sqrt(a * c) * random.uniform(-1, 1);
+    const double ab = 0.5 * std::sqrt(a * b) * random.uniform(-1, 1),
+                 ac = 0.3 * std::sqrt(a * c) * random.uniform(-1, 1);
     const double values[6] = {a, ab, b, ac, 0.0, c};
     for (int k = 0; k < 6; ++k) metrics(k, n) = values[k];
   }

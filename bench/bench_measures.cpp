@@ -13,10 +13,10 @@ using tessel3d_test::box_mesh;
 // About 10^6 elements of each kind, built once.
 const box_mesh& mesh(box_kind kind) {
   static const box_mesh meshes[4] = {
-      tessel3d_test::make_box(box_kind::TH4, 55, 55, 55, 1, 1, 1, 0.1),  // 998,250 TH4
-      tessel3d_test::make_box(box_kind::PY5, 55, 55, 55, 1, 1, 1, 0.1),  // 998,250 PY5
-      tessel3d_test::make_box(box_kind::W6, 80, 80, 78, 1, 1, 1, 0.1),   // 998,400 W6
-      tessel3d_test::make_box(box_kind::H8, 100, 100, 100, 1, 1, 1, 0.1), // 10^6 H8, 8 rows
+      tessel3d_test::make_box(box_kind::TH4, 55, 55, 55, 1, 1, 1, 0.1),    // 998,250 TH4
+      tessel3d_test::make_box(box_kind::PY5, 55, 55, 55, 1, 1, 1, 0.1),    // 998,250 PY5
+      tessel3d_test::make_box(box_kind::W6, 80, 80, 78, 1, 1, 1, 0.1),     // 998,400 W6
+      tessel3d_test::make_box(box_kind::H8, 100, 100, 100, 1, 1, 1, 0.1),  // 10^6 H8, 8 rows
   };
   return meshes[static_cast<int>(kind)];
 }
@@ -67,7 +67,9 @@ void run_angles(benchmark::State& state, angle_fn angles, box_kind kind) {
   set_rate(state, m.connect.cols());
 }
 
-void dihedral_angles(benchmark::State& state, box_kind kind) { run_angles(state, zel::tessel3d::dihedral_angles, kind); }
+void dihedral_angles(benchmark::State& state, box_kind kind) {
+  run_angles(state, zel::tessel3d::dihedral_angles, kind);
+}
 void solid_angles(benchmark::State& state, box_kind kind) { run_angles(state, zel::tessel3d::solid_angles, kind); }
 
 // The checked forms, which also list the degenerate elements (none in a box).

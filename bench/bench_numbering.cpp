@@ -41,14 +41,12 @@ void run(benchmark::State& state, box_kind kind, unsigned n, Call call) {
 
 // 46^3 = 97336 H8, 6 * 22^3 = 63888 TH4, 6 * 20^3 = 48000 PY5.
 void quadratic_H8(benchmark::State& s) {
-  run(s, box_kind::H8, 46, [](dense2D<double>& x, dense2D<unsigned>& c) {
-    return zel::tessel3d::convert_into_quadratic(x, c);
-  });
+  run(s, box_kind::H8, 46,
+      [](dense2D<double>& x, dense2D<unsigned>& c) { return zel::tessel3d::convert_into_quadratic(x, c); });
 }
 void quadratic_TH4(benchmark::State& s) {
-  run(s, box_kind::TH4, 22, [](dense2D<double>& x, dense2D<unsigned>& c) {
-    return zel::tessel3d::convert_into_quadratic(x, c);
-  });
+  run(s, box_kind::TH4, 22,
+      [](dense2D<double>& x, dense2D<unsigned>& c) { return zel::tessel3d::convert_into_quadratic(x, c); });
 }
 void high_order_PY5(benchmark::State& s) {
   run(s, box_kind::PY5, 20, [](dense2D<double>& x, dense2D<unsigned>& c) {
@@ -65,7 +63,8 @@ void split_into_H8_TH4(benchmark::State& s) {
 // Every face of every cell listed as its cell sees it: 6 * 46^3 quadrangles.
 void split_solid_Q4_H8(benchmark::State& s) {
   run(s, box_kind::H8, 46, [](dense2D<double>& x, dense2D<unsigned>& c) {
-    static const unsigned faces[6][4] = {{0, 3, 7, 4}, {1, 5, 6, 2}, {0, 4, 5, 1}, {3, 2, 6, 7}, {0, 1, 2, 3}, {4, 7, 6, 5}};
+    static const unsigned faces[6][4] = {{0, 3, 7, 4}, {1, 5, 6, 2}, {0, 4, 5, 1},
+                                         {3, 2, 6, 7}, {0, 1, 2, 3}, {4, 7, 6, 5}};
     dense2D<unsigned> quads(4, 6 * c.cols()), out;
     for (std::size_t j = 0; j < c.cols(); ++j)
       for (unsigned f = 0; f < 6; ++f)
@@ -87,8 +86,8 @@ void duplicate_surface_nodes_H8(benchmark::State& s) {
     dense2D<unsigned> surface(4, layer);
     for (std::size_t j = 0; j < layer; ++j)
       for (unsigned i = 0; i < 4; ++i) surface(i, j) = c(i, first + j);
-    const int added = zel::tessel3d::duplicate_surface_nodes(x, c, neighbors, node_element, surface, excluded, true,
-                                                             false, zel::H8);
+    const int added =
+        zel::tessel3d::duplicate_surface_nodes(x, c, neighbors, node_element, surface, excluded, true, false, zel::H8);
     return added > 0 ? 0 : -1;
   });
 }

@@ -39,8 +39,7 @@ void run(benchmark::State& state, bool listed, bool conforming = false) {
     state.ResumeTiming();
     const int status = conforming ? zel::tessel3d::split_solid_Q4(coords, box.connect, quads, 0.1, out, reasons)
                                   : zel::tessel3d::split_solid_Q4(coords, box.connect, quads, 0.1, out, failed);
-    if (status != 0)
-      state.SkipWithError("the call failed");
+    if (status != 0) state.SkipWithError("the call failed");
   }
   state.counters["solids/s"] =
       benchmark::Counter(static_cast<double>(box.connect.cols()), benchmark::Counter::kIsIterationInvariantRate);

@@ -54,8 +54,8 @@ void duplicate_surface_nodes_TH4(benchmark::State& state) {
     coords.copy(b.mesh.coords);
     connect = b.mesh.connect;  // read only by the call, which swaps in its own copy
     state.ResumeTiming();
-    added = zel::tessel3d::duplicate_surface_nodes(coords, connect, b.neighbors, b.node_element, b.surface,
-                                                   excluded, positive, negative, zel::TH4);
+    added = zel::tessel3d::duplicate_surface_nodes(coords, connect, b.neighbors, b.node_element, b.surface, excluded,
+                                                   positive, negative, zel::TH4);
     benchmark::DoNotOptimize(added);
   }
   if (added <= 0) state.SkipWithError("no node added");
@@ -66,11 +66,7 @@ void duplicate_surface_nodes_TH4(benchmark::State& state) {
       benchmark::Counter(double(b.mesh.connect.cols()), benchmark::Counter::kIsIterationInvariantRate);
 }
 
-BENCHMARK(duplicate_surface_nodes_TH4)
-    ->Args({20, 1})
-    ->Args({55, 1})
-    ->Args({55, 3})
-    ->Unit(benchmark::kMillisecond);
+BENCHMARK(duplicate_surface_nodes_TH4)->Args({20, 1})->Args({55, 1})->Args({55, 3})->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

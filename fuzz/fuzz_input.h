@@ -17,7 +17,9 @@ namespace tessel3d_fuzz {
 
 // Requests above 64 MiB get nullptr, as an exhausted machine would answer them: hostile
 // sizes then exercise the library's -199 paths instead of the machine's memory.
-inline void* capped_alloc(std::size_t bytes) { return bytes > (std::size_t(64) << 20) ? nullptr : std::malloc(bytes ? bytes : 1); }
+inline void* capped_alloc(std::size_t bytes) {
+  return bytes > (std::size_t(64) << 20) ? nullptr : std::malloc(bytes ? bytes : 1);
+}
 inline void capped_free(void* memory) { std::free(memory); }
 inline const bool cap_installed = (zel::set_vector_num_allocator(&capped_alloc, &capped_free), true);
 

@@ -84,8 +84,8 @@ TESSEL3D_FUZZ_TARGET(locate) {
     case 0: {
       zel::tessel::node_detector detector(coords);
       unsigned element = 12345;
-      const int status = t3::get_element_containing_point(coords, connect, neighbors, node_element, detector,
-                                                          in.type(), in.point(), element, in.real());
+      const int status = t3::get_element_containing_point(coords, connect, neighbors, node_element, detector, in.type(),
+                                                          in.point(), element, in.real());
       if (status == 1 && element >= nb_elements) __builtin_trap();
       if (status != 1 && element != ~0U) __builtin_trap();
       // Many points at once: each must get what the single search gives it.
@@ -107,7 +107,8 @@ TESSEL3D_FUZZ_TARGET(locate) {
       break;
     }
     case 1: {
-      auto field = in.matrix<double>(in.below(4), in.flag() ? nb_nodes : in.below(30), [&](std::size_t) { return in.real(); });
+      auto field =
+          in.matrix<double>(in.below(4), in.flag() ? nb_nodes : in.below(30), [&](std::size_t) { return in.real(); });
       t3::interpolate(coords, connect, neighbors, node_element, field, nodes);
       break;
     }
@@ -118,7 +119,8 @@ TESSEL3D_FUZZ_TARGET(locate) {
       break;
     }
     case 3: {
-      auto metrics = in.matrix<double>(in.flag() ? 6 : 5, in.flag() ? nb_nodes : in.below(30), [&](std::size_t) { return in.real(); });
+      auto metrics = in.matrix<double>(in.flag() ? 6 : 5, in.flag() ? nb_nodes : in.below(30),
+                                       [&](std::size_t) { return in.real(); });
       if (in.flag())
         t3::interpolate_metrics(coords, connect, neighbors, node_element, metrics, nodes, in.flag());
       else

@@ -32,7 +32,8 @@ void structured_measures(tessel3d_fuzz::byte_reader& in) {
   if (s.kind == box_kind::H8 && !s.jittered) {
     zel::dense1D<double, 8> low(connect.cols(), 0.0), high(connect.cols(), 0.0);
     require(zel::tessel3d::dihedral_angles(coords, connect, true, low, high) == 0);
-    for (std::size_t j = 0; j < connect.cols(); ++j) require(std::fabs(low[j] - 1) < 1e-12 && std::fabs(high[j] - 1) < 1e-12);
+    for (std::size_t j = 0; j < connect.cols(); ++j)
+      require(std::fabs(low[j] - 1) < 1e-12 && std::fabs(high[j] - 1) < 1e-12);
   }
 }
 

@@ -21,7 +21,7 @@ void structured_split(tessel3d_fuzz::byte_reader& in) {
   static const unsigned py5[1][4] = {{0, 1, 2, 3}};
   const auto& connect = s.mesh.connect;
   const unsigned nb_quads = s.kind == box_kind::H8 ? 6 : s.kind == box_kind::W6 ? 3 : 1;
-  const unsigned (*quads_of)[4] = s.kind == box_kind::H8 ? h8 : s.kind == box_kind::W6 ? w6 : py5;
+  const unsigned(*quads_of)[4] = s.kind == box_kind::H8 ? h8 : s.kind == box_kind::W6 ? w6 : py5;
   zel::dense2D<unsigned> quads(4, in.below(200));
   for (std::size_t j = 0; j < quads.cols(); ++j) {
     const std::size_t e = in.word() % connect.cols();
@@ -36,7 +36,8 @@ void structured_split(tessel3d_fuzz::byte_reader& in) {
   require(zel::tessel3d::split_solid_Q4(coords, connect, quads, -1.0, out, failed) == 0 && failed.empty());
   // Jitter warps the faces, which a piece and its unsplit neighbour may cut differently.
   if (!s.jittered) tessel3d_fuzz::require_close(tessel3d_fuzz::total_volume(coords, out), 1.0);
-  for (std::size_t j = 0; j < out.cols(); ++j) require(tessel3d_fuzz::total_volume(coords, out.sub_matrix(0, j, 8, 1)) > 0);
+  for (std::size_t j = 0; j < out.cols(); ++j)
+    require(tessel3d_fuzz::total_volume(coords, out.sub_matrix(0, j, 8, 1)) > 0);
 }
 
 }  // namespace

@@ -72,7 +72,8 @@ inline structured_mesh read_structured(byte_reader& in, std::initializer_list<te
         for (int d = 0; d < 3; ++d) s.mesh.coords(d, s.new_id[n]) = s.natural.coords(d, n);
       s.mesh.connect.copy(s.natural.connect);
       for (std::size_t j = 0; j < s.mesh.connect.cols(); ++j)
-        for (std::size_t r = 0; r < s.mesh.connect.rows(); ++r) s.mesh.connect(r, j) = s.new_id[s.natural.connect(r, j)];
+        for (std::size_t r = 0; r < s.mesh.connect.rows(); ++r)
+          s.mesh.connect(r, j) = s.new_id[s.natural.connect(r, j)];
       break;
     }
   }

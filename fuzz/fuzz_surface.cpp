@@ -26,12 +26,13 @@ void structured_surface(tessel3d_fuzz::byte_reader& in) {
     for (std::size_t j = 0; j < layer; ++j)
       for (unsigned i = 0; i < 4; ++i) surface(i, j) = m.connect(i, first + j);  // bottom faces 0 1 2 3
     require(coords[numbered].copy(m.coords) && connect[numbered].copy(m.connect));
-    added[numbered] = zel::tessel3d::duplicate_surface_nodes(coords[numbered], connect[numbered], neighbors, node_element,
-                                                  surface, excluded, true, false, zel::H8);
+    added[numbered] = zel::tessel3d::duplicate_surface_nodes(coords[numbered], connect[numbered], neighbors,
+                                                             node_element, surface, excluded, true, false, zel::H8);
   }
   require(added[0] == int((s.nx + 1) * (s.ny + 1)) && added[1] == added[0]);
   tessel3d_fuzz::require_renumbered(s, connect[0], coords[0], connect[1], coords[1]);
-  if (tessel3d_fuzz::box_volume_known(s)) tessel3d_fuzz::require_close(tessel3d_fuzz::total_volume(coords[1], connect[1]), 1.0);
+  if (tessel3d_fuzz::box_volume_known(s))
+    tessel3d_fuzz::require_close(tessel3d_fuzz::total_volume(coords[1], connect[1]), 1.0);
   std::size_t moved = 0;
   for (std::size_t j = 0; j < connect[1].cols(); ++j) {
     bool uses_new = false;
@@ -62,7 +63,8 @@ TESSEL3D_FUZZ_TARGET(surface) {
     zel::tessel::get_neighbors(connect, type, neighbors);
     zel::tessel::get_node_element(connect, nb_nodes, node_element);
   } else {
-    neighbors = in.matrix<unsigned>(type == zel::TH4 ? 4 : 6, nb_elements, [&](std::size_t) { return in.id(nb_elements); });
+    neighbors =
+        in.matrix<unsigned>(type == zel::TH4 ? 4 : 6, nb_elements, [&](std::size_t) { return in.id(nb_elements); });
     node_element = in.ids(nb_elements, nb_nodes + 1);
   }
   auto surface = in.connectivity({type == zel::TH4 ? 3u : 4u}, nb_nodes, 8);
@@ -70,8 +72,8 @@ TESSEL3D_FUZZ_TARGET(surface) {
   const std::size_t entry_nodes = coords.cols();
   zel::dense2D<unsigned> before;
   if (!before.copy(connect)) return 0;
-  const int added = zel::tessel3d::duplicate_surface_nodes(coords, connect, neighbors, node_element, surface,
-                                                           excluded, in.flag(), in.flag(), type);
+  const int added = zel::tessel3d::duplicate_surface_nodes(coords, connect, neighbors, node_element, surface, excluded,
+                                                           in.flag(), in.flag(), type);
   if (added <= 0) {  // nothing changed
     if (coords.cols() != entry_nodes) __builtin_trap();
     for (std::size_t j = 0; j < connect.cols(); ++j)

@@ -168,7 +168,8 @@ TEST(flip, high_order_rows_follow_the_corners) {
   const struct {
     box_kind kind;
     zel::element_type linear, quadratic;
-  } kinds[] = {{box_kind::TH4, zel::TH4, zel::TH10}, {box_kind::W6, zel::W6, zel::W18}, {box_kind::H8, zel::H8, zel::H27}};
+  } kinds[] = {
+      {box_kind::TH4, zel::TH4, zel::TH10}, {box_kind::W6, zel::W6, zel::W18}, {box_kind::H8, zel::H8, zel::H27}};
   for (const auto& k : kinds) {
     const auto box = tessel3d_test::make_box(k.kind, 2, 2, 2, 1, 1, 1, 0.2, 7);
     dense2D<double> x_then, x_first;

@@ -181,8 +181,8 @@ TEST(shared_storage, one_array_as_input_and_output) {
        [](scene& s) {
          zel::dense1D<unsigned, 8> e;
          e.copy(s.node_element);
-         return t3::get_elements_containing_points(s.coords, s.connect, s.neighbors, e, s.detector, zel::TH4, s.reals_in,
-                                                   s.node_element, 0.0);
+         return t3::get_elements_containing_points(s.coords, s.connect, s.neighbors, e, s.detector, zel::TH4,
+                                                   s.reals_in, s.node_element, 0.0);
        },
        0},
       {"dihedral_angles", every_solid_kind,
@@ -257,15 +257,20 @@ scene big_search() {
   return s;
 }
 
-#define BIG_ROW(name, make, ...) \
-  family_row { name, make, nullptr, [](scene& s) { return __VA_ARGS__; } }
+#define BIG_ROW(name, make, ...)                              \
+  family_row {                                                \
+    name, make, nullptr, [](scene& s) { return __VA_ARGS__; } \
+  }
 const vec3 lift(0, 0, 0.5), axis(-1, 0, 0), turn(0, -0.5, 0);
 const std::vector<family_row>& chunked_families() {
   static const std::vector<family_row> rows = {
-      BIG_ROW("flip_H8", [] { return big_box(box_kind::H8, 42); }, t3::flip(s.connect, zel::H8)),
-      BIG_ROW("flip_halves", [] { return big_box(box_kind::H8, 42); }, t3::flip_H8(s.connect)),
-      BIG_ROW("circumcenters", [] { return big_box(box_kind::TH4, 16); },
-              t3::circumcenters(s.coords, s.connect, s.reals_out)),
+      BIG_ROW(
+          "flip_H8", [] { return big_box(box_kind::H8, 42); }, t3::flip(s.connect, zel::H8)),
+      BIG_ROW(
+          "flip_halves", [] { return big_box(box_kind::H8, 42); }, t3::flip_H8(s.connect)),
+      BIG_ROW(
+          "circumcenters", [] { return big_box(box_kind::TH4, 16); },
+          t3::circumcenters(s.coords, s.connect, s.reals_out)),
       BIG_ROW("convert_into_linear", big_quadratic, t3::convert_into_linear(s.connect)),
       BIG_ROW("extrude_translate", big_surface,
               t3::extrude_translate(s.coords, s.connect, lift, 3, s.E, s.E2, s.Q4, s.Top)),
@@ -273,10 +278,11 @@ const std::vector<family_row>& chunked_families() {
               t3::extrude_rotate(s.coords, s.connect, axis, turn, 0.05, 0.1, false, s.E, s.E2, s.Q4, s.Top)),
       BIG_ROW("extrude_normal", big_surface, t3::extrude_normal(s.coords, s.connect, 0.3, 2u, s.E, s.E2, s.Q4, s.Top)),
       BIG_ROW("get_elements_containing_points", big_search,
-              t3::get_elements_containing_points(s.coords, s.connect, s.neighbors, s.node_element, s.detector,
-                                                 zel::TH4, s.reals_in, s.ids_out, 0.0)),
-      BIG_ROW("get_node_element", [] { return big_box(box_kind::TH4, 24); },
-              zel::tessel::get_node_element(s.connect, unsigned(s.coords.cols()), s.ids_out)),
+              t3::get_elements_containing_points(s.coords, s.connect, s.neighbors, s.node_element, s.detector, zel::TH4,
+                                                 s.reals_in, s.ids_out, 0.0)),
+      BIG_ROW(
+          "get_node_element", [] { return big_box(box_kind::TH4, 24); },
+          zel::tessel::get_node_element(s.connect, unsigned(s.coords.cols()), s.ids_out)),
   };
   return rows;
 }

@@ -179,9 +179,9 @@ TEST(extrude_translate, numbering_lateral_faces_and_far_cap) {
   const dense2D<unsigned> S(4, 2, {4, 0, 1, 3, 0, 2, 1, absent});
   dense2D<unsigned> E(8, 1, 5u), Q4(4, 1, 5u), Top(4, 1, 5u);  // existing columns stay in front
   ASSERT_EQ(t3::extrude_translate(coords, S, vec3(0, 0, 1), 2u, E, dense2D<unsigned>(2, 1, {0, 1}), Q4, Top), 0);
-  EXPECT_TRUE(same(E, dense2D<unsigned>(8, 5, {5, 5, 5, 5, 5, 5, 5, 5,     4, 0, 1, 3, 6, 7, 8, 9,
-                                               6, 7, 8, 9, 11, 12, 13, 14, 0, 2, 1, 7, 10, 8, absent, absent,
-                                               7, 10, 8, 12, 15, 13, absent, absent})));
+  EXPECT_TRUE(same(E, dense2D<unsigned>(8, 5, {5,  5, 5,      5,      5, 5,  5,  5,  4,  0,  1,      3,     6, 7,
+                                               8,  9, 6,      7,      8, 9,  11, 12, 13, 14, 0,      2,     1, 7,
+                                               10, 8, absent, absent, 7, 10, 8,  12, 15, 13, absent, absent})));
   EXPECT_TRUE(same(Q4, dense2D<unsigned>(4, 3, {5, 5, 5, 5, 1, 0, 7, 8, 8, 7, 12, 13})));
   EXPECT_TRUE(same(Top, dense2D<unsigned>(4, 3, {5, 5, 5, 5, 11, 14, 13, 12, 12, 13, 15, absent})));
   // Node 6 + 5 (k - 1) + i is the i-th node of the map order moved by k/2 along z.
@@ -389,9 +389,30 @@ TEST(extrude_line, factors_and_tensors_scale_the_section) {
 // (a sweep length of 0); h0 = 0 or NaN, h1 < 0, thickness 0, T = 0; normals with fewer
 // columns than the surface has nodes, or 2 rows; a polyline of one node, or with a node
 // out of range; metrics with 5 rows; outputs with the wrong row count; no layer.
-enum bad { layers_zero, coords_rows, coords_planar, surface_id, surface_absent, surface_empty, P0_id, P0_at_C,
-           h0_zero, h0_nan, h1_negative, thickness_zero, T_zero, normals_cols, normals_rows, line_short, line_id,
-           metrics_rows, E_rows, E2_rows, Q4_rows, Top_rows };
+enum bad {
+  layers_zero,
+  coords_rows,
+  coords_planar,
+  surface_id,
+  surface_absent,
+  surface_empty,
+  P0_id,
+  P0_at_C,
+  h0_zero,
+  h0_nan,
+  h1_negative,
+  thickness_zero,
+  T_zero,
+  normals_cols,
+  normals_rows,
+  line_short,
+  line_id,
+  metrics_rows,
+  E_rows,
+  E2_rows,
+  Q4_rows,
+  Top_rows
+};
 
 struct call_args {
   dense2D<double> coords{3, 6, {0, 0, 0, 1, 0, 0, 1, 1, 0, 0, 1, 0, 5, 5, 0, 5, 5, 1}};
@@ -442,54 +463,105 @@ struct form_codes {
 };
 
 // A form's name, then its long and short forms with the given leading arguments.
-#define TESSEL3D_FORMS(name, call, ...)                                                            \
-  name, [](call_args& a) { return call(__VA_ARGS__, a.E, a.E2, a.Q4, a.Top); }, [](call_args& a) { \
-    return call(__VA_ARGS__, a.E);                                                                 \
-  }
+#define TESSEL3D_FORMS(name, call, ...)                                         \
+  name, [](call_args& a) { return call(__VA_ARGS__, a.E, a.E2, a.Q4, a.Top); }, \
+      [](call_args& a) { return call(__VA_ARGS__, a.E); }
 
 const std::vector<form_codes>& status_table() {
   static const std::vector<bad> idle = {layers_zero, coords_rows, E_rows};  // no layer: 0 before any check
   static const std::vector<form_codes> table = {
       {TESSEL3D_FORMS("translate sizes", t3::extrude_translate, a.coords, a.S, a.T, a.h0, a.h1, false),
-       {{coords_rows, -1}, {surface_id, -2}, {h0_zero, -4}, {h1_negative, -5}, {E_rows, -7}, {E2_rows, -8},
-        {Q4_rows, -9}, {Top_rows, -10}},
+       {{coords_rows, -1},
+        {surface_id, -2},
+        {h0_zero, -4},
+        {h1_negative, -5},
+        {E_rows, -7},
+        {E2_rows, -8},
+        {Q4_rows, -9},
+        {Top_rows, -10}},
        {{{surface_absent}, -2}, {{h0_nan}, -4}, {{coords_planar}, 0}, {{surface_empty}, 0}, {{T_zero}, 0}}},
       {TESSEL3D_FORMS("translate layers", t3::extrude_translate, a.coords, a.S, a.T, a.n),
        {{coords_rows, -1}, {surface_id, -2}, {T_zero, -4}, {E_rows, -7}, {E2_rows, -8}, {Q4_rows, -9}, {Top_rows, -10}},
        {{idle, 0}}},
       {TESSEL3D_FORMS("rotate sizes", t3::extrude_rotate, a.coords, a.S, a.C, a.R, a.h0, a.h1, false),
-       {{coords_rows, -1}, {surface_id, -2}, {h0_zero, -5}, {h1_negative, -6}, {E_rows, -8}, {E2_rows, -9},
-        {Q4_rows, -10}, {Top_rows, -11}},
+       {{coords_rows, -1},
+        {surface_id, -2},
+        {h0_zero, -5},
+        {h1_negative, -6},
+        {E_rows, -8},
+        {E2_rows, -9},
+        {Q4_rows, -10},
+        {Top_rows, -11}},
        {{{coords_planar}, 0}, {{P0_at_C}, 0}}},
       {TESSEL3D_FORMS("rotate layers", t3::extrude_rotate, a.coords, a.S, a.C, a.R, a.n),
-       {{coords_rows, -1}, {P0_id, -2}, {E_rows, -6}, {E2_rows, -7}, {Q4_rows, -8}, {Top_rows, -9}, {surface_id, -2},
+       {{coords_rows, -1},
+        {P0_id, -2},
+        {E_rows, -6},
+        {E2_rows, -7},
+        {Q4_rows, -8},
+        {Top_rows, -9},
+        {surface_id, -2},
         {P0_at_C, -5}},
        {{{surface_empty}, 0}, {idle, 0}, {{surface_empty, E_rows}, 0}}},
       {TESSEL3D_FORMS("spiral sizes", t3::extrude_spiral, a.coords, a.S, a.C, a.R, a.T, a.h0, a.h1, false),
-       {{coords_rows, -1}, {surface_id, -2}, {h0_zero, -5}, {h1_negative, -6}, {E_rows, -8}, {E2_rows, -9},
-        {Q4_rows, -10}, {Top_rows, -11}},
+       {{coords_rows, -1},
+        {surface_id, -2},
+        {h0_zero, -5},
+        {h1_negative, -6},
+        {E_rows, -8},
+        {E2_rows, -9},
+        {Q4_rows, -10},
+        {Top_rows, -11}},
        {{{coords_planar}, 0}, {{T_zero}, 0}}},  // sizes given: T = 0 is one turning layer
       {TESSEL3D_FORMS("spiral layers", t3::extrude_spiral, a.coords, a.S, a.C, a.R, a.T, a.n),
        {{E_rows, -7}, {Top_rows, -8}, {coords_rows, -1}, {surface_id, -2}, {T_zero, -5}, {E2_rows, -9}, {Q4_rows, -10}},
        {{idle, 0}, {{surface_empty, E_rows}, -7}}},  // its pre-checks come before the empty surface
       {TESSEL3D_FORMS("normal given", t3::extrude_normal, a.coords, a.S, a.normals, a.n),
-       {{coords_planar, -1}, {normals_cols, -2}, {normals_rows, -3}, {E_rows, -5}, {E2_rows, -6}, {Q4_rows, -7},
+       {{coords_planar, -1},
+        {normals_cols, -2},
+        {normals_rows, -3},
+        {E_rows, -5},
+        {E2_rows, -6},
+        {Q4_rows, -7},
         {Top_rows, -8}},
        {{{coords_rows}, -1}, {{surface_id}, -2}, {{surface_absent}, -2}, {{surface_empty}, 0}}},
       {TESSEL3D_FORMS("normal thickness sizes", t3::extrude_normal, a.coords, a.S, a.thickness, a.h0, a.h1, false),
-       {{coords_planar, -1}, {surface_id, -2}, {thickness_zero, -3}, {h0_zero, -4}, {h1_negative, -5}, {E_rows, -7},
-        {E2_rows, -8}, {Q4_rows, -9}, {Top_rows, -10}},
+       {{coords_planar, -1},
+        {surface_id, -2},
+        {thickness_zero, -3},
+        {h0_zero, -4},
+        {h1_negative, -5},
+        {E_rows, -7},
+        {E2_rows, -8},
+        {Q4_rows, -9},
+        {Top_rows, -10}},
        {{{surface_absent}, -2}}},
       {TESSEL3D_FORMS("normal thickness layers", t3::extrude_normal, a.coords, a.S, a.thickness, a.n),
-       {{E_rows, -5}, {Top_rows, -6}, {coords_planar, -1}, {surface_id, -2}, {thickness_zero, -3}, {E2_rows, -8},
+       {{E_rows, -5},
+        {Top_rows, -6},
+        {coords_planar, -1},
+        {surface_id, -2},
+        {thickness_zero, -3},
+        {E2_rows, -8},
         {Q4_rows, -9}},
        {{idle, 0}}},
       {TESSEL3D_FORMS("line tensors", t3::extrude_line, a.coords, a.S, a.line, a.T, a.metrics),
-       {{coords_planar, -1}, {surface_id, -2}, {line_short, -3}, {metrics_rows, -5}, {E_rows, -6}, {E2_rows, -7},
-        {Q4_rows, -8}, {Top_rows, -9}},
+       {{coords_planar, -1},
+        {surface_id, -2},
+        {line_short, -3},
+        {metrics_rows, -5},
+        {E_rows, -6},
+        {E2_rows, -7},
+        {Q4_rows, -8},
+        {Top_rows, -9}},
        {{{line_id}, -3}, {{surface_empty}, 0}}},
       {TESSEL3D_FORMS("line factors", t3::extrude_line, a.coords, a.S, a.line, a.T, a.scales),
-       {{coords_planar, -1}, {surface_id, -2}, {line_short, -3}, {E_rows, -6}, {E2_rows, -7}, {Q4_rows, -8},
+       {{coords_planar, -1},
+        {surface_id, -2},
+        {line_short, -3},
+        {E_rows, -6},
+        {E2_rows, -7},
+        {Q4_rows, -8},
         {Top_rows, -9}},
        {{{line_id}, -3}}},
   };
@@ -501,9 +573,7 @@ const std::vector<form_codes>& status_table() {
 // A failing check writes nothing, nor does a call without layers or faces. The short
 // forms give the long forms' codes for the arguments they have.
 TEST(extrusion_status, every_code_in_validation_order_and_nothing_written) {
-  const auto untouched = [](const call_args& a) {
-    return tessel3d_test::bytes_of(a.coords, a.E, a.E2, a.Q4, a.Top);
-  };
+  const auto untouched = [](const call_args& a) { return tessel3d_test::bytes_of(a.coords, a.E, a.E2, a.Q4, a.Top); };
   for (const form_codes& form : status_table())
     for (const bool is_short : {false, true}) {
       SCOPED_TRACE(std::string(form.name) + (is_short ? " short" : " long"));

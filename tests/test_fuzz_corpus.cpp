@@ -28,10 +28,10 @@ struct target {
   int (*run)(const std::uint8_t*, std::size_t);
 };
 
-const target targets[] = {{"common", tessel3d_fuzz_common}, {"measures", tessel3d_fuzz_measures},
-                            {"extrude", tessel3d_fuzz_extrude},
-                            {"order", tessel3d_fuzz_order},     {"locate", tessel3d_fuzz_locate},
-                            {"surface", tessel3d_fuzz_surface}, {"split", tessel3d_fuzz_split}};
+const target targets[] = {{"common", tessel3d_fuzz_common},   {"measures", tessel3d_fuzz_measures},
+                          {"extrude", tessel3d_fuzz_extrude}, {"order", tessel3d_fuzz_order},
+                          {"locate", tessel3d_fuzz_locate},   {"surface", tessel3d_fuzz_surface},
+                          {"split", tessel3d_fuzz_split}};
 
 class fuzz_corpus : public ::testing::TestWithParam<target> {};
 

@@ -106,7 +106,8 @@ TEST(hash_table, homes_taken_ahead_give_the_table_of_plain_insertions) {
       bool added_plain = false, added_ahead = false;
       const std::size_t p = plain.insert_growing(hash_key(keys[i]), {keys[i], value}, &added_plain);
       stale += ahead.bucket_count() != buckets;
-      const std::size_t q = ahead.insert_growing(hash_key(keys[i]), homes[i - k], buckets, {keys[i], value}, &added_ahead);
+      const std::size_t q =
+          ahead.insert_growing(hash_key(keys[i]), homes[i - k], buckets, {keys[i], value}, &added_ahead);
       ASSERT_EQ(p, q);
       EXPECT_EQ(added_plain, added_ahead);
     }
@@ -189,7 +190,8 @@ namespace {
 
 // Inserts every face of every column of an H8 mesh into a face map; the probes per call.
 double probes_per_face(const zel::dense2D<unsigned>& connect) {
-  static const unsigned faces[6][4] = {{0, 3, 7, 4}, {1, 5, 6, 2}, {0, 4, 5, 1}, {3, 2, 6, 7}, {0, 1, 2, 3}, {4, 7, 6, 5}};
+  static const unsigned faces[6][4] = {{0, 3, 7, 4}, {1, 5, 6, 2}, {0, 4, 5, 1},
+                                       {3, 2, 6, 7}, {0, 1, 2, 3}, {4, 7, 6, 5}};
   hash_table<map_entry<face_mix, unsigned>> map;
   EXPECT_TRUE(map.reset(23, 23, 1.0));
   std::size_t calls = 0;
@@ -230,7 +232,8 @@ TEST(hash_table, parity_numbering_gives_the_natural_results_renumbered) {
     return zel::tessel3d::convert_into_quadratic(x, c);
   };
   const convert high_order = [](dense2D<double>& x, dense2D<unsigned>& c, dense2D<unsigned>& out) {
-    return zel::tessel3d::convert_into_high_order(x, c, 3, 4, 3, 8, 1, 2, 1, out, zel::dense2D<unsigned>(), zel::dense2D<unsigned>());
+    return zel::tessel3d::convert_into_high_order(x, c, 3, 4, 3, 8, 1, 2, 1, out, zel::dense2D<unsigned>(),
+                                                  zel::dense2D<unsigned>());
   };
   const convert hexahedra = [](dense2D<double>& x, dense2D<unsigned>& c, dense2D<unsigned>& out) {
     return zel::tessel3d::split_into_H8(x, c, out, {}, {});
@@ -238,7 +241,7 @@ TEST(hash_table, parity_numbering_gives_the_natural_results_renumbered) {
   const struct {
     box_kind kind;
     convert call;
-  } cases[] = {{box_kind::H8, quadratic},  {box_kind::TH4, quadratic},  {box_kind::W6, quadratic},
+  } cases[] = {{box_kind::H8, quadratic},  {box_kind::TH4, quadratic}, {box_kind::W6, quadratic},
                {box_kind::PY5, quadratic}, {box_kind::H8, high_order}, {box_kind::PY5, high_order},
                {box_kind::TH4, hexahedra}, {box_kind::W6, hexahedra}};
   for (const auto& c : cases) {

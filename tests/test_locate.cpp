@@ -10,8 +10,8 @@
 
 #include <algorithm>
 #include <cmath>
-#include <random>
 #include <iterator>
+#include <random>
 #include <set>
 #include <tuple>
 #include <vector>
@@ -365,8 +365,8 @@ TEST(get_elements_containing_points, each_element_is_that_of_the_single_search) 
     bool outside, inverted;
     int status;
   };
-  for (const row& r : {row{0, false, false, 1}, row{0, true, false, 0}, row{1e-3, true, false, 0},
-                       row{1e-9, true, true, -1}}) {
+  for (const row& r :
+       {row{0, false, false, 1}, row{0, true, false, 0}, row{1e-3, true, false, 0}, row{1e-9, true, true, -1}}) {
     th4_box box(5);
     if (r.inverted) {  // element 200, whose centre is searched
       std::swap(box.mesh.connect(0, 200), box.mesh.connect(2, 200));
@@ -402,8 +402,9 @@ TEST(get_elements_containing_points, status_codes_in_order_and_what_elements_hol
                   const dense1D<unsigned, 8>& nes, const dense2D<double>& p, zel::element_type type, int status,
                   std::vector<unsigned> expected) {
     dense1D<unsigned, 8> elements = {7, 7};
-    EXPECT_EQ(t3::get_elements_containing_points(cs, ts, nbs, nes, zel::tessel::node_detector(cs), type, p, elements, 0),
-              status);
+    EXPECT_EQ(
+        t3::get_elements_containing_points(cs, ts, nbs, nes, zel::tessel::node_detector(cs), type, p, elements, 0),
+        status);
     EXPECT_EQ(std::vector<unsigned>(elements.begin(), elements.end()), expected) << status;
   };
   const std::vector<unsigned> kept = {7, 7}, absent(4, ~0U);
@@ -672,7 +673,6 @@ TEST(interpolate_metrics, anisotropic_listed_nodes_and_failed_combinations) {
   }
 }
 
-
 // ---- the order in which the interpolations treat their nodes -------------------------------
 
 // The four kinds of values: fields given at the first `given` nodes (-7 elsewhere),
@@ -757,7 +757,6 @@ TEST(interpolation, a_written_node_that_the_mesh_reads_keeps_the_list_order) {
   EXPECT_NE(read[0], read[1]);
 }
 
-
 // ---- far and non-finite input --------------------------------------------------------------
 
 // Far points round every triple product of the inside test to 0 (from about 1e17 away) or
@@ -771,15 +770,15 @@ TEST(far_points, never_inside_and_tolerance_must_be_finite) {
   t3::point_locator locator;
   ASSERT_EQ(locator.build(c, t), 0);
   const point3 far[] = {{INFINITY, 0.5, 0.5}, {1e200, 1e200, 1e200}, {-1e300, -1e300, 0.5},
-                        {1e17, 1e17, 1e17}, {0.5, 3e154, 0.5},      {NAN, 0.5, 0.5}};
+                        {1e17, 1e17, 1e17},   {0.5, 3e154, 0.5},     {NAN, 0.5, 0.5}};
   dense2D<double> points(3, std::size(far));
   for (std::size_t j = 0; j < std::size(far); ++j)
     for (int d = 0; d < 3; ++d) points(d, j) = far[j][d];
   for (double tolerance : {0.0, 1e-3}) {
     for (const point3& p : far) {
       unsigned element = 7;
-      EXPECT_EQ(t3::get_element_containing_point(c, t, box.neighbors, box.node_element, detector, zel::TH4, p,
-                                                 element, tolerance),
+      EXPECT_EQ(t3::get_element_containing_point(c, t, box.neighbors, box.node_element, detector, zel::TH4, p, element,
+                                                 tolerance),
                 0)
           << p[0];
       EXPECT_EQ(locator.find(p, element, tolerance), 0) << p[0];
@@ -1011,8 +1010,7 @@ TEST(interpolate_metrics_projected, extreme_anisotropy_gives_valid_metrics_every
   const std::size_t nb = f.coords.cols();
   dense2D<double> tensors(6, nb, 0.0);
   random_stream random(47);
-  for (unsigned n = 0; n < f.mesh_nodes; ++n)
-    do {
+  for (unsigned n = 0; n < f.mesh_nodes; ++n) do {
       const double a = random.uniform(0, 6.3), b = random.uniform(0, 6.3);
       const double ca = std::cos(a), sa = std::sin(a), cb = std::cos(b), sb = std::sin(b);
       const double q[3][3] = {{ca, -sa * cb, sa * sb}, {sa, ca * cb, -ca * sb}, {0, sb, cb}};
@@ -1052,9 +1050,9 @@ TEST(point_locator, status_codes_in_order_and_nothing_written) {
     const dense1D<unsigned, 8>& nodes;
     int status;
   };
-  for (const row& r : {row{c2, t5, false, bad_nodes, -1}, row{c, t5, false, bad_nodes, -2},
-                       row{c, bad_id, false, bad_nodes, -2}, row{c, t, false, bad_nodes, -3},
-                       row{c, t, true, bad_nodes, -4}, row{c2, t5, false, empty, 0}}) {
+  for (const row& r :
+       {row{c2, t5, false, bad_nodes, -1}, row{c, t5, false, bad_nodes, -2}, row{c, bad_id, false, bad_nodes, -2},
+        row{c, t, false, bad_nodes, -3}, row{c, t, true, bad_nodes, -4}, row{c2, t5, false, empty, 0}}) {
     EXPECT_EQ(t3::interpolate_projected(r.coords, r.connect, r.fits ? field : short_field, r.nodes), r.status);
     EXPECT_EQ(t3::interpolate_projected(r.coords, r.connect, r.fits ? values : short_values, r.nodes), r.status);
     EXPECT_EQ(t3::interpolate_metrics_projected(r.coords, r.connect, r.fits ? tensors : tensors5, r.nodes, false),
@@ -1073,8 +1071,7 @@ TEST(point_locator, status_codes_in_order_and_nothing_written) {
   EXPECT_TRUE(same(values, dense1D<double, 8>(n, 3.0)));
   dense1D<unsigned, 8> elements = {7};
   for (const auto& [coords, connect, points, status] :
-       {std::make_tuple(&c2, &t5, &p2, -1), std::make_tuple(&c, &bad_id, &p2, -2),
-        std::make_tuple(&c, &t, &p2, -3)})
+       {std::make_tuple(&c2, &t5, &p2, -1), std::make_tuple(&c, &bad_id, &p2, -2), std::make_tuple(&c, &t, &p2, -3)})
     EXPECT_EQ(t3::locate_points(*coords, *connect, *points, elements, 0), status);
   t3::point_locator locator;
   ASSERT_EQ(locator.build(c, t), 0);

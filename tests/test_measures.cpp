@@ -437,8 +437,8 @@ reference_extremes reference(const box_mesh& m, unsigned pyramid) {
   std::vector<long double> corner_sum(nb_corners, 0);
   std::vector<int> corner_edges(nb_corners, 0);
   for (const auto& e : reference_edges[pyramid]) {
-    const long double angle = edge_angle(point(m.coords, e[0]), point(m.coords, e[1]), point(m.coords, e[2]),
-                                         point(m.coords, e[3]));
+    const long double angle =
+        edge_angle(point(m.coords, e[0]), point(m.coords, e[1]), point(m.coords, e[2]), point(m.coords, e[3]));
     r.dihedral_lo = std::min(r.dihedral_lo, angle);
     r.dihedral_hi = std::max(r.dihedral_hi, angle);
     for (unsigned k : {e[0], e[1]}) corner_sum[k] += angle, ++corner_edges[k];
@@ -455,7 +455,9 @@ reference_extremes reference(const box_mesh& m, unsigned pyramid) {
 // A positive TH4 (pyramid = 0) or PY5 (1) whose last node lies `height` times its
 // longest edge off the plane of the others, its foot anywhere near them.
 box_mesh nearly_flat(unsigned pyramid, double height, random_stream& random) {
-  auto uniform3 = [&](double lo, double hi) { return lvec{random.uniform(lo, hi), random.uniform(lo, hi), random.uniform(lo, hi)}; };
+  auto uniform3 = [&](double lo, double hi) {
+    return lvec{random.uniform(lo, hi), random.uniform(lo, hi), random.uniform(lo, hi)};
+  };
   const unsigned n = pyramid ? 5 : 4;
   std::vector<lvec> p(n);
   if (pyramid) {
@@ -509,8 +511,8 @@ TEST(checked_angles, nearly_flat_elements_match_extended_precision) {
       ASSERT_GT(volume_of(m.coords, m.connect), 0.0);
       const reference_extremes r = reference(m, pyramid);
       const extremes old = angles_of(t3::dihedral_angles, m, false);
-      lost_by_arc_cosine += !(std::fabs(old.lo - double(r.dihedral_lo)) <= 1e-6) ||
-                            !(std::fabs(old.hi - double(r.dihedral_hi)) <= 1e-6);
+      lost_by_arc_cosine +=
+          !(std::fabs(old.lo - double(r.dihedral_lo)) <= 1e-6) || !(std::fabs(old.hi - double(r.dihedral_hi)) <= 1e-6);
       const checked_angles d = checked(checked_dihedral, m), s = checked(checked_solid, m);
       EXPECT_NEAR(d.lo[0], double(r.dihedral_lo), 1e-13) << trial;
       EXPECT_NEAR(d.hi[0], double(r.dihedral_hi), 1e-13) << trial;
@@ -531,13 +533,13 @@ TEST(checked_angles, degenerate_faces_and_corners_are_left_out) {
   for (int d = 0; d < 3; ++d) collapsed_pyramid.coords(d, 1) = collapsed_pyramid.coords(d, 0);
   collapsed_pyramid.coords(0, 4) = collapsed_pyramid.coords(1, 4) = 0.4;
   box_mesh malformed{unit_pyramid().coords, to_mixed8(unit_pyramid().connect)};
-  malformed.connect(3, 0) = absent;  // a pyramid needs row 3
+  malformed.connect(3, 0) = absent;        // a pyramid needs row 3
   box_mesh wedged_cube = cuboid(1, 1, 1);  // top edge 4-5 collapsed: not flat
   for (int d = 0; d < 3; ++d) wedged_cube.coords(d, 5) = wedged_cube.coords(d, 4);
   const struct {
     const char* name;
     box_mesh mesh;
-    std::vector<edge> dihedral;               // empty: NaN
+    std::vector<edge> dihedral;              // empty: NaN
     std::vector<std::vector<edge>> corners;  // empty: NaN
     bool dihedral_listed, solid_listed;
   } table[] = {
@@ -563,8 +565,8 @@ TEST(checked_angles, degenerate_faces_and_corners_are_left_out) {
   for (const auto& row : table) {
     SCOPED_TRACE(row.name);
     auto angle = [&](const edge& e) {
-      return double(edge_angle(point(row.mesh.coords, e[0]), point(row.mesh.coords, e[1]),
-                               point(row.mesh.coords, e[2]), point(row.mesh.coords, e[3])));
+      return double(edge_angle(point(row.mesh.coords, e[0]), point(row.mesh.coords, e[1]), point(row.mesh.coords, e[2]),
+                               point(row.mesh.coords, e[3])));
     };
     std::vector<double> dihedral, solid;
     for (const edge& e : row.dihedral) dihedral.push_back(angle(e));

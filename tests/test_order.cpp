@@ -181,7 +181,11 @@ const std::vector<conversion_fault> conversion_checks = {
 const std::vector<conversion_fault> conversion_faults = {
     {"5 rows", [](conversion_args& a) { a.m.connect = dense2D<unsigned>(5, 1, 0u); }, -2},
     {"H8 without corner 7", [](conversion_args& a) { a.m.connect = deep_with(a.m.connect, 7, 0, absent); }, -2},
-    {"faces of 6 rows", [](conversion_args& a) { a.faces = dense2D<unsigned>(6, 1, {0, 1, 2, 8, 8, 8}); }, -11},
+    {"faces of 6 rows",
+     [](conversion_args& a) {
+       a.faces = dense2D<unsigned>(6, 1, {0, 1, 2, 8, 8, 8});
+     },
+     -11},
     {"edges of 4 rows", [](conversion_args& a) { a.edges = dense2D<unsigned>(4, 1, 0u); }, -12}};
 
 }  // namespace
@@ -405,7 +409,8 @@ std::vector<point3> row_points(unsigned corners, const counts& c) {
   for (const auto& f : k.faces) {
     const point3 &a = x[f[0]], &b = x[f[1]], &d = x[f[2]];
     if (f.size() == 3) {
-      const double t1[3] = {1.0 / 3, 1.0 / 3, 1.0 / 3}, t3[3][3] = {{0.25, 0.25, 0.5}, {0.5, 0.25, 0.25}, {0.25, 0.5, 0.25}};
+      const double t1[3] = {1.0 / 3, 1.0 / 3, 1.0 / 3},
+                   t3[3][3] = {{0.25, 0.25, 0.5}, {0.5, 0.25, 0.25}, {0.25, 0.5, 0.25}};
       for (unsigned s = 0; s < c.t; ++s) {
         const double* w = c.t == 1 ? t1 : t3[s];
         rows.push_back({w[0] * a[0] + w[1] * b[0] + w[2] * d[0], w[0] * a[1] + w[1] * b[1] + w[2] * d[1],
@@ -649,8 +654,7 @@ mesh mixed_grid(unsigned seed) {
     }
   }
   EXPECT_TRUE(m.connect.resize(8, elements.size(), absent));
-  for (std::size_t j = 0; j < elements.size(); ++j)
-    std::copy(elements[j].begin(), elements[j].end(), &m.connect(0, j));
+  for (std::size_t j = 0; j < elements.size(); ++j) std::copy(elements[j].begin(), elements[j].end(), &m.connect(0, j));
   return m;
 }
 
@@ -679,12 +683,11 @@ mesh box_of(box_kind kind, unsigned seed) {
   return {box.coords, kind == box_kind::PY5 ? tessel3d_test::to_mixed8(box.connect) : box.connect};
 }
 
-const conforming_case conforming_cases[] = {
-    {"TH4", 4, [](unsigned seed) { return box_of(box_kind::TH4, seed); }},
-    {"PY5", 4, [](unsigned seed) { return box_of(box_kind::PY5, seed); }},
-    {"W6", 4, [](unsigned seed) { return box_of(box_kind::W6, seed); }},
-    {"H8", 5, [](unsigned seed) { return box_of(box_kind::H8, seed); }},
-    {"mixed", 4, mixed_grid}};
+const conforming_case conforming_cases[] = {{"TH4", 4, [](unsigned seed) { return box_of(box_kind::TH4, seed); }},
+                                            {"PY5", 4, [](unsigned seed) { return box_of(box_kind::PY5, seed); }},
+                                            {"W6", 4, [](unsigned seed) { return box_of(box_kind::W6, seed); }},
+                                            {"H8", 5, [](unsigned seed) { return box_of(box_kind::H8, seed); }},
+                                            {"mixed", 4, mixed_grid}};
 
 }  // namespace
 
@@ -830,7 +833,10 @@ TEST(split_into_H8, status_codes_in_order) {
       {"edges", [](split_args& a) { a.edges(2, 0) = 11; }, -5}};
   const std::vector<split_fault> alone = {
       {"a pyramid", [](split_args& a) { a.m.connect = mixed_mesh(true).connect; }, -2},
-      {"a pyramid in 6 rows", [](split_args& a) { a.m.connect = dense2D<unsigned>(6, 1, {0, 1, 5, 4, 10, absent}); },
+      {"a pyramid in 6 rows",
+       [](split_args& a) {
+         a.m.connect = dense2D<unsigned>(6, 1, {0, 1, 5, 4, 10, absent});
+       },
        -2},
       {"faces of 7 rows", [](split_args& a) { a.faces = dense2D<unsigned>(7, 1, 0u); }, -11},
       {"edges of 2 rows", [](split_args& a) { a.edges = dense2D<unsigned>(2, 1, 0u); }, -12}};

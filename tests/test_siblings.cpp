@@ -148,7 +148,7 @@ TEST(dense2D, clear_and_as_vector) {
   dense2D<unsigned> shared(m);
   shared.clear();
   EXPECT_EQ(shared.rows() + shared.cols(), 0u);
-  EXPECT_EQ(entries(m).size(), 6u);       // the other user keeps its matrix
+  EXPECT_EQ(entries(m).size(), 6u);         // the other user keeps its matrix
   EXPECT_EQ(m.storage()->use_count(), 2u);  // m and `all`
 }
 
@@ -371,10 +371,10 @@ TEST(node_detector, degenerate_sets_and_overflowing_distances_match_brute_force)
     dense2D<double> coords(3, n);
     for (unsigned j = 0; j < n; ++j) {
       double x[3] = {random.uniform(-1, 1), random.uniform(-1, 1), random.uniform(-1, 1)};
-      if (kind == 0) x[2] = 0.5;                   // a plane
-      if (kind == 1) x[1] = x[2] = -0.25;          // a line
-      if (kind == 2) x[0] = x[1] = x[2] = 0.125;   // one point: ties to the smallest ID
-      if (kind == 3) {                             // a sphere of radius 1 about the origin
+      if (kind == 0) x[2] = 0.5;                  // a plane
+      if (kind == 1) x[1] = x[2] = -0.25;         // a line
+      if (kind == 2) x[0] = x[1] = x[2] = 0.125;  // one point: ties to the smallest ID
+      if (kind == 3) {                            // a sphere of radius 1 about the origin
         const double r = std::sqrt(x[0] * x[0] + x[1] * x[1] + x[2] * x[2]);
         for (double& c : x) c /= r;
       }
@@ -397,7 +397,8 @@ TEST(node_detector, degenerate_sets_and_overflowing_distances_match_brute_force)
         const unsigned found = detector.find_closest(q);
         ASSERT_LT(found, n);
         long double d2 = 0;
-        for (int d = 0; d < 3; ++d) d2 += (q[d] - (long double)coords(d, found)) * (q[d] - (long double)coords(d, found));
+        for (int d = 0; d < 3; ++d)
+          d2 += (q[d] - (long double)coords(d, found)) * (q[d] - (long double)coords(d, found));
         EXPECT_LE(d2, best * (1 + 1e-14L)) << k;
         continue;
       }
@@ -595,7 +596,10 @@ TEST(get_neighbors, random_crowded_meshes_match_the_reference) {
       }
       const std::size_t out_rows = kind == 0 ? 4 : 6;
       dense2D<unsigned> neighbors;
-      ASSERT_EQ(zel::tessel::get_neighbors(connect, kind == 0 ? zel::TH4 : kind == 3 ? zel::H8 : zel::SOLID_MIX8,
+      ASSERT_EQ(zel::tessel::get_neighbors(connect,
+                                           kind == 0   ? zel::TH4
+                                           : kind == 3 ? zel::H8
+                                                       : zel::SOLID_MIX8,
                                            neighbors),
                 0);
       EXPECT_EQ(entries(neighbors), reference_neighbors(connect, kind, out_rows));
@@ -709,11 +713,18 @@ TEST(normals, status_codes_in_order) {
   const auto call = [](args& a) { return zel::tessel2d::normals(a.sq.coords, a.faces, a.angle, true, a.n); };
   const auto untouched = [](const args& a) { return bytes_of(a.n); };
   expect_checks_in_order<args>({{"coords rows", [](args& a) { a.sq.coords = dense2D<double>(2, 9); }, -1},
-                                {"face ID", [](args& a) { a.faces = dense2D<unsigned>(3, 1, {0, 1, 9}); }, -2},
+                                {"face ID",
+                                 [](args& a) {
+                                   a.faces = dense2D<unsigned>(3, 1, {0, 1, 9});
+                                 },
+                                 -2},
                                 {"angle NaN", [](args& a) { a.angle = nan_value; }, -3}},
                                call, untouched);
   for (const fault& alone : {fault{"faces of 5 rows", [](args& a) { a.faces = dense2D<unsigned>(5, 2); }, -2},
-                             fault{"~0U not in row 3", [](args& a) { a.faces = dense2D<unsigned>(4, 1, {0, absent, 4, 3}); },
+                             fault{"~0U not in row 3",
+                                   [](args& a) {
+                                     a.faces = dense2D<unsigned>(4, 1, {0, absent, 4, 3});
+                                   },
                                    -2},
                              fault{"angle -1", [](args& a) { a.angle = -1; }, -3}})
     expect_checks_in_order<args>({alone}, call, untouched);

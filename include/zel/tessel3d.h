@@ -437,8 +437,7 @@ TESSEL3D_EXPORT int extrude_translate(dense2D<double>& coords, const dense2D<uns
                                       dense2D<unsigned>& connectTop);
 /// Short form: solids only. Codes as the long form (-7 connectE).
 TESSEL3D_EXPORT int extrude_translate(dense2D<double>& coords, const dense2D<unsigned>& connectS,
-                                      const vector_fixed<double, 3>& T, unsigned nbLayers,
-                                      dense2D<unsigned>& connectE);
+                                      const vector_fixed<double, 3>& T, unsigned nbLayers, dense2D<unsigned>& connectE);
 /// Size form: h0 and h1 are the layer thicknesses wanted next to the surface and at the
 /// far cap; even_layers asks for an even count (at least 2). Codes as above.
 TESSEL3D_EXPORT int extrude_translate(dense2D<double>& coords, const dense2D<unsigned>& connectS,
@@ -524,8 +523,7 @@ TESSEL3D_EXPORT int extrude_normal(dense2D<double>& coords, const dense2D<unsign
                                    const dense2D<unsigned>& connectE2, dense2D<unsigned>& connectQ4,
                                    dense2D<unsigned>& connectTop);
 TESSEL3D_EXPORT int extrude_normal(dense2D<double>& coords, const dense2D<unsigned>& connectS,
-                                   const dense2D<double>& node_normals, unsigned nbLayers,
-                                   dense2D<unsigned>& connectE);
+                                   const dense2D<double>& node_normals, unsigned nbLayers, dense2D<unsigned>& connectE);
 /// Thickness forms: the surface's unit nodal normals (zel::tessel2d::normals, averaged over
 /// every face, oriented by the faces' right-hand rule) scaled by thickness * u_k. L =
 /// thickness; a layer count converts into h0 = h1 = thickness / nbLayers.
@@ -680,8 +678,7 @@ TESSEL3D_EXPORT int get_element_containing_point(const dense2D<double>& coords, 
 ///         element, as get_element_containing_point reports it: then `elements` is
 ///         written, those points get ~0U and every other point its result | -199 memory (the order of the points, a list of
 ///         elements around a node, or `elements`): nothing written.
-TESSEL3D_EXPORT int get_elements_containing_points(const dense2D<double>& coords,
-                                                   const dense2D<unsigned>& connectivity,
+TESSEL3D_EXPORT int get_elements_containing_points(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
                                                    const dense2D<unsigned>& neighbors,
                                                    const dense1D<unsigned, 8>& node_element,
                                                    const tessel::node_detector& detector, element_type type,
@@ -748,8 +745,7 @@ TESSEL3D_EXPORT int interpolate(const dense2D<double>& coords, const dense2D<uns
 ///         the order of the nodes: nothing written; a second chance: as for interpolate())
 TESSEL3D_EXPORT int interpolate_metrics(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
                                         const dense2D<unsigned>& neighbors, const dense1D<unsigned, 8>& node_element,
-                                        dense2D<double>& metrics, const dense1D<unsigned, 8>& nodes,
-                                        bool keep_valid);
+                                        dense2D<double>& metrics, const dense1D<unsigned, 8>& nodes, bool keep_valid);
 TESSEL3D_EXPORT int interpolate_metrics(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
                                         const dense2D<unsigned>& neighbors, const dense1D<unsigned, 8>& node_element,
                                         dense2D<double>& metrics, bool keep_valid);
@@ -888,18 +884,16 @@ TESSEL3D_EXPORT int interpolate_projected(const dense2D<double>& coords, const d
 /// @return 0 (also for an empty `nodes`) | -1 coords not 3 rows | -2 connectivity not 4
 ///         rows, or a node ID not below #nodes | -3 metrics not 6 x #nodes (or not #nodes
 ///         long) | -4 an entry of nodes is not a node ID | -199 memory (nothing written)
-TESSEL3D_EXPORT int interpolate_metrics_projected(const dense2D<double>& coords,
-                                                  const dense2D<unsigned>& connectivity, dense2D<double>& metrics,
-                                                  const dense1D<unsigned, 8>& nodes, bool keep_valid);
-TESSEL3D_EXPORT int interpolate_metrics_projected(const dense2D<double>& coords,
-                                                  const dense2D<unsigned>& connectivity, dense2D<double>& metrics,
+TESSEL3D_EXPORT int interpolate_metrics_projected(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
+                                                  dense2D<double>& metrics, const dense1D<unsigned, 8>& nodes,
                                                   bool keep_valid);
-TESSEL3D_EXPORT int interpolate_metrics_projected(const dense2D<double>& coords,
-                                                  const dense2D<unsigned>& connectivity, dense1D<double, 8>& metrics,
-                                                  const dense1D<unsigned, 8>& nodes, bool keep_valid);
-TESSEL3D_EXPORT int interpolate_metrics_projected(const dense2D<double>& coords,
-                                                  const dense2D<unsigned>& connectivity, dense1D<double, 8>& metrics,
+TESSEL3D_EXPORT int interpolate_metrics_projected(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
+                                                  dense2D<double>& metrics, bool keep_valid);
+TESSEL3D_EXPORT int interpolate_metrics_projected(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
+                                                  dense1D<double, 8>& metrics, const dense1D<unsigned, 8>& nodes,
                                                   bool keep_valid);
+TESSEL3D_EXPORT int interpolate_metrics_projected(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
+                                                  dense1D<double, 8>& metrics, bool keep_valid);
 
 // ---- surfaces ----------------------------------------------------------------------
 
@@ -971,9 +965,9 @@ TESSEL3D_EXPORT int interpolate_metrics_projected(const dense2D<double>& coords,
 ///         connectivity or an internal table), or when a new node ID would reach ~0U.
 TESSEL3D_EXPORT int duplicate_surface_nodes(dense2D<double>& coords, dense2D<unsigned>& connectivity,
                                             const dense2D<unsigned>& neighbors,
-                                            const dense1D<unsigned, 8>& node_element,
-                                            const dense2D<unsigned>& surface, const dense1D<unsigned, 8>& excluded,
-                                            bool positive_side, bool negative_side, element_type type);
+                                            const dense1D<unsigned, 8>& node_element, const dense2D<unsigned>& surface,
+                                            const dense1D<unsigned, 8>& excluded, bool positive_side,
+                                            bool negative_side, element_type type);
 
 /// Makes a solid mesh conform to a triangulated interface: every solid that carries one
 /// of the listed quadrangles is cut so that each listed quadrangle becomes two triangles

@@ -52,15 +52,15 @@ using vector3 = zel::vector_fixed<double, 3>;
 }  // namespace
 
 void t3py::register_extrude(py::module_& m) {
-  m.def("extrude_translate", [](const py::array& coords, const py::array& surface, const py::object& T,
-                                unsigned layers, const py::tuple& outputs) {
+  m.def("extrude_translate", [](const py::array& coords, const py::array& surface, const py::object& T, unsigned layers,
+                                const py::tuple& outputs) {
     const vector3 t = point3(T);
     return sweep(coords, surface, outputs).run([&](matrix& x, const ids& s, ids& e, const ids& e2, ids& q, ids& top) {
       return t3::extrude_translate(x, s, t, layers, e, e2, q, top);
     });
   });
-  m.def("extrude_translate_sizes", [](const py::array& coords, const py::array& surface, const py::object& T,
-                                      double h0, double h1, bool even, const py::tuple& outputs) {
+  m.def("extrude_translate_sizes", [](const py::array& coords, const py::array& surface, const py::object& T, double h0,
+                                      double h1, bool even, const py::tuple& outputs) {
     const vector3 t = point3(T);
     return sweep(coords, surface, outputs).run([&](matrix& x, const ids& s, ids& e, const ids& e2, ids& q, ids& top) {
       return t3::extrude_translate(x, s, t, h0, h1, even, e, e2, q, top);

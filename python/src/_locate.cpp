@@ -33,42 +33,41 @@ struct located_mesh {
 }  // namespace
 
 void t3py::register_locate(py::module_& m) {
-
-  m.def("get_element_containing_point", [](MESH_ARGS, const t3py::detector_holder& detector, int type,
-                                           py::object point, double tolerance) {
-    const zel::element_type type_value = t3py::element_type_of(type);
-    MAKE_MESH;
-    const zel::tessel::node_detector search = detector.detector;
-    const auto p = t3py::point3(point);
-    unsigned element = ~0U;
-    int status;
-    {
-      py::gil_scoped_release release;
-      status = t3::get_element_containing_point(mesh.coords, mesh.connect, mesh.neighbors, mesh.node_element,
-                                                search, type_value, p, element, tolerance);
-    }
-    return py::make_tuple(status, element);
-  });
+  m.def("get_element_containing_point",
+        [](MESH_ARGS, const t3py::detector_holder& detector, int type, py::object point, double tolerance) {
+          const zel::element_type type_value = t3py::element_type_of(type);
+          MAKE_MESH;
+          const zel::tessel::node_detector search = detector.detector;
+          const auto p = t3py::point3(point);
+          unsigned element = ~0U;
+          int status;
+          {
+            py::gil_scoped_release release;
+            status = t3::get_element_containing_point(mesh.coords, mesh.connect, mesh.neighbors, mesh.node_element,
+                                                      search, type_value, p, element, tolerance);
+          }
+          return py::make_tuple(status, element);
+        });
 
   // Many points in one call, the mesh checked once: (status, elements), elements an
   // array with one entry per point (ABSENT where none was found).
-  m.def("locate_points", [](MESH_ARGS, const t3py::detector_holder& detector, int type, py::array points,
-                            double tolerance) {
-    const zel::element_type type_value = t3py::element_type_of(type);
-    MAKE_MESH;
-    const zel::tessel::node_detector search = detector.detector;
-    const zel::dense2D<double> p = t3py::private_matrix<double>(points, "points");
-    py::array_t<unsigned> elements(static_cast<py::ssize_t>(p.cols()));
-    zel::dense1D<unsigned, 8> found = vector_view<unsigned>(elements, "elements", true);
-    int status;
-    {
-      py::gil_scoped_release release;
-      status = t3::get_elements_containing_points(mesh.coords, mesh.connect, mesh.neighbors, mesh.node_element,
-                                                  search, type_value, p, found, tolerance);
-    }
-    if (status < 0) return py::make_tuple(status, py::none());
-    return py::make_tuple(status, elements);
-  });
+  m.def("locate_points",
+        [](MESH_ARGS, const t3py::detector_holder& detector, int type, py::array points, double tolerance) {
+          const zel::element_type type_value = t3py::element_type_of(type);
+          MAKE_MESH;
+          const zel::tessel::node_detector search = detector.detector;
+          const zel::dense2D<double> p = t3py::private_matrix<double>(points, "points");
+          py::array_t<unsigned> elements(static_cast<py::ssize_t>(p.cols()));
+          zel::dense1D<unsigned, 8> found = vector_view<unsigned>(elements, "elements", true);
+          int status;
+          {
+            py::gil_scoped_release release;
+            status = t3::get_elements_containing_points(mesh.coords, mesh.connect, mesh.neighbors, mesh.node_element,
+                                                        search, type_value, p, found, tolerance);
+          }
+          if (status < 0) return py::make_tuple(status, py::none());
+          return py::make_tuple(status, elements);
+        });
 
   // ---- the search that cannot miss, values at any point (point_locator) ----------------
   // A PointLocator is built once by build_locator (deep copies of the mesh, made and
@@ -163,15 +162,15 @@ void t3py::register_locate(py::module_& m) {
     if (metrics.ndim() == 1) {
       zel::dense1D<double, 8> sizes = vector_view<double>(metrics, "metrics", true);
       py::gil_scoped_release release;
-      return listed ? t3::interpolate_metrics(mesh.coords, mesh.connect, mesh.neighbors, mesh.node_element, sizes,
-                                              list, keep_valid)
+      return listed ? t3::interpolate_metrics(mesh.coords, mesh.connect, mesh.neighbors, mesh.node_element, sizes, list,
+                                              keep_valid)
                     : t3::interpolate_metrics(mesh.coords, mesh.connect, mesh.neighbors, mesh.node_element, sizes,
                                               keep_valid);
     }
     zel::dense2D<double> tensors = matrix_view<double>(metrics, "metrics", true);
     py::gil_scoped_release release;
-    return listed ? t3::interpolate_metrics(mesh.coords, mesh.connect, mesh.neighbors, mesh.node_element, tensors,
-                                            list, keep_valid)
+    return listed ? t3::interpolate_metrics(mesh.coords, mesh.connect, mesh.neighbors, mesh.node_element, tensors, list,
+                                            keep_valid)
                   : t3::interpolate_metrics(mesh.coords, mesh.connect, mesh.neighbors, mesh.node_element, tensors,
                                             keep_valid);
   });

@@ -90,8 +90,8 @@ void t3py::register_measures(py::module_& m) {
   });
 
   // The checked forms: (status, min, max, columns of the degenerate elements).
-  using checked_fn = int (*)(const zel::dense2D<double>&, const zel::dense2D<unsigned>&, bool,
-                             zel::dense1D<double, 8>&, zel::dense1D<double, 8>&, zel::dense1D<unsigned, 8>&);
+  using checked_fn = int (*)(const zel::dense2D<double>&, const zel::dense2D<unsigned>&, bool, zel::dense1D<double, 8>&,
+                             zel::dense1D<double, 8>&, zel::dense1D<unsigned, 8>&);
   for (const auto& [name, fn] : {std::make_pair("dihedral_angles_checked", checked_fn(&t3::dihedral_angles)),
                                  std::make_pair("solid_angles_checked", checked_fn(&t3::solid_angles))})
     m.def(name, [fn = fn](const py::array& coords, const py::array& connect, bool normalise) {

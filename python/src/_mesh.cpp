@@ -31,7 +31,6 @@ py::array query(const detector_holder& holder, const py::array& points, bool clo
 }  // namespace
 
 void t3py::register_mesh(py::module_& m) {
-
   m.def("get_neighbors", [](const py::array& connect, int type) {
     const zel::element_type type_value = t3py::element_type_of(type);
     const zel::dense2D<unsigned> c = private_matrix<unsigned>(connect, "connect");

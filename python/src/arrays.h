@@ -63,12 +63,13 @@ std::size_t leading_dimension(const py::array& a) {
 template <class T>
 zel::dense2D<T> matrix_view(const py::array& a, const char* name, bool writable = false) {
   if (!has_dtype<T>(a) || a.ndim() != 2)
-    throw std::invalid_argument(std::string(name) + ": a 2-D array of " + py::str(py::dtype::of<T>()).cast<std::string>() +
-                                " is expected");
+    throw std::invalid_argument(std::string(name) + ": a 2-D array of " +
+                                py::str(py::dtype::of<T>()).cast<std::string>() + " is expected");
   if (writable && !a.writeable()) throw std::invalid_argument(std::string(name) + ": the array is read-only");
   const std::size_t ld = leading_dimension<T>(a);
   const auto cols = static_cast<std::size_t>(a.shape(0)), rows = static_cast<std::size_t>(a.shape(1));
-  if (ld == 0 && rows != 0) throw std::invalid_argument(std::string(name) + ": the rows of the array are not contiguous");
+  if (ld == 0 && rows != 0)
+    throw std::invalid_argument(std::string(name) + ": the rows of the array are not contiguous");
   T* data = static_cast<T*>(const_cast<void*>(a.data()));
   zel::dense2D<T> view = zel::dense2D<T>::wrap(data, rows, cols, ld);
   if (view.rows() != rows || view.cols() != cols) throw std::bad_alloc();
@@ -99,8 +100,8 @@ zel::dense2D<T> private_matrix(const py::object& object, const char* name) {
 template <class T>
 zel::dense1D<T, 8> vector_view(const py::array& a, const char* name, bool writable = false) {
   if (!has_dtype<T>(a) || a.ndim() != 1)
-    throw std::invalid_argument(std::string(name) + ": a 1-D array of " + py::str(py::dtype::of<T>()).cast<std::string>() +
-                                " is expected");
+    throw std::invalid_argument(std::string(name) + ": a 1-D array of " +
+                                py::str(py::dtype::of<T>()).cast<std::string>() + " is expected");
   if (writable && !a.writeable()) throw std::invalid_argument(std::string(name) + ": the array is read-only");
   const auto n = static_cast<std::size_t>(a.shape(0));
   if (n > 1 && a.strides(0) != static_cast<py::ssize_t>(sizeof(T)))
@@ -148,8 +149,7 @@ py::array to_numpy(zel::dense2D<T>& m) {
   py::array_t<T> out({cols, rows});
   T* to = out.mutable_data();
   const T* from = m.data();
-  for (std::size_t j = 0; j < cols; ++j)
-    std::copy(from + j * m.ld(), from + j * m.ld() + rows, to + j * rows);
+  for (std::size_t j = 0; j < cols; ++j) std::copy(from + j * m.ld(), from + j * m.ld() + rows, to + j * rows);
   return out;
 }
 

@@ -15,7 +15,6 @@ using zel::tessel::NO_ELEMENT;
 using zel::tessel::NOT_FOUND;
 using zel::tessel::OUT_OF_MEMORY;
 
-
 using element_info = zel::tessel::element_record;
 inline constexpr const auto& element_table = zel::tessel::element_records;
 

@@ -38,7 +38,8 @@ void parallel_chunks(std::size_t n, std::size_t grain, Body&& body) {
     return;
   }
   using chunk_fn = decltype(one_chunk);
-  run_chunks(nb_chunks, [](void* f, std::size_t c) { (*static_cast<chunk_fn*>(f))(c); }, &one_chunk);
+  run_chunks(
+      nb_chunks, [](void* f, std::size_t c) { (*static_cast<chunk_fn*>(f))(c); }, &one_chunk);
 }
 
 /// body(first, last) over [0, n) in chunks: for loops whose items are independent.

@@ -1,7 +1,7 @@
 // Extrusion core: node map, layer count and distribution, element generation, checks
 // and roll-back shared by the extrusion families.
-#include "common/shared_memory.h"
 #include "extrude/extrude_core.h"
+#include "common/shared_memory.h"
 
 #include <cmath>
 

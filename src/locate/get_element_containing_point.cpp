@@ -21,8 +21,8 @@ int get_element_containing_point(const dense2D<double>& coords, const dense2D<un
   if (!elfes::is_searched_mesh(connectivity, type)) return 0;
 
   elfes::locate_scratch scratch;
-  const int r = elfes::locate_point(coords, connectivity, neighbors, node_element, detector, point, element,
-                                    tolerance, true, scratch);
+  const int r = elfes::locate_point(coords, connectivity, neighbors, node_element, detector, point, element, tolerance,
+                                    true, scratch);
   if (r == 1) return 1;
   element = tessel::NOT_FOUND;
   return r == -2 ? 0 : r;

@@ -47,7 +47,8 @@ int get_elements_containing_points(const dense2D<double>& coords, const dense2D<
   const double* xyz = points.data();
   const std::size_t ld = points.ld();
   elfes::order_records order;
-  if (elfes::spatial_order(xyz, ld, nb_points, [](std::size_t k) { return static_cast<unsigned>(k); }, order) != 0)
+  if (elfes::spatial_order(
+          xyz, ld, nb_points, [](std::size_t k) { return static_cast<unsigned>(k); }, order) != 0)
     return tessel::OUT_OF_MEMORY;
 
   // Each record's key is replaced by the point's element once searched, so that nothing

@@ -54,14 +54,13 @@ int interpolate_field(const dense2D<double>& coords, const dense2D<unsigned>& co
 }  // namespace
 
 int interpolate(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
-                const dense2D<unsigned>& neighbors, const dense1D<unsigned, 8>& node_element,
-                dense2D<double>& field, const dense1D<unsigned, 8>& nodes) {
-  if (elfes::shares_with_any(field, coords, connectivity, neighbors, node_element, nodes))  // written while they are read
-    return elfes::with_private_copies(
-        [&](const auto& c, const auto& k, const auto& n, const auto& e, const auto& d) {
-          return interpolate(c, k, n, e, field, d);
-        },
-        coords, connectivity, neighbors, node_element, nodes);
+                const dense2D<unsigned>& neighbors, const dense1D<unsigned, 8>& node_element, dense2D<double>& field,
+                const dense1D<unsigned, 8>& nodes) {
+  if (elfes::shares_with_any(field, coords, connectivity, neighbors, node_element,
+                             nodes))  // written while they are read
+    return elfes::with_private_copies([&](const auto& c, const auto& k, const auto& n, const auto& e,
+                                          const auto& d) { return interpolate(c, k, n, e, field, d); },
+                                      coords, connectivity, neighbors, node_element, nodes);
   if (nodes.empty()) return 0;
   if (const int status = elfes::check_placement_mesh(coords, connectivity, neighbors, node_element)) return status;
   if (field.cols() != coords.cols()) return -5;
@@ -71,14 +70,13 @@ int interpolate(const dense2D<double>& coords, const dense2D<unsigned>& connecti
 }
 
 int interpolate(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
-                const dense2D<unsigned>& neighbors, const dense1D<unsigned, 8>& node_element,
-                dense1D<double, 8>& field, const dense1D<unsigned, 8>& nodes) {
-  if (elfes::shares_with_any(field, coords, connectivity, neighbors, node_element, nodes))  // written while they are read
-    return elfes::with_private_copies(
-        [&](const auto& c, const auto& k, const auto& n, const auto& e, const auto& d) {
-          return interpolate(c, k, n, e, field, d);
-        },
-        coords, connectivity, neighbors, node_element, nodes);
+                const dense2D<unsigned>& neighbors, const dense1D<unsigned, 8>& node_element, dense1D<double, 8>& field,
+                const dense1D<unsigned, 8>& nodes) {
+  if (elfes::shares_with_any(field, coords, connectivity, neighbors, node_element,
+                             nodes))  // written while they are read
+    return elfes::with_private_copies([&](const auto& c, const auto& k, const auto& n, const auto& e,
+                                          const auto& d) { return interpolate(c, k, n, e, field, d); },
+                                      coords, connectivity, neighbors, node_element, nodes);
   if (nodes.empty()) return 0;
   if (const int status = elfes::check_placement_mesh(coords, connectivity, neighbors, node_element)) return status;
   if (field.size() != coords.cols()) return -5;

@@ -80,7 +80,8 @@ bool every_node(const dense2D<double>& coords, dense1D<unsigned, 8>& nodes) {
 int interpolate_metrics(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
                         const dense2D<unsigned>& neighbors, const dense1D<unsigned, 8>& node_element,
                         dense2D<double>& metrics, const dense1D<unsigned, 8>& nodes, bool keep_valid) {
-  if (elfes::shares_with_any(metrics, coords, connectivity, neighbors, node_element, nodes))  // written while they are read
+  if (elfes::shares_with_any(metrics, coords, connectivity, neighbors, node_element,
+                             nodes))  // written while they are read
     return elfes::with_private_copies(
         [&](const auto& c, const auto& k, const auto& n, const auto& e, const auto& d) {
           return interpolate_metrics(c, k, n, e, metrics, d, keep_valid);
@@ -111,7 +112,8 @@ int interpolate_metrics(const dense2D<double>& coords, const dense2D<unsigned>& 
 int interpolate_metrics(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
                         const dense2D<unsigned>& neighbors, const dense1D<unsigned, 8>& node_element,
                         dense1D<double, 8>& metrics, const dense1D<unsigned, 8>& nodes, bool keep_valid) {
-  if (elfes::shares_with_any(metrics, coords, connectivity, neighbors, node_element, nodes))  // written while they are read
+  if (elfes::shares_with_any(metrics, coords, connectivity, neighbors, node_element,
+                             nodes))  // written while they are read
     return elfes::with_private_copies(
         [&](const auto& c, const auto& k, const auto& n, const auto& e, const auto& d) {
           return interpolate_metrics(c, k, n, e, metrics, d, keep_valid);

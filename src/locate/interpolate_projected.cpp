@@ -34,8 +34,8 @@ int interpolate_field(const dense2D<double>& coords, const dense2D<unsigned>& co
 
 }  // namespace
 
-int interpolate_projected(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
-                          dense2D<double>& field, const dense1D<unsigned, 8>& nodes) {
+int interpolate_projected(const dense2D<double>& coords, const dense2D<unsigned>& connectivity, dense2D<double>& field,
+                          const dense1D<unsigned, 8>& nodes) {
   if (nodes.empty()) return 0;
   if (const int status = elfes::check_projection_mesh(coords, connectivity)) return status;
   if (field.cols() != coords.cols()) return -3;

@@ -7,8 +7,8 @@
 namespace zel {
 namespace tessel3d {
 
-int locate_points(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
-                  const dense2D<double>& points, dense1D<unsigned, 8>& elements, double tolerance) {
+int locate_points(const dense2D<double>& coords, const dense2D<unsigned>& connectivity, const dense2D<double>& points,
+                  dense1D<unsigned, 8>& elements, double tolerance) {
   if (coords.rows() != 3) return -1;
   if (connectivity.rows() != 4 || !tessel::check_IDs(connectivity, TH4, unsigned(coords.cols()))) return -2;
   if (points.rows() != 3 || points.cols() > std::size_t(~0U)) return -3;

@@ -82,8 +82,7 @@ inline bool mix(const metric6& a, const metric6& b, double t, metric6& out) {
       gb[i + 3 * j] = g[i] * full_b[3 * j] + g[i + 3] * full_b[1 + 3 * j] + g[i + 6] * full_b[2 + 3 * j];
   double c[6];
   for (unsigned k = 0, idx = 0; k < 3; ++k)
-    for (unsigned j = 0; j <= k; ++j, ++idx)
-      c[idx] = gb[j] * g[k] + gb[j + 3] * g[k + 3] + gb[j + 6] * g[k + 6];
+    for (unsigned j = 0; j <= k; ++j, ++idx) c[idx] = gb[j] * g[k] + gb[j + 3] * g[k + 3] + gb[j + 6] * g[k + 6];
 
   double mu[3], z[9], work[9];
   int info = 0;

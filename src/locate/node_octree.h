@@ -329,8 +329,7 @@ class node_octree {
 
   // Nearest node of the subtree at `cell` (its box b, at `depth`), improving best (a
   // squared distance) and found; children are visited nearest box first.
-  void nearest_in(unsigned cell, const box& b, unsigned depth, const query& p, double& best,
-                  unsigned& found) const {
+  void nearest_in(unsigned cell, const box& b, unsigned depth, const query& p, double& best, unsigned& found) const {
     if (depth >= crowd_depth || !is_inner(cell)) {
       nearest_in_crowd(cell, p, best, found);
       return;
@@ -343,7 +342,8 @@ class node_octree {
       const unsigned child = child_cell(cell, k);
       // An empty leaf holds no answer: no box to measure (most of them along the
       // chain of cells that a far outlier makes).
-      gaps[k] = !is_inner(child) && cells_.data()[child * std::size_t(8)] == 0 ? infinity() : box_distance2(boxes[k], p);
+      gaps[k] =
+          !is_inner(child) && cells_.data()[child * std::size_t(8)] == 0 ? infinity() : box_distance2(boxes[k], p);
       unsigned i = k;
       for (; i > 0 && gaps[order[i - 1]] > gaps[k]; --i) order[i] = order[i - 1];
       order[i] = k;

@@ -94,8 +94,8 @@ class node_placement {
     const double* p = coords_.data() + n * coords_.ld();
     const zel::vector_fixed<double, 3> point(p[0], p[1], p[2]);
     where = NOT_FOUND;
-    const int r = locate_point(coords_, connectivity_, neighbors_, node_element_, tree_, point, where, tolerance,
-                               true, scratch_);
+    const int r =
+        locate_point(coords_, connectivity_, neighbors_, node_element_, tree_, point, where, tolerance, true, scratch_);
     if (r == OUT_OF_MEMORY) return OUT_OF_MEMORY;
     if (r != 1) {
       where = tree_.find_closest(point);

@@ -65,7 +65,8 @@ int point_locator::build(const dense2D<double>& coords, const dense2D<unsigned>&
   if (!built.coords_.copy(coords) || !built.connectivity_.copy(connectivity)) return tessel::OUT_OF_MEMORY;
   if (!tessel::check_IDs(built.connectivity_, TH4, unsigned(coords.cols()))) return -2;
   if (tessel::get_neighbors(built.connectivity_, TH4, built.neighbors_) != 0) return tessel::OUT_OF_MEMORY;
-  if (tessel::get_node_element(built.connectivity_, unsigned(coords.cols()), built.node_element_) != 0) return tessel::OUT_OF_MEMORY;
+  if (tessel::get_node_element(built.connectivity_, unsigned(coords.cols()), built.node_element_) != 0)
+    return tessel::OUT_OF_MEMORY;
   dense1D<unsigned, 8> used;
   for (std::size_t n = 0; n < built.node_element_.size(); ++n)
     if (built.node_element_[n] != tessel::NO_ELEMENT && !used.push_back(unsigned(n))) return tessel::OUT_OF_MEMORY;
@@ -84,7 +85,8 @@ int point_locator::build(const dense2D<double>& coords, const dense2D<unsigned>&
   dense1D<unsigned, 8> faces;  // boundary faces as 4 e + f
   for (std::size_t e = 0; e < nb_elements; ++e)
     for (unsigned f = 0; f < 4; ++f)
-      if (built.neighbors_(f, e) == tessel::NO_ELEMENT && !faces.push_back(unsigned(4 * e + f))) return tessel::OUT_OF_MEMORY;
+      if (built.neighbors_(f, e) == tessel::NO_ELEMENT && !faces.push_back(unsigned(4 * e + f)))
+        return tessel::OUT_OF_MEMORY;
   elfes::box_tree boundary;
   auto face_box = [&](unsigned k, double* box) {
     const unsigned item = faces[k];
@@ -123,14 +125,13 @@ int point_locator::find(const vector_fixed<double, 3>& point, unsigned& element,
     }
   }
   const double widen = 4 * (tolerance > 0 ? tolerance : 0.0) + elfes::box_margin;
-  const bool found = tree_view(element_items_, element_nodes_, element_depth_)
-                         .visit_containing(p, widen, [&](unsigned e) {
-                           const th4_nodes candidate(coords_, connectivity_, e);
-                           if (elfes::TH4_exit_face(candidate.node, p, tolerance, 0) != elfes::th4_inside)
-                             return false;
-                           element = e;
-                           return true;
-                         });
+  const bool found =
+      tree_view(element_items_, element_nodes_, element_depth_).visit_containing(p, widen, [&](unsigned e) {
+        const th4_nodes candidate(coords_, connectivity_, e);
+        if (elfes::TH4_exit_face(candidate.node, p, tolerance, 0) != elfes::th4_inside) return false;
+        element = e;
+        return true;
+      });
   return found ? 1 : 0;
 }
 
@@ -141,7 +142,8 @@ int point_locator::find(const dense2D<double>& points, dense1D<unsigned, 8>& ele
   const double* xyz = points.data();
   const std::size_t ld = points.ld();
   elfes::order_records order;
-  if (elfes::spatial_order(xyz, ld, nb_points, [](std::size_t k) { return static_cast<unsigned>(k); }, order) != 0)
+  if (elfes::spatial_order(
+          xyz, ld, nb_points, [](std::size_t k) { return static_cast<unsigned>(k); }, order) != 0)
     return tessel::OUT_OF_MEMORY;
   bool missed = false;
   for (std::size_t k = 0; k < nb_points; ++k) {
@@ -171,7 +173,8 @@ int point_locator::weights(const vector_fixed<double, 3>& point, unsigned& eleme
   if (inside || find(point, element, weights_tolerance) == 1) {
     elfes::th4_weights(th4_nodes(coords_, connectivity_, element).node, p, lambda.data());
     bool across_boundary = false;
-    for (unsigned k = 0; k < 4; ++k) across_boundary |= !inside && lambda[k] < 0 && neighbors_(k, element) == tessel::NO_ELEMENT;
+    for (unsigned k = 0; k < 4; ++k)
+      across_boundary |= !inside && lambda[k] < 0 && neighbors_(k, element) == tessel::NO_ELEMENT;
     if (!across_boundary) {
       double sum = 0;
       for (unsigned k = 0; k < 4; ++k) sum += lambda[k] = std::fmin(std::fmax(lambda[k], 0.0), 1.0);

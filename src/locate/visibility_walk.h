@@ -14,9 +14,7 @@
 namespace elfes {
 
 /// One step of the draw sequence: (R ^ FNV offset basis) * FNV prime, mod 2^32.
-inline std::uint32_t walk_seed_step(std::uint32_t state) {
-  return (state ^ 0x811C9DC5u) * 0x01000193u;
-}
+inline std::uint32_t walk_seed_step(std::uint32_t state) { return (state ^ 0x811C9DC5u) * 0x01000193u; }
 
 /// Walks from `current` towards p (3 doubles) in a TH4 mesh whose `neighbors` row f
 /// holds the element across face f (~0U on the boundary).

@@ -6,9 +6,9 @@
 #include <cmath>
 
 #include "common/element_tables.h"
+#include "common/vec3.h"
 #include "measures/element_scale.h"
 #include "measures/triangle_kernels.h"
-#include "common/vec3.h"
 
 namespace elfes {
 

@@ -33,8 +33,7 @@ inline double six_volume(const vec3 (&p)[8]) {
   switch (kind) {
     case kind_TH4: return triple(p[0] - p[3], p[1] - p[3], p[2] - p[3]);
     case kind_PY5: return triple(p[0] - p[4], p[2] - p[4], p[1] - p[3]);
-    case kind_W6:
-      return triple(p[3] - p[2], p[4] - p[2], p[5] - p[2]) + triple(p[0] - p[2], p[4] - p[2], p[3] - p[1]);
+    case kind_W6: return triple(p[3] - p[2], p[4] - p[2], p[5] - p[2]) + triple(p[0] - p[2], p[4] - p[2], p[3] - p[1]);
     default:
       return triple(p[3] - p[1], p[4] - p[1], p[6] - p[0]) + triple(p[3] - p[1], p[6] - p[1], p[2] - p[1]) +
              triple(p[6] - p[4], p[6] - p[1], p[5] - p[6]) + triple(p[6] - p[4], p[3] - p[4], p[7] - p[4]);

@@ -68,8 +68,7 @@ constexpr trihedron_edges find_edges(solid_kind kind) {
 
 constexpr trihedron_edges edges_table[4] = {find_edges(elfes::kind_TH4), find_edges(elfes::kind_PY5),
                                             find_edges(elfes::kind_W6), find_edges(elfes::kind_H8)};
-static_assert(edges_table[0].complete && edges_table[1].complete && edges_table[2].complete &&
-                  edges_table[3].complete,
+static_assert(edges_table[0].complete && edges_table[1].complete && edges_table[2].complete && edges_table[3].complete,
               "every side of a trihedron is an edge");
 
 // Scaled to unit length, except a zero vector or one already of exact unit length.

@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "common/shared_memory.h"
 #include "common/element_tables.h"
+#include "common/shared_memory.h"
 #include "order/hash_tables.h"
 #include "order/shape_functions.h"
 #include "order/solid_columns.h"
@@ -652,7 +652,8 @@ int convert_into_high_order(dense2D<double>& coords, const dense2D<unsigned>& co
                             unsigned nodes_in_Q4, unsigned nodes_in_T3, unsigned nodes_in_H8, unsigned nodes_in_W6,
                             unsigned nodes_in_PY5, unsigned nodes_in_TH4, dense2D<unsigned>& connectH,
                             const dense2D<unsigned>& faces, const dense2D<unsigned>& edges) {
-  if (elfes::shares_with_any(connectH, connectM, faces, edges) || elfes::shares_with_any(coords, connectM, faces, edges)) {
+  if (elfes::shares_with_any(connectH, connectM, faces, edges) ||
+      elfes::shares_with_any(coords, connectM, faces, edges)) {
     dense2D<unsigned> own_connect, own_faces, own_edges;  // connectH is cleared first
     if (!own_connect.copy(connectM) || !own_faces.copy(faces) || !own_edges.copy(edges)) return tessel::OUT_OF_MEMORY;
     return convert_into_high_order(coords, own_connect, nodes_per_edge, nodes_in_Q4, nodes_in_T3, nodes_in_H8,
@@ -679,8 +680,8 @@ int convert_into_high_order(dense2D<double>& coords, const dense2D<unsigned>& co
                             const dense2D<unsigned>& faces, const dense2D<unsigned>& edges,
                             const high_order_options& options) {
   conversion cv(coords, connectM, connectH, faces, edges,
-                {nodes_per_edge, nodes_in_Q4, nodes_in_T3, nodes_in_H8, nodes_in_W6, nodes_in_PY5, nodes_in_TH4},
-                true, options.conforming_faces);
+                {nodes_per_edge, nodes_in_Q4, nodes_in_T3, nodes_in_H8, nodes_in_W6, nodes_in_PY5, nodes_in_TH4}, true,
+                options.conforming_faces);
   return convert(cv);
 }
 

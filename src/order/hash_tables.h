@@ -78,9 +78,7 @@ struct __hbuckets_node_type {
 
 // ---- hashing ---------------------------------------------------------------------------
 
-inline std::uint64_t hash_node(unsigned node) {
-  return static_cast<std::uint64_t>(node ^ 0x811C9DC5u) * 0x01000193ull;
-}
+inline std::uint64_t hash_node(unsigned node) { return static_cast<std::uint64_t>(node ^ 0x811C9DC5u) * 0x01000193ull; }
 inline std::uint64_t hash_key(unsigned id) { return hash_node(id); }
 inline std::uint64_t hash_key(const edge2& k) { return hash_node(k.node[0]) + hash_node(k.node[1]); }
 inline std::uint64_t hash_key(const faceT3& k) {
@@ -185,9 +183,9 @@ struct stored_key<map_entry<Key, Mapped>> {
 /// Bucket counts used by rehash(): 30 ascending primes.
 inline std::size_t next_prime(std::size_t wanted) {
   static const std::size_t primes[30] = {
-      13ul,        23ul,        53ul,        97ul,         193ul,        389ul,       769ul,       1543ul,
-      3079ul,      6151ul,      12289ul,     24593ul,      49157ul,      98317ul,     196613ul,    393241ul,
-      786433ul,    1572869ul,   3145739ul,   6291469ul,    12582917ul,   25165843ul,  50331653ul,  100663319ul,
+      13ul,        23ul,        53ul,        97ul,         193ul,        389ul,       769ul,      1543ul,
+      3079ul,      6151ul,      12289ul,     24593ul,      49157ul,      98317ul,     196613ul,   393241ul,
+      786433ul,    1572869ul,   3145739ul,   6291469ul,    12582917ul,   25165843ul,  50331653ul, 100663319ul,
       201326611ul, 402653189ul, 805306457ul, 1610612741ul, 3221225473ul, 4294967291ul};
   for (std::size_t p : primes)
     if (p >= wanted) return p;
@@ -399,7 +397,8 @@ class hash_table {
     if (!(slots[pos].link & 1u)) return {npos, home_pos, npos, 0};
     unsigned links = 0;
     for (;;) {
-      if (Match::accepts(compare_keys(stored_key<Value>::of(slots[pos].value), key))) return {pos, home_pos, pos, links};
+      if (Match::accepts(compare_keys(stored_key<Value>::of(slots[pos].value), key)))
+        return {pos, home_pos, pos, links};
       const unsigned link = slots[pos].link;
       if (link < 2) break;
       pos += link >> 1;

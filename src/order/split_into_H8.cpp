@@ -1,7 +1,7 @@
 // split_into_H8: every TH4 into 4, W6 into 6 and H8 into 8 hexahedra, cut by fixed
 // tables from the element with one node on each edge, face and interior.
-#include "common/shared_memory.h"
 #include "common/element_tables.h"
+#include "common/shared_memory.h"
 #include "order/solid_columns.h"
 #include "zel/tessel3d.h"
 
@@ -27,7 +27,8 @@ constexpr unsigned tetrahedron_cut[4][8] = {{0, 5, 13, 6, 7, 11, 14, 12},
 
 int split_into_H8(dense2D<double>& coords, const dense2D<unsigned>& connect, dense2D<unsigned>& connectH8,
                   const dense2D<unsigned>& faces, const dense2D<unsigned>& edges) {
-  if (elfes::shares_with_any(connectH8, connect, faces, edges) || elfes::shares_with_any(coords, connect, faces, edges)) {
+  if (elfes::shares_with_any(connectH8, connect, faces, edges) ||
+      elfes::shares_with_any(coords, connect, faces, edges)) {
     dense2D<unsigned> own_connect, own_faces, own_edges;  // the outputs grow in place
     if (!own_connect.copy(connect) || !own_faces.copy(faces) || !own_edges.copy(edges)) return tessel::OUT_OF_MEMORY;
     return split_into_H8(coords, own_connect, connectH8, own_faces, own_edges);

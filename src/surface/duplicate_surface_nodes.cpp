@@ -7,8 +7,8 @@
 // as it was (coords is shrunk back to its column count on entry).
 #include <cstddef>
 
-#include "common/shared_memory.h"
 #include "common/element_tables.h"
+#include "common/shared_memory.h"
 #include "locate/elements_around_node.h"
 #include "order/hash_tables.h"
 #include "zel/tessel3d.h"

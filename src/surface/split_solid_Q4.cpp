@@ -19,10 +19,10 @@
 #include <limits>
 #include <type_traits>
 
-#include "common/shared_memory.h"
 #include "common/element_tables.h"
-#include "measures/dihedral_kernel.h"
+#include "common/shared_memory.h"
 #include "common/vec3.h"
+#include "measures/dihedral_kernel.h"
 #include "order/hash_tables.h"
 #include "order/solid_columns.h"
 #include "zel/tessel3d.h"
@@ -175,8 +175,8 @@ struct splitter {
   dense2D<unsigned> quads;
   double min_quality;
   dense2D<unsigned>& out;
-  dense1D<unsigned, 8>* failed;         // the form that keeps one side whole
-  dense2D<unsigned>* failed_reasons;    // the conforming form
+  dense1D<unsigned, 8>* failed;       // the form that keeps one side whole
+  dense2D<unsigned>* failed_reasons;  // the conforming form
   bool conforming;
   dense1D<unsigned char, 8> record_whole;  // conforming: 1 for a listed face kept whole
   dense1D<unsigned char, 8> state;         // conforming: a carrier_state per carrier
@@ -348,8 +348,8 @@ bool judge_conforming(splitter& s) {
   const std::size_t nb_carriers = s.carriers.size() / carrier_stride;
   dense1D<std::size_t, 8> first, member, work;
   dense1D<unsigned char, 8> queued;
-  if (!first.resize(s.nb_records + 1, 0) || !s.state.resize(nb_carriers, to_split) ||
-      !queued.resize(nb_carriers, 1) || !work.resize(nb_carriers))
+  if (!first.resize(s.nb_records + 1, 0) || !s.state.resize(nb_carriers, to_split) || !queued.resize(nb_carriers, 1) ||
+      !work.resize(nb_carriers))
     return false;
   for (std::size_t c = 0; c < s.carriers.size(); c += carrier_stride)
     for (unsigned f = 0; f < 6; ++f)

@@ -652,7 +652,8 @@ inline void expect_same_on_shared_storage(const family_row& row, int refusal) {
       }
       EXPECT_EQ(status, expected) << where;
       bool output[std::tuple_size<decltype(fields(deep))>::value] = {};  // per field: changed by the call
-      each_pair(arrays(deep), arrays(deep_before), [&](const auto& x, const auto& y, std::size_t k) { output[k] = !same(x, y); });
+      each_pair(arrays(deep), arrays(deep_before),
+                [&](const auto& x, const auto& y, std::size_t k) { output[k] = !same(x, y); });
       each_pair(fields(shared), fields(deep), [&](const auto& x, const auto& y, std::size_t k) {
         const bool input_under_output = (k == a && output[b] && !output[a]) || (k == b && output[a] && !output[b]);
         if (!input_under_output) {

@@ -123,8 +123,7 @@ constexpr unsigned table_bits = 11;
 constexpr std::size_t largest_hashed_bucket = (std::size_t(1) << table_bits) / 2;
 
 template <typename Ref>
-void pair_bucket(face_record<Ref>* first, face_record<Ref>* last, unsigned* out, std::size_t ld,
-                 unsigned* table) {
+void pair_bucket(face_record<Ref>* first, face_record<Ref>* last, unsigned* out, std::size_t ld, unsigned* table) {
   const std::size_t size = std::size_t(last - first);
   if (size < 2) return;
   if (size == 2) {  // the usual bucket of a face shared by two elements
@@ -207,9 +206,10 @@ int match_faces(const solid_mesh& mesh, std::size_t nb_elements, dense2D<unsigne
   }
   const std::size_t nb_buckets = 2 * (dense ? max_id + 1 : distinct_ids.size());
   auto bucket_of = [&](unsigned smallest, unsigned size) {
-    const std::size_t node = dense ? smallest
-                                   : std::size_t(std::lower_bound(distinct_ids.begin(), distinct_ids.end(), smallest) -
-                                                 distinct_ids.begin());
+    const std::size_t node =
+        dense
+            ? smallest
+            : std::size_t(std::lower_bound(distinct_ids.begin(), distinct_ids.end(), smallest) - distinct_ids.begin());
     return 2 * node + (size == 4);
   };
 
@@ -263,7 +263,7 @@ int get_neighbors(const dense2D<unsigned>& connect, element_type type, dense2D<u
   if (!result.resize(nb_faces, nb_elements, NO_ELEMENT)) return OUT_OF_MEMORY;
   // 32-bit face references and bucket starts while element << 3 and the face count fit.
   const int status = nb_elements < (std::size_t(1) << 28) ? match_faces<std::uint32_t>(mesh, nb_elements, result)
-                                                           : match_faces<std::uint64_t>(mesh, nb_elements, result);
+                                                          : match_faces<std::uint64_t>(mesh, nb_elements, result);
   if (status != 0) return status;
   neighbors.swap(result);
   return 0;

@@ -105,11 +105,11 @@ class ZEL_TESSEL_EXPORT node_detector {
   // mid = lo + (hi - lo) / 2 along axis split_axes_[mid]: node mid is the median, the
   // nodes of [lo, mid) have a coordinate <= its own along that axis, those of
   // [mid + 1, hi) >= it.
-  dense1D<unsigned, 8> ids_;             // node IDs in tree order
-  dense1D<double, 8> points_;            // their coordinates, 3 per node, in tree order
-  dense1D<unsigned char, 8> split_axes_; // split axis (0, 1, 2) of each cell, at its mid
-  dense1D<unsigned, 8> min_ids_;         // smallest node ID of each cell of more than 8 nodes, at its mid
-  double bounds_[6] = {0, 0, 0, 0, 0, 0}; // box of every node: lower x y z, upper x y z
+  dense1D<unsigned, 8> ids_;               // node IDs in tree order
+  dense1D<double, 8> points_;              // their coordinates, 3 per node, in tree order
+  dense1D<unsigned char, 8> split_axes_;   // split axis (0, 1, 2) of each cell, at its mid
+  dense1D<unsigned, 8> min_ids_;           // smallest node ID of each cell of more than 8 nodes, at its mid
+  double bounds_[6] = {0, 0, 0, 0, 0, 0};  // box of every node: lower x y z, upper x y z
 };
 
 /// Removes the nodes numbered from nbNodes on that no connectivity in [first, last) uses
