@@ -346,7 +346,7 @@ TEST_P(thread_counts, absorb_or_report_a_failed_allocation) {
 }
 
 INSTANTIATE_TEST_SUITE_P(chunked, thread_counts, ::testing::ValuesIn(chunked_families()),
-                         [](const ::testing::TestParamInfo<family_row>& info) { return std::string(info.param.name); });
+                         [](const ::testing::TestParamInfo<family_row>& row) { return std::string(row.param.name); });
 
 TEST(thread_setting, defaults_to_the_cores_of_the_affinity_mask) {
   cpu_set_t mask;
