@@ -13,38 +13,24 @@ using t3py::private_matrix;
 using t3py::to_numpy;
 
 void t3py::register_order(py::module_& m) {
-  m.def("convert_into_high_order",
-        [](const py::array& coords, const py::array& connect, unsigned e, unsigned q, unsigned t, unsigned h,
-           unsigned w, unsigned p, unsigned n, const py::object& faces, const py::object& edges) {
-          zel::dense2D<double> x = private_matrix<double>(coords, "coords");
-          const zel::dense2D<unsigned> c = private_matrix<unsigned>(connect, "connect");
-          const zel::dense2D<unsigned> f = private_matrix<unsigned>(faces, "faces");
-          const zel::dense2D<unsigned> g = private_matrix<unsigned>(edges, "edges");
-          zel::dense2D<unsigned> high;
-          int status;
-          {
-            py::gil_scoped_release release;
-            status = t3::convert_into_high_order(x, c, e, q, t, h, w, p, n, high, f, g);
-          }
-          return py::make_tuple(status, to_numpy(x), to_numpy(high));
-        });
-
-  // The conforming form: every element lists a face's nodes in its own face order.
-  m.def("convert_into_high_order_conforming",
-        [](const py::array& coords, const py::array& connect, unsigned e, unsigned q, unsigned t, unsigned h,
-           unsigned w, unsigned p, unsigned n, const py::object& faces, const py::object& edges) {
-          zel::dense2D<double> x = private_matrix<double>(coords, "coords");
-          const zel::dense2D<unsigned> c = private_matrix<unsigned>(connect, "connect");
-          const zel::dense2D<unsigned> f = private_matrix<unsigned>(faces, "faces");
-          const zel::dense2D<unsigned> g = private_matrix<unsigned>(edges, "edges");
-          zel::dense2D<unsigned> high;
-          int status;
-          {
-            py::gil_scoped_release release;
-            status = t3::convert_into_high_order(x, c, e, q, t, h, w, p, n, high, f, g, t3::high_order_options());
-          }
-          return py::make_tuple(status, to_numpy(x), to_numpy(high));
-        });
+  // conforming: the form with options, every element listing a face's nodes in its own
+  // face order; otherwise the form without options.
+  m.def("convert_into_high_order", [](const py::array& coords, const py::array& connect, unsigned e, unsigned q,
+                                      unsigned t, unsigned h, unsigned w, unsigned p, unsigned n,
+                                      const py::object& faces, const py::object& edges, bool conforming) {
+    zel::dense2D<double> x = private_matrix<double>(coords, "coords");
+    const zel::dense2D<unsigned> c = private_matrix<unsigned>(connect, "connect");
+    const zel::dense2D<unsigned> f = private_matrix<unsigned>(faces, "faces");
+    const zel::dense2D<unsigned> g = private_matrix<unsigned>(edges, "edges");
+    zel::dense2D<unsigned> high;
+    int status;
+    {
+      py::gil_scoped_release release;
+      status = conforming ? t3::convert_into_high_order(x, c, e, q, t, h, w, p, n, high, f, g, t3::high_order_options())
+                          : t3::convert_into_high_order(x, c, e, q, t, h, w, p, n, high, f, g);
+    }
+    return py::make_tuple(status, to_numpy(x), to_numpy(high));
+  });
 
   m.def("convert_into_quadratic",
         [](const py::array& coords, const py::object& connect, const py::object& faces, const py::object& edges) {

@@ -40,8 +40,7 @@ def convert_into_high_order(coords, connect, nodes_per_edge=1, nodes_in_q4=0, no
         raise ValueError(f"{f}: node counts must be >= 0")
     refuse_inverted(f, x, c)
     native = A.native("order", f)
-    convert = native.convert_into_high_order if strict else native.convert_into_high_order_conforming
-    status, xo, co = convert(x, c, *counts, fc, ed)
+    status, xo, co = native.convert_into_high_order(x, c, *counts, fc, ed, not strict)
     e, q, t = counts[:3]
     check(f, status, {"coords": x, "connect": c, "faces": fc, "edges": ed,
                       "face_rows": f"{t + 3 * (e + 1)} for triangles, {q + 4 * (e + 1)} for quadrangles",
