@@ -68,13 +68,6 @@ int interpolate_each(const dense2D<double>& coords, const dense2D<unsigned>& con
   return 0;
 }
 
-// The list 0 ... #nodes - 1 for the overloads without one; false when out of memory.
-bool every_node(const dense2D<double>& coords, dense1D<unsigned, 8>& nodes) {
-  if (!nodes.resize(coords.cols())) return false;
-  for (std::size_t n = 0; n < nodes.size(); ++n) nodes[n] = static_cast<unsigned>(n);
-  return true;
-}
-
 }  // namespace
 
 int interpolate_metrics(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
@@ -105,7 +98,7 @@ int interpolate_metrics(const dense2D<double>& coords, const dense2D<unsigned>& 
         },
         coords, connectivity, neighbors, node_element);
   dense1D<unsigned, 8> nodes;
-  if (!every_node(coords, nodes)) return tessel::OUT_OF_MEMORY;
+  if (!elfes::every_node(coords, nodes)) return tessel::OUT_OF_MEMORY;
   return interpolate_metrics(coords, connectivity, neighbors, node_element, metrics, nodes, keep_valid);
 }
 
@@ -137,7 +130,7 @@ int interpolate_metrics(const dense2D<double>& coords, const dense2D<unsigned>& 
         },
         coords, connectivity, neighbors, node_element);
   dense1D<unsigned, 8> nodes;
-  if (!every_node(coords, nodes)) return tessel::OUT_OF_MEMORY;
+  if (!elfes::every_node(coords, nodes)) return tessel::OUT_OF_MEMORY;
   return interpolate_metrics(coords, connectivity, neighbors, node_element, metrics, nodes, keep_valid);
 }
 

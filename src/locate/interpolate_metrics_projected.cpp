@@ -67,12 +67,6 @@ int interpolate_each(const dense2D<double>& coords, const dense2D<unsigned>& con
   return 0;
 }
 
-bool every_node(const dense2D<double>& coords, dense1D<unsigned, 8>& nodes) {
-  if (!nodes.resize(coords.cols())) return false;
-  for (std::size_t n = 0; n < nodes.size(); ++n) nodes[n] = static_cast<unsigned>(n);
-  return true;
-}
-
 }  // namespace
 
 int interpolate_metrics_projected(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
@@ -88,7 +82,7 @@ int interpolate_metrics_projected(const dense2D<double>& coords, const dense2D<u
 int interpolate_metrics_projected(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
                                   dense2D<double>& metrics, bool keep_valid) {
   dense1D<unsigned, 8> nodes;
-  if (!every_node(coords, nodes)) return tessel::OUT_OF_MEMORY;
+  if (!elfes::every_node(coords, nodes)) return tessel::OUT_OF_MEMORY;
   return interpolate_metrics_projected(coords, connectivity, metrics, nodes, keep_valid);
 }
 
@@ -105,7 +99,7 @@ int interpolate_metrics_projected(const dense2D<double>& coords, const dense2D<u
 int interpolate_metrics_projected(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
                                   dense1D<double, 8>& metrics, bool keep_valid) {
   dense1D<unsigned, 8> nodes;
-  if (!every_node(coords, nodes)) return tessel::OUT_OF_MEMORY;
+  if (!elfes::every_node(coords, nodes)) return tessel::OUT_OF_MEMORY;
   return interpolate_metrics_projected(coords, connectivity, metrics, nodes, keep_valid);
 }
 

@@ -230,4 +230,11 @@ inline bool combine_sizes(const double* size, const double* lambda, double& out)
   return true;
 }
 
+// The list 0 ... #nodes - 1 for the metric overloads without one; false when out of memory.
+inline bool every_node(const zel::dense2D<double>& coords, zel::dense1D<unsigned, 8>& nodes) {
+  if (!nodes.resize(coords.cols())) return false;
+  for (std::size_t n = 0; n < nodes.size(); ++n) nodes[n] = static_cast<unsigned>(n);
+  return true;
+}
+
 }  // namespace elfes
