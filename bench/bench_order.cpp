@@ -76,8 +76,27 @@ void quartic_TH4_fixed_rule(benchmark::State& state) { run(state, box_kind::TH4,
 void cubic_H8(benchmark::State& state) { run(state, box_kind::H8, 40, cubic_H8_call<true>); }
 void cubic_H8_fixed_rule(benchmark::State& state) { run(state, box_kind::H8, 40, cubic_H8_call<false>); }
 
+// Cost per element against the size of the mesh and the thread count: arguments
+// {0 TH4 or 1 H8, cells per side, threads}. 10^5, 10^6 and 10^7 elements: 26, 55, 119
+// per side for TH4 (six per cube), 46, 100, 215 for H8.
+template <int (*call)(zel::dense2D<double>&, zel::dense2D<unsigned>&, zel::dense2D<unsigned>&)>
+void scaling(benchmark::State& state) {
+  zel::tessel3d::set_threads(unsigned(state.range(2)));
+  run(state, state.range(0) ? box_kind::H8 : box_kind::TH4, unsigned(state.range(1)), call);
+  zel::tessel3d::set_threads(0);
+}
+void quadratic_scaling(benchmark::State& state) { scaling<quadratic>(state); }
+void split_scaling(benchmark::State& state) { scaling<split>(state); }
+void scaling_sizes(benchmark::internal::Benchmark* b) {
+  for (int threads : {1, 2})
+    for (int kind : {0, 1})
+      for (int n : {kind ? 46 : 26, kind ? 100 : 55, kind ? 215 : 119}) b->Args({kind, n, threads});
+}
+
 }  // namespace
 
+BENCHMARK(quadratic_scaling)->Apply(scaling_sizes)->Unit(benchmark::kMillisecond);
+BENCHMARK(split_scaling)->Apply(scaling_sizes)->Unit(benchmark::kMillisecond);
 BENCHMARK(quadratic_TH4)->Unit(benchmark::kMillisecond);
 BENCHMARK(quadratic_H8)->Unit(benchmark::kMillisecond);
 BENCHMARK(split_TH4)->Unit(benchmark::kMillisecond);

@@ -7,8 +7,10 @@
 #include <cstdlib>
 
 #include "common/element_tables.h"
+#include "common/parallel.h"
 #include "common/shared_memory.h"
 #include "order/hash_tables.h"
+#include "order/occurrence_sort.h"
 #include "order/shape_functions.h"
 #include "order/solid_columns.h"
 #include "zel/tessel3d.h"
@@ -20,8 +22,6 @@ namespace {
 using elfes::solid_descriptor;
 using elfes::solid_kind;
 using elfes::solid_table;
-using edge_map = elfes::hash_table<elfes::map_entry<elfes::edge2, unsigned>>;
-using face_map = elfes::hash_table<elfes::map_entry<elfes::face_mix, unsigned>>;
 
 constexpr std::uint64_t id_limit = 0xFFFFFFFFull;  // node IDs stay below the absent marker
 
@@ -66,11 +66,10 @@ struct conversion {
   bool faces_quad_form = false;
   std::size_t nb_kind[4] = {0, 0, 0, 0};
   kind_layout layout[4];
-  edge_map edge_nodes;
-  face_map face_nodes;
   std::uint64_t next_node = 0;
-  bool caller_edges = false;  // the edge map holds caller's nodes
-  bool caller_faces = false;  // the face map holds caller's nodes
+  bool caller_edges = false;    // the caller gave edges
+  bool caller_faces = false;    // the caller gave faces with nodes to reuse
+  bool faces_numbered = false;  // some element has face nodes
 };
 
 // ---- checks -------------------------------------------------------------------------------
@@ -186,6 +185,18 @@ bool kind_has_face_nodes(const conversion& cv, unsigned kind) {
 }
 
 // ---- numbering ----------------------------------------------------------------------------
+//
+// Edges and faces are numbered from their occurrences: each caller's column and each
+// (element, local edge or face) gives a record of the entity's canonical key and its
+// place in meeting order (the caller's columns first, then the elements in column order,
+// each in its local order). Sorted by key, then place, the occurrences of one entity lie
+// together, the first one met at their head. That one owns the entity, unless a caller's
+// column gave it: its corner order is the one the new nodes are spread by. The owners,
+// taken in element order, hand out the new IDs; every other occurrence copies its
+// owner's. Every step is a loop over fixed chunks, so any thread count numbers alike.
+
+constexpr std::size_t element_grain = std::size_t(1) << 13;
+constexpr std::size_t run_grain = std::size_t(1) << 15;
 
 // The key of face f of a column: its corners in the local face order.
 elfes::face_mix face_key(const unsigned* column, const solid_descriptor& d, unsigned f) {
@@ -194,123 +205,244 @@ elfes::face_mix face_key(const unsigned* column, const solid_descriptor& d, unsi
   return key;
 }
 
-// Empties a map and gives it the bucket count of a reset to 23 buckets followed by a
-// rehash to `wanted` when that exceeds them, with its slots sized at once for `expected`
-// entries (no more than the growth rule lets in before the next rehash), so that it does
-// not double its storage while it fills.
-template <class Map>
-bool reset_for(Map& map, std::size_t wanted, std::size_t expected) {
-  const std::size_t buckets = wanted > 23 ? elfes::next_prime(wanted) : 23;
-  return map.reset(expected < 2 * buckets ? expected : 2 * buckets, buckets, 1.0);
+elfes::occurrence<2> edge_occurrence(unsigned a, unsigned b, std::uint64_t place) {
+  return {{a < b ? a : b, a < b ? b : a}, (place << 1) | (a > b ? 1u : 0u)};
 }
 
-// The keys of the columns ahead with their hashes and home buckets, whose loading into
-// the cache has been started: the map's cache misses, which dominate on large meshes,
-// then overlap with the work on the columns before them. Two blocks of columns: the
-// one being inserted and the next one, filled when the walk enters the first. `Keys`
-// writes the keys of a column of a kind (in the order the column inserts them) and
-// returns their count. A home holds while the map keeps the bucket count it had when
-// the home was taken.
-template <class Key, unsigned per_column>
-class keys_ahead {
- public:
-  static constexpr std::size_t block = 8;
-  struct column_keys {
-    Key key[per_column];
-    std::uint64_t hash[per_column];
-    std::size_t home[per_column];
-    std::size_t buckets;
-  };
+// Equal for every cyclic order of a face's corners, either way round: the smallest corner
+// (its first occurrence), the smaller and the larger of its two neighbours, and for a
+// quadrangle the corner opposite it in between (the equality of compare_keys()).
+elfes::occurrence<4> face_occurrence(const elfes::face_mix& k, std::uint64_t place) {
+  const unsigned n = k.node[3] == tessel::ABSENT ? 3 : 4;
+  unsigned r = 0;
+  for (unsigned i = 1; i < n; ++i)
+    if (k.node[i] < k.node[r]) r = i;
+  const unsigned next = k.node[(r + 1) % n], previous = k.node[(r + n - 1) % n];
+  const unsigned low = next < previous ? next : previous, high = next < previous ? previous : next;
+  if (n == 3) return {{k.node[r], low, high, tessel::ABSENT}, place << 1};
+  return {{k.node[r], low, k.node[(r + 2) % 4], high}, place << 1};
+}
 
-  // The keys of column j, where the walk visits every column in order from 0.
-  template <class Map, class Keys>
-  const column_keys& at(std::size_t j, const Map& map, const dense2D<unsigned>& m, const Keys& keys_of) {
-    if (j % block == 0) {
-      if (j == 0) fill(map, m, 0, keys_of);
-      fill(map, m, j + block, keys_of);
-    }
-    return keys_[(j / block) % 2][j % block];
-  }
-
- private:
-  template <class Map, class Keys>
-  void fill(const Map& map, const dense2D<unsigned>& m, std::size_t first, const Keys& keys_of) {
-    if (first >= m.cols()) return;
-    const std::size_t R = m.rows(), count = m.cols() - first < block ? m.cols() - first : block;
-    const unsigned* column = m.data() + first * m.ld();
-    column_keys* keys = keys_[(first / block) % 2];
-    for (std::size_t b = 0; b < count; ++b, column += m.ld()) {
-      column_keys& c = keys[b];
-      c.buckets = map.bucket_count();
-      const unsigned n = keys_of(column, elfes::linear_column_kind(column, R), c.key);
-      for (unsigned i = 0; i < n; ++i) {
-        c.hash[i] = elfes::hash_key(c.key[i]);
-        c.home[i] = map.home(c.hash[i]);
-        map.prefetch(c.home[i]);
-        map.prefetch_key(c.key[i]);
+// Local edge of each side of each face: side i of a triangle joins its corners
+// (i + 1, i + 2) mod 3, side i of a quadrangle its corners (i, i + 1) mod 4.
+struct face_side_table {
+  unsigned edge[4][6][4];
+};
+constexpr face_side_table make_face_sides() {
+  face_side_table t{};
+  for (unsigned k = 0; k < 4; ++k) {
+    const solid_descriptor& d = solid_table[k];
+    for (unsigned f = 0; f < d.nb_faces; ++f)
+      for (unsigned i = 0; i < d.face_size[f]; ++i) {
+        const unsigned n = d.face_size[f];
+        const unsigned a = d.faces[f][n == 3 ? (i + 1) % 3 : i], b = d.faces[f][n == 3 ? (i + 2) % 3 : (i + 1) % 4];
+        t.edge[k][f][i] = ~0u;
+        for (unsigned g = 0; g < d.nb_edges; ++g)
+          if ((d.edges[g][0] == a && d.edges[g][1] == b) || (d.edges[g][0] == b && d.edges[g][1] == a))
+            t.edge[k][f][i] = g;
       }
-    }
   }
+  return t;
+}
+constexpr face_side_table face_sides = make_face_sides();
+constexpr bool every_side_an_edge() {
+  for (unsigned k = 0; k < 4; ++k)
+    for (unsigned f = 0; f < solid_table[k].nb_faces; ++f)
+      for (unsigned i = 0; i < solid_table[k].face_size[f]; ++i)
+        if (face_sides.edge[k][f][i] >= solid_table[k].nb_edges) return false;
+  return true;
+}
+static_assert(every_side_an_edge(), "every side of a face is an edge of its element");
 
-  column_keys keys_[2][block];
+// The occurrences of one kind of entity: the records, sorted, and which element slots
+// (local item i of element j at j * stride + i) own their entity.
+template <unsigned W>
+struct occurrences {
+  std::size_t callers = 0;  // caller's columns, ahead of the elements' places
+  std::size_t stride = 0;
+  std::size_t n = 0;
+  elfes::scratch<elfes::occurrence<W>> records;
+  elfes::scratch<unsigned char> owner;
+  std::uint64_t place(std::size_t j, unsigned i) const { return callers + j * stride + i; }
+  std::size_t slot(const elfes::occurrence<W>& r) const { return std::size_t(r.place >> 1) - callers; }
 };
 
-// The keys of a column's edges, in the order of its kind's edge list.
-unsigned edge_keys(const unsigned* column, solid_kind kind, elfes::edge2* key) {
-  const solid_descriptor& d = solid_table[kind];
-  for (unsigned i = 0; i < d.nb_edges; ++i) key[i] = {{column[d.edges[i][0]], column[d.edges[i][1]]}};
-  return d.nb_edges;
+// Fills list with the callers' records (caller(c, record) tells whether column c gives
+// one) and the elements' (items(column, kind, records) writes those of a column and
+// returns their count; with a null pointer it only counts), sorts them and marks owners.
+template <unsigned W, class Caller, class Items>
+bool gather(const conversion& cv, occurrences<W>& list, std::size_t nb_callers, const Caller& caller,
+            const Items& items) {
+  const dense2D<unsigned>& m = cv.connectM;
+  const std::size_t R = m.rows(), ld = m.ld(), columns = m.cols();
+  const std::size_t nb_chunks = elfes::chunk_count(columns, element_grain);
+  elfes::scratch<std::size_t> first;
+  if (!first.allocate(nb_chunks) || !list.owner.allocate(columns * list.stride)) return false;
+  elfes::parallel_chunks(columns, element_grain, [&](std::size_t c, std::size_t lo, std::size_t hi) {
+    std::size_t count = 0;
+    for (std::size_t j = lo; j < hi; ++j) {
+      const unsigned* column = m.data() + j * ld;
+      count += items(column, elfes::linear_column_kind(column, R), static_cast<elfes::occurrence<W>*>(nullptr), j);
+    }
+    first[c] = count;
+    std::fill(list.owner.data() + lo * list.stride, list.owner.data() + hi * list.stride, 0);
+  });
+  elfes::occurrence<W> record;
+  list.callers = nb_callers;
+  std::size_t n = 0;
+  for (std::size_t c = 0; c < nb_callers; ++c) n += caller(c, record) ? 1 : 0;
+  for (std::size_t c = 0; c < nb_chunks; ++c) {
+    const std::size_t count = first[c];
+    first[c] = n;
+    n += count;
+  }
+  list.n = n;
+  elfes::scratch<elfes::occurrence<W>> spare;
+  if (!list.records.allocate(n) || !spare.allocate(n)) return false;
+  elfes::occurrence<W>* out = list.records.data();
+  for (std::size_t c = 0; c < nb_callers; ++c)
+    if (caller(c, record)) *out++ = record;
+  elfes::parallel_chunks(columns, element_grain, [&](std::size_t c, std::size_t lo, std::size_t hi) {
+    elfes::occurrence<W>* at = list.records.data() + first[c];
+    for (std::size_t j = lo; j < hi; ++j) {
+      const unsigned* column = m.data() + j * ld;
+      at += items(column, elfes::linear_column_kind(column, R), at, j);
+    }
+  });
+  if (!elfes::sort_occurrences(list.records.data(), spare.data(), n, cv.nb_nodes)) return false;
+  spare.release();
+  elfes::for_each_run(list.records.data(), n, run_grain, [&](std::size_t head, std::size_t) {
+    const elfes::occurrence<W>& r = list.records[head];
+    if ((r.place >> 1) >= list.callers) list.owner[list.slot(r)] = 1;
+  });
+  return true;
 }
+
+// Hands out IDs from cv.next_node element by element: count(j, column, kind) of them to
+// element j, which assign(j, column, kind, first) writes. False when they would reach
+// the absent marker or memory runs out.
+template <class Count, class Assign>
+bool number_in_element_order(conversion& cv, const Count& count, const Assign& assign) {
+  const dense2D<unsigned>& m = cv.connectM;
+  const std::size_t R = m.rows(), ld = m.ld();
+  const std::size_t nb_chunks = elfes::chunk_count(m.cols(), element_grain);
+  elfes::scratch<std::uint64_t> first;
+  if (!first.allocate(nb_chunks)) return false;
+  elfes::parallel_chunks(m.cols(), element_grain, [&](std::size_t c, std::size_t lo, std::size_t hi) {
+    std::uint64_t sum = 0;
+    for (std::size_t j = lo; j < hi; ++j) {
+      const unsigned* column = m.data() + j * ld;
+      sum += count(j, column, elfes::linear_column_kind(column, R));
+    }
+    first[c] = sum;
+  });
+  std::uint64_t next = cv.next_node;
+  for (std::size_t c = 0; c < nb_chunks; ++c) {
+    const std::uint64_t sum = first[c];
+    first[c] = next;
+    next += sum;
+  }
+  if (next > id_limit) return false;
+  elfes::parallel_chunks(m.cols(), element_grain, [&](std::size_t c, std::size_t lo, std::size_t hi) {
+    std::uint64_t at = first[c];
+    for (std::size_t j = lo; j < hi; ++j) {
+      const unsigned* column = m.data() + j * ld;
+      const solid_kind kind = elfes::linear_column_kind(column, R);
+      assign(j, column, kind, static_cast<unsigned>(at));
+      at += count(j, column, kind);
+    }
+  });
+  cv.next_node = next;
+  return true;
+}
+
+// The column of element j in the linear and the high-order connectivities.
+const unsigned* linear_column(const conversion& cv, std::size_t j) { return cv.connectM.data() + j * cv.connectM.ld(); }
+unsigned* high_column(conversion& cv, std::size_t j) { return cv.connectH.data() + j * cv.connectH.ld(); }
 
 // Corners and edge nodes of every column. New edges get e consecutive IDs in the order
 // they are met; an element walking an edge against its stored direction lists them
-// backwards.
-bool number_edges(conversion& cv) {
+// backwards. Of the caller's columns for one edge, the first gives the direction and
+// the last the nodes.
+bool number_edges(conversion& cv, occurrences<2>& list) {
   const unsigned e = cv.c.e;
-  const dense2D<unsigned>& m = cv.connectM;
-  const std::size_t R = m.rows(), ldH = cv.connectH.ld();
-  if (e > 0) {
-    edge_map& map = cv.edge_nodes;
-    const std::size_t wanted = cv.edges.cols() + 3 * m.cols() + cv.faces.cols();
-    if (!reset_for(map, wanted, wanted)) return false;
-    const unsigned* column = cv.edges.data();
-    for (std::size_t j = 0; j < cv.edges.cols(); ++j, column += cv.edges.ld()) {
-      const elfes::edge2 key{{column[0], column[1]}};
-      const std::size_t pos = map.insert_growing(elfes::hash_key(key), {key, column[2]});
-      if (pos == map.npos) return false;
-      map.value(pos).second = column[2];  // of two columns for one edge, the last wins
-      cv.caller_edges = true;
-    }
-  }
-  const unsigned* column = m.data();
-  unsigned* out = cv.connectH.data();
-  edge_map& map = cv.edge_nodes;
-  keys_ahead<elfes::edge2, 12> ahead;
-  for (std::size_t j = 0; j < m.cols(); ++j, column += m.ld(), out += ldH) {
-    const solid_descriptor& d = solid_table[elfes::linear_column_kind(column, R)];
-    for (unsigned v = 0; v < d.nb_vertices; ++v) out[v] = column[v];
-    if (e == 0) continue;
-    const auto& keys = ahead.at(j, map, m, edge_keys);
-    for (unsigned i = 0; i < d.nb_edges; ++i) {
-      const unsigned a = column[d.edges[i][0]];
-      const elfes::edge2& key = keys.key[i];
-      bool added = false;
-      const std::size_t pos = map.insert_growing(keys.hash[i], keys.home[i], keys.buckets,
-                                                 {key, static_cast<unsigned>(cv.next_node)}, &added);
-      if (pos == edge_map::npos) return false;
-      if (added) cv.next_node += e;
-      const auto& entry = map.value(pos);
-      unsigned* row = out + d.nb_vertices + std::size_t(i) * e;
-      if (e == 1) {
-        row[0] = entry.second;
-      } else if (entry.first.node[0] == a) {
-        for (unsigned k = 0; k < e; ++k) row[k] = entry.second + k;
-      } else {
-        for (unsigned k = 0; k < e; ++k) row[k] = entry.second + (e - 1 - k);
+  const auto corners = [&cv](std::size_t j, const unsigned* column, solid_kind kind) {
+    unsigned* out = high_column(cv, j);
+    for (unsigned v = 0; v < solid_table[kind].nb_vertices; ++v) out[v] = column[v];
+  };
+  if (e == 0) {
+    elfes::parallel_for(cv.connectM.cols(), element_grain, [&](std::size_t lo, std::size_t hi) {
+      for (std::size_t j = lo; j < hi; ++j) {
+        const unsigned* column = linear_column(cv, j);
+        corners(j, column, elfes::linear_column_kind(column, cv.connectM.rows()));
       }
-    }
+    });
+    return true;
   }
-  return cv.next_node <= id_limit;
+  const dense2D<unsigned>& g = cv.edges;
+  cv.caller_edges = g.cols() > 0;
+  list.stride = 0;
+  for (unsigned k = 0; k < 4; ++k)
+    if (cv.nb_kind[k] > 0 && solid_table[k].nb_edges > list.stride) list.stride = solid_table[k].nb_edges;
+  const auto caller = [&g](std::size_t c, elfes::occurrence<2>& r) {
+    const unsigned* column = g.data() + c * g.ld();
+    r = edge_occurrence(column[0], column[1], c);
+    return true;
+  };
+  const auto items = [&list](const unsigned* column, solid_kind kind, elfes::occurrence<2>* out, std::size_t j) {
+    const solid_descriptor& d = solid_table[kind];
+    if (out)
+      for (unsigned i = 0; i < d.nb_edges; ++i)
+        out[i] = edge_occurrence(column[d.edges[i][0]], column[d.edges[i][1]], list.place(j, i));
+    return std::size_t(d.nb_edges);
+  };
+  if (!gather(cv, list, g.cols(), caller, items)) return false;
+
+  // The owners' runs, upwards.
+  const auto count = [&list, e](std::size_t j, const unsigned*, solid_kind kind) {
+    std::uint64_t sum = 0;
+    for (unsigned i = 0; i < solid_table[kind].nb_edges; ++i) sum += list.owner[j * list.stride + i] ? e : 0;
+    return sum;
+  };
+  const auto assign = [&](std::size_t j, const unsigned* column, solid_kind kind, unsigned first) {
+    corners(j, column, kind);
+    const solid_descriptor& d = solid_table[kind];
+    unsigned* out = high_column(cv, j) + d.nb_vertices;
+    for (unsigned i = 0; i < d.nb_edges; ++i) {
+      if (!list.owner[j * list.stride + i]) continue;
+      for (unsigned k = 0; k < e; ++k) out[std::size_t(i) * e + k] = first + k;
+      first += e;
+    }
+  };
+  if (!number_in_element_order(cv, count, assign)) return false;
+
+  // Every other occurrence from its entity's head.
+  const std::size_t R = cv.connectM.rows();
+  elfes::for_each_run(list.records.data(), list.n, run_grain, [&](std::size_t head, std::size_t last) {
+    const elfes::occurrence<2>* r = list.records.data();
+    const bool head_flipped = (r[head].place & 1) != 0;
+    std::size_t from = head + 1;
+    unsigned first;
+    if ((r[head].place >> 1) < list.callers) {
+      std::size_t c = head;
+      while (c + 1 < last && (r[c + 1].place >> 1) < list.callers) ++c;
+      first = g.data()[(r[c].place >> 1) * g.ld() + 2];
+      from = c + 1;
+    } else {
+      const std::size_t slot = list.slot(r[head]), j = slot / list.stride;
+      const solid_kind kind = elfes::linear_column_kind(linear_column(cv, j), R);
+      first = high_column(cv, j)[solid_table[kind].nb_vertices + (slot % list.stride) * e];
+    }
+    for (std::size_t k = from; k < last; ++k) {
+      const std::size_t slot = list.slot(r[k]), j = slot / list.stride;
+      const solid_kind kind = elfes::linear_column_kind(linear_column(cv, j), R);
+      unsigned* row = high_column(cv, j) + solid_table[kind].nb_vertices + (slot % list.stride) * e;
+      const bool upwards = ((r[k].place & 1) != 0) == head_flipped;
+      for (unsigned i = 0; i < e; ++i) row[i] = upwards ? first + i : first + (e - 1 - i);
+    }
+  });
+  list.records.release();
+  return true;
 }
 
 // Writes the count nodes of a face starting at `first` as the element sees them: the run
@@ -380,158 +512,203 @@ void write_face_grid(unsigned* row, unsigned first, unsigned count, unsigned sid
     }
 }
 
-bool number_faces(conversion& cv) {
+// Writes a face's run of nodes as the element `mine` sees it, the face being stored with
+// the corner order `stored`.
+void write_face(const conversion& cv, unsigned* row, unsigned first, unsigned count, const elfes::face_mix& stored,
+                const elfes::face_mix& mine) {
+  if (cv.conforming_faces)
+    write_face_grid(row, first, count, cv.q_side, stored, mine);
+  else
+    write_face_run(row, first, count, stored, mine);
+}
+
+// Face nodes of every column, after every edge node: new faces get their t or q IDs in
+// the order they are met. Of the caller's columns for one face, the first gives the
+// corner order and the last the nodes.
+bool number_faces(conversion& cv, occurrences<4>& list) {
   bool needed = false;
   for (unsigned k = 0; k < 4; ++k) needed = needed || (cv.nb_kind[k] > 0 && kind_has_face_nodes(cv, k));
   if (!needed) return true;
-  const dense2D<unsigned>& m = cv.connectM;
-  face_map& map = cv.face_nodes;
-  // A face is mostly shared by two elements: half its incidences, and some boundary.
-  std::size_t incidences = 0;
-  for (unsigned k = 0; k < 4; ++k)
-    for (unsigned f = 0; f < solid_table[k].nb_faces; ++f)
-      incidences += cv.layout[k].face_nodes[f] > 0 ? cv.nb_kind[k] : 0;
-  if (!reset_for(map, cv.faces.cols() + m.cols(), cv.faces.cols() + incidences / 2 + incidences / 16)) return false;
-
   const dense2D<unsigned>& f = cv.faces;
-  const std::uint64_t e = cv.c.e;
-  const unsigned* column = f.data();
-  for (std::size_t j = 0; j < f.cols(); ++j, column += f.ld()) {
+  list.stride = 0;
+  for (unsigned k = 0; k < 4; ++k)
+    if (cv.nb_kind[k] > 0 && solid_table[k].nb_faces > list.stride) list.stride = solid_table[k].nb_faces;
+  // A caller's column: its corners, and where its first interior node is.
+  const auto caller_key = [&cv, &f](std::size_t c, std::size_t& inside_row) {
+    const unsigned* column = f.data() + c * f.ld();
     const bool triangle = !cv.faces_quad_form || column[f.rows() - 1] == tessel::ABSENT;
-    if ((triangle ? cv.c.t : cv.c.q) == 0) continue;  // nothing of it can be reused
-    const elfes::face_mix key{{column[0], column[1], column[2], triangle ? tessel::ABSENT : column[3]}};
-    const unsigned first = column[(triangle ? 3 : 4) * (e + 1)];
-    const std::size_t pos = map.insert_growing(elfes::hash_key(key), {key, first});
-    if (pos == map.npos) return false;
-    map.value(pos).second = first;
-    cv.caller_faces = true;
-  }
-
-  const std::size_t R = m.rows(), ldH = cv.connectH.ld();
-  column = m.data();
-  unsigned* out = cv.connectH.data();
-  keys_ahead<elfes::face_mix, 6> ahead;
-  // The faces of a column that get nodes, in face order.
-  const auto face_keys = [&cv](const unsigned* c, solid_kind kind, elfes::face_mix* key) {
+    inside_row = (triangle ? 3 : 4) * (cv.c.e + std::size_t(1));
+    return elfes::face_mix{{column[0], column[1], column[2], triangle ? tessel::ABSENT : column[3]}};
+  };
+  const auto caller = [&](std::size_t c, elfes::occurrence<4>& r) {
+    std::size_t inside_row;
+    const elfes::face_mix key = caller_key(c, inside_row);
+    if ((key.node[3] == tessel::ABSENT ? cv.c.t : cv.c.q) == 0) return false;  // nothing of it can be reused
+    r = face_occurrence(key, c);
+    return true;
+  };
+  const auto items = [&](const unsigned* column, solid_kind kind, elfes::occurrence<4>* out, std::size_t j) {
     const solid_descriptor& d = solid_table[kind];
-    unsigned n = 0;
-    for (unsigned i = 0; i < d.nb_faces; ++i)
-      if (cv.layout[kind].face_nodes[i] > 0) key[n++] = face_key(c, d, i);
+    std::size_t n = 0;
+    for (unsigned i = 0; i < d.nb_faces; ++i) {
+      if (cv.layout[kind].face_nodes[i] == 0) continue;
+      if (out) out[n] = face_occurrence(face_key(column, d, i), list.place(j, i));
+      ++n;
+    }
     return n;
   };
-  for (std::size_t j = 0; j < m.cols(); ++j, column += m.ld(), out += ldH) {
-    const solid_kind kind = elfes::linear_column_kind(column, R);
+  if (!gather(cv, list, f.cols(), caller, items)) return false;
+  cv.faces_numbered = true;
+  for (std::size_t k = 0; k < list.callers && !cv.caller_faces; ++k) {
+    elfes::occurrence<4> unused;
+    cv.caller_faces = caller(k, unused);
+  }
+
+  const auto count = [&](std::size_t j, const unsigned*, solid_kind kind) {
+    std::uint64_t sum = 0;
+    for (unsigned i = 0; i < solid_table[kind].nb_faces; ++i)
+      sum += list.owner[j * list.stride + i] ? cv.layout[kind].face_nodes[i] : 0;
+    return sum;
+  };
+  const auto assign = [&](std::size_t j, const unsigned* column, solid_kind kind, unsigned first) {
     const solid_descriptor& d = solid_table[kind];
     const kind_layout& L = cv.layout[kind];
-    const auto& keys = ahead.at(j, map, m, face_keys);
-    for (unsigned i = 0, n = 0; i < d.nb_faces; ++i) {
-      const unsigned count = L.face_nodes[i];
-      if (count == 0) continue;
-      const elfes::face_mix& key = keys.key[n];
-      bool added = false;
-      const std::size_t pos = map.insert_growing(keys.hash[n], keys.home[n], keys.buckets,
-                                                 {key, static_cast<unsigned>(cv.next_node)}, &added);
-      ++n;
-      if (pos == face_map::npos) return false;
-      if (added) cv.next_node += count;
-      const auto& entry = map.value(pos);
-      if (cv.conforming_faces)
-        write_face_grid(out + L.face_row[i], entry.second, count, cv.q_side, entry.first, key);
-      else
-        write_face_run(out + L.face_row[i], entry.second, count, entry.first, key);
+    unsigned* out = high_column(cv, j);
+    for (unsigned i = 0; i < d.nb_faces; ++i) {
+      if (!list.owner[j * list.stride + i]) continue;
+      const elfes::face_mix key = face_key(column, d, i);
+      write_face(cv, out + L.face_row[i], first, L.face_nodes[i], key, key);
+      first += L.face_nodes[i];
     }
-  }
-  return cv.next_node <= id_limit;
+  };
+  if (!number_in_element_order(cv, count, assign)) return false;
+
+  const std::size_t R = cv.connectM.rows();
+  elfes::for_each_run(list.records.data(), list.n, run_grain, [&](std::size_t head, std::size_t last) {
+    const elfes::occurrence<4>* r = list.records.data();
+    std::size_t from = head + 1;
+    elfes::face_mix stored;
+    unsigned first;
+    if ((r[head].place >> 1) < list.callers) {
+      std::size_t inside_row;
+      stored = caller_key(r[head].place >> 1, inside_row);
+      std::size_t c = head;
+      while (c + 1 < last && (r[c + 1].place >> 1) < list.callers) ++c;
+      first = f.data()[(r[c].place >> 1) * f.ld() + inside_row];
+      from = c + 1;
+    } else {
+      const std::size_t slot = list.slot(r[head]), j = slot / list.stride;
+      const unsigned i = static_cast<unsigned>(slot % list.stride);
+      const unsigned* column = linear_column(cv, j);
+      const solid_kind kind = elfes::linear_column_kind(column, R);
+      stored = face_key(column, solid_table[kind], i);
+      first = high_column(cv, j)[cv.layout[kind].face_row[i]];
+    }
+    for (std::size_t k = from; k < last; ++k) {
+      const std::size_t slot = list.slot(r[k]), j = slot / list.stride;
+      const unsigned i = static_cast<unsigned>(slot % list.stride);
+      const unsigned* column = linear_column(cv, j);
+      const solid_kind kind = elfes::linear_column_kind(column, R);
+      const kind_layout& L = cv.layout[kind];
+      write_face(cv, high_column(cv, j) + L.face_row[i], first, L.face_nodes[i], stored,
+                 face_key(column, solid_table[kind], i));
+    }
+  });
+  list.records.release();
+  return true;
 }
 
 // ---- placement ----------------------------------------------------------------------------
 
-// First node of the edge (a, b), or absent when the map does not hold it.
-unsigned edge_first(const conversion& cv, unsigned a, unsigned b) {
-  const elfes::edge2 key{{a, b}};
-  const std::size_t pos = cv.edge_nodes.find(elfes::hash_key(key), key);
-  return pos == cv.edge_nodes.end() ? tessel::ABSENT : cv.edge_nodes.value(pos).second;
-}
-
 // New edge nodes equally spaced on the straight edge, from the end the edge was first
-// met with: the one the element lists its run upwards from. Read from the connectivity,
-// so that the edge map can go once the edges are numbered; an edge shared by several
-// elements gets the same values from each.
-void place_edge_nodes(conversion& cv) {
+// met with, placed by the element that owns the edge.
+void place_edge_nodes(conversion& cv, const occurrences<2>& list) {
   const unsigned e = cv.c.e;
   if (e == 0) return;
   double* xyz = cv.coords.data();
-  const std::size_t ld = cv.coords.ld(), ldH = cv.connectH.ld(), R = cv.connectM.rows();
-  const unsigned* column = cv.connectM.data();
-  const unsigned* out = cv.connectH.data();
-  for (std::size_t j = 0; j < cv.connectM.cols(); ++j, column += cv.connectM.ld(), out += ldH) {
-    const solid_descriptor& d = solid_table[elfes::linear_column_kind(column, R)];
-    for (unsigned i = 0; i < d.nb_edges; ++i) {
-      const unsigned* run = out + d.nb_vertices + std::size_t(i) * e;
-      const bool upwards = e == 1 || run[0] < run[1];
-      const unsigned first = upwards ? run[0] : run[e - 1];
-      if (first < cv.nb_nodes) continue;  // a caller's edge keeps its nodes
-      const double* a = xyz + column[d.edges[i][upwards ? 0 : 1]] * ld;
-      const double* b = xyz + column[d.edges[i][upwards ? 1 : 0]] * ld;
-      for (unsigned k = 0; k < e; ++k) {
-        const double s = 2.0 * (k + 1) / (e + 1.0) - 1;
-        double* x = xyz + (std::size_t(first) + k) * ld;
-        for (int c = 0; c < 3; ++c) x[c] = (1 - s) / 2 * a[c] + (1 + s) / 2 * b[c];
+  const std::size_t ld = cv.coords.ld(), R = cv.connectM.rows();
+  elfes::parallel_for(cv.connectM.cols(), element_grain, [&](std::size_t lo, std::size_t hi) {
+    for (std::size_t j = lo; j < hi; ++j) {
+      const unsigned* column = linear_column(cv, j);
+      const solid_descriptor& d = solid_table[elfes::linear_column_kind(column, R)];
+      const unsigned* out = high_column(cv, j);
+      for (unsigned i = 0; i < d.nb_edges; ++i) {
+        if (!list.owner[j * list.stride + i]) continue;
+        const unsigned first = out[d.nb_vertices + std::size_t(i) * e];
+        const double* a = xyz + column[d.edges[i][0]] * ld;
+        const double* b = xyz + column[d.edges[i][1]] * ld;
+        for (unsigned k = 0; k < e; ++k) {
+          const double s = 2.0 * (k + 1) / (e + 1.0) - 1;
+          double* x = xyz + (std::size_t(first) + k) * ld;
+          for (int c = 0; c < 3; ++c) x[c] = (1 - s) / 2 * a[c] + (1 + s) / 2 * b[c];
+        }
       }
     }
-  }
+  });
 }
 
-// New face nodes: linear on the corners, or, when an edge of the face carries a caller's
-// node (a curved face), the quadratic triangle or serendipity quadrangle on the corners
-// and the first node of each edge.
-void place_face_nodes(conversion& cv) {
-  if (cv.face_nodes.bucket_count() == 0) return;
-  static const double t3_points[3][2] = {{0.25, 0.25}, {0.5, 0.25}, {0.25, 0.5}};
-  static const double t1_point[1][2] = {{1.0 / 3.0, 1.0 / 3.0}};
+// The nodes of face f of a column, which owns it (see place_face_nodes).
+void place_one_face(conversion& cv, const unsigned* column, const unsigned* out, solid_kind kind, unsigned f) {
+  static constexpr double t3_points[3][2] = {{0.25, 0.25}, {0.5, 0.25}, {0.25, 0.5}};
+  static constexpr double t1_point[1][2] = {{1.0 / 3.0, 1.0 / 3.0}};
+  const unsigned e = cv.c.e;
   double* xyz = cv.coords.data();
   const std::size_t ld = cv.coords.ld();
-  const face_map& map = cv.face_nodes;
-  for (std::size_t pos = map.begin(); pos < map.end(); ++pos) {
-    if (!map.occupied(pos)) continue;
-    const auto& entry = map.value(pos);
-    if (entry.second < cv.nb_nodes) continue;  // a caller's face keeps its nodes
-    const unsigned* corner = entry.first.node;
-    const unsigned n = corner[3] == tessel::ABSENT ? 3 : 4;
-    unsigned node[8] = {corner[0], corner[1], corner[2], corner[3]};
-    bool curved = false;
-    if (cv.caller_edges) {
-      // Triangle edge nodes follow the opposite corners: (1, 2), (2, 0), (0, 1).
-      for (unsigned i = 0; i < n; ++i) {
-        const unsigned a = n == 3 ? (i + 1) % 3 : i, b = n == 3 ? (i + 2) % 3 : (i + 1) % 4;
-        node[n + i] = edge_first(cv, corner[a], corner[b]);
-        curved = curved || node[n + i] < cv.nb_nodes;
-      }
+  const solid_descriptor& d = solid_table[kind];
+  const elfes::face_mix stored = face_key(column, d, f);
+  const unsigned first = out[cv.layout[kind].face_row[f]];
+  const unsigned* corner = stored.node;
+  const unsigned n = corner[3] == tessel::ABSENT ? 3 : 4;
+  unsigned node[8] = {corner[0], corner[1], corner[2], corner[3]};
+  bool curved = false;
+  if (cv.caller_edges) {
+    // The first node of each side's edge: triangle sides follow the opposite corners.
+    for (unsigned i = 0; i < n; ++i) {
+      const unsigned* run = out + d.nb_vertices + std::size_t(face_sides.edge[kind][f][i]) * e;
+      node[n + i] = e == 1 || run[0] < run[e - 1] ? run[0] : run[e - 1];
+      curved = curved || node[n + i] < cv.nb_nodes;
     }
-    double w[8];
-    if (n == 3) {
-      const double(*points)[2] = cv.c.t == 3 ? t3_points : t1_point;
-      for (unsigned k = 0; k < cv.c.t; ++k) {
-        if (curved)
-          elfes::triangle_quadratic(points[k][0], points[k][1], w);
-        else
-          elfes::triangle_linear(points[k][0], points[k][1], w);
-        elfes::weighted_sum(xyz, ld, node, w, curved ? 6 : 3, xyz + (std::size_t(entry.second) + k) * ld);
-      }
-      continue;
-    }
-    const unsigned side = cv.q_side;
-    for (unsigned jj = 0; jj < side; ++jj)
-      for (unsigned ii = 0; ii < side; ++ii) {
-        const double xi = 2.0 * (ii + 1) / (side + 1.0) - 1, eta = 2.0 * (jj + 1) / (side + 1.0) - 1;
-        if (curved)
-          elfes::quadrangle_serendipity(xi, eta, w);
-        else
-          elfes::quadrangle_bilinear(xi, eta, w);
-        double* x = xyz + (std::size_t(entry.second) + std::size_t(jj) * side + ii) * ld;
-        elfes::weighted_sum(xyz, ld, node, w, curved ? 8 : 4, x);
-      }
   }
+  double w[8];
+  if (n == 3) {
+    const double(*points)[2] = cv.c.t == 3 ? t3_points : t1_point;
+    for (unsigned k = 0; k < cv.c.t; ++k) {
+      if (curved)
+        elfes::triangle_quadratic(points[k][0], points[k][1], w);
+      else
+        elfes::triangle_linear(points[k][0], points[k][1], w);
+      elfes::weighted_sum(xyz, ld, node, w, curved ? 6 : 3, xyz + (std::size_t(first) + k) * ld);
+    }
+    return;
+  }
+  const unsigned side = cv.q_side;
+  for (unsigned jj = 0; jj < side; ++jj)
+    for (unsigned ii = 0; ii < side; ++ii) {
+      const double xi = 2.0 * (ii + 1) / (side + 1.0) - 1, eta = 2.0 * (jj + 1) / (side + 1.0) - 1;
+      if (curved)
+        elfes::quadrangle_serendipity(xi, eta, w);
+      else
+        elfes::quadrangle_bilinear(xi, eta, w);
+      double* x = xyz + (std::size_t(first) + std::size_t(jj) * side + ii) * ld;
+      elfes::weighted_sum(xyz, ld, node, w, curved ? 8 : 4, x);
+    }
+}
+// New face nodes, placed by the element that owns the face: linear on the corners, or,
+// when an edge of the face carries a caller's node (a curved face), the quadratic
+// triangle or serendipity quadrangle on the corners and the first node of each edge.
+void place_face_nodes(conversion& cv, const occurrences<4>& list) {
+  if (!cv.faces_numbered) return;
+  const std::size_t R = cv.connectM.rows();
+  elfes::parallel_for(cv.connectM.cols(), element_grain, [&](std::size_t lo, std::size_t hi) {
+    for (std::size_t j = lo; j < hi; ++j) {
+      const unsigned* column = linear_column(cv, j);
+      const solid_kind kind = elfes::linear_column_kind(column, R);
+      const solid_descriptor& d = solid_table[kind];
+      const unsigned* out = high_column(cv, j);
+      for (unsigned f = 0; f < d.nb_faces; ++f)
+        if (list.owner[j * list.stride + f]) place_one_face(cv, column, out, kind, f);
+    }
+  });
 }
 
 bool any_caller_node(const unsigned* row, std::size_t from, std::size_t to, std::size_t nb_nodes) {
@@ -543,23 +720,20 @@ bool any_caller_node(const unsigned* row, std::size_t from, std::size_t to, std:
 // Interior nodes, numbered element by element after every face node, placed at the
 // element's parameter points: linear weights, or quadratic ones when the element has
 // quadratic edge (and face) nodes of which one is the caller's.
-void number_and_place_interiors(conversion& cv) {
+bool number_and_place_interiors(conversion& cv) {
   const node_counts& c = cv.c;
-  if (c.n == 0 && c.p == 0 && c.w == 0 && c.h == 0) return;
+  if (c.n == 0 && c.p == 0 && c.w == 0 && c.h == 0) return true;
   const bool callers = cv.caller_edges || cv.caller_faces;
   double* xyz = cv.coords.data();
-  const std::size_t ld = cv.coords.ld(), ldH = cv.connectH.ld(), R = cv.connectM.rows(), nb = cv.nb_nodes;
-  const unsigned* column = cv.connectM.data();
-  unsigned* out = cv.connectH.data();
-  double w[26];
-  for (std::size_t j = 0; j < cv.connectM.cols(); ++j, column += cv.connectM.ld(), out += ldH) {
-    const solid_kind kind = elfes::linear_column_kind(column, R);
+  const std::size_t ld = cv.coords.ld(), nb = cv.nb_nodes;
+  const auto count = [&cv](std::size_t, const unsigned*, solid_kind kind) { return cv.layout[kind].interior; };
+  const auto assign = [&](std::size_t j, const unsigned*, solid_kind kind, unsigned first) {
     const kind_layout& L = cv.layout[kind];
-    if (L.interior == 0) continue;
-    const unsigned first = static_cast<unsigned>(cv.next_node);
+    if (L.interior == 0) return;
+    unsigned* out = high_column(cv, j);
     unsigned* inside = out + L.interior_row;
     for (unsigned k = 0; k < L.interior; ++k) inside[k] = first + k;
-    cv.next_node += L.interior;
+    double w[26];
     switch (kind) {
       case elfes::kind_TH4: {
         const bool quadratic = callers && c.e == 1 && c.t == 0 && any_caller_node(out, 4, 10, nb);
@@ -610,7 +784,8 @@ void number_and_place_interiors(conversion& cv) {
         break;
       }
     }
-  }
+  };
+  return number_in_element_order(cv, count, assign);
 }
 
 // ---- the conversion -----------------------------------------------------------------------
@@ -623,12 +798,10 @@ int convert(conversion& cv) {
   if (const int status = check_arguments(cv)) return status;
   make_layouts(cv);
   cv.next_node = cv.nb_nodes;
-  if (!cv.connectH.resize(output_rows(cv), cv.connectM.cols(), tessel::ABSENT) || !number_edges(cv)) {
-    cv.connectH.clear();
-    return tessel::OUT_OF_MEMORY;
-  }
-  if (!cv.caller_edges) cv.edge_nodes = edge_map();  // only curved faces look edges up again
-  if (!number_faces(cv)) {
+  occurrences<2> edge_list;
+  occurrences<4> face_list;
+  if (!cv.connectH.resize(output_rows(cv), cv.connectM.cols(), tessel::ABSENT) || !number_edges(cv, edge_list) ||
+      !number_faces(cv, face_list)) {
     cv.connectH.clear();
     return tessel::OUT_OF_MEMORY;
   }
@@ -640,9 +813,13 @@ int convert(conversion& cv) {
     cv.connectH.clear();
     return tessel::OUT_OF_MEMORY;
   }
-  place_edge_nodes(cv);
-  place_face_nodes(cv);
-  number_and_place_interiors(cv);
+  place_edge_nodes(cv, edge_list);
+  place_face_nodes(cv, face_list);
+  if (!number_and_place_interiors(cv)) {
+    cv.coords.resize(3, cv.nb_nodes);
+    cv.connectH.clear();
+    return tessel::OUT_OF_MEMORY;
+  }
   return 0;
 }
 
