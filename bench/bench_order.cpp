@@ -95,8 +95,8 @@ void scaling_sizes(benchmark::internal::Benchmark* b) {
 
 }  // namespace
 
-BENCHMARK(quadratic_scaling)->Apply(scaling_sizes)->Unit(benchmark::kMillisecond);
-BENCHMARK(split_scaling)->Apply(scaling_sizes)->Unit(benchmark::kMillisecond);
+BENCHMARK(quadratic_scaling)->Apply(scaling_sizes)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(split_scaling)->Apply(scaling_sizes)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(quadratic_TH4)->Unit(benchmark::kMillisecond);
 BENCHMARK(quadratic_H8)->Unit(benchmark::kMillisecond);
 BENCHMARK(split_TH4)->Unit(benchmark::kMillisecond);

@@ -70,6 +70,8 @@ struct conversion {
   bool caller_edges = false;    // the caller gave edges
   bool caller_faces = false;    // the caller gave faces with nodes to reuse
   bool faces_numbered = false;  // some element has face nodes
+  bool single_kind = false;     // every element is of kind only_kind
+  solid_kind only_kind = elfes::kind_TH4;
 };
 
 // ---- checks -------------------------------------------------------------------------------
@@ -255,11 +257,20 @@ constexpr bool every_side_an_edge() {
 static_assert(every_side_an_edge(), "every side of a face is an edge of its element");
 
 // The occurrences of one kind of entity: the records, sorted, and which element slots
-// (local item i of element j at j * stride + i) own their entity.
+// (local item i of element j at j * stride + i, the stride a power of two) own their
+// entity.
 template <unsigned W>
 struct occurrences {
   std::size_t callers = 0;  // caller's columns, ahead of the elements' places
-  std::size_t stride = 0;
+  unsigned shift = 0;
+  std::size_t stride = 1;
+  // Room for up to `items` local items per element.
+  void set_stride(unsigned items) {
+    for (shift = 0; (std::size_t(1) << shift) < items;) ++shift;
+    stride = std::size_t(1) << shift;
+  }
+  std::size_t element(std::size_t slot) const { return slot >> shift; }
+  unsigned local(std::size_t slot) const { return static_cast<unsigned>(slot & (stride - 1)); }
   std::size_t n = 0;
   elfes::scratch<elfes::occurrence<W>> records;
   elfes::scratch<unsigned char> owner;
@@ -268,50 +279,30 @@ struct occurrences {
 };
 
 // Fills list with the callers' records (caller(c, record) tells whether column c gives
-// one) and the elements' (items(column, kind, records) writes those of a column and
-// returns their count; with a null pointer it only counts), sorts them and marks owners.
+// one) and the elements' (items(column, kind, j, sink) calls sink(record) for each of
+// column j's), sorted, and marks the owners.
 template <unsigned W, class Caller, class Items>
 bool gather(const conversion& cv, occurrences<W>& list, std::size_t nb_callers, const Caller& caller,
             const Items& items) {
   const dense2D<unsigned>& m = cv.connectM;
   const std::size_t R = m.rows(), ld = m.ld(), columns = m.cols();
-  const std::size_t nb_chunks = elfes::chunk_count(columns, element_grain);
-  elfes::scratch<std::size_t> first;
-  if (!first.allocate(nb_chunks) || !list.owner.allocate(columns * list.stride)) return false;
-  elfes::parallel_chunks(columns, element_grain, [&](std::size_t c, std::size_t lo, std::size_t hi) {
-    std::size_t count = 0;
-    for (std::size_t j = lo; j < hi; ++j) {
+  list.callers = nb_callers;
+  const auto emit = [&](std::size_t lo, std::size_t hi, const auto& sink) {
+    elfes::occurrence<W> record;
+    for (std::size_t s = lo; s < hi && s < nb_callers; ++s)
+      if (caller(s, record)) sink(record);
+    for (std::size_t j = (lo > nb_callers ? lo : nb_callers) - nb_callers; j + nb_callers < hi; ++j) {
       const unsigned* column = m.data() + j * ld;
-      count += items(column, elfes::linear_column_kind(column, R), static_cast<elfes::occurrence<W>*>(nullptr), j);
+      items(column, elfes::linear_column_kind(column, R), j, sink);
     }
-    first[c] = count;
+  };
+  if (!list.owner.allocate(columns * list.stride) ||
+      !elfes::sort_occurrences<W>(nb_callers + columns, cv.nb_nodes, emit, list.records, list.n))
+    return false;
+  elfes::parallel_for(columns, element_grain, [&](std::size_t lo, std::size_t hi) {
     std::fill(list.owner.data() + lo * list.stride, list.owner.data() + hi * list.stride, 0);
   });
-  elfes::occurrence<W> record;
-  list.callers = nb_callers;
-  std::size_t n = 0;
-  for (std::size_t c = 0; c < nb_callers; ++c) n += caller(c, record) ? 1 : 0;
-  for (std::size_t c = 0; c < nb_chunks; ++c) {
-    const std::size_t count = first[c];
-    first[c] = n;
-    n += count;
-  }
-  list.n = n;
-  elfes::scratch<elfes::occurrence<W>> spare;
-  if (!list.records.allocate(n) || !spare.allocate(n)) return false;
-  elfes::occurrence<W>* out = list.records.data();
-  for (std::size_t c = 0; c < nb_callers; ++c)
-    if (caller(c, record)) *out++ = record;
-  elfes::parallel_chunks(columns, element_grain, [&](std::size_t c, std::size_t lo, std::size_t hi) {
-    elfes::occurrence<W>* at = list.records.data() + first[c];
-    for (std::size_t j = lo; j < hi; ++j) {
-      const unsigned* column = m.data() + j * ld;
-      at += items(column, elfes::linear_column_kind(column, R), at, j);
-    }
-  });
-  if (!elfes::sort_occurrences(list.records.data(), spare.data(), n, cv.nb_nodes)) return false;
-  spare.release();
-  elfes::for_each_run(list.records.data(), n, run_grain, [&](std::size_t head, std::size_t) {
+  elfes::for_each_run(list.records.data(), list.n, run_grain, [&](std::size_t head, std::size_t) {
     const elfes::occurrence<W>& r = list.records[head];
     if ((r.place >> 1) >= list.callers) list.owner[list.slot(r)] = 1;
   });
@@ -356,6 +347,12 @@ bool number_in_element_order(conversion& cv, const Count& count, const Assign& a
   return true;
 }
 
+// The kind of element j, read from its column unless the mesh holds a single kind.
+solid_kind kind_of(const conversion& cv, std::size_t j) {
+  return cv.single_kind ? cv.only_kind
+                        : elfes::linear_column_kind(cv.connectM.data() + j * cv.connectM.ld(), cv.connectM.rows());
+}
+
 // The column of element j in the linear and the high-order connectivities.
 const unsigned* linear_column(const conversion& cv, std::size_t j) { return cv.connectM.data() + j * cv.connectM.ld(); }
 unsigned* high_column(conversion& cv, std::size_t j) { return cv.connectH.data() + j * cv.connectH.ld(); }
@@ -381,20 +378,19 @@ bool number_edges(conversion& cv, occurrences<2>& list) {
   }
   const dense2D<unsigned>& g = cv.edges;
   cv.caller_edges = g.cols() > 0;
-  list.stride = 0;
+  unsigned most = 0;
   for (unsigned k = 0; k < 4; ++k)
-    if (cv.nb_kind[k] > 0 && solid_table[k].nb_edges > list.stride) list.stride = solid_table[k].nb_edges;
+    if (cv.nb_kind[k] > 0 && solid_table[k].nb_edges > most) most = solid_table[k].nb_edges;
+  list.set_stride(most);
   const auto caller = [&g](std::size_t c, elfes::occurrence<2>& r) {
     const unsigned* column = g.data() + c * g.ld();
     r = edge_occurrence(column[0], column[1], c);
     return true;
   };
-  const auto items = [&list](const unsigned* column, solid_kind kind, elfes::occurrence<2>* out, std::size_t j) {
+  const auto items = [&list](const unsigned* column, solid_kind kind, std::size_t j, const auto& sink) {
     const solid_descriptor& d = solid_table[kind];
-    if (out)
-      for (unsigned i = 0; i < d.nb_edges; ++i)
-        out[i] = edge_occurrence(column[d.edges[i][0]], column[d.edges[i][1]], list.place(j, i));
-    return std::size_t(d.nb_edges);
+    for (unsigned i = 0; i < d.nb_edges; ++i)
+      sink(edge_occurrence(column[d.edges[i][0]], column[d.edges[i][1]], list.place(j, i)));
   };
   if (!gather(cv, list, g.cols(), caller, items)) return false;
 
@@ -417,7 +413,6 @@ bool number_edges(conversion& cv, occurrences<2>& list) {
   if (!number_in_element_order(cv, count, assign)) return false;
 
   // Every other occurrence from its entity's head.
-  const std::size_t R = cv.connectM.rows();
   elfes::for_each_run(list.records.data(), list.n, run_grain, [&](std::size_t head, std::size_t last) {
     const elfes::occurrence<2>* r = list.records.data();
     const bool head_flipped = (r[head].place & 1) != 0;
@@ -429,14 +424,14 @@ bool number_edges(conversion& cv, occurrences<2>& list) {
       first = g.data()[(r[c].place >> 1) * g.ld() + 2];
       from = c + 1;
     } else {
-      const std::size_t slot = list.slot(r[head]), j = slot / list.stride;
-      const solid_kind kind = elfes::linear_column_kind(linear_column(cv, j), R);
-      first = high_column(cv, j)[solid_table[kind].nb_vertices + (slot % list.stride) * e];
+      const std::size_t slot = list.slot(r[head]), j = list.element(slot);
+      const solid_kind kind = kind_of(cv, j);
+      first = high_column(cv, j)[solid_table[kind].nb_vertices + list.local(slot) * e];
     }
     for (std::size_t k = from; k < last; ++k) {
-      const std::size_t slot = list.slot(r[k]), j = slot / list.stride;
-      const solid_kind kind = elfes::linear_column_kind(linear_column(cv, j), R);
-      unsigned* row = high_column(cv, j) + solid_table[kind].nb_vertices + (slot % list.stride) * e;
+      const std::size_t slot = list.slot(r[k]), j = list.element(slot);
+      const solid_kind kind = kind_of(cv, j);
+      unsigned* row = high_column(cv, j) + solid_table[kind].nb_vertices + list.local(slot) * e;
       const bool upwards = ((r[k].place & 1) != 0) == head_flipped;
       for (unsigned i = 0; i < e; ++i) row[i] = upwards ? first + i : first + (e - 1 - i);
     }
@@ -530,9 +525,10 @@ bool number_faces(conversion& cv, occurrences<4>& list) {
   for (unsigned k = 0; k < 4; ++k) needed = needed || (cv.nb_kind[k] > 0 && kind_has_face_nodes(cv, k));
   if (!needed) return true;
   const dense2D<unsigned>& f = cv.faces;
-  list.stride = 0;
+  unsigned most = 0;
   for (unsigned k = 0; k < 4; ++k)
-    if (cv.nb_kind[k] > 0 && solid_table[k].nb_faces > list.stride) list.stride = solid_table[k].nb_faces;
+    if (cv.nb_kind[k] > 0 && solid_table[k].nb_faces > most) most = solid_table[k].nb_faces;
+  list.set_stride(most);
   // A caller's column: its corners, and where its first interior node is.
   const auto caller_key = [&cv, &f](std::size_t c, std::size_t& inside_row) {
     const unsigned* column = f.data() + c * f.ld();
@@ -547,15 +543,10 @@ bool number_faces(conversion& cv, occurrences<4>& list) {
     r = face_occurrence(key, c);
     return true;
   };
-  const auto items = [&](const unsigned* column, solid_kind kind, elfes::occurrence<4>* out, std::size_t j) {
+  const auto items = [&](const unsigned* column, solid_kind kind, std::size_t j, const auto& sink) {
     const solid_descriptor& d = solid_table[kind];
-    std::size_t n = 0;
-    for (unsigned i = 0; i < d.nb_faces; ++i) {
-      if (cv.layout[kind].face_nodes[i] == 0) continue;
-      if (out) out[n] = face_occurrence(face_key(column, d, i), list.place(j, i));
-      ++n;
-    }
-    return n;
+    for (unsigned i = 0; i < d.nb_faces; ++i)
+      if (cv.layout[kind].face_nodes[i] > 0) sink(face_occurrence(face_key(column, d, i), list.place(j, i)));
   };
   if (!gather(cv, list, f.cols(), caller, items)) return false;
   cv.faces_numbered = true;
@@ -583,7 +574,6 @@ bool number_faces(conversion& cv, occurrences<4>& list) {
   };
   if (!number_in_element_order(cv, count, assign)) return false;
 
-  const std::size_t R = cv.connectM.rows();
   elfes::for_each_run(list.records.data(), list.n, run_grain, [&](std::size_t head, std::size_t last) {
     const elfes::occurrence<4>* r = list.records.data();
     std::size_t from = head + 1;
@@ -597,18 +587,18 @@ bool number_faces(conversion& cv, occurrences<4>& list) {
       first = f.data()[(r[c].place >> 1) * f.ld() + inside_row];
       from = c + 1;
     } else {
-      const std::size_t slot = list.slot(r[head]), j = slot / list.stride;
-      const unsigned i = static_cast<unsigned>(slot % list.stride);
+      const std::size_t slot = list.slot(r[head]), j = list.element(slot);
+      const unsigned i = list.local(slot);
       const unsigned* column = linear_column(cv, j);
-      const solid_kind kind = elfes::linear_column_kind(column, R);
+      const solid_kind kind = kind_of(cv, j);
       stored = face_key(column, solid_table[kind], i);
       first = high_column(cv, j)[cv.layout[kind].face_row[i]];
     }
     for (std::size_t k = from; k < last; ++k) {
-      const std::size_t slot = list.slot(r[k]), j = slot / list.stride;
-      const unsigned i = static_cast<unsigned>(slot % list.stride);
+      const std::size_t slot = list.slot(r[k]), j = list.element(slot);
+      const unsigned i = list.local(slot);
       const unsigned* column = linear_column(cv, j);
-      const solid_kind kind = elfes::linear_column_kind(column, R);
+      const solid_kind kind = kind_of(cv, j);
       const kind_layout& L = cv.layout[kind];
       write_face(cv, high_column(cv, j) + L.face_row[i], first, L.face_nodes[i], stored,
                  face_key(column, solid_table[kind], i));
@@ -797,6 +787,11 @@ int convert(conversion& cv) {
     return 0;
   if (const int status = check_arguments(cv)) return status;
   make_layouts(cv);
+  for (unsigned k = 0; k < 4; ++k)
+    if (cv.nb_kind[k] == cv.connectM.cols()) {
+      cv.single_kind = true;
+      cv.only_kind = solid_kind(k);
+    }
   cv.next_node = cv.nb_nodes;
   occurrences<2> edge_list;
   occurrences<4> face_list;

@@ -1,6 +1,7 @@
 // split_into_H8: every TH4 into 4, W6 into 6 and H8 into 8 hexahedra, cut by fixed
 // tables from the element with one node on each edge, face and interior.
 #include "common/element_tables.h"
+#include "common/parallel.h"
 #include "common/shared_memory.h"
 #include "order/solid_columns.h"
 #include "zel/tessel3d.h"
@@ -22,6 +23,24 @@ constexpr unsigned tetrahedron_cut[4][8] = {{0, 5, 13, 6, 7, 11, 14, 12},
                                             {1, 6, 13, 4, 8, 12, 14, 10},
                                             {2, 4, 13, 5, 9, 10, 14, 11},
                                             {3, 7, 12, 8, 9, 11, 14, 10}};
+
+constexpr std::size_t column_grain = std::size_t(1) << 13;
+
+struct cut_table {
+  const unsigned (*rows)[8];
+  unsigned count;
+};
+
+// The cut of high-order column j, by the last row its kind fills: 26 (H27), 17 (the
+// wedge's 21 rows) or 9 (the tetrahedron's 15); no row of those gives nothing.
+cut_table cut_of(const dense2D<unsigned>& high, std::size_t j) {
+  const unsigned* column = high.data() + j * high.ld();
+  const auto present = [&](std::size_t row) { return row < high.rows() && column[row] != tessel::ABSENT; };
+  if (present(26)) return {hexahedron_cut, 8};
+  if (present(17)) return {wedge_cut, 6};
+  if (present(9)) return {tetrahedron_cut, 4};
+  return {nullptr, 0};
+}
 
 }  // namespace
 
@@ -60,35 +79,40 @@ int split_into_H8(dense2D<double>& coords, const dense2D<unsigned>& connect, den
     return status;
   if (hexahedra == 0) return 0;  // a connectivity of 0 rows: nothing was converted
 
+  // Each chunk of columns writes its hexahedra after those of the chunks before it.
+  const std::size_t nb_chunks = elfes::chunk_count(high.cols(), column_grain);
+  dense1D<std::size_t> first_made;
   const std::size_t kept = connectH8.empty() ? 0 : connectH8.cols();
   if (connectH8.empty()) connectH8.clear();
-  if (!connectH8.reserve(8, kept + hexahedra, 1) || !connectH8.resize(8, kept + hexahedra, tessel::ABSENT)) {
+  if (!first_made.resize(nb_chunks) || !connectH8.reserve(8, kept + hexahedra, 1) ||
+      !connectH8.resize(8, kept + hexahedra, tessel::ABSENT)) {
     coords.resize(3, nb_nodes);
     return tessel::OUT_OF_MEMORY;
   }
 
-  unsigned node[27];
-  std::size_t made = kept;
-  const unsigned* column = high.data();
-  for (std::size_t j = 0; j < high.cols(); ++j, column += high.ld()) {
-    for (std::size_t i = 0; i < 27; ++i) node[i] = i < high.rows() ? column[i] : tessel::ABSENT;
-    const unsigned(*cut)[8] = nullptr;
-    unsigned count = 0;
-    if (node[26] != tessel::ABSENT) {
-      cut = hexahedron_cut;
-      count = 8;
-    } else if (node[17] != tessel::ABSENT) {
-      cut = wedge_cut;
-      count = 6;
-    } else if (node[9] != tessel::ABSENT) {
-      cut = tetrahedron_cut;
-      count = 4;
-    }
-    for (unsigned k = 0; k < count && made < kept + hexahedra; ++k, ++made) {
-      unsigned* out = connectH8.data() + made * connectH8.ld();
-      for (int v = 0; v < 8; ++v) out[v] = node[cut[k][v]];
-    }
+  elfes::parallel_chunks(high.cols(), column_grain, [&](std::size_t c, std::size_t lo, std::size_t hi) {
+    std::size_t count = 0;
+    for (std::size_t j = lo; j < hi; ++j) count += cut_of(high, j).count;
+    first_made[c] = count;
+  });
+  for (std::size_t c = 0, made = kept; c < nb_chunks; ++c) {
+    const std::size_t count = first_made[c];
+    first_made[c] = made;
+    made += count;
   }
+  elfes::parallel_chunks(high.cols(), column_grain, [&](std::size_t c, std::size_t lo, std::size_t hi) {
+    unsigned node[27];
+    std::size_t made = first_made[c];
+    for (std::size_t j = lo; j < hi; ++j) {
+      const unsigned* column = high.data() + j * high.ld();
+      for (std::size_t i = 0; i < 27; ++i) node[i] = i < high.rows() ? column[i] : tessel::ABSENT;
+      const cut_table cut = cut_of(high, j);
+      for (unsigned k = 0; k < cut.count && made < kept + hexahedra; ++k, ++made) {
+        unsigned* out = connectH8.data() + made * connectH8.ld();
+        for (int v = 0; v < 8; ++v) out[v] = node[cut.rows[k][v]];
+      }
+    }
+  });
   return 0;
 }
 

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdint>
 
+#include "common/parallel.h"
 #include "zel/tessel.h"
 #include "zel/tessel_elements.h"
 
@@ -235,9 +236,13 @@ int match_faces(const solid_mesh& mesh, std::size_t nb_elements, dense2D<unsigne
   for (std::size_t b = nb_buckets; b > 0; --b) start[b] = start[b - 1];
   start[0] = 0;
 
-  unsigned table[std::size_t(1) << table_bits];
-  for (std::size_t b = 0; b < nb_buckets; ++b)
-    pair_bucket(records.data() + start[b], records.data() + start[b + 1], result.data(), result.ld(), table);
+  // Each face lies in one bucket and each bucket writes only its faces' entries: the
+  // buckets are paired on the library's threads, in chunks.
+  elfes::parallel_for(nb_buckets, std::size_t(1) << 14, [&](std::size_t first, std::size_t last) {
+    unsigned table[std::size_t(1) << table_bits];
+    for (std::size_t b = first; b < last; ++b)
+      pair_bucket(records.data() + start[b], records.data() + start[b + 1], result.data(), result.ld(), table);
+  });
   return 0;
 }
 
