@@ -10,7 +10,9 @@
 
 #include <sched.h>
 
+#include <algorithm>
 #include <atomic>
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
@@ -346,6 +348,184 @@ TEST_P(thread_counts, absorb_or_report_a_failed_allocation) {
 }
 
 INSTANTIATE_TEST_SUITE_P(chunked, thread_counts, ::testing::ValuesIn(chunked_families()),
+                         [](const ::testing::TestParamInfo<family_row>& row) { return std::string(row.param.name); });
+
+// ---- order conversions ------------------------------------------------------------------------
+
+// A one-layer slab of hexahedra (so that every triangulated face lies on its boundary),
+// each cell kept whole, cut into two wedges, into six pyramids around its centre, or into
+// four pyramids and four tetrahedra (the pyramids on the slab's faces each cut in two):
+// every kind shares faces with the others, conformingly, as in an unstructured mesh,
+// whose arbitrary numbering it gets by shuffling the nodes and the columns. 8-row layout.
+scene mixed_slab(unsigned nx, unsigned ny) {
+  const tessel3d_test::box_mesh box = make_box(box_kind::H8, nx, ny, 1, 1, 1, 0.3, 0.15);
+  scene s;
+  s.coords.copy(box.coords);
+  std::vector<std::vector<unsigned>> cells;
+  const auto add = [&](std::initializer_list<unsigned> nodes) { cells.emplace_back(nodes); };
+  for (std::size_t j = 0; j < box.connect.cols(); ++j) {
+    unsigned v[8];
+    for (int i = 0; i < 8; ++i) v[i] = box.connect(i, j);
+    switch (j % 4) {
+      case 0: add({v[0], v[1], v[2], v[3], v[4], v[5], v[6], v[7]}); break;
+      case 1:  // the diagonal plane through edges 0-4 and 2-6
+        add({v[0], v[1], v[2], v[4], v[5], v[6]});
+        add({v[0], v[2], v[3], v[4], v[6], v[7]});
+        break;
+      default: {
+        const unsigned centre = unsigned(s.coords.cols());
+        vec3 c(0, 0, 0);
+        for (unsigned k : v)
+          for (int d = 0; d < 3; ++d) c[d] += s.coords(d, k) / 8;
+        tessel3d_test::append_nodes(s.coords, {c});
+        // The six faces, each seen from the centre (bases oriented towards it).
+        const unsigned faces[6][4] = {{0, 3, 2, 1}, {4, 5, 6, 7}, {0, 1, 5, 4},
+                                      {1, 2, 6, 5}, {2, 3, 7, 6}, {3, 0, 4, 7}};
+        for (int f = 0; f < 6; ++f) {
+          const unsigned* q = faces[f];
+          if (j % 4 == 3 && f < 2) {  // bottom and top on the slab's faces: two tetrahedra
+            add({v[q[0]], v[q[1]], v[q[2]], centre});
+            add({v[q[0]], v[q[2]], v[q[3]], centre});
+          } else {
+            add({v[q[0]], v[q[1]], v[q[2]], v[q[3]], centre});
+          }
+        }
+      }
+    }
+  }
+  tessel3d_test::random_stream random(3);
+  const std::size_t nb_nodes = s.coords.cols();
+  std::vector<unsigned> to(nb_nodes);
+  for (std::size_t i = 0; i < nb_nodes; ++i) to[i] = unsigned(i);
+  for (std::size_t i = nb_nodes; i > 1; --i) std::swap(to[i - 1], to[std::size_t(random.uniform(0, double(i))) % i]);
+  for (std::size_t i = cells.size(); i > 1; --i)
+    std::swap(cells[i - 1], cells[std::size_t(random.uniform(0, double(i))) % i]);
+  zel::dense2D<double> moved(3, nb_nodes);
+  for (std::size_t i = 0; i < nb_nodes; ++i)
+    for (int d = 0; d < 3; ++d) moved(d, to[i]) = s.coords(d, i);
+  s.coords = moved;
+  s.connect.resize(8, cells.size(), ~0U);
+  for (std::size_t j = 0; j < cells.size(); ++j)
+    for (std::size_t i = 0; i < cells[j].size(); ++i) s.connect(i, j) = to[cells[j][i]];
+  return s;
+}
+
+// The numbering a reader expects from the description of the conversion, built with
+// ordered maps: elements in column order, each edge (then each face that gets nodes)
+// numbered when first met, its nodes listed from the end it was first met with; then the
+// interior nodes element by element. Checked on the rows of every column, and the edge
+// nodes' positions on the straight edges.
+void expect_reference_numbering(const scene& in, const scene& out, unsigned e, unsigned q, unsigned t,
+                                const unsigned interior[4], const std::string& what) {
+  const auto& solids = zel::tessel::solid_records;
+  const std::size_t nb_nodes = in.coords.cols();
+  std::map<std::pair<unsigned, unsigned>, std::pair<unsigned, unsigned>> edges;  // -> first node, first end
+  std::map<std::vector<unsigned>, unsigned> faces;
+  std::size_t next = nb_nodes;
+  std::vector<std::vector<unsigned>> expected(in.connect.cols());
+  for (std::size_t j = 0; j < in.connect.cols(); ++j) {
+    const unsigned* c = &in.connect(0, j);
+    const auto& d = solids[zel::tessel::mixed8_kind(c)];
+    for (unsigned v = 0; v < d.nb_vertices; ++v) expected[j].push_back(c[v]);
+    for (unsigned i = 0; i < d.nb_edges; ++i) {
+      const unsigned a = c[d.edges[i][0]], b = c[d.edges[i][1]];
+      auto found = edges.emplace(std::make_pair(std::min(a, b), std::max(a, b)), std::make_pair(unsigned(next), a));
+      if (found.second) next += e;
+      const unsigned first = found.first->second.first;
+      for (unsigned k = 0; k < e; ++k)
+        expected[j].push_back(found.first->second.second == a ? first + k : first + e - 1 - k);
+    }
+  }
+  for (std::size_t j = 0; j < in.connect.cols(); ++j) {
+    const unsigned* c = &in.connect(0, j);
+    const auto& d = solids[zel::tessel::mixed8_kind(c)];
+    for (unsigned f = 0; f < d.nb_faces; ++f) {
+      const unsigned count = d.face_size[f] == 3 ? t : q;
+      std::vector<unsigned> key;
+      for (unsigned k = 0; k < d.face_size[f]; ++k) key.push_back(c[d.faces[f][k]]);
+      std::sort(key.begin(), key.end());
+      auto found = faces.emplace(key, unsigned(next));
+      if (found.second) next += count;
+      for (unsigned k = 0; k < count; ++k) expected[j].push_back(found.first->second + k);  // one node per face here
+    }
+  }
+  for (std::size_t j = 0; j < in.connect.cols(); ++j) {
+    const unsigned kind = zel::tessel::mixed8_kind(&in.connect(0, j));
+    for (unsigned k = 0; k < interior[kind]; ++k) expected[j].push_back(unsigned(next++));
+  }
+  ASSERT_EQ(out.coords.cols(), next) << what;
+  for (std::size_t j = 0; j < in.connect.cols(); ++j) {
+    for (std::size_t i = 0; i < out.connect.rows(); ++i)
+      ASSERT_EQ(out.connect(i, j), i < expected[j].size() ? expected[j][i] : ~0U)
+          << what << ": element " << j << " row " << i;
+  }
+  for (const auto& edge : edges) {
+    const unsigned a = edge.second.second, b = a == edge.first.first ? edge.first.second : edge.first.first;
+    for (unsigned k = 0; k < e; ++k)
+      for (int d = 0; d < 3; ++d) {
+        const double s = double(k + 1) / (e + 1);
+        EXPECT_NEAR(out.coords(d, edge.second.first + k), (1 - s) * in.coords(d, a) + s * in.coords(d, b), 1e-12)
+            << what;
+      }
+  }
+}
+
+// 480 cells: about 2,100 elements of every kind, more than one chunk of the occurrences.
+TEST(order_numbering, equals_the_first_met_reference_on_a_mixed_mesh_on_any_thread_count) {
+  const scene mesh = mixed_slab(24, 20);
+  struct setting {
+    unsigned e, q, t, interior[4];  // interior: TH4, PY5, W6, H8
+  };
+  for (const setting& c : {setting{1, 1, 0, {0, 0, 0, 1}}, setting{3, 1, 1, {1, 2, 1, 1}}})
+    for (unsigned threads : {1u, 3u}) {
+      t3::set_threads(threads);
+      scene out;
+      out.coords.copy(mesh.coords);
+      ASSERT_EQ(t3::convert_into_high_order(out.coords, mesh.connect, c.e, c.q, c.t, c.interior[3], c.interior[2],
+                                            c.interior[1], c.interior[0], out.connect, {}, {}),
+                0);
+      expect_reference_numbering(mesh, out, c.e, c.q, c.t, c.interior,
+                                 "e = " + std::to_string(c.e) + ", " + std::to_string(threads) + " threads");
+    }
+  t3::set_threads(0);
+}
+
+// Big enough for several chunks of every loop of the conversions and the adjacency.
+scene big_with_caller_nodes() {
+  scene s = big_box(box_kind::H8, 24);
+  const unsigned a = s.connect(0, 0), b = s.connect(1, 0), c = s.connect(2, 0), d = s.connect(3, 0);
+  const unsigned first = tessel3d_test::append_nodes(s.coords, {vec3(0.02, -0.01, -0.01), vec3(0.02, 0.02, -0.02)});
+  s.edges = zel::dense2D<unsigned>(3, 2, {a, b, first, b, a, first});
+  s.faces = zel::dense2D<unsigned>(9, 1, {a, b, c, d, a, a, a, a, first + 1});
+  return s;
+}
+
+#define ORDER_ROW(name, make, ...)                            \
+  family_row {                                                \
+    name, make, nullptr, [](scene& s) { return __VA_ARGS__; } \
+  }
+const std::vector<family_row>& order_families() {
+  static const std::vector<family_row> rows = {
+      ORDER_ROW(
+          "convert_into_quadratic_TH4", [] { return big_box(box_kind::TH4, 16); },
+          t3::convert_into_quadratic(s.coords, s.connect)),
+      ORDER_ROW(
+          "convert_into_high_order_mixed", [] { return mixed_slab(30, 30); },
+          t3::convert_into_high_order(s.coords, s.connect, 2, 4, 3, 8, 1, 2, 1, s.faces, s.edges,
+                                      t3::high_order_options())),
+      ORDER_ROW("convert_into_quadratic_caller_nodes", big_with_caller_nodes,
+                t3::convert_into_quadratic(s.coords, s.connect, s.faces, s.edges)),
+      ORDER_ROW(
+          "split_into_H8", [] { return big_box(box_kind::TH4, 16); },
+          t3::split_into_H8(s.coords, s.connect, s.out, {}, {})),
+      ORDER_ROW(
+          "get_neighbors", [] { return big_box(box_kind::H8, 30); },
+          zel::tessel::get_neighbors(s.connect, zel::H8, s.neighbors)),
+  };
+  return rows;
+}
+#undef ORDER_ROW
+INSTANTIATE_TEST_SUITE_P(order, thread_counts, ::testing::ValuesIn(order_families()),
                          [](const ::testing::TestParamInfo<family_row>& row) { return std::string(row.param.name); });
 
 TEST(thread_setting, defaults_to_the_cores_of_the_affinity_mask) {
