@@ -141,8 +141,9 @@ def _append(blocks, groups, name, connect, parents, group=None, inherit_groups=T
         groups.setdefault(group, {})[name] = np.arange(start, start + len(connect))
 
 
-def _warn_inverted(coords, connect, kind, path):
-    inverted = int((signed_volumes(coords, connect, kind) < 0).sum())
+def _warn_inverted(coords, connect, path):
+    from .measures import element_volumes  # the library's measure: one pass, no NumPy temporaries
+    inverted = int((element_volumes(coords, connect) < 0).sum())
     if inverted:
         warnings.warn(f"{path}: {inverted} inverted element(s), inverted in the result too "
                       "(`tessel3d flip --inverted-only` turns them)")
@@ -297,15 +298,15 @@ def cmd_quadratic(args):
     mesh = read(args.input)
     cells = Cells(mesh)
     kind, connect, parents = linear_solids(cells, args.input, pad_to_mixed=("PY5",))
-    _warn_inverted(mesh.coords, connect, kind, args.input)
+    _warn_inverted(mesh.coords, connect, args.input)
     with progress("converting into quadratic elements"):
         result = order.convert_into_quadratic(mesh.coords, connect)
     with progress("carrying faces and data"):
         out_kind = type_of_columns(result.connect)
         new = NewNodes(len(mesh.coords))
+        new.look_among(_face_nodes(mesh), record_only_these=not mesh.point_data)
         name_nodes(new, result.connect, out_kind, node_names)
         coords, blocks = result.coords, [(out_kind, result.connect, parents)]
-        new.look_among(_face_nodes(mesh))
         lift = {"E2": "E3", "T3": "T6", "Q4": "Q9"}
         for name, c in mesh.cells.items():
             if name in LINEAR_SOLIDS:
@@ -329,7 +330,7 @@ def cmd_hexsplit(args):
     if (kinds == "PY5").any():
         raise UserError(f"{args.input}: {int((kinds == 'PY5').sum())} pyramid(s): a pyramid cannot be split into "
                         "hexahedra")
-    _warn_inverted(mesh.coords, connect, kind, args.input)
+    _warn_inverted(mesh.coords, connect, args.input)
     with progress("splitting into hexahedra"):
         result = order.split_into_h8(mesh.coords, connect)
     with progress("carrying faces and data"):
@@ -338,6 +339,7 @@ def cmd_hexsplit(args):
             pieces[kinds == k] = count
         start = np.concatenate([[0], np.cumsum(pieces)[:-1]])
         new = NewNodes(len(mesh.coords))
+        new.look_among(_face_nodes(mesh), record_only_these=not mesh.point_data)
         for k in dict.fromkeys(kinds):
             rows = np.nonzero(kinds == k)[0]
             block = connect[rows].astype(np.int64)
@@ -356,7 +358,6 @@ def cmd_hexsplit(args):
                     new.add(made, block[:, sorted(name)])
         coords = result.coords
         blocks = [("H8", result.hexahedra, np.repeat(parents, pieces))]
-        new.look_among(_face_nodes(mesh))
         for name, c in mesh.cells.items():
             if name in LINEAR_SOLIDS:
                 continue
@@ -540,7 +541,7 @@ def cmd_crack(args):
     if kind == "H8" and triangles.any():
         raise UserError("the surface of a hexahedral mesh must be made of quadrangles")
     surface = faces[:, :3] if kind == "TH4" else faces
-    _warn_inverted(mesh.coords, connect, kind, args.input)
+    _warn_inverted(mesh.coords, connect, args.input)
     excluded = _front_nodes(connect, kind, faces) if args.keep_front else None
     with progress("duplicating the surface nodes"):
         result = tsurface.duplicate_surface_nodes(mesh.coords, connect, surface, excluded=excluded,
