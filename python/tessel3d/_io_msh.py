@@ -121,6 +121,8 @@ class _TagMap:
 
     def __call__(self, tags):
         if self.dense:
+            if not len(tags) or (tags.min() >= 0 and tags.max() < len(self.table)):
+                return self.table[tags]  # every tag within the table: one gather
             inside = (tags >= 0) & (tags < len(self.table))
             return np.where(inside, self.table[np.where(inside, tags, 0)], -1)
         position = np.minimum(np.searchsorted(self.sorted, tags), len(self.sorted) - 1)

@@ -58,15 +58,14 @@ class NewNodes:
     def add(self, ids, parents):
         """Records nodes ids (those >= nb_old and not named yet) as built from parents.
         Linear in the count (a scatter, not a sort): it sees every new node of a result."""
-        ids = np.asarray(ids, dtype=np.int64).ravel()
+        ids = np.asarray(ids).ravel()
         if not len(ids):
             return
-        parents = np.asarray(parents, dtype=np.int64).reshape(len(ids), -1)
+        parents = np.asarray(parents).reshape(len(ids), -1)
         keep = ids >= self.nb_old
         if self.record_focus_only:
             keep &= self.focus[parents].all(axis=1)
-        if not keep.all():
-            ids, parents = ids[keep], parents[keep]
+        ids, parents = ids[keep].astype(np.int64), parents[keep].astype(np.int64)
         if not len(ids):
             return
         lowest, top = int(ids.min()), int(ids.max()) + 1
