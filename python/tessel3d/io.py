@@ -42,7 +42,7 @@ import warnings
 import numpy as np
 
 from . import _io_abaqus, _io_msh, _io_vtk
-from ._io_orders import LIBRARY_ORDERS, LIBRARY_TYPES, MESHIO_TYPES, from_other, to_other
+from ._io_orders import LIBRARY_ORDERS, LIBRARY_TYPES, MESHIO_TYPES, from_other, permutation, to_other
 from ._orientation import refuse_inverted  # noqa: F401  (part of this module's interface)
 
 ABSENT = 0xFFFFFFFF
@@ -283,6 +283,8 @@ def _checked_cells(path, name, cells, nb_nodes):
         node = cells[row][bad[row]][0]
         raise FileError(f"{path}: {name} element {row} names node {node}, which the file does not define "
                         f"({nb_nodes} nodes)")
+    if cells.dtype.itemsize == 4:
+        return cells.view(np.uint32)  # checked non-negative: the same values, no copy
     return cells.astype(np.uint32)
 
 
@@ -311,7 +313,7 @@ def _assemble(path, points, blocks, point_data):
             if len(index):
                 groups.setdefault(group, {}).setdefault(name, []).append(index + start)
         counts[name] = start + len(block)
-    cells = {k: np.concatenate(v) for k, v in cells.items()}
+    cells = {k: v[0] if len(v) == 1 else np.concatenate(v) for k, v in cells.items()}
     cell_data = {}
     for key, per in data.items():
         if all(sum(len(v) for v in values) == counts[name] for name, values in per.items()):
@@ -586,7 +588,7 @@ def _group_members(mesh, blocks):
 def _write_vtu(path, mesh, compression, progress):
     blocks = _write_blocks(path, mesh, "vtk")
     data = {k: np.concatenate(v) if v else np.zeros(0) for k, v in _block_data(mesh, blocks, True).items()}
-    _io_vtk.write_vtu(path, mesh.coords, [(kind, to_other(kind, part, "vtk")) for kind, _, part, _ in blocks],
+    _io_vtk.write_vtu(path, mesh.coords, [(kind, part, permutation(kind, "vtk")) for kind, _, part, _ in blocks],
                       mesh.point_data, data, compression, progress)
 
 
