@@ -43,6 +43,7 @@ import numpy as np
 
 from . import _io_abaqus, _io_msh, _io_vtk
 from ._io_orders import LIBRARY_ORDERS, LIBRARY_TYPES, MESHIO_TYPES, from_other, permutation, to_other
+from ._io_watch import FileWatch
 from ._orientation import refuse_inverted  # noqa: F401  (part of this module's interface)
 
 ABSENT = 0xFFFFFFFF
@@ -459,7 +460,7 @@ def _read_msh_text(path, progress):
     return mesh
 
 
-def _read_meshio(path, formats):
+def _read_meshio(path, formats, progress=None):
     meshio = _meshio()
     if formats[0].startswith("gmsh"):
         _refuse_sparse_node_tags(path)
@@ -469,7 +470,8 @@ def _read_meshio(path, formats):
             with warnings.catch_warnings():
                 # an ID beyond 32 bits that a reader would wrap into its int32 arrays: refuse it
                 warnings.filterwarnings("error", message=".*out-of-bound Python integers", category=DeprecationWarning)
-                m = meshio._helpers.reader_map[fmt](str(path))  # meshio.read exits the process on failure
+                with FileWatch(path, progress):
+                    m = meshio._helpers.reader_map[fmt](str(path))  # meshio.read exits the process on failure
             break
         except DeprecationWarning:
             errors.append(f"{fmt}: a node or element ID beyond 32 bits")
@@ -499,7 +501,7 @@ def read(path, file_format=None, progress=None):
         else:
             mesh = _read_msh_text(path, progress) if formats[0].startswith("gmsh") else None
             if mesh is None:
-                mesh = _read_meshio(path, formats)
+                mesh = _read_meshio(path, formats, progress)
     except FileError:
         raise
     except (ValueError, OSError, UnicodeDecodeError, MemoryError, IndexError, KeyError) as error:
@@ -550,7 +552,7 @@ def write(path, mesh, file_format=None, compression=DEFAULT_COMPRESSION, progres
         elif fmt == "abaqus":
             _write_abaqus(path, mesh)
         else:
-            _write_meshio(path, mesh, fmt, compression, kwargs)
+            _write_meshio(path, mesh, fmt, compression, kwargs, progress)
     except FileError:
         raise
     except KeyError as error:
@@ -653,16 +655,43 @@ def _to_meshio(mesh, fmt, path="mesh"):
     return m
 
 
-def _write_meshio(path, mesh, fmt, compression, kwargs):
+def _write_meshio(path, mesh, fmt, compression, kwargs, progress=None):
     meshio = _meshio()
     m = _to_meshio(mesh, fmt, path)
+    if progress is not None:
+        progress(0.05)
     if fmt not in ("abaqus", "med", "nastran", "permas"):
         m.cell_sets = {}
     if fmt == "vtu":
         kwargs.setdefault("compression", compression)
     elif fmt == "xdmf":
         kwargs.setdefault("compression", "gzip" if compression else None)
-    meshio.write(path, m, file_format=fmt, **kwargs)
+    with FileWatch(path, None if progress is None else lambda f: progress(0.05 + 0.95 * f),
+                   _expected_size(m, fmt in _TEXT_FORMATS or not kwargs.get("binary", True))):
+        meshio.write(path, m, file_format=fmt, **kwargs)
+
+
+# meshio's writers that write text whatever they are asked (others write binary by default)
+_TEXT_FORMATS = {"avsucd", "dolfin-xml", "flac3d", "mdpa", "medit", "nastran", "netgen", "obj", "off", "permas",
+                 "su2", "tecplot", "wkt"}
+
+
+def _expected_size(m, text):
+    """About the size of a file holding the arrays of meshio.Mesh m, for a progress
+    fraction: their bytes in binary; in text, a printed float ~ 24 characters and an
+    integer its digits and a separator (compressed files end smaller: the fraction then
+    stops short, and the caller reports 1 when the writing is done)."""
+    arrays = [m.points] + [c.data for c in m.cells] + [np.asarray(v) for v in m.point_data.values()] + \
+        [np.asarray(a) for v in m.cell_data.values() for a in v]
+    if not text:
+        return sum(a.nbytes for a in arrays)
+    size = 0
+    for a in arrays:
+        if a.dtype.kind in "iu" and a.size:
+            size += a.size * (len(str(max(int(a.max()), -int(a.min())))) + 2)
+        else:
+            size += a.size * 24
+    return size
 
 
 def _is_meshio(value):
