@@ -178,7 +178,7 @@ def write_vtu(path, points, blocks, point_data, cell_data, compression, progress
             np.take(cells.view(np.int32), columns, axis=1, out=place)
         else:
             place[:] = np.take(cells, columns, axis=1)
-        offsets[start:start + m] = position + k * np.arange(m)
+        offsets[start:start + m] = np.arange(position, position + k * m, k, dtype=id_type)
         types[start:start + m] = CELL_TYPES[name]
         start, position = start + m, position + k * m
     offsets[total] = position
