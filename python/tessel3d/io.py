@@ -576,15 +576,24 @@ def _block_data(mesh, blocks, with_groups):
                          else np.zeros((len(index),) + sample.shape[1:], sample.dtype) for _, index, _, name in blocks]
     if with_groups:
         for group, members in mesh.groups.items():
-            data[GROUP_PREFIX + group] = [np.isin(index, np.asarray(members.get(name, []), dtype=np.int64))
-                                          .astype(np.uint8) for _, index, _, name in blocks]
+            data[GROUP_PREFIX + group] = [_member_mask(mesh, members, name)[index].view(np.uint8)
+                                          for _, index, _, name in blocks]
     return data
+
+
+def _member_mask(mesh, members, name):
+    """Per element of mesh.cells[name], whether the group `members` lists it (a table:
+    linear in the counts, where a search would sort)."""
+    mask = np.zeros(len(mesh.cells[name]), dtype=bool)
+    index = np.asarray(members.get(name, []), dtype=np.int64)
+    mask[index[(index >= 0) & (index < len(mask))]] = True
+    return mask
 
 
 def _group_members(mesh, blocks):
     """{group: [per block: indices into the block]}."""
-    return {group: [np.nonzero(np.isin(index, np.asarray(members.get(name, []), dtype=np.int64)))[0]
-                    for _, index, _, name in blocks] for group, members in mesh.groups.items()}
+    return {group: [np.nonzero(_member_mask(mesh, members, name)[index])[0] for _, index, _, name in blocks]
+            for group, members in mesh.groups.items()}
 
 
 def _write_vtu(path, mesh, compression, progress):
