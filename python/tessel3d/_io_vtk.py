@@ -134,7 +134,8 @@ def _arrays(data, vtk_to_numpy):
 
 
 def write_vtu(path, points, blocks, point_data, cell_data, compression, progress=None):
-    """Writes blocks [(library type, (m, k) cells in VTK's order)] with their data
+    """Writes blocks [(library type, (m, k) cells, columns)], cells[:, columns] in VTK's
+    order (columns None: as they are), with their data
     (point_data {name: (n, ...)}, cell_data {name: (total cells, ...)}) to a .vtu file,
     appended raw binary, compressed by `compression` (None or one of COMPRESSORS), or
     to a binary legacy .vtk file (uncompressed) when the path ends so."""
@@ -158,8 +159,8 @@ def write_vtu(path, points, blocks, point_data, cell_data, compression, progress
     vtk_points = vtkPoints()
     vtk_points.SetData(to_vtk(np.asarray(points, dtype=np.float64)))
     grid.SetPoints(vtk_points)
-    sizes = [c.shape[1] for _, c in blocks]
-    counts = [len(c) for _, c in blocks]
+    sizes = [c.shape[1] for _, c, _ in blocks]
+    counts = [len(c) for _, c, _ in blocks]
     total = sum(counts)
     nb_entries = sum(s * c for s, c in zip(sizes, counts))
     # 32-bit cell storage where it fits: half the bytes to write (and to read back)
@@ -168,9 +169,16 @@ def write_vtu(path, points, blocks, point_data, cell_data, compression, progress
     offsets = np.empty(total + 1, dtype=id_type)
     types = np.empty(total, dtype=np.uint8)
     start, position = 0, 0
-    for (name, cells), k, m in zip(blocks, sizes, counts):
-        connectivity[position:position + k * m].reshape(m, k)[:] = cells
-        offsets[start:start + m] = position + k * np.arange(m)
+    for (name, cells, columns), k, m in zip(blocks, sizes, counts):
+        place = connectivity[position:position + k * m].reshape(m, k)
+        if columns is None:
+            place[:] = cells
+        elif cells.dtype == np.uint32 and id_type == np.int32:
+            # reordered straight into place (node IDs below 2^31 here: the same bits)
+            np.take(cells.view(np.int32), columns, axis=1, out=place)
+        else:
+            place[:] = np.take(cells, columns, axis=1)
+        offsets[start:start + m] = np.arange(position, position + k * m, k, dtype=id_type)
         types[start:start + m] = CELL_TYPES[name]
         start, position = start + m, position + k * m
     offsets[total] = position

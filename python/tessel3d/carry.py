@@ -23,6 +23,16 @@ ABSENT = 0xFFFFFFFF
 
 # ---- node sets --------------------------------------------------------------------------
 
+def _row_words(rows):
+    """Two 64-bit words per row of at most 4 node IDs, equal for rows that list the same
+    set: the IDs sorted and padded with ABSENT, two to a word."""
+    rows = np.sort(np.asarray(rows, dtype=np.int64), axis=1).astype(np.uint64)
+    padded = np.full((len(rows), 4), ABSENT, dtype=np.uint64)
+    padded[:, :rows.shape[1]] = rows
+    shift = np.uint64(32)
+    return padded[:, 0] << shift | padded[:, 1], padded[:, 2] << shift | padded[:, 3]
+
+
 def _row_keys(rows, width=8):
     """One comparable key per row of node IDs: the IDs sorted and padded with ABSENT."""
     rows = np.sort(np.asarray(rows, dtype=np.uint32), axis=1)
@@ -42,23 +52,37 @@ class NewNodes:
         self.groups = []
         self.named = np.zeros(0, dtype=bool)
         self.focus = None
+        self.record_focus_only = False
         self._keys = None
 
     def add(self, ids, parents):
-        """Records nodes ids (those >= nb_old and not named yet) as built from parents."""
-        ids = np.asarray(ids, dtype=np.int64).ravel()
+        """Records nodes ids (those >= nb_old and not named yet) as built from parents.
+        Linear in the count (a scatter, not a sort): it sees every new node of a result."""
+        ids = np.asarray(ids).ravel()
         if not len(ids):
             return
-        parents = np.asarray(parents, dtype=np.int64).reshape(len(ids), -1)
-        new = ids >= self.nb_old
-        ids, first = np.unique(ids[new], return_index=True)
+        parents = np.asarray(parents).reshape(len(ids), -1)
+        keep = ids >= self.nb_old
+        if self.record_focus_only:
+            keep &= self.focus[parents].all(axis=1)
+        ids, parents = ids[keep].astype(np.int64), parents[keep].astype(np.int64)
         if not len(ids):
             return
-        if ids[-1] >= len(self.named):
-            self.named = np.concatenate([self.named, np.zeros(ids[-1] + 1 - len(self.named), dtype=bool)])
+        lowest, top = int(ids.min()), int(ids.max()) + 1
+        if top > len(self.named):
+            self.named = np.concatenate([self.named, np.zeros(top - len(self.named), dtype=bool)])
         fresh = ~self.named[ids]
-        self.named[ids[fresh]] = True
-        self.groups.append((ids[fresh], parents[new][first][fresh]))
+        if not fresh.all():
+            ids, parents = ids[fresh], parents[fresh]
+        # one row per node (a node listed by several elements is built from the same set)
+        row = np.full(top - lowest, -1, dtype=np.int64)
+        row[ids - lowest] = np.arange(len(ids))
+        rows = row[row >= 0]
+        ids = ids[rows]
+        self.named[ids] = True
+        # parents in increasing order: the mean of their values is the same whichever
+        # element listed the node
+        self.groups.append((ids, np.sort(parents[rows], axis=1)))
         self._keys = None
 
     def merged(self):
@@ -70,14 +94,19 @@ class NewNodes:
                        for g in by_width.values()]
         return self.groups
 
-    def look_among(self, nodes):
+    def look_among(self, nodes, record_only_these=False):
         """Restricts later look-ups to nodes built from the listed input nodes only (those
-        of the faces to carry), which keeps the look-up table small."""
+        of the faces to carry), which keeps the look-up table small. record_only_these:
+        later add() calls also skip the other nodes (enough when no point data is to be
+        interpolated), which saves recording every new node of a large result."""
         self.focus = np.zeros(self.nb_old, dtype=bool)
         self.focus[np.asarray(nodes, dtype=np.int64)] = True
+        self.record_focus_only = bool(record_only_these)
         self._keys = None
 
     def _table(self):
+        """The recorded nodes of at most 4 parents (those of faces and edges) sorted by
+        the two words of their parent sets: (high words, low words, node IDs)."""
         if self._keys is None:
             groups = []
             for ids, parents in self.merged():
@@ -86,23 +115,31 @@ class NewNodes:
                 if self.focus is not None:
                     inside = self.focus[parents].all(axis=1)
                     ids, parents = ids[inside], parents[inside]
-                groups.append((ids, parents))
+                groups.append((ids, _row_words(parents)))
             ids = np.concatenate([i for i, _ in groups]) if groups else np.zeros(0, np.int64)
-            keys = (np.concatenate([_row_keys(p) for _, p in groups]) if groups
-                    else np.zeros(0, np.dtype((np.void, 32))))
-            order = np.argsort(keys)
-            self._keys, self._ids = keys[order], ids[order]
-        return self._keys, self._ids
+            high = np.concatenate([w[0] for _, w in groups]) if groups else np.zeros(0, np.uint64)
+            low = np.concatenate([w[1] for _, w in groups]) if groups else np.zeros(0, np.uint64)
+            order = np.lexsort((low, high))
+            self._keys = (high[order], low[order], ids[order])
+        return self._keys
 
     def find(self, parents):
         """The node named by each row of parents, -1 where there is none."""
-        keys, ids = self._table()
-        query = _row_keys(parents)
-        at = np.searchsorted(keys, query)
-        found = np.zeros(len(query), dtype=bool)
-        inside = at < len(keys)
-        found[inside] = keys[at[inside]] == query[inside]
-        return np.where(found, ids[np.minimum(at, len(ids) - 1)] if len(ids) else -1, -1)
+        high, low, ids = self._table()
+        query_high, query_low = _row_words(parents)
+        # Each query placed among the table's keys by one stable sort of both (integer
+        # keys: sorting and comparing them is many times faster than byte strings); the
+        # table entry at or before a query is its only candidate.
+        count = len(high)
+        order = np.lexsort((np.concatenate([low, query_low]), np.concatenate([high, query_high])))
+        from_table = order < count
+        last = np.maximum.accumulate(np.where(from_table, order, -1))
+        candidate = np.empty(len(query_high), dtype=np.int64)
+        candidate[order[~from_table] - count] = last[~from_table]
+        found = candidate >= 0
+        at = candidate[found]
+        found[found] = (high[at] == query_high[found]) & (low[at] == query_low[found])
+        return np.where(found, ids[np.maximum(candidate, 0)] if count else -1, -1)
 
     def find_or_make(self, parents, coords):
         """As find, making the missing nodes (at the mean of their parents); returns the

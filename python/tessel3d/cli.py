@@ -141,8 +141,18 @@ def _append(blocks, groups, name, connect, parents, group=None, inherit_groups=T
         groups.setdefault(group, {})[name] = np.arange(start, start + len(connect))
 
 
-def _warn_inverted(coords, connect, kind, path):
-    inverted = int((signed_volumes(coords, connect, kind) < 0).sum())
+def _member_rows(connect, type_name):
+    """[(member type, its rows)] of a solid connectivity; a pure type's rows are all of
+    them, as a slice (no per-element work on the common case)."""
+    if type_name != "SOLID_MIX8":
+        return [(type_name, slice(None))]
+    kinds = member_types(connect, type_name)
+    return [(k, np.nonzero(kinds == k)[0]) for k in dict.fromkeys(kinds)]
+
+
+def _warn_inverted(coords, connect, path):
+    from .measures import element_volumes  # the library's measure: one pass, no NumPy temporaries
+    inverted = int((element_volumes(coords, connect) < 0).sum())
     if inverted:
         warnings.warn(f"{path}: {inverted} inverted element(s), inverted in the result too "
                       "(`tessel3d flip --inverted-only` turns them)")
@@ -297,15 +307,15 @@ def cmd_quadratic(args):
     mesh = read(args.input)
     cells = Cells(mesh)
     kind, connect, parents = linear_solids(cells, args.input, pad_to_mixed=("PY5",))
-    _warn_inverted(mesh.coords, connect, kind, args.input)
+    _warn_inverted(mesh.coords, connect, args.input)
     with progress("converting into quadratic elements"):
         result = order.convert_into_quadratic(mesh.coords, connect)
     with progress("carrying faces and data"):
         out_kind = type_of_columns(result.connect)
         new = NewNodes(len(mesh.coords))
+        new.look_among(_face_nodes(mesh), record_only_these=not mesh.point_data)
         name_nodes(new, result.connect, out_kind, node_names)
         coords, blocks = result.coords, [(out_kind, result.connect, parents)]
-        new.look_among(_face_nodes(mesh))
         lift = {"E2": "E3", "T3": "T6", "Q4": "Q9"}
         for name, c in mesh.cells.items():
             if name in LINEAR_SOLIDS:
@@ -325,38 +335,42 @@ def cmd_hexsplit(args):
     mesh = read(args.input)
     cells = Cells(mesh)
     kind, connect, parents = linear_solids(cells, args.input)
-    kinds = member_types(connect, kind)
-    if (kinds == "PY5").any():
-        raise UserError(f"{args.input}: {int((kinds == 'PY5').sum())} pyramid(s): a pyramid cannot be split into "
-                        "hexahedra")
-    _warn_inverted(mesh.coords, connect, kind, args.input)
+    parts = _member_rows(connect, kind)
+    pyramids = sum(len(connect[rows]) for k, rows in parts if k == "PY5")
+    if pyramids:
+        raise UserError(f"{args.input}: {pyramids} pyramid(s): a pyramid cannot be split into hexahedra")
+    _warn_inverted(mesh.coords, connect, args.input)
     with progress("splitting into hexahedra"):
         result = order.split_into_h8(mesh.coords, connect)
     with progress("carrying faces and data"):
         pieces = np.zeros(len(connect), dtype=np.int64)
-        for k, count in HEXAHEDRA_PER_SOLID.items():
-            pieces[kinds == k] = count
+        for k, rows in parts:
+            pieces[rows] = HEXAHEDRA_PER_SOLID[k]
         start = np.concatenate([[0], np.cumsum(pieces)[:-1]])
         new = NewNodes(len(mesh.coords))
-        for k in dict.fromkeys(kinds):
-            rows = np.nonzero(kinds == k)[0]
-            block = connect[rows].astype(np.int64)
+        new.look_among(_face_nodes(mesh), record_only_these=not mesh.point_data)
+        size = max(float(np.ptp(mesh.coords, axis=0).max()), 1e-300)
+        for k, rows in parts:
+            block, first = connect[rows], start[rows]
             seen = {}  # each new node of an element from the first hexahedron that holds it
             for r, names in enumerate(split_names(k)):
                 for i, name in enumerate(names):
                     seen.setdefault(name, (r, i))
-            sample = slice(None, None, max(1, len(rows) // 1000))
-            size = max(float(np.ptp(mesh.coords, axis=0).max()), 1e-300)
+            sample = slice(None, None, max(1, len(block) // 1000))
+            if new.record_focus_only:  # only nodes of carried faces: elements with two corners on them
+                chosen = new.focus[block[:, :CORNER_COUNT[k]]].sum(axis=1) >= 2
+                named_block, named_first = block[chosen], first[chosen]
+            else:
+                named_block, named_first = block, first
             for name, (r, i) in seen.items():
                 if len(name) > 1:
-                    made = result.hexahedra[start[rows] + r, i]
-                    where = result.coords[made[sample]] - result.coords[block[sample][:, sorted(name)]].mean(axis=1)
+                    made = result.hexahedra[first[sample] + r, i]
+                    where = result.coords[made] - result.coords[block[sample][:, sorted(name)]].mean(axis=1)
                     if np.abs(where).max(initial=0.0) > 1e-9 * size:  # the pattern read off one element
                         raise UserError("the split's new nodes are not where expected: faces and data cannot follow")
-                    new.add(made, block[:, sorted(name)])
+                    new.add(result.hexahedra[named_first + r, i], named_block[:, sorted(name)])
         coords = result.coords
         blocks = [("H8", result.hexahedra, np.repeat(parents, pieces))]
-        new.look_among(_face_nodes(mesh))
         for name, c in mesh.cells.items():
             if name in LINEAR_SOLIDS:
                 continue
@@ -540,7 +554,7 @@ def cmd_crack(args):
     if kind == "H8" and triangles.any():
         raise UserError("the surface of a hexahedral mesh must be made of quadrangles")
     surface = faces[:, :3] if kind == "TH4" else faces
-    _warn_inverted(mesh.coords, connect, kind, args.input)
+    _warn_inverted(mesh.coords, connect, args.input)
     excluded = _front_nodes(connect, kind, faces) if args.keep_front else None
     with progress("duplicating the surface nodes"):
         result = tsurface.duplicate_surface_nodes(mesh.coords, connect, surface, excluded=excluded,

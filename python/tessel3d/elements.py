@@ -64,10 +64,17 @@ def build_cells(connect, pattern, new, coords):
 def name_nodes(new, connect, type_name, names_of):
     """Records the new nodes of a result connectivity: position p of an element of member
     type k holds the node built from the corners names_of(k)[p]."""
-    kinds = member_types(connect, type_name)
-    for kind in dict.fromkeys(kinds):
-        rows = np.nonzero(kinds == kind)[0]
-        block = connect[rows].astype(np.int64)
+    if type_name in ("SOLID_MIX8", "SOLID_MIX27", "FACE_MIX4"):
+        kinds = member_types(connect, type_name)
+        parts = [(kind, connect[np.nonzero(kinds == kind)[0]]) for kind in dict.fromkeys(kinds)]
+    else:
+        parts = [(type_name, connect)]  # as it is: no copy of a large result
+    for kind, block in parts:
+        if new.record_focus_only:
+            # only nodes built from focus nodes are kept: an element needs two corners
+            # among them to hold one (one test per element, not one per node)
+            corners = CORNER_COUNT[LINEAR_OF.get(kind, kind)]
+            block = block[new.focus[block[:, :corners]].sum(axis=1) >= 2]
         for p, name in enumerate(names_of(kind)):
             if len(name) > 1:
                 new.add(block[:, p], block[:, sorted(name)])

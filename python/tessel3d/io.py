@@ -42,7 +42,8 @@ import warnings
 import numpy as np
 
 from . import _io_abaqus, _io_msh, _io_vtk
-from ._io_orders import LIBRARY_ORDERS, LIBRARY_TYPES, MESHIO_TYPES, from_other, to_other
+from ._io_orders import LIBRARY_ORDERS, LIBRARY_TYPES, MESHIO_TYPES, from_other, permutation, to_other
+from ._io_watch import FileWatch
 from ._orientation import refuse_inverted  # noqa: F401  (part of this module's interface)
 
 ABSENT = 0xFFFFFFFF
@@ -283,6 +284,8 @@ def _checked_cells(path, name, cells, nb_nodes):
         node = cells[row][bad[row]][0]
         raise FileError(f"{path}: {name} element {row} names node {node}, which the file does not define "
                         f"({nb_nodes} nodes)")
+    if cells.dtype.itemsize == 4:
+        return cells.view(np.uint32)  # checked non-negative: the same values, no copy
     return cells.astype(np.uint32)
 
 
@@ -311,7 +314,7 @@ def _assemble(path, points, blocks, point_data):
             if len(index):
                 groups.setdefault(group, {}).setdefault(name, []).append(index + start)
         counts[name] = start + len(block)
-    cells = {k: np.concatenate(v) for k, v in cells.items()}
+    cells = {k: v[0] if len(v) == 1 else np.concatenate(v) for k, v in cells.items()}
     cell_data = {}
     for key, per in data.items():
         if all(sum(len(v) for v in values) == counts[name] for name, values in per.items()):
@@ -457,7 +460,7 @@ def _read_msh_text(path, progress):
     return mesh
 
 
-def _read_meshio(path, formats):
+def _read_meshio(path, formats, progress=None):
     meshio = _meshio()
     if formats[0].startswith("gmsh"):
         _refuse_sparse_node_tags(path)
@@ -467,7 +470,8 @@ def _read_meshio(path, formats):
             with warnings.catch_warnings():
                 # an ID beyond 32 bits that a reader would wrap into its int32 arrays: refuse it
                 warnings.filterwarnings("error", message=".*out-of-bound Python integers", category=DeprecationWarning)
-                m = meshio._helpers.reader_map[fmt](str(path))  # meshio.read exits the process on failure
+                with FileWatch(path, progress):
+                    m = meshio._helpers.reader_map[fmt](str(path))  # meshio.read exits the process on failure
             break
         except DeprecationWarning:
             errors.append(f"{fmt}: a node or element ID beyond 32 bits")
@@ -497,7 +501,7 @@ def read(path, file_format=None, progress=None):
         else:
             mesh = _read_msh_text(path, progress) if formats[0].startswith("gmsh") else None
             if mesh is None:
-                mesh = _read_meshio(path, formats)
+                mesh = _read_meshio(path, formats, progress)
     except FileError:
         raise
     except (ValueError, OSError, UnicodeDecodeError, MemoryError, IndexError, KeyError) as error:
@@ -548,7 +552,7 @@ def write(path, mesh, file_format=None, compression=DEFAULT_COMPRESSION, progres
         elif fmt == "abaqus":
             _write_abaqus(path, mesh)
         else:
-            _write_meshio(path, mesh, fmt, compression, kwargs)
+            _write_meshio(path, mesh, fmt, compression, kwargs, progress)
     except FileError:
         raise
     except KeyError as error:
@@ -572,21 +576,30 @@ def _block_data(mesh, blocks, with_groups):
                          else np.zeros((len(index),) + sample.shape[1:], sample.dtype) for _, index, _, name in blocks]
     if with_groups:
         for group, members in mesh.groups.items():
-            data[GROUP_PREFIX + group] = [np.isin(index, np.asarray(members.get(name, []), dtype=np.int64))
-                                          .astype(np.uint8) for _, index, _, name in blocks]
+            data[GROUP_PREFIX + group] = [_member_mask(mesh, members, name)[index].view(np.uint8)
+                                          for _, index, _, name in blocks]
     return data
+
+
+def _member_mask(mesh, members, name):
+    """Per element of mesh.cells[name], whether the group `members` lists it (a table:
+    linear in the counts, where a search would sort)."""
+    mask = np.zeros(len(mesh.cells[name]), dtype=bool)
+    index = np.asarray(members.get(name, []), dtype=np.int64)
+    mask[index[(index >= 0) & (index < len(mask))]] = True
+    return mask
 
 
 def _group_members(mesh, blocks):
     """{group: [per block: indices into the block]}."""
-    return {group: [np.nonzero(np.isin(index, np.asarray(members.get(name, []), dtype=np.int64)))[0]
-                    for _, index, _, name in blocks] for group, members in mesh.groups.items()}
+    return {group: [np.nonzero(_member_mask(mesh, members, name)[index])[0] for _, index, _, name in blocks]
+            for group, members in mesh.groups.items()}
 
 
 def _write_vtu(path, mesh, compression, progress):
     blocks = _write_blocks(path, mesh, "vtk")
     data = {k: np.concatenate(v) if v else np.zeros(0) for k, v in _block_data(mesh, blocks, True).items()}
-    _io_vtk.write_vtu(path, mesh.coords, [(kind, to_other(kind, part, "vtk")) for kind, _, part, _ in blocks],
+    _io_vtk.write_vtu(path, mesh.coords, [(kind, part, permutation(kind, "vtk")) for kind, _, part, _ in blocks],
                       mesh.point_data, data, compression, progress)
 
 
@@ -651,16 +664,43 @@ def _to_meshio(mesh, fmt, path="mesh"):
     return m
 
 
-def _write_meshio(path, mesh, fmt, compression, kwargs):
+def _write_meshio(path, mesh, fmt, compression, kwargs, progress=None):
     meshio = _meshio()
     m = _to_meshio(mesh, fmt, path)
+    if progress is not None:
+        progress(0.05)
     if fmt not in ("abaqus", "med", "nastran", "permas"):
         m.cell_sets = {}
     if fmt == "vtu":
         kwargs.setdefault("compression", compression)
     elif fmt == "xdmf":
         kwargs.setdefault("compression", "gzip" if compression else None)
-    meshio.write(path, m, file_format=fmt, **kwargs)
+    with FileWatch(path, None if progress is None else lambda f: progress(0.05 + 0.95 * f),
+                   _expected_size(m, fmt in _TEXT_FORMATS or not kwargs.get("binary", True))):
+        meshio.write(path, m, file_format=fmt, **kwargs)
+
+
+# meshio's writers that write text whatever they are asked (others write binary by default)
+_TEXT_FORMATS = {"avsucd", "dolfin-xml", "flac3d", "mdpa", "medit", "nastran", "netgen", "obj", "off", "permas",
+                 "su2", "tecplot", "wkt"}
+
+
+def _expected_size(m, text):
+    """About the size of a file holding the arrays of meshio.Mesh m, for a progress
+    fraction: their bytes in binary; in text, a printed float ~ 24 characters and an
+    integer its digits and a separator (compressed files end smaller: the fraction then
+    stops short, and the caller reports 1 when the writing is done)."""
+    arrays = [m.points] + [c.data for c in m.cells] + [np.asarray(v) for v in m.point_data.values()] + \
+        [np.asarray(a) for v in m.cell_data.values() for a in v]
+    if not text:
+        return sum(a.nbytes for a in arrays)
+    size = 0
+    for a in arrays:
+        if a.dtype.kind in "iu" and a.size:
+            size += a.size * (len(str(max(int(a.max()), -int(a.min())))) + 2)
+        else:
+            size += a.size * 24
+    return size
 
 
 def _is_meshio(value):

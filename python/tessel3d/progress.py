@@ -11,14 +11,24 @@ its elapsed time. A step that ends well leaves one line saying how long it took;
 fails erases its bar, so that the error stays the only line.
 """
 
+import importlib.util
 import sys
 import threading
 import time
 
-try:
-    import tqdm
-except ImportError:  # plain lines instead of a bar
-    tqdm = None
+
+def _tqdm():
+    """tqdm, imported when a bar is first drawn (not by every run of a command), or None
+    (plain lines instead of a bar)."""
+    try:
+        import tqdm
+    except ImportError:
+        return None
+    return tqdm
+
+
+def _has_tqdm():
+    return importlib.util.find_spec("tqdm") is not None
 
 
 _MEASURED = "{desc}: {percentage:3.0f}%|{bar}| {elapsed}<{remaining}"
@@ -33,8 +43,8 @@ class progress:
         self.label, self.stream, self.delay = label, stream or sys.stderr, delay
         self.terminal = getattr(self.stream, "isatty", lambda: False)()
         if style is None:
-            style = None if not self.terminal else "bar" if tqdm is not None else "lines"
-        self.style = "lines" if style == "bar" and tqdm is None else style
+            style = None if not self.terminal else "bar"
+        self.style = "lines" if style == "bar" and not _has_tqdm() else style
         self.bar_wanted = self.style == "bar"
         self.fraction, self.bar, self.shown, self.last_tenth = None, None, False, 0
         self.lock = threading.Lock()
@@ -80,8 +90,9 @@ class progress:
             return
         with self.lock:
             self.shown = True
-            if self.bar_wanted:
-                self.bar = tqdm.tqdm(total=100 if self.fraction is not None else None, desc=f"tessel3d: {self.label}",
+            bars = _tqdm() if self.bar_wanted else None
+            if bars is not None:
+                self.bar = bars.tqdm(total=100 if self.fraction is not None else None, desc=f"tessel3d: {self.label}",
                                      file=self.stream, leave=True, dynamic_ncols=True,
                                      bar_format=_MEASURED if self.fraction is not None else "{desc}: {elapsed}")
                 self.bar.start_t -= time.monotonic() - self.start  # the step began before its bar

@@ -294,3 +294,27 @@ def test_compression_and_progress(tmp_path, compression):
         assert len(mio._read_meshio(path, ["vtu"]).cells) == 3
     with pytest.raises(mio.FileError, match="unknown compression"):
         mio.write(path, mesh, compression="zip")
+
+
+@pytest.mark.skipif(not os.path.isdir("/proc/self/fdinfo"), reason="needs Linux's /proc")
+def test_progress_of_files_meshio_opens_itself(tmp_path):
+    """The watch reports how far the reader's own descriptor got, and how far the file
+    grew towards the size given for a writer."""
+    from tessel3d._io_watch import FileWatch
+    path = tmp_path / "data.bin"
+    path.write_bytes(bytes(1000))
+    with open(path, "rb", buffering=0) as reader:
+        for read, expected in ((0, 0.0), (250, 0.25), (750, 1.0)):
+            reader.read(read)
+            assert FileWatch(path, None).fraction() == expected
+    assert FileWatch(path, None).fraction() is None  # nobody reads it now: nothing to tell
+    assert FileWatch(path, None, expected_size=4000).fraction() == 0.25
+    assert FileWatch(tmp_path / "missing", None, expected_size=10).fraction() is None
+    # through meshio's own reader and writer, on a file large enough to be watched
+    mesh = mesh_of(["H8"])
+    big = mio.Mesh(np.repeat(mesh.coords, 20000, axis=0), {"H8": np.repeat(mesh.cells["H8"], 20000, axis=0)})
+    fractions = []
+    mio.write(str(tmp_path / "big.msh"), big, progress=fractions.append, binary=False)
+    mio.read(str(tmp_path / "big.msh"), progress=fractions.append)
+    assert fractions == sorted(fractions[:fractions.index(1.0) + 1]) + sorted(fractions[fractions.index(1.0) + 1:])
+    assert all(0.0 <= f <= 1.0 for f in fractions)
