@@ -133,24 +133,34 @@ TEST(solve3, known_singular_and_ill_conditioned_systems) {
 
 // ---- the walk and the elements around a node ----------------------------------------------
 
-TEST(visibility_walk, reaches_the_element_holding_the_point_from_any_seed) {
-  th4_box box(6);
-  random_stream random(11);
-  std::size_t steps = 0;
-  for (int trial = 0; trial < 200; ++trial) {
-    const double p[3] = {random.uniform(), random.uniform(), random.uniform()};
-    const unsigned seed = unsigned(random.next() % box.mesh.connect.cols());
-    unsigned element = seed, again = seed;
-    ASSERT_EQ(elfes::visibility_walk(box.mesh.coords, box.mesh.connect, box.neighbors, p, element, 1e-9, steps), 1);
-    EXPECT_GE(min_barycentric(box.mesh.coords, box.mesh.connect, element, p), -1e-9);
-    elfes::visibility_walk(box.mesh.coords, box.mesh.connect, box.neighbors, p, again, 1e-9, steps);
-    EXPECT_EQ(again, element);  // same seed and point: same path, same answer
-  }
-  const double outside[3] = {1.5, 0.5, 0.5};
-  unsigned element = 0;
-  EXPECT_EQ(elfes::visibility_walk(box.mesh.coords, box.mesh.connect, box.neighbors, outside, element, 0, steps), 0);
-  EXPECT_EQ(element, ~0U);
-  EXPECT_LE(steps, box.mesh.connect.cols());
+// The corner tetrahedron A = (O, Y, X, Z) and B on its slanted face XYZ with apex W =
+// (-0.5, 1, 1): p, in B, lies beyond the face x = 0 of A (the boundary) as well as beyond
+// the face it shares with B. Under every positive numbering of A's nodes (so that each
+// face is drawn first in turn), the walk from A that meets the boundary face tries the
+// others and reaches B; the point (1.5, 0.5, 0.5) is in neither. (A third element, apart,
+// keeps the walks below the step limit.)
+TEST(visibility_walk, a_boundary_face_is_passed_over_for_another_face_out) {
+  const dense2D<double> coords(3, 9, {0, 0, 0, 0, 1, 0, 1,  0, 0, 0, 0, 1, -0.5, 1, 1,  //
+                                      9, 0, 0, 9, 1, 0, 10, 0, 0, 9, 0, 1});
+  const double p[3] = {-0.25, 0.8, 0.8}, outside[3] = {1.5, 0.5, 0.5};
+  unsigned order[4] = {0, 1, 2, 3};
+  int numberings = 0;
+  do {
+    dense2D<unsigned> connect(4, 3, {0, 0, 0, 0, 1, 2, 3, 4, 5, 6, 7, 8});  // B = (Y, X, Z, W)
+    for (int k = 0; k < 4; ++k) connect(k, 0) = order[k];
+    if (volume6(&coords(0, order[0]), &coords(0, order[1]), &coords(0, order[2]), &coords(0, order[3])) <= 0) continue;
+    ++numberings;
+    const dense2D<unsigned> neighbors = neighbors_of(connect);
+    std::size_t steps = 0;
+    unsigned element = 0;
+    EXPECT_EQ(elfes::visibility_walk(coords, connect, neighbors, p, element, 0, steps), 1);
+    EXPECT_EQ(element, 1u);
+    EXPECT_GE(min_barycentric(coords, connect, 1, p), 0.0);
+    element = 0;
+    EXPECT_EQ(elfes::visibility_walk(coords, connect, neighbors, outside, element, 0, steps), 0);
+    EXPECT_EQ(element, ~0U);
+  } while (std::next_permutation(order, order + 4));
+  EXPECT_EQ(numberings, 12);
 }
 
 TEST(visibility_walk, invalid_element_and_step_limit) {
