@@ -31,21 +31,6 @@ TEST(hash_keys, order_independent_hash_and_oriented_equality) {
   EXPECT_EQ(compare_keys(q, faceQ4{{6, 2, 4, 8}}), 1);
   EXPECT_EQ(compare_keys(q, faceQ4{{2, 6, 8, 4}}), -1);
   EXPECT_EQ(compare_keys(q, faceQ4{{2, 8, 6, 4}}), 0);  // same nodes, another cycle
-  // The hash is the documented sum, so it does not depend on node order.
-  EXPECT_EQ(hash_key(5u), static_cast<std::uint64_t>(5u ^ 0x811C9DC5u) * 0x01000193ull);
-}
-
-TEST(hash_table, reset_sizes_and_prime_table) {
-  hash_table<unsigned> set;
-  EXPECT_TRUE(set.reset(23, 5, 1.0));
-  EXPECT_EQ(set.bucket_count(), 23u);
-  EXPECT_EQ(set.used_slots(), 23u);
-  EXPECT_EQ(next_prime(0), 13u);
-  EXPECT_EQ(next_prime(24), 53u);
-  EXPECT_EQ(next_prime(97), 97u);
-  EXPECT_EQ(next_prime(4294967292ul), 4294967291ul);
-  EXPECT_TRUE(set.rehash(1000));
-  EXPECT_EQ(set.bucket_count(), 1543u);
 }
 
 TEST(hash_table, matches_std_map_through_growth) {
@@ -141,6 +126,7 @@ TEST(hash_table, face_maps_follow_their_match_policy) {
 }
 
 TEST(hash_table, failed_growth_reports_and_keeps_entries) {
+  EXPECT_EQ(next_prime(4294967292ul), 4294967291ul);  // the largest bucket count a 32-bit table may take
   hash_table<unsigned> set;
   {
     tessel3d_test::failing_allocator guard(1, true);
@@ -162,26 +148,6 @@ TEST(hash_table, failed_growth_reports_and_keeps_entries) {
   }
   EXPECT_EQ(set.bucket_count(), buckets);
   for (unsigned i = 0; i < 40; ++i) EXPECT_NE(set.find(hash_key(i), i), set.end());
-}
-
-TEST(hash_table, iteration_follows_the_slot_array) {
-  // Home buckets first, in bucket order; a key whose bucket is taken goes to an overflow
-  // slot appended after them, and is still found through its chain.
-  hash_table<unsigned> set;
-  ASSERT_TRUE(set.reset(23, 23, 1.0));
-  auto bucket = [](unsigned key) { return hash_key(key) % 23; };
-  unsigned first = 0;
-  while (bucket(first) == 0) ++first;
-  unsigned clash = first + 1, low = 0;
-  while (bucket(clash) != bucket(first)) ++clash;
-  while (bucket(low) >= bucket(first)) ++low;
-  for (unsigned key : {first, clash, low}) ASSERT_NE(set.insert(hash_key(key), key), set.npos);
-  std::vector<unsigned> order;
-  for (std::size_t pos = set.begin(); pos < set.end(); ++pos)
-    if (set.occupied(pos)) order.push_back(set.value(pos));
-  EXPECT_EQ(order, (std::vector<unsigned>{low, first, clash}));
-  EXPECT_EQ(set.used_slots(), 24u);
-  EXPECT_EQ(set.find(hash_key(clash), clash), set.begin() + 23);
 }
 
 // ---- hostile numberings -----------------------------------------------------------------

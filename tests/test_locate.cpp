@@ -10,13 +10,15 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 #include <iterator>
 #include <random>
 #include <set>
-#include <tuple>
+#include <string>
 #include <vector>
 
 #include "box_mesh.h"
+#include "checks_in_order.h"
 #include "failing_allocator.h"
 #include "family_table.h"
 #include "locate/elements_around_node.h"
@@ -131,24 +133,34 @@ TEST(solve3, known_singular_and_ill_conditioned_systems) {
 
 // ---- the walk and the elements around a node ----------------------------------------------
 
-TEST(visibility_walk, reaches_the_element_holding_the_point_from_any_seed) {
-  th4_box box(6);
-  random_stream random(11);
-  std::size_t steps = 0;
-  for (int trial = 0; trial < 200; ++trial) {
-    const double p[3] = {random.uniform(), random.uniform(), random.uniform()};
-    const unsigned seed = unsigned(random.next() % box.mesh.connect.cols());
-    unsigned element = seed, again = seed;
-    ASSERT_EQ(elfes::visibility_walk(box.mesh.coords, box.mesh.connect, box.neighbors, p, element, 1e-9, steps), 1);
-    EXPECT_GE(min_barycentric(box.mesh.coords, box.mesh.connect, element, p), -1e-9);
-    elfes::visibility_walk(box.mesh.coords, box.mesh.connect, box.neighbors, p, again, 1e-9, steps);
-    EXPECT_EQ(again, element);  // same seed and point: same path, same answer
-  }
-  const double outside[3] = {1.5, 0.5, 0.5};
-  unsigned element = 0;
-  EXPECT_EQ(elfes::visibility_walk(box.mesh.coords, box.mesh.connect, box.neighbors, outside, element, 0, steps), 0);
-  EXPECT_EQ(element, ~0U);
-  EXPECT_LE(steps, box.mesh.connect.cols());
+// The corner tetrahedron A = (O, Y, X, Z) and B on its slanted face XYZ with apex W =
+// (-0.5, 1, 1): p, in B, lies beyond the face x = 0 of A (the boundary) as well as beyond
+// the face it shares with B. Under every positive numbering of A's nodes (so that each
+// face is drawn first in turn), the walk from A that meets the boundary face tries the
+// others and reaches B; the point (1.5, 0.5, 0.5) is in neither. (A third element, apart,
+// keeps the walks below the step limit.)
+TEST(visibility_walk, a_boundary_face_is_passed_over_for_another_face_out) {
+  const dense2D<double> coords(3, 9, {0, 0, 0, 0, 1, 0, 1,  0, 0, 0, 0, 1, -0.5, 1, 1,  //
+                                      9, 0, 0, 9, 1, 0, 10, 0, 0, 9, 0, 1});
+  const double p[3] = {-0.25, 0.8, 0.8}, outside[3] = {1.5, 0.5, 0.5};
+  unsigned order[4] = {0, 1, 2, 3};
+  int numberings = 0;
+  do {
+    dense2D<unsigned> connect(4, 3, {0, 0, 0, 0, 1, 2, 3, 4, 5, 6, 7, 8});  // B = (Y, X, Z, W)
+    for (int k = 0; k < 4; ++k) connect(k, 0) = order[k];
+    if (volume6(&coords(0, order[0]), &coords(0, order[1]), &coords(0, order[2]), &coords(0, order[3])) <= 0) continue;
+    ++numberings;
+    const dense2D<unsigned> neighbors = neighbors_of(connect);
+    std::size_t steps = 0;
+    unsigned element = 0;
+    EXPECT_EQ(elfes::visibility_walk(coords, connect, neighbors, p, element, 0, steps), 1);
+    EXPECT_EQ(element, 1u);
+    EXPECT_GE(min_barycentric(coords, connect, 1, p), 0.0);
+    element = 0;
+    EXPECT_EQ(elfes::visibility_walk(coords, connect, neighbors, outside, element, 0, steps), 0);
+    EXPECT_EQ(element, ~0U);
+  } while (std::next_permutation(order, order + 4));
+  EXPECT_EQ(numberings, 12);
 }
 
 TEST(visibility_walk, invalid_element_and_step_limit) {
@@ -384,44 +396,6 @@ TEST(get_elements_containing_points, each_element_is_that_of_the_single_search) 
   }
 }
 
-// Each check in turn, with every later argument bad too: `elements` untouched; all ~0U
-// for a mesh that is not searched. (Allocation failures: the family table.)
-TEST(get_elements_containing_points, status_codes_in_order_and_what_elements_holds) {
-  const th4_box box(2);
-  const auto& c = box.mesh.coords;
-  const auto& t = box.mesh.connect;
-  const auto& nb = box.neighbors;
-  const auto& ne = box.node_element;
-  dense2D<unsigned> bad_id;
-  ASSERT_TRUE(bad_id.copy(t));
-  bad_id(1, 3) = unsigned(c.cols());
-  const dense2D<double> c2 = c.sub_matrix(0, 0, 2, c.cols()), p2(2, 4, 0.5), p3(3, 4, 0.5);
-  const dense2D<unsigned> nb3 = nb.sub_matrix(0, 0, 3, t.cols()), none(4, 0);
-  const dense1D<unsigned, 8> ne_short(c.cols() - 1, 0u);
-  auto call = [&](const dense2D<double>& cs, const dense2D<unsigned>& ts, const dense2D<unsigned>& nbs,
-                  const dense1D<unsigned, 8>& nes, const dense2D<double>& p, zel::element_type type, int status,
-                  std::vector<unsigned> expected) {
-    dense1D<unsigned, 8> elements = {7, 7};
-    EXPECT_EQ(
-        t3::get_elements_containing_points(cs, ts, nbs, nes, zel::tessel::node_detector(cs), type, p, elements, 0),
-        status);
-    EXPECT_EQ(std::vector<unsigned>(elements.begin(), elements.end()), expected) << status;
-  };
-  const std::vector<unsigned> kept = {7, 7}, absent(4, ~0U);
-  call(c2, bad_id, nb3, ne_short, p2, zel::TH4, -1, kept);
-  call(c, bad_id, nb3, ne_short, p2, zel::TH4, -2, kept);
-  call(c, t, nb3, ne_short, p2, zel::TH4, -3, kept);
-  call(c, t, nb, ne_short, p2, zel::TH4, -4, kept);
-  call(c, t, nb, ne, p2, zel::TH4, -7, kept);
-  call(c, t, nb, ne, dense2D<double>(), zel::TH4, -7, kept);
-  call(c, t, nb, ne, p3, zel::TH10, 0, absent);  // 4 faces, but not searched
-  std::vector<unsigned> centre;                  // (0.5, 0.5, 0.5) is the middle node
-  ASSERT_EQ(one_by_one(box, p3, 0, centre), 1);
-  call(c, t, nb, ne, p3, zel::TH4, 1, centre);
-  call(c, t, nb, ne, dense2D<double>(3, 0), zel::TH4, 1, {});
-  call(c, none, none, ne, p3, zel::TH4, 0, absent);
-}
-
 // ---- interpolate -------------------------------------------------------------------------
 
 // A mesh over [0, 1]^3 followed by free nodes (node_element ~0U): `inside` random ones,
@@ -496,73 +470,233 @@ TEST(interpolation, linear_fields_and_sizes_inside_nearest_copies_outside) {
   }
 }
 
-// The point search and the interpolations check the mesh arguments alike; the
-// interpolations then their field and their node list.
+// ---- status codes in validation order ------------------------------------------------------
+
+// Valid arguments of every search and interpolation: a 2 x 2 x 2 box with five free nodes
+// (every third node listed), fields of two components, metrics and three points; each
+// matrix its own buffer, so that a bad entry reaches nothing else.
+struct located {
+  free_nodes f{2, 5, 0};
+  dense2D<double> coords, field, tensors, points{3, 3, 0.5};
+  dense2D<unsigned> connect, neighbors;
+  dense1D<unsigned, 8> node_element, nodes, elements{7, 7};
+  dense1D<double, 8> values;
+  double tolerance = 0;
+  located() {
+    const std::size_t n = f.coords.cols();
+    EXPECT_TRUE(coords.copy(f.coords) && connect.copy(f.box.mesh.connect) && neighbors.copy(f.box.neighbors) &&
+                node_element.copy(f.node_element) && nodes.copy(f.nodes));
+    field = dense2D<double>(2, n, 3.0), tensors = dense2D<double>(6, n, 3.0), values = dense1D<double, 8>(n, 3.0);
+  }
+};
+
+enum bad_location {
+  nodes_empty,
+  coords_rows,
+  connect_rows,
+  connect_id,
+  neighbors_rows,
+  neighbors_cols,
+  neighbors_entry,
+  node_element_short,
+  field_short,
+  nodes_bad,
+  points_rows,
+  tolerance_minus_infinite,
+  tolerance_infinite,
+  tolerance_nan
+};
+
+void break_argument(bad_location b, located& a) {
+  const std::size_t n = a.coords.cols();
+  switch (b) {
+    case nodes_empty: a.nodes.clear(); break;
+    case coords_rows: a.coords = a.coords.sub_matrix(0, 0, 2, n); break;
+    case connect_rows: a.connect = dense2D<unsigned>(5, a.connect.cols(), 0u); break;
+    case connect_id: a.connect(2, 1) = unsigned(n); break;
+    case neighbors_rows: a.neighbors = a.neighbors.sub_matrix(0, 0, 3, a.neighbors.cols()); break;
+    case neighbors_cols: a.neighbors = a.neighbors.sub_matrix(0, 0, 4, a.neighbors.cols() - 1); break;
+    case neighbors_entry: a.neighbors(0, 0) = unsigned(a.connect.cols()); break;  // an ID the walk would follow
+    case node_element_short: a.node_element.resize(n - 1); break;
+    case field_short:  // and metrics of 5 rows
+      a.field.resize(2, n - 1), a.values.resize(n - 1), a.tensors.resize(5, n);
+      break;
+    case nodes_bad: a.nodes = {0u, unsigned(n)}; break;
+    case points_rows: a.points = dense2D<double>(2, 3, 0.5); break;
+    case tolerance_minus_infinite: a.tolerance = -INFINITY; break;
+    case tolerance_infinite: a.tolerance = INFINITY; break;
+    case tolerance_nan: a.tolerance = NAN; break;
+  }
+}
+
+std::string bytes_of_located(const located& a) {
+  std::string out = bytes_of(a.field, a.tensors);
+  out.append(reinterpret_cast<const char*>(a.values.data()), a.values.size() * sizeof(double));
+  out.append(reinterpret_cast<const char*>(a.elements.data()), a.elements.size() * sizeof(unsigned));
+  return out;
+}
+
+struct location_form {
+  const char* name;
+  std::function<int(located&)> call;
+  std::vector<std::pair<bad_location, int>> chain;
+};
+
+// The interpolations check the mesh like the search, then their field and their list.
+const std::vector<std::pair<bad_location, int>> mesh_checks = {
+    {coords_rows, -1},    {connect_rows, -2},    {connect_id, -2},        {neighbors_rows, -3},
+    {neighbors_cols, -3}, {neighbors_entry, -3}, {node_element_short, -4}};
+std::vector<std::pair<bad_location, int>> with(std::vector<std::pair<bad_location, int>> front,
+                                               std::vector<std::pair<bad_location, int>> back) {
+  front.insert(front.end(), back.begin(), back.end());
+  return front;
+}
+const std::vector<std::pair<bad_location, int>> tolerances = {
+    {tolerance_minus_infinite, -9}, {tolerance_infinite, -9}, {tolerance_nan, -9}};
+
+const std::vector<location_form>& location_forms() {
+  static const auto interpolated = with(with({{nodes_empty, 0}}, mesh_checks), {{field_short, -5}, {nodes_bad, -6}});
+  static const auto every_node = with(mesh_checks, {{field_short, -5}});
+  static const auto projected = std::vector<std::pair<bad_location, int>>{
+      {nodes_empty, 0}, {coords_rows, -1}, {connect_rows, -2}, {connect_id, -2}, {field_short, -3}, {nodes_bad, -4}};
+  static const std::vector<location_form> forms = {
+      {"one point",
+       [](located& a) {
+         unsigned element = 77;
+         const int status = t3::get_element_containing_point(a.coords, a.connect, a.neighbors, a.node_element,
+                                                             zel::tessel::node_detector(a.coords), zel::TH4,
+                                                             point3(0.5, 0.5, 0.5), element, a.tolerance);
+         EXPECT_EQ(element == ~0U, status != 1);
+         return status;
+       },
+       with({{coords_rows, -1},
+             {connect_id, -2},
+             {connect_rows, -3},
+             {neighbors_rows, -3},
+             {neighbors_cols, -3},
+             {neighbors_entry, -3},
+             {node_element_short, -4}},
+            tolerances)},
+      {"many points",
+       [](located& a) {
+         return t3::get_elements_containing_points(a.coords, a.connect, a.neighbors, a.node_element,
+                                                   zel::tessel::node_detector(a.coords), zel::TH4, a.points, a.elements,
+                                                   a.tolerance);
+       },
+       with(with({{coords_rows, -1}, {connect_id, -2}, {neighbors_rows, -3}, {node_element_short, -4}},
+                 {{points_rows, -7}}),
+            tolerances)},
+      {"interpolate field",
+       [](located& a) { return t3::interpolate(a.coords, a.connect, a.neighbors, a.node_element, a.field, a.nodes); },
+       interpolated},
+      {"interpolate values",
+       [](located& a) { return t3::interpolate(a.coords, a.connect, a.neighbors, a.node_element, a.values, a.nodes); },
+       interpolated},
+      {"metrics at nodes",
+       [](located& a) {
+         return t3::interpolate_metrics(a.coords, a.connect, a.neighbors, a.node_element, a.tensors, a.nodes, false);
+       },
+       interpolated},
+      {"sizes at nodes",
+       [](located& a) {
+         return t3::interpolate_metrics(a.coords, a.connect, a.neighbors, a.node_element, a.values, a.nodes, true);
+       },
+       interpolated},
+      {"metrics everywhere",
+       [](located& a) {
+         return t3::interpolate_metrics(a.coords, a.connect, a.neighbors, a.node_element, a.tensors, false);
+       },
+       every_node},
+      {"sizes everywhere",
+       [](located& a) {
+         return t3::interpolate_metrics(a.coords, a.connect, a.neighbors, a.node_element, a.values, true);
+       },
+       every_node},
+      {"projected field", [](located& a) { return t3::interpolate_projected(a.coords, a.connect, a.field, a.nodes); },
+       projected},
+      {"projected values", [](located& a) { return t3::interpolate_projected(a.coords, a.connect, a.values, a.nodes); },
+       projected},
+      {"projected metrics",
+       [](located& a) { return t3::interpolate_metrics_projected(a.coords, a.connect, a.tensors, a.nodes, false); },
+       projected},
+      {"projected sizes",
+       [](located& a) { return t3::interpolate_metrics_projected(a.coords, a.connect, a.values, a.nodes, true); },
+       projected},
+      {"locate_points",
+       [](located& a) { return t3::locate_points(a.coords, a.connect, a.points, a.elements, a.tolerance); },
+       {{coords_rows, -1},
+        {connect_rows, -2},
+        {connect_id, -2},
+        {points_rows, -3},
+        {tolerance_minus_infinite, -5},
+        {tolerance_infinite, -5},
+        {tolerance_nan, -5}}},
+      {"locator",
+       [](located& a) {
+         t3::point_locator locator;
+         const int built = locator.build(a.coords, a.connect);
+         unsigned element = 7;
+         EXPECT_EQ(locator.find(point3(0.5, 0.5, 0.5), element, 0), built == 0 ? 1 : 0);  // an empty one finds nothing
+         EXPECT_EQ(element == ~0U, built != 0);
+         if (built != 0) return built;
+         EXPECT_EQ(locator.find(point3(0.5, 0.5, 0.5), element, a.tolerance), std::isfinite(a.tolerance) ? 1 : -3);
+         return locator.find(a.points, a.elements, a.tolerance);
+       },
+       {{coords_rows, -1},
+        {connect_rows, -2},
+        {connect_id, -2},
+        {points_rows, -1},
+        {tolerance_minus_infinite, -3},
+        {tolerance_infinite, -3},
+        {tolerance_nan, -3}}},
+  };
+  return forms;
+}
+
+// Each check in turn with every later argument bad too, and nothing written (the single
+// search leaves ~0U); then what the calls that pass their checks give without searching.
 TEST(location_status, every_code_in_validation_order_and_nothing_written) {
-  free_nodes f(2, 5, 0);
-  const std::size_t n = f.coords.cols();
-  const auto& c = f.coords;
-  const auto& t = f.box.mesh.connect;
-  const auto& nb = f.box.neighbors;
-  const auto& ne = f.node_element;
-  dense2D<double> field(2, n, 3.0), tensors(6, n, 3.0), short_field(2, n - 1, 3.0), short_tensors(6, n - 1, 3.0);
-  dense1D<double, 8> values(n, 3.0), long_values(n + 1, 3.0);
-  const dense2D<double> coords2 = c.sub_matrix(0, 0, 2, n);
-  dense2D<unsigned> bad_id, bad_neighbor;  // IDs the walk would index with
-  ASSERT_TRUE(bad_id.copy(t) && bad_neighbor.copy(nb));
-  bad_id(2, 1) = unsigned(n);
-  bad_neighbor(0, 0) = unsigned(t.cols());
-  const dense2D<unsigned> t5(5, t.cols()), nb3 = nb.sub_matrix(0, 0, 3, nb.cols()), none4(4, 0);
-  const dense2D<unsigned> nb_short = nb.sub_matrix(0, 0, 4, nb.cols() - 1);
-  const dense1D<unsigned, 8> ne_short(n - 1, ~0U), bad_nodes = {0u, unsigned(n)}, empty;
-  auto search = [](const dense2D<double>& cs, const dense2D<unsigned>& ts, const dense2D<unsigned>& nbs,
-                   const dense1D<unsigned, 8>& nes, zel::element_type type) {
-    unsigned element = 77;
-    const int status = t3::get_element_containing_point(cs, ts, nbs, nes, zel::tessel::node_detector(cs), type,
-                                                        point3(0.5, 0.5, 0.5), element, 0);
-    EXPECT_EQ(element == ~0U, status != 1);
-    return status;
+  for (const location_form& form : location_forms()) {
+    SCOPED_TRACE(form.name);
+    std::vector<bad_argument<located>> chain;
+    for (const auto& [b, code] : form.chain)
+      chain.push_back({std::to_string(b), [b = b](located& a) { break_argument(b, a); }, code});
+    expect_checks_in_order(chain, form.call, bytes_of_located);
+  }
+  located a;
+  const auto many = [&a](const dense2D<unsigned>& connect, const dense2D<unsigned>& neighbors, zel::element_type type,
+                         const dense2D<double>& points) {
+    a.elements = {7, 7};
+    return t3::get_elements_containing_points(a.coords, connect, neighbors, a.node_element,
+                                              zel::tessel::node_detector(a.coords), type, points, a.elements, 0);
   };
-  // Every form with the given arguments, fields that fit or fields that do not; the forms
-  // that treat every node are left out where the node list decides.
-  auto all = [&](const dense2D<double>& cs, const dense2D<unsigned>& ts, const dense2D<unsigned>& nbs,
-                 const dense1D<unsigned, 8>& nes, bool fit, const dense1D<unsigned, 8>& nodes, int expected,
-                 int located) {
-    dense2D<double>&m = fit ? field : short_field, &mt = fit ? tensors : short_tensors;
-    dense1D<double, 8>& v = fit ? values : long_values;
-    EXPECT_EQ(search(cs, ts, nbs, nes, zel::TH4), located);
-    EXPECT_EQ(t3::interpolate(cs, ts, nbs, nes, m, nodes), expected);
-    EXPECT_EQ(t3::interpolate(cs, ts, nbs, nes, v, nodes), expected);
-    EXPECT_EQ(t3::interpolate_metrics(cs, ts, nbs, nes, mt, nodes, false), expected);
-    EXPECT_EQ(t3::interpolate_metrics(cs, ts, nbs, nes, v, nodes, true), expected);
-    if (&nodes != &f.nodes) return;
-    EXPECT_EQ(t3::interpolate_metrics(cs, ts, nbs, nes, mt, false), expected);
-    EXPECT_EQ(t3::interpolate_metrics(cs, ts, nbs, nes, v, true), expected);
-  };
-  all(coords2, t5, nb3, ne_short, false, empty, 0, -1);  // an empty list is checked first
-  all(coords2, t5, nb3, ne_short, false, f.nodes, -1, -1);
-  all(c, t5, nb3, ne_short, false, f.nodes, -2, -3);  // the search checks only the IDs of its nodes
-  all(c, bad_id, nb, ne, true, f.nodes, -2, -2);
-  all(c, t, nb3, ne_short, false, f.nodes, -3, -3);
-  all(c, t, nb_short, ne, true, f.nodes, -3, -3);
-  all(c, t, bad_neighbor, ne, true, f.nodes, -3, -3);
-  all(c, t, nb, ne_short, false, f.nodes, -4, -4);
-  all(c, t, nb, ne, false, f.nodes, -5, 1);
-  all(c, t, nb, ne, true, bad_nodes, -6, 1);
-  all(c, none4, none4, ne, true, f.nodes, 0, 0);  // no element: nothing to copy from, nothing found
-  for (const dense2D<double>* m : {&field, &tensors, &short_field, &short_tensors})
-    EXPECT_TRUE(same(*m, dense2D<double>(m->rows(), m->cols(), 3.0)));
-  EXPECT_TRUE(same(values, dense1D<double, 8>(n, 3.0)));
-  dense2D<double> metrics5(5, n, 3.0), components0(0, n);
-  EXPECT_EQ(t3::interpolate_metrics(c, t, nb, ne, metrics5, f.nodes, false), -5);  // tensors have 6 rows
-  EXPECT_EQ(t3::interpolate(c, t, nb, ne, components0, f.nodes), 0);               // a field may have any
+  const dense2D<unsigned> none(4, 0);
+  const dense1D<unsigned, 8> not_found(3, ~0U);
+  EXPECT_EQ(many(a.connect, a.neighbors, zel::TH10, a.points), 0);  // 4 faces, but not searched
+  EXPECT_TRUE(same(a.elements, not_found));
+  EXPECT_EQ(many(none, none, zel::TH4, a.points), 0);  // no element
+  EXPECT_TRUE(same(a.elements, not_found));
+  EXPECT_EQ(many(a.connect, a.neighbors, zel::TH4, dense2D<double>(3, 0)), 1);
+  EXPECT_TRUE(a.elements.empty());
+  EXPECT_EQ(many(a.connect, a.neighbors, zel::TH4, dense2D<double>()), -7);
+  // No element: nothing to copy from; a field may have any number of components.
+  EXPECT_EQ(t3::interpolate(a.coords, none, none, a.node_element, a.field, a.nodes), 0);
+  dense2D<double> components0(0, a.coords.cols());
+  EXPECT_EQ(t3::interpolate(a.coords, a.connect, a.neighbors, a.node_element, components0, a.nodes), 0);
+  EXPECT_TRUE(same(a.field, dense2D<double>(2, a.coords.cols(), 3.0)));
   // The search takes any solid type: H8 needs 6 rows of neighbours, and only a TH4 mesh
   // is searched (6 rows of nodes and of neighbours fit type H8).
-  EXPECT_EQ(search(c, t, nb, ne, zel::H8), -3);
+  unsigned element = 7;
+  EXPECT_EQ(t3::get_element_containing_point(a.coords, a.connect, a.neighbors, a.node_element,
+                                             zel::tessel::node_detector(a.coords), zel::H8, point3(0.5, 0.5, 0.5),
+                                             element, 0),
+            -3);
   const box_mesh wedges = make_box(box_kind::W6, 2, 2, 2);
   dense1D<unsigned, 8> wedge_ne;
   zel::tessel::get_node_element(wedges.connect, unsigned(wedges.coords.cols()), wedge_ne);
-  EXPECT_EQ(search(wedges.coords, wedges.connect, dense2D<unsigned>(6, wedges.connect.cols(), ~0U), wedge_ne, zel::H8),
+  EXPECT_EQ(t3::get_element_containing_point(
+                wedges.coords, wedges.connect, dense2D<unsigned>(6, wedges.connect.cols(), ~0U), wedge_ne,
+                zel::tessel::node_detector(wedges.coords), zel::H8, point3(0.5, 0.5, 0.5), element, 0),
             0);
 }
 
@@ -760,9 +894,8 @@ TEST(interpolation, a_written_node_that_the_mesh_reads_keeps_the_list_order) {
 // ---- far and non-finite input --------------------------------------------------------------
 
 // Far points round every triple product of the inside test to 0 (from about 1e17 away) or
-// overflow it to NaN; none lies in an element, in any form of the search. A tolerance
-// that is not finite is refused with its position.
-TEST(far_points, never_inside_and_tolerance_must_be_finite) {
+// overflow it to NaN; none lies in an element, in any form of the search.
+TEST(far_points, never_inside) {
   const th4_box box(3);
   const dense2D<double>& c = box.mesh.coords;
   const dense2D<unsigned>& t = box.mesh.connect;
@@ -790,21 +923,6 @@ TEST(far_points, never_inside_and_tolerance_must_be_finite) {
     EXPECT_TRUE(same(elements, dense1D<unsigned, 8>(std::size(far), ~0U)));
     EXPECT_EQ(t3::locate_points(c, t, points, elements, tolerance), 0);
     EXPECT_TRUE(same(elements, dense1D<unsigned, 8>(std::size(far), ~0U)));
-  }
-  dense1D<unsigned, 8> elements = {7};
-  for (double tolerance : {double(NAN), double(INFINITY), -double(INFINITY)}) {
-    unsigned element = 7;
-    EXPECT_EQ(t3::get_element_containing_point(c, t, box.neighbors, box.node_element, detector, zel::TH4,
-                                               point3(0.5, 0.5, 0.5), element, tolerance),
-              -9);
-    EXPECT_EQ(element, ~0U);
-    EXPECT_EQ(t3::get_elements_containing_points(c, t, box.neighbors, box.node_element, detector, zel::TH4, points,
-                                                 elements, tolerance),
-              -9);
-    EXPECT_EQ(locator.find(point3(0.5, 0.5, 0.5), element, tolerance), -3);
-    EXPECT_EQ(locator.find(points, elements, tolerance), -3);
-    EXPECT_EQ(t3::locate_points(c, t, points, elements, tolerance), -5);
-    EXPECT_TRUE(same(elements, dense1D<unsigned, 8>{7}));
   }
 }
 
@@ -1025,60 +1143,6 @@ TEST(interpolate_metrics_projected, extreme_anisotropy_gives_valid_metrics_every
     } while (!exactly_positive_definite(&tensors(0, n)));
   ASSERT_EQ(t3::interpolate_metrics_projected(f.coords, f.box.mesh.connect, tensors, false), 0);
   for (unsigned n = f.mesh_nodes; n < nb; ++n) EXPECT_TRUE(exactly_positive_definite(&tensors(0, n))) << n;
-}
-
-// Status codes of the new forms, each check in turn with every later argument bad too,
-// and nothing written.
-TEST(point_locator, status_codes_in_order_and_nothing_written) {
-  free_nodes f(2, 3, 0);
-  const auto& c = f.coords;
-  const auto& t = f.box.mesh.connect;
-  const std::size_t n = c.cols();
-  dense2D<unsigned> copy;
-  ASSERT_TRUE(copy.copy(t));
-  copy(1, 2) = unsigned(n);
-  const dense2D<unsigned>& bad_id = copy;
-  const dense2D<double> c2 = c.sub_matrix(0, 0, 2, n), p2(2, 3, 0.5), p3(3, 3, 0.5);
-  const dense2D<unsigned> t5(5, t.cols());
-  dense2D<double> field(2, n, 3.0), short_field(2, n - 1, 3.0), tensors(6, n, 3.0), tensors5(5, n, 3.0);
-  dense1D<double, 8> values(n, 3.0), short_values(n - 1, 3.0);
-  const dense1D<unsigned, 8> bad_nodes = {0u, unsigned(n)}, empty;
-  struct row {
-    const dense2D<double>& coords;
-    const dense2D<unsigned>& connect;
-    bool fits;
-    const dense1D<unsigned, 8>& nodes;
-    int status;
-  };
-  for (const row& r :
-       {row{c2, t5, false, bad_nodes, -1}, row{c, t5, false, bad_nodes, -2}, row{c, bad_id, false, bad_nodes, -2},
-        row{c, t, false, bad_nodes, -3}, row{c, t, true, bad_nodes, -4}, row{c2, t5, false, empty, 0}}) {
-    EXPECT_EQ(t3::interpolate_projected(r.coords, r.connect, r.fits ? field : short_field, r.nodes), r.status);
-    EXPECT_EQ(t3::interpolate_projected(r.coords, r.connect, r.fits ? values : short_values, r.nodes), r.status);
-    EXPECT_EQ(t3::interpolate_metrics_projected(r.coords, r.connect, r.fits ? tensors : tensors5, r.nodes, false),
-              r.status);
-    EXPECT_EQ(t3::interpolate_metrics_projected(r.coords, r.connect, r.fits ? values : short_values, r.nodes, true),
-              r.status);
-    if (r.status >= -2 && r.status < 0) {
-      t3::point_locator locator;
-      EXPECT_EQ(locator.build(r.coords, r.connect), r.status);
-      unsigned element = 7;
-      EXPECT_EQ(locator.find(point3(0.5, 0.5, 0.5), element, 0), 0);  // an empty locator finds nothing
-      EXPECT_EQ(element, ~0U);
-    }
-  }
-  EXPECT_TRUE(same(field, dense2D<double>(2, n, 3.0)) && same(tensors, dense2D<double>(6, n, 3.0)));
-  EXPECT_TRUE(same(values, dense1D<double, 8>(n, 3.0)));
-  dense1D<unsigned, 8> elements = {7};
-  for (const auto& [coords, connect, points, status] :
-       {std::make_tuple(&c2, &t5, &p2, -1), std::make_tuple(&c, &bad_id, &p2, -2), std::make_tuple(&c, &t, &p2, -3)})
-    EXPECT_EQ(t3::locate_points(*coords, *connect, *points, elements, 0), status);
-  t3::point_locator locator;
-  ASSERT_EQ(locator.build(c, t), 0);
-  EXPECT_EQ(locator.find(p2, elements, 0), -1);
-  EXPECT_TRUE(same(elements, dense1D<unsigned, 8>{7}));
-  EXPECT_EQ(locator.find(p3, elements, 0), 1);  // (0.5, 0.5, 0.5) is the middle node
-  EXPECT_EQ(elements.size(), 3u);
 }
 
 }  // namespace

@@ -256,18 +256,6 @@ TEST(allocation, set_vector_num_allocator_returns_the_previous_pair) {
   zel::set_vector_num_allocator(initial.first, initial.second);
 }
 
-TEST(fixed, vector_and_symmetric_indexing) {
-  const vec3 p(1, 2.5, -3);
-  EXPECT_TRUE(p[0] == 1 && p[1] == 2.5 && p[2] == -3);
-  zel::symmetric_fixed<double, 3> a, b;
-  for (unsigned k = 0; k < 6; ++k) a[k] = k + 1;  // a11 a12 a22 a13 a23 a33
-  const double expected[9] = {1, 2, 4, 2, 3, 5, 4, 5, 6};
-  for (unsigned k = 0; k < 9; ++k) EXPECT_EQ(a(k / 3, k % 3), expected[k]) << k;
-  b = a;
-  b(2, 0) = 9;
-  EXPECT_TRUE(b(0, 2) == 9 && a(0, 2) == 4);
-}
-
 // ---- check_IDs -------------------------------------------------------------------------
 
 TEST(check_IDs, typed_rules_by_type_and_rows) {

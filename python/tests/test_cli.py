@@ -135,34 +135,46 @@ def _named_positions_hold(mesh):
 
 # ---- one round trip per command -------------------------------------------------------------
 
+LIFTED = {"T3": "T6", "Q4": "Q9", "TH4": "TH10", "W6": "W18", "H8": "H27"}
+PIECES = {"T3": 3, "Q4": 4, "TH4": 4, "W6": 6, "H8": 8}  # hexsplit: hexahedra or quadrangles per element
+
+
+def _expected_counts(command, counts):
+    if command == "quadratic":
+        return {LIFTED[k]: n for k, n in counts.items()}
+    return {"H8": sum(PIECES[k] * n for k, n in counts.items() if k in ("TH4", "W6", "H8")),
+            "Q4": sum(PIECES[k] * n for k, n in counts.items() if k in ("T3", "Q4"))}
+
+
+@pytest.mark.parametrize("command", ["quadratic", "hexsplit"])
 @pytest.mark.parametrize("name", ["block", "layers"])
-def test_quadratic_then_linear_keeps_groups_data_and_faces(capsys, tmp_path, meshes, name):
-    source_msh, source_vtu = meshes[name]
+def test_conversions_keep_volume_point_data_and_groups(capsys, tmp_path, meshes, command, name):
+    source_msh, _ = meshes[name]
     source = mio.read(str(source_msh))
-    quadratic = tmp_path / "quadratic.msh"
-    ok(capsys, "quadratic", source_msh, quadratic)
-    q = mio.read(str(quadratic))
-    lifted = {"T3": "T6", "Q4": "Q9", "TH4": "TH10", "W6": "W18", "H8": "H27"}
-    assert q.counts() == {lifted[k]: n for k, n in source.counts().items()}
-    _named_positions_hold(q)
-    kind, corners, _ = corner_solids(q)
-    assert t3.volume(q.coords, corners) == pytest.approx(t3.volume(source.coords, corner_solids(source)[1]))
-    np.testing.assert_allclose(q.point_data["temperature"], temperature(q.coords), atol=1e-12)
+    out = tmp_path / "out.msh"
+    ok(capsys, command, source_msh, out)
+    m = mio.read(str(out))
+    assert m.counts() == _expected_counts(command, source.counts())
+    assert t3.volume(m.coords, corner_solids(m)[1]) == pytest.approx(t3.volume(source.coords, corner_solids(source)[1]))
+    np.testing.assert_allclose(m.point_data["temperature"], temperature(m.coords), atol=1e-12)
+    per = PIECES if command == "hexsplit" else dict.fromkeys(PIECES, 1)
     for group, members in source.groups.items():
-        assert {lifted[t]: len(i) for t, i in members.items()} == {t: len(i) for t, i in q.groups[group].items()}
-    solid_nodes = np.unique(np.concatenate([c.ravel() for t, c in q.cells.items() if t in ("TH10", "W18", "H27")]))
-    assert np.isin(np.concatenate([c.ravel() for t, c in q.cells.items() if t in ("T6", "Q9")]), solid_nodes).all()
+        assert sum(len(i) for i in m.groups[group].values()) == sum(len(i) * per[t] for t, i in members.items())
+    if command == "quadratic":
+        _named_positions_hold(m)
+        solid_nodes = np.unique(np.concatenate([c.ravel() for t, c in m.cells.items() if t in ("TH10", "W18", "H27")]))
+        assert np.isin(np.concatenate([c.ravel() for t, c in m.cells.items() if t in ("T6", "Q9")]), solid_nodes).all()
+    elif name == "block":  # its faces are its whole boundary: the split faces are the hexahedra's
+        assert _key_set(m.cells["Q4"]) == _key_set(outer_faces(m.cells["H8"], "H8"))
 
-    with_data = tmp_path / "quadratic.vtu"
-    ok(capsys, "quadratic", source_vtu, with_data)
-    v = mio.read(str(with_data))
-    n = len(source.coords)  # integer point data: kept at the old nodes, not made up at the new ones
-    assert (v.point_data["node_id"][:n] == np.arange(n)).all() and (v.point_data["node_id"][n:] == -1).all()
-    for t, values in mio.read(str(source_vtu)).cell_data["weight"].items():
-        np.testing.assert_array_equal(v.cell_data["weight"][lifted[t]], values)
 
-    linear = tmp_path / "linear.msh"
-    assert f"{len(q.coords) - len(source.coords)} node(s) no element uses" in ok(capsys, "linear", quadratic, linear)
+def test_linear_undoes_quadratic_and_integer_data_is_not_made_up(capsys, tmp_path, meshes):
+    source_msh, source_vtu = meshes["block"]
+    source = mio.read(str(source_msh))
+    quadratic, linear, with_data = tmp_path / "quadratic.msh", tmp_path / "linear.msh", tmp_path / "quadratic.vtu"
+    ok(capsys, "quadratic", source_msh, quadratic)
+    added = len(mio.read(str(quadratic)).coords) - len(source.coords)
+    assert f"{added} node(s) no element uses" in ok(capsys, "linear", quadratic, linear)
     back = mio.read(str(linear))
     np.testing.assert_array_equal(back.coords, source.coords)
     for t, cells in source.cells.items():
@@ -171,25 +183,12 @@ def test_quadratic_then_linear_keeps_groups_data_and_faces(capsys, tmp_path, mes
         np.testing.assert_array_equal(back.point_data[k], values)
     assert {g: {t: list(i) for t, i in m.items()} for g, m in back.groups.items()} == \
         {g: {t: list(i) for t, i in m.items()} for g, m in source.groups.items()}
-
-
-@pytest.mark.parametrize("name", ["block", "layers"])
-def test_hexsplit_splits_the_faces_with_the_solids(capsys, tmp_path, meshes, name):
-    source_msh, _ = meshes[name]
-    source = mio.read(str(source_msh))
-    out = tmp_path / "hexa.msh"
-    ok(capsys, "hexsplit", source_msh, out)
-    h = mio.read(str(out))
-    counts = source.counts()
-    assert h.counts() == {"H8": 4 * counts.get("TH4", 0) + 6 * counts.get("W6", 0) + 8 * counts.get("H8", 0),
-                          "Q4": 3 * counts.get("T3", 0) + 4 * counts.get("Q4", 0)}
-    assert t3.volume(h.coords, h.cells["H8"]) == pytest.approx(t3.volume(source.coords, corner_solids(source)[1]))
-    np.testing.assert_allclose(h.point_data["temperature"], temperature(h.coords), atol=1e-12)
-    if name == "block":  # its faces are its whole boundary: the split faces are the hexahedra's
-        assert _key_set(h.cells["Q4"]) == _key_set(outer_faces(h.cells["H8"], "H8"))
-    for group, members in source.groups.items():
-        assert sum(len(i) for i in h.groups[group].values()) == sum(
-            len(i) * {"T3": 3, "Q4": 4, "TH4": 4, "W6": 6, "H8": 8}[t] for t, i in members.items())
+    ok(capsys, "quadratic", source_vtu, with_data)
+    v = mio.read(str(with_data))
+    n = len(source.coords)  # integer point data: kept at the old nodes, not made up at the new ones
+    assert (v.point_data["node_id"][:n] == np.arange(n)).all() and (v.point_data["node_id"][n:] == -1).all()
+    for t, values in mio.read(str(source_vtu)).cell_data["weight"].items():
+        np.testing.assert_array_equal(v.cell_data["weight"][LIFTED[t]], values)
 
 
 def test_quality_output_is_the_input_with_angles(capsys, tmp_path, meshes):

@@ -1,4 +1,5 @@
-"""Point location and interpolation: brute-force references and exactness on linear fields."""
+"""Point location and interpolation through the package: one call against many, in-place
+writes, errors, and meshes made by Gmsh with slots, holes and curved sides."""
 
 import os
 import subprocess
@@ -28,25 +29,6 @@ def barycentric_inside(coords, connect, p, tol=1e-12):
     return out
 
 
-def test_located_element_holds_the_point():
-    coords, connect = box("TH4", (3, 3, 3), jitter=0.2)
-    rng = np.random.default_rng(5)
-    points = rng.uniform(0.01, 0.99, (40, 3))
-    locator = t3.Locator(coords, connect)
-    found = locator.find_all(points)
-    for p, e in zip(points, found):
-        assert e in barycentric_inside(coords, connect, p)
-        assert locator.find(p) == e
-    assert t3.get_element_containing_point(coords, connect, points[0]) == found[0]
-
-
-def test_points_outside_are_not_located():
-    coords, connect = box("TH4", (2, 2, 2))
-    assert t3.get_element_containing_point(coords, connect, (1.5, 0.5, 0.5)) is None
-    found = t3.Locator(coords, connect).find_all([[2, 2, 2], [-1, 0.5, 0.5]])
-    assert (found == A).all()
-
-
 def test_find_all_gives_what_find_gives_for_each_point():
     # one call for all the points, searched in an order of their own: inside, on nodes,
     # just outside, far outside and not finite, in random order
@@ -61,6 +43,10 @@ def test_find_all_gives_what_find_gives_for_each_point():
         found = locator.find_all(points, tolerance)
         assert found.dtype == np.uint32 and found.shape == (len(points),)
         assert found.tolist() == [A if e is None else e for e in one_by_one]
+        walked = [t3.get_element_containing_point(coords, connect, p, tolerance=tolerance) for p in points[:20]]
+        assert [e is None for e in walked] == [e is None for e in one_by_one[:20]]
+        assert all(e is None or e in barycentric_inside(coords, connect, p, tolerance + 1e-12)
+                   for p, e in zip(points[:20], walked))
     assert locator.find_all(np.zeros((0, 3))).shape == (0,)
     assert locator.find_all([]).shape == (0,)
 
@@ -77,77 +63,56 @@ def test_find_all_errors():
         assert caught.value.argument == "tolerance" and "finite" in str(caught.value)
     inverted = connect.copy()
     t3.flip(inverted, t3.TH4)
-    with pytest.raises(t3.Error) as caught:
-        t3.Locator(coords, inverted, strict=True).find_all([[0.5, 0.5, 0.5], [0.2, 0.2, 0.2]])
-    assert caught.value.status == -1 and "inverted or flat" in str(caught.value)
+    for search in (lambda: t3.Locator(coords, inverted, strict=True).find_all([[0.5, 0.5, 0.5], [0.2, 0.2, 0.2]]),
+                   lambda: t3.get_element_containing_point(coords, inverted, (0.5, 0.5, 0.5), strict=True)):
+        with pytest.raises(t3.Error) as caught:
+            search()
+        assert caught.value.status == -1 and "inverted or flat" in str(caught.value)
     # inverted elements hold no point for the search that cannot miss
     assert (t3.Locator(coords, inverted).find_all([[0.5, 0.5, 0.5], [0.2, 0.2, 0.2]]) == A).all()
     with pytest.raises(t3.Error) as caught:
         t3.Locator(coords, connect[:, :3])
     assert caught.value.argument == "connect"
+    # neighbors must have the rows of connect and the face count of the type: 6 columns
+    # pass as H8 and are reported as not located; 8 cannot match the 6 faces of an H8
     wedges = box("W6", (1, 1, 1))
+    no_neighbors = np.full(wedges[1].shape, A, dtype=np.uint32)
     for strict in (True, False):
-        locator = t3.Locator(*wedges, type=t3.H8, neighbors=np.full(wedges[1].shape, A, dtype=np.uint32),
-                             strict=strict)
+        locator = t3.Locator(*wedges, type=t3.H8, neighbors=no_neighbors, strict=strict)
         assert (locator.find_all([[0.5, 0.5, 0.5], [0.1, 0.1, 0.1]]) == A).all()
-
-
-def test_tolerance_accepts_points_just_outside():
-    coords, connect = box("TH4", (1, 1, 1))
-    p = (0.5, 0.5, -1e-4)
-    assert t3.get_element_containing_point(coords, connect, p) is None
-    assert t3.get_element_containing_point(coords, connect, p, tolerance=1e-2) is not None
-
-
-def test_inverted_element_stops_the_walk():
-    coords, connect = box("TH4", (2, 2, 2))
-    inverted = connect.copy()
-    t3.flip(inverted, t3.TH4)
-    with pytest.raises(t3.Error) as caught:
-        t3.get_element_containing_point(coords, inverted, (0.5, 0.5, 0.5), strict=True)
-    assert caught.value.status == -1 and "inverted or flat" in str(caught.value)
-
-
-def test_other_element_types_are_not_searched():
-    # neighbors must have the rows of connect and the face count of the type: a 6-column
-    # connectivity with 6-column neighbours passes as H8, and is reported as not located
-    coords, connect = box("W6", (1, 1, 1))
-    neighbors = np.full(connect.shape, A, dtype=np.uint32)
-    assert t3.get_element_containing_point(coords, connect, (0.5, 0.5, 0.5), type=t3.H8,
-                                           neighbors=neighbors, strict=True) is None
+    assert t3.get_element_containing_point(*wedges, (0.5, 0.5, 0.5), type=t3.H8, neighbors=no_neighbors,
+                                           strict=True) is None
     hexa = box("H8", (1, 1, 1))
-    with pytest.raises(t3.Error) as caught:  # 8 columns cannot match the 6 faces of an H8
+    with pytest.raises(t3.Error) as caught:
         t3.get_element_containing_point(hexa[0], hexa[1], (0.5, 0.5, 0.5), type=t3.H8, strict=True)
     assert caught.value.status == -3
 
 
-def test_interpolation_of_a_linear_field_is_exact():
+def test_interpolations_write_in_place_and_strict_copies_the_nearest_node():
+    # outside the box, the default gives the value at the closest boundary point
+    # (1, 0.5, 0.5), strict the nearest node's
     coords, connect = box("TH4", (3, 3, 3), jitter=0.15)
-    rng = np.random.default_rng(2)
-    inside = rng.uniform(0.05, 0.95, (30, 3))
-    outside = np.array([[2.0, 0.5, 0.5]])
-    allc = np.concatenate([coords, inside, outside])
     n = len(coords)
-
-    def linear(x):
-        return np.stack([1 + 2 * x[:, 0] - x[:, 1] + 3 * x[:, 2], x[:, 0] * 0.5], axis=1)
-    field = np.zeros((len(allc), 2))
-    field[:n] = linear(coords)
-    nodes = np.arange(n, len(allc), dtype=np.uint32)
+    allc = np.concatenate([coords, [[0.3, 0.4, 0.5], [2.0, 0.5, 0.5]]])
+    gradient = np.array([2.0, -1.0, 3.0])
+    field = np.zeros((n + 2, 2))
+    field[:n, 0], field[:n, 1] = coords @ gradient, 1
     strict = field.copy()
-    result = t3.interpolate(allc, connect, field, nodes)
-    assert result is field  # in place
-    np.testing.assert_allclose(field[n:n + 30], linear(inside), atol=1e-9)
-    # outside: the value at the closest point of the boundary, here (1, 0.5, 0.5)
-    np.testing.assert_allclose(field[-1], linear(np.array([[1.0, 0.5, 0.5]]))[0], atol=1e-12)
-    t3.interpolate(allc, connect, strict, nodes, strict=True)
-    np.testing.assert_allclose(strict[n:n + 30], linear(inside), atol=1e-9)
-    nearest = np.argmin(np.linalg.norm(coords - outside[0], axis=1))
-    np.testing.assert_array_equal(strict[-1], strict[nearest])  # strict: the nearest node's values
-    scalar = np.zeros(len(allc))
-    scalar[:n] = linear(coords)[:, 0]
-    t3.interpolate(allc, connect, scalar, nodes)
-    np.testing.assert_allclose(scalar[n:n + 30], linear(inside)[:, 0], atol=1e-9)
+    assert t3.interpolate(allc, connect, field, [n, n + 1]) is field
+    np.testing.assert_allclose(field[n:], [[allc[n] @ gradient, 1], [[1.0, 0.5, 0.5] @ gradient, 1]], atol=1e-9)
+    t3.interpolate(allc, connect, strict, np.array([n, n + 1]), strict=True)
+    nearest = np.argmin(np.linalg.norm(coords - allc[n + 1], axis=1))
+    np.testing.assert_array_equal(strict[n + 1], strict[nearest])
+    sizes = np.zeros(n + 2)
+    sizes[:n] = 1 + coords[:, 0]
+    assert t3.interpolate_metrics(allc, connect, sizes) is sizes and sizes[n] == pytest.approx(1.3)
+    kept = np.full(n + 2, 2.0)
+    t3.interpolate_metrics(allc, connect, kept, keep_valid=True)
+    assert (kept == 2.0).all()
+    metrics = np.zeros((n + 2, 6))
+    metrics[:n] = [4.0, 1.0, 3.0, 0.0, 0.5, 2.0]
+    t3.interpolate_metrics(allc, connect, metrics, [n])
+    np.testing.assert_allclose(metrics[n], metrics[0], rtol=1e-9)
 
 
 def test_interpolation_errors():
@@ -163,24 +128,6 @@ def test_interpolation_errors():
             t3.interpolate_metrics(coords, connect, np.zeros((len(coords), 5)), strict=strict)
         assert caught.value.argument == "metrics"
     assert t3.interpolate(coords, connect, np.zeros(len(coords)), []).shape == (len(coords),)
-
-
-def test_metric_interpolation_of_equal_metrics_and_sizes():
-    coords, connect = box("TH4", (2, 2, 2))
-    allc = np.concatenate([coords, [[0.3, 0.4, 0.5]]])
-    n = len(coords)
-    metric = np.array([4.0, 1.0, 3.0, 0.0, 0.5, 2.0])  # M11 M12 M22 M13 M23 M33, positive definite
-    metrics = np.zeros((n + 1, 6))
-    metrics[:n] = metric
-    t3.interpolate_metrics(allc, connect, metrics, [n])
-    np.testing.assert_allclose(metrics[n], metric, rtol=1e-9)
-    sizes = np.zeros(n + 1)
-    sizes[:n] = 1 + coords[:, 0]  # linear sizes interpolate exactly
-    t3.interpolate_metrics(allc, connect, sizes)
-    assert sizes[n] == pytest.approx(1.3)
-    kept = np.full(n + 1, 2.0)
-    t3.interpolate_metrics(allc, connect, kept, keep_valid=True)
-    assert kept[n] == 2.0
 
 
 # ---- meshes made by Gmsh: a slotted block, a block with a hole, cylinders ---------------------

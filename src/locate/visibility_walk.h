@@ -7,6 +7,7 @@
 
 #include <cstdint>
 
+#include "common/debug_check.h"
 #include "common/element_tables.h"
 #include "locate/th4_exit_face.h"
 #include "zel/matrix.h"
@@ -27,6 +28,9 @@ inline int visibility_walk(const zel::dense2D<double>& coords, const zel::dense2
                            const zel::dense2D<unsigned>& neighbors, const double* p, unsigned& current,
                            double tolerance, std::size_t& steps, std::size_t step_limit = ~std::size_t(0)) {
   const std::size_t nb_elements = connectivity.cols();
+  // The callers have checked the shapes, and that every neighbour is an element or ~0U.
+  TESSEL3D_DEBUG_ASSERT(coords.rows() == 3 && connectivity.rows() >= 4);
+  TESSEL3D_DEBUG_ASSERT(neighbors.rows() == 4 && neighbors.cols() == nb_elements);
   const std::size_t limit = step_limit < nb_elements ? step_limit : nb_elements;
   const double* xyz = coords.data();
   const std::size_t ld_xyz = coords.ld();
@@ -41,6 +45,7 @@ inline int visibility_walk(const zel::dense2D<double>& coords, const zel::dense2
   for (;;) {
     if (current == NO_ELEMENT) break;
     if (steps++ >= limit) break;
+    TESSEL3D_DEBUG_ASSERT(current < nb_elements);
     if (draws_left == 0) {
       state = walk_seed_step(state);
       word = state;
@@ -57,6 +62,7 @@ inline int visibility_walk(const zel::dense2D<double>& coords, const zel::dense2
       current = NO_ELEMENT;
       return steps == nb_elements ? -2 : -1;
     }
+    TESSEL3D_DEBUG_ASSERT(face >= 0 && face < 4);
     const unsigned* across = nbrs + current * ld_nbrs;
     unsigned next = across[face];
     // A boundary face: look for another face through which p lies outside, without

@@ -43,6 +43,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "common/debug_check.h"
 #include "common/element_tables.h"
 #include "order/key_mixing.h"
 #include "zel/matrix.h"
@@ -391,6 +392,7 @@ class hash_table {
   // The entry equal to key whose home bucket is home_pos. The chain from the home bucket
   // is walked up to chain_limit links; a chain that long continues in the index.
   place_found lookup(std::size_t home_pos, const key_type& key) const {
+    TESSEL3D_DEBUG_ASSERT(home_pos >= first_ && home_pos < first_ + buckets_);  // a home of this bucket count
     const slot_type* slots = storage_->data();
     std::size_t pos = home_pos;
     ++probes_;
@@ -402,10 +404,12 @@ class hash_table {
       const unsigned link = slots[pos].link;
       if (link < 2) break;
       pos += link >> 1;
+      TESSEL3D_DEBUG_ASSERT(pos < first_ + used_ && links < chain_limit);  // links point forward, chains stay short
       ++links;
       ++probes_;
     }
     if (links < chain_limit || !index_) return {npos, home_pos, pos, links};
+    TESSEL3D_DEBUG_ASSERT(2 * indexed_ <= index_capacity());  // an empty entry ends every probe run
     const std::uint64_t mixed = lookup_hash(seed_, key);
     const unsigned tag = static_cast<unsigned>(mixed >> 32);
     const index_entry* index = index_->data();
@@ -430,6 +434,7 @@ class hash_table {
 
   // Adds the slot at `pos` to the index (which has room and does not hold it).
   void record(std::size_t pos) {
+    TESSEL3D_DEBUG_ASSERT(pos >= first_ && pos < first_ + used_ && 2 * (indexed_ + 1) <= index_capacity());
     const std::uint64_t mixed = lookup_hash(seed_, stored_key<Value>::of(storage_->data()[pos].value));
     index_entry* index = index_->data();
     std::size_t i = mixed & index_mask_;
@@ -461,6 +466,9 @@ class hash_table {
   // the index could not grow, or when a position would not fit a link or an index word.
   std::size_t add(const place_found& at, const Value& value) {
     slot_type* slots = storage_->data();
+    // `at` is the end of the key's chain: a free home bucket, or a live slot without a link.
+    TESSEL3D_DEBUG_ASSERT(at.tail == npos ? !(slots[at.home].link & 1u)
+                                          : at.tail >= first_ && at.tail < first_ + used_ && slots[at.tail].link == 1u);
     if (at.tail == npos) {  // a free home bucket
       slots[at.home].value = value;
       slots[at.home].link |= 1u;
