@@ -11,6 +11,7 @@
 #include <sched.h>
 
 #include <atomic>
+#include <cmath>
 #include <string>
 #include <thread>
 #include <vector>
@@ -257,6 +258,53 @@ scene big_search() {
   return s;
 }
 
+// A TH4 box with a few nodes moved onto their neighbours (flat and collapsed elements in
+// several chunks), for the angle measures and the list of degenerate elements.
+scene big_angles(box_kind kind, unsigned n) {
+  scene s = big_box(kind, n);
+  for (std::size_t k = 1; k + 1 < s.coords.cols(); k += 331)
+    for (int d = 0; d < 3; ++d) s.coords(d, k) = s.coords(d, k + 1);
+  s.min_values.resize(s.connect.cols());
+  s.max_values.resize(s.connect.cols());
+  return s;
+}
+
+// Free nodes after the nodes of a TH4 box (inside, outside, one not finite, a few listed
+// twice), with a linear field (2 rows), metric tensors (6 rows) and sizes on the mesh.
+scene big_free_nodes(bool metrics) {
+  scene s = big_box(box_kind::TH4, 12);
+  const unsigned m = unsigned(s.coords.cols()), extra = 6000;
+  s.coords.resize(3, m + extra);
+  tessel3d_test::random_stream random(4);
+  for (unsigned k = 0; k < extra; ++k)
+    for (int d = 0; d < 3; ++d) s.coords(d, m + k) = random.uniform(-0.2, 1.2);
+  s.coords(1, m + 17) = NAN;
+  zel::tessel::get_neighbors(s.connect, zel::TH4, s.neighbors);
+  zel::tessel::get_node_element(s.connect, m + extra, s.node_element);
+  s.ids.resize(extra + 3);
+  for (unsigned k = 0; k < extra; ++k) s.ids[k] = m + extra - 1 - k;
+  for (unsigned k = 0; k < 3; ++k) s.ids[extra + k] = m + 1000 * k;
+  s.reals_out = zel::dense2D<double>(metrics ? 6 : 2, m + extra, metrics ? 0.0 : 7.0);
+  s.values = zel::dense1D<double, 8>(m + extra, metrics ? 0.0 : 7.0);
+  for (unsigned n = 0; n < m; ++n) {
+    const double x = s.coords(0, n), y = s.coords(1, n), z = s.coords(2, n);
+    const double field[6] = {x - 2 * y + 3 * z, x * y}, tensor[6] = {4 + x, 0.5 * y, 3 + z, 0.1, 0.2 * x, 2 + y};
+    s.values[n] = 1 + x + 2 * y + z;
+    for (std::size_t k = 0; k < s.reals_out.rows(); ++k) s.reals_out(k, n) = metrics ? tensor[k] : field[k];
+  }
+  return s;
+}
+scene big_field() { return big_free_nodes(false); }
+scene big_metrics() { return big_free_nodes(true); }
+scene big_points() {
+  scene s = big_box(box_kind::TH4, 12);
+  tessel3d_test::random_stream random(8);
+  s.reals_in.resize(3, 9000);
+  for (std::size_t j = 0; j < s.reals_in.cols(); ++j)
+    for (int d = 0; d < 3; ++d) s.reals_in(d, j) = random.uniform(-0.1, 1.1);
+  return s;
+}
+
 #define BIG_ROW(name, make, ...)                              \
   family_row {                                                \
     name, make, nullptr, [](scene& s) { return __VA_ARGS__; } \
@@ -280,6 +328,28 @@ const std::vector<family_row>& chunked_families() {
       BIG_ROW("get_elements_containing_points", big_search,
               t3::get_elements_containing_points(s.coords, s.connect, s.neighbors, s.node_element, s.detector, zel::TH4,
                                                  s.reals_in, s.ids_out, 0.0)),
+      BIG_ROW(
+          "dihedral_angles", [] { return big_angles(box_kind::TH4, 16); },
+          t3::dihedral_angles(s.coords, s.connect, true, s.min_values, s.max_values)),
+      BIG_ROW(
+          "dihedral_angles_checked", [] { return big_angles(box_kind::H8, 22); },
+          t3::dihedral_angles(s.coords, s.connect, false, s.min_values, s.max_values, s.ids_out)),
+      BIG_ROW(
+          "solid_angles", [] { return big_angles(box_kind::H8, 22); },
+          t3::solid_angles(s.coords, s.connect, false, s.min_values, s.max_values)),
+      BIG_ROW(
+          "solid_angles_checked", [] { return big_angles(box_kind::TH4, 16); },
+          t3::solid_angles(s.coords, s.connect, true, s.min_values, s.max_values, s.ids_out)),
+      BIG_ROW("interpolate", big_field,
+              t3::interpolate(s.coords, s.connect, s.neighbors, s.node_element, s.reals_out, s.ids)),
+      BIG_ROW("interpolate_metrics", big_metrics,
+              t3::interpolate_metrics(s.coords, s.connect, s.neighbors, s.node_element, s.reals_out, s.ids, true)),
+      BIG_ROW("interpolate_metrics_sizes", big_metrics,
+              t3::interpolate_metrics(s.coords, s.connect, s.neighbors, s.node_element, s.values, false)),
+      BIG_ROW("interpolate_projected", big_field, t3::interpolate_projected(s.coords, s.connect, s.values, s.ids)),
+      BIG_ROW("interpolate_metrics_projected", big_metrics,
+              t3::interpolate_metrics_projected(s.coords, s.connect, s.reals_out, s.ids, false)),
+      BIG_ROW("locate_points", big_points, t3::locate_points(s.coords, s.connect, s.reals_in, s.ids_out, 1e-9)),
       BIG_ROW(
           "get_node_element", [] { return big_box(box_kind::TH4, 24); },
           zel::tessel::get_node_element(s.connect, unsigned(s.coords.cols()), s.ids_out)),

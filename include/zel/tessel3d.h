@@ -140,8 +140,8 @@ TESSEL3D_EXPORT int circumcenters(const dense2D<double>& coords, const dense2D<u
 /// @return -5 (tested first) minValues and maxValues share memory | 0 (an empty connect
 ///         after the check: outputs untouched) | -2 connect rejected by check_IDs (nothing
 ///         written) | -1 coords with fewer than 3 rows (tested after the emptiness test;
-///         nothing written). Values the scratch list cannot store
-///         (memory exhausted) are left out of their element's extremes.
+///         nothing written). The call allocates nothing: the values of an element
+///         (at most twelve) are kept on the stack.
 TESSEL3D_EXPORT int dihedral_angles(const dense2D<double>& coords, const dense2D<unsigned>& connect, bool normalise,
                                     dense1D<double, 8>& minValues, dense1D<double, 8>& maxValues);
 

@@ -231,7 +231,7 @@ int walk_checked_angles(const zel::dense2D<double>& coords, const zel::dense2D<u
   const std::size_t n = connect.cols(), ld = connect.ld();
   bool listed = true;
   zel::dense1D<std::uint8_t, 8> marks;
-  if (parallel_threads() > 1 && n > angle_grain && marks.resize(n)) {
+  if (n > angle_grain && parallel_threads() > 1 && marks.resize(n)) {
     parallel_for(n, angle_grain, [&](std::size_t first, std::size_t last) {
       const unsigned* column = connect.data() + first * ld;
       for (std::size_t j = first; j < last; ++j, column += ld)
