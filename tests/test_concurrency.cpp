@@ -297,12 +297,38 @@ scene big_free_nodes(bool metrics) {
 scene big_field() { return big_free_nodes(false); }
 scene big_metrics() { return big_free_nodes(true); }
 scene big_points() {
-  scene s = big_box(box_kind::TH4, 12);
+  scene s = big_box(box_kind::TH4, 16);
   tessel3d_test::random_stream random(8);
   s.reals_in.resize(3, 9000);
   for (std::size_t j = 0; j < s.reals_in.cols(); ++j)
     for (int d = 0; d < 3; ++d) s.reals_in(d, j) = random.uniform(-0.1, 1.1);
   return s;
+}
+
+// 70,000 nodes on a coarse grid (many at one place: ties), and points to query.
+scene big_cloud() {
+  scene s;
+  tessel3d_test::random_stream random(12);
+  s.coords.resize(3, 70000);
+  for (std::size_t j = 0; j < s.coords.cols(); ++j)
+    for (int d = 0; d < 3; ++d) s.coords(d, j) = std::floor(random.uniform(0, 50)) / 50;
+  s.reals_in.resize(3, 3000);
+  for (std::size_t j = 0; j < s.reals_in.cols(); ++j)
+    for (int d = 0; d < 3; ++d) s.reals_in(d, j) = random.uniform(-0.1, 1.1);
+  return s;
+}
+// The detector's answers, which depend on the shape of its tree (find_close) or not; a
+// build that ran out of memory leaves an empty detector: -199.
+int query_detector(scene& s) {
+  s.detector = zel::tessel::node_detector(s.coords);
+  if (s.detector.size() != s.coords.cols()) return -199;
+  if (!s.ids_out.resize(2 * s.reals_in.cols())) return -199;
+  for (std::size_t j = 0; j < s.reals_in.cols(); ++j) {
+    const vec3 p(s.reals_in(0, j), s.reals_in(1, j), s.reals_in(2, j));
+    s.ids_out[2 * j] = s.detector.find_close(p);
+    s.ids_out[2 * j + 1] = s.detector.find_closest(p);
+  }
+  return 0;
 }
 
 #define BIG_ROW(name, make, ...)                              \
@@ -350,6 +376,7 @@ const std::vector<family_row>& chunked_families() {
       BIG_ROW("interpolate_metrics_projected", big_metrics,
               t3::interpolate_metrics_projected(s.coords, s.connect, s.reals_out, s.ids, false)),
       BIG_ROW("locate_points", big_points, t3::locate_points(s.coords, s.connect, s.reals_in, s.ids_out, 1e-9)),
+      BIG_ROW("node_detector", big_cloud, query_detector(s)),
       BIG_ROW(
           "get_node_element", [] { return big_box(box_kind::TH4, 24); },
           zel::tessel::get_node_element(s.connect, unsigned(s.coords.cols()), s.ids_out)),

@@ -38,8 +38,8 @@ void box_of_nodes(const double* const* node, unsigned count, double* box) {
   for (unsigned d = 0; d < 3; ++d) {
     box[d] = box[d + 3] = node[0][d];
     for (unsigned k = 1; k < count; ++k) {
-      box[d] = std::fmin(box[d], node[k][d]);
-      box[d + 3] = std::fmax(box[d + 3], node[k][d]);
+      box[d] = elfes::lower_of(box[d], node[k][d]);
+      box[d + 3] = elfes::upper_of(box[d + 3], node[k][d]);
     }
   }
 }
