@@ -10,6 +10,7 @@
 
 #include <sched.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <string>
@@ -331,6 +332,28 @@ int query_detector(scene& s) {
   return 0;
 }
 
+// A TH4 box cut by the grid plane x = 1/2 (its faces as seen from the elements on the
+// left, nodes of the box's edges included), to open on both sides.
+scene big_cut() {
+  const unsigned n = 24, cut = n / 2;
+  scene s = big_box(box_kind::TH4, n);
+  zel::tessel::get_neighbors(s.connect, zel::TH4, s.neighbors);
+  zel::tessel::get_node_element(s.connect, unsigned(s.coords.cols()), s.node_element);
+  auto plane = [&](unsigned node) { return node % (n + 1); };                          // the grid index along x
+  static const unsigned face_of[4][3] = {{1, 2, 3}, {2, 0, 3}, {0, 1, 3}, {2, 1, 0}};  // opposite vertex v
+  std::vector<unsigned> faces;
+  for (std::size_t e = 0; e < s.connect.cols(); ++e)
+    for (unsigned v = 0; v < 4; ++v) {
+      bool on_cut = true;
+      for (unsigned k = 0; k < 3; ++k) on_cut &= plane(s.connect(face_of[v][k], e)) == cut;
+      if (!on_cut || plane(s.connect(v, e)) > cut) continue;
+      for (unsigned k = 0; k < 3; ++k) faces.push_back(s.connect(face_of[v][k], e));
+    }
+  s.faces.resize(3, faces.size() / 3);
+  std::copy(faces.begin(), faces.end(), s.faces.data());
+  return s;
+}
+
 #define BIG_ROW(name, make, ...)                              \
   family_row {                                                \
     name, make, nullptr, [](scene& s) { return __VA_ARGS__; } \
@@ -377,6 +400,9 @@ const std::vector<family_row>& chunked_families() {
               t3::interpolate_metrics_projected(s.coords, s.connect, s.reals_out, s.ids, false)),
       BIG_ROW("locate_points", big_points, t3::locate_points(s.coords, s.connect, s.reals_in, s.ids_out, 1e-9)),
       BIG_ROW("node_detector", big_cloud, query_detector(s)),
+      BIG_ROW("duplicate_surface_nodes", big_cut,
+              t3::duplicate_surface_nodes(s.coords, s.connect, s.neighbors, s.node_element, s.faces, s.ids, true, true,
+                                          zel::TH4)),
       BIG_ROW(
           "get_node_element", [] { return big_box(box_kind::TH4, 24); },
           zel::tessel::get_node_element(s.connect, unsigned(s.coords.cols()), s.ids_out)),
