@@ -98,12 +98,86 @@ void get_node_element(benchmark::State& state) {
   rate(state, th4().connect.cols());
 }
 
+void dihedral_angles(benchmark::State& state) {
+  threads_from(state);
+  const std::size_t m = th4().connect.cols();
+  zel::dense1D<double, 8> lo(m), hi(m);
+  zel::dense1D<unsigned, 8> degenerate;
+  for (auto _ : state) t3::dihedral_angles(th4().coords, th4().connect, false, lo, hi, degenerate);
+  rate(state, m);
+}
+
+void solid_angles(benchmark::State& state) {
+  threads_from(state);
+  const std::size_t m = th4().connect.cols();
+  zel::dense1D<double, 8> lo(m), hi(m);
+  for (auto _ : state) t3::solid_angles(th4().coords, th4().connect, false, lo, hi);
+  rate(state, m);
+}
+
+void node_detector(benchmark::State& state) {
+  threads_from(state);
+  for (auto _ : state) benchmark::DoNotOptimize(zel::tessel::node_detector(h8().coords).size());
+  rate(state, h8().coords.cols());  // nodes
+}
+
+void point_locator_build(benchmark::State& state) {
+  threads_from(state);
+  for (auto _ : state) {
+    t3::point_locator locator;
+    benchmark::DoNotOptimize(locator.build(th4().coords, th4().connect));
+  }
+  rate(state, th4().connect.cols());
+}
+
+// 10^6 random points, one locator built beforehand; and the same points appended to
+// the mesh's nodes, filled by interpolate_projected (its locator built in the call).
+const zel::dense2D<double>& random_points() {
+  static const zel::dense2D<double> p = [] {
+    zel::dense2D<double> x(3, 1000000);
+    tessel3d_test::random_stream random(21);
+    for (std::size_t j = 0; j < x.cols(); ++j)
+      for (int d = 0; d < 3; ++d) x(d, j) = random.uniform();
+    return x;
+  }();
+  return p;
+}
+
+void locate(benchmark::State& state) {
+  threads_from(state);
+  t3::point_locator locator;
+  locator.build(th4().coords, th4().connect);
+  zel::dense1D<unsigned, 8> found;
+  for (auto _ : state) locator.find(random_points(), found, 0.0);
+  rate(state, random_points().cols());  // points
+}
+
+void interpolate_projected(benchmark::State& state) {
+  threads_from(state);
+  const std::size_t n = th4().coords.cols(), k = random_points().cols();
+  zel::dense2D<double> coords(3, n + k);
+  zel::dense1D<double, 8> field(n + k, 0.0);
+  zel::dense1D<unsigned, 8> nodes(k);
+  for (std::size_t j = 0; j < n + k; ++j)
+    for (int d = 0; d < 3; ++d) coords(d, j) = j < n ? th4().coords(d, j) : random_points()(d, j - n);
+  for (std::size_t j = 0; j < n; ++j) field[j] = coords(0, j) + 2 * coords(1, j);
+  for (std::size_t j = 0; j < k; ++j) nodes[j] = unsigned(n + j);
+  for (auto _ : state) t3::interpolate_projected(coords, th4().connect, field, nodes);
+  rate(state, k);  // points
+}
+
 #define BY_THREADS(f) BENCHMARK(f)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime()
 BY_THREADS(circumcenters);
 BY_THREADS(flip_H8);
 BY_THREADS(convert_into_linear);
 BY_THREADS(extrude_translate);
 BY_THREADS(get_node_element);
+BY_THREADS(dihedral_angles);
+BY_THREADS(solid_angles);
+BY_THREADS(node_detector);
+BY_THREADS(point_locator_build);
+BY_THREADS(locate);
+BY_THREADS(interpolate_projected);
 
 }  // namespace
 

@@ -10,6 +10,7 @@
 #include <limits>
 #include <new>
 #include <random>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -62,7 +63,10 @@ TEST_P(allocation_failures, each_one_is_reported_and_leaves_the_outputs_as_docum
     EXPECT_EQ(guard.live_blocks(), 0) << "leak after allocation " << n << " of the call failed";
     if (!reached || HasFailure()) break;  // one broken round says enough
   }
-  if (std::string(row.name) != "flip" && std::string(row.name) != "volume") {
+  // These need no memory: flips and volume work in place, the angle measures keep the
+  // values of one element on the stack.
+  static const std::set<std::string> allocate_nothing = {"flip", "volume", "dihedral_angles", "solid_angles"};
+  if (!allocate_nothing.count(row.name)) {
     EXPECT_GT(failures, 0) << "the call allocates nothing";
   }
 }

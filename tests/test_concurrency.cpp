@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <map>
 #include <string>
 #include <thread>
@@ -259,6 +260,101 @@ scene big_search() {
   return s;
 }
 
+// A TH4 box with a few nodes moved onto their neighbours (flat and collapsed elements in
+// several chunks), for the angle measures and the list of degenerate elements.
+scene big_angles(box_kind kind, unsigned n) {
+  scene s = big_box(kind, n);
+  for (std::size_t k = 1; k + 1 < s.coords.cols(); k += 331)
+    for (int d = 0; d < 3; ++d) s.coords(d, k) = s.coords(d, k + 1);
+  s.min_values.resize(s.connect.cols());
+  s.max_values.resize(s.connect.cols());
+  return s;
+}
+
+// Free nodes after the nodes of a TH4 box (inside, outside, one not finite, a few listed
+// twice), with a linear field (2 rows), metric tensors (6 rows) and sizes on the mesh.
+scene big_free_nodes(bool metrics) {
+  scene s = big_box(box_kind::TH4, 12);
+  const unsigned m = unsigned(s.coords.cols()), extra = 6000;
+  s.coords.resize(3, m + extra);
+  tessel3d_test::random_stream random(4);
+  for (unsigned k = 0; k < extra; ++k)
+    for (int d = 0; d < 3; ++d) s.coords(d, m + k) = random.uniform(-0.2, 1.2);
+  s.coords(1, m + 17) = NAN;
+  zel::tessel::get_neighbors(s.connect, zel::TH4, s.neighbors);
+  zel::tessel::get_node_element(s.connect, m + extra, s.node_element);
+  s.ids.resize(extra + 3);
+  for (unsigned k = 0; k < extra; ++k) s.ids[k] = m + extra - 1 - k;
+  for (unsigned k = 0; k < 3; ++k) s.ids[extra + k] = m + 1000 * k;
+  s.reals_out = zel::dense2D<double>(metrics ? 6 : 2, m + extra, metrics ? 0.0 : 7.0);
+  s.values = zel::dense1D<double, 8>(m + extra, metrics ? 0.0 : 7.0);
+  for (unsigned n = 0; n < m; ++n) {
+    const double x = s.coords(0, n), y = s.coords(1, n), z = s.coords(2, n);
+    const double field[6] = {x - 2 * y + 3 * z, x * y}, tensor[6] = {4 + x, 0.5 * y, 3 + z, 0.1, 0.2 * x, 2 + y};
+    s.values[n] = 1 + x + 2 * y + z;
+    for (std::size_t k = 0; k < s.reals_out.rows(); ++k) s.reals_out(k, n) = metrics ? tensor[k] : field[k];
+  }
+  return s;
+}
+scene big_field() { return big_free_nodes(false); }
+scene big_metrics() { return big_free_nodes(true); }
+scene big_points() {
+  scene s = big_box(box_kind::TH4, 16);
+  tessel3d_test::random_stream random(8);
+  s.reals_in.resize(3, 9000);
+  for (std::size_t j = 0; j < s.reals_in.cols(); ++j)
+    for (int d = 0; d < 3; ++d) s.reals_in(d, j) = random.uniform(-0.1, 1.1);
+  return s;
+}
+
+// 70,000 nodes on a coarse grid (many at one place: ties), and points to query.
+scene big_cloud() {
+  scene s;
+  tessel3d_test::random_stream random(12);
+  s.coords.resize(3, 70000);
+  for (std::size_t j = 0; j < s.coords.cols(); ++j)
+    for (int d = 0; d < 3; ++d) s.coords(d, j) = std::floor(random.uniform(0, 50)) / 50;
+  s.reals_in.resize(3, 3000);
+  for (std::size_t j = 0; j < s.reals_in.cols(); ++j)
+    for (int d = 0; d < 3; ++d) s.reals_in(d, j) = random.uniform(-0.1, 1.1);
+  return s;
+}
+// The detector's answers, which depend on the shape of its tree (find_close) or not; a
+// build that ran out of memory leaves an empty detector: -199.
+int query_detector(scene& s) {
+  s.detector = zel::tessel::node_detector(s.coords);
+  if (s.detector.size() != s.coords.cols()) return -199;
+  if (!s.ids_out.resize(2 * s.reals_in.cols())) return -199;
+  for (std::size_t j = 0; j < s.reals_in.cols(); ++j) {
+    const vec3 p(s.reals_in(0, j), s.reals_in(1, j), s.reals_in(2, j));
+    s.ids_out[2 * j] = s.detector.find_close(p);
+    s.ids_out[2 * j + 1] = s.detector.find_closest(p);
+  }
+  return 0;
+}
+
+// A TH4 box cut by the grid plane x = 1/2 (its faces as seen from the elements on the
+// left, nodes of the box's edges included), to open on both sides.
+scene big_cut() {
+  const unsigned n = 24, cut = n / 2;
+  scene s = big_box(box_kind::TH4, n);
+  zel::tessel::get_neighbors(s.connect, zel::TH4, s.neighbors);
+  zel::tessel::get_node_element(s.connect, unsigned(s.coords.cols()), s.node_element);
+  auto plane = [&](unsigned node) { return node % (n + 1); };                          // the grid index along x
+  static const unsigned face_of[4][3] = {{1, 2, 3}, {2, 0, 3}, {0, 1, 3}, {2, 1, 0}};  // opposite vertex v
+  std::vector<unsigned> faces;
+  for (std::size_t e = 0; e < s.connect.cols(); ++e)
+    for (unsigned v = 0; v < 4; ++v) {
+      bool on_cut = true;
+      for (unsigned k = 0; k < 3; ++k) on_cut &= plane(s.connect(face_of[v][k], e)) == cut;
+      if (!on_cut || plane(s.connect(v, e)) > cut) continue;
+      for (unsigned k = 0; k < 3; ++k) faces.push_back(s.connect(face_of[v][k], e));
+    }
+  s.faces.resize(3, faces.size() / 3);
+  std::copy(faces.begin(), faces.end(), s.faces.data());
+  return s;
+}
+
 #define BIG_ROW(name, make, ...)                              \
   family_row {                                                \
     name, make, nullptr, [](scene& s) { return __VA_ARGS__; } \
@@ -282,6 +378,32 @@ const std::vector<family_row>& chunked_families() {
       BIG_ROW("get_elements_containing_points", big_search,
               t3::get_elements_containing_points(s.coords, s.connect, s.neighbors, s.node_element, s.detector, zel::TH4,
                                                  s.reals_in, s.ids_out, 0.0)),
+      BIG_ROW(
+          "dihedral_angles", [] { return big_angles(box_kind::TH4, 16); },
+          t3::dihedral_angles(s.coords, s.connect, true, s.min_values, s.max_values)),
+      BIG_ROW(
+          "dihedral_angles_checked", [] { return big_angles(box_kind::H8, 22); },
+          t3::dihedral_angles(s.coords, s.connect, false, s.min_values, s.max_values, s.ids_out)),
+      BIG_ROW(
+          "solid_angles", [] { return big_angles(box_kind::H8, 22); },
+          t3::solid_angles(s.coords, s.connect, false, s.min_values, s.max_values)),
+      BIG_ROW(
+          "solid_angles_checked", [] { return big_angles(box_kind::TH4, 16); },
+          t3::solid_angles(s.coords, s.connect, true, s.min_values, s.max_values, s.ids_out)),
+      BIG_ROW("interpolate", big_field,
+              t3::interpolate(s.coords, s.connect, s.neighbors, s.node_element, s.reals_out, s.ids)),
+      BIG_ROW("interpolate_metrics", big_metrics,
+              t3::interpolate_metrics(s.coords, s.connect, s.neighbors, s.node_element, s.reals_out, s.ids, true)),
+      BIG_ROW("interpolate_metrics_sizes", big_metrics,
+              t3::interpolate_metrics(s.coords, s.connect, s.neighbors, s.node_element, s.values, false)),
+      BIG_ROW("interpolate_projected", big_field, t3::interpolate_projected(s.coords, s.connect, s.values, s.ids)),
+      BIG_ROW("interpolate_metrics_projected", big_metrics,
+              t3::interpolate_metrics_projected(s.coords, s.connect, s.reals_out, s.ids, false)),
+      BIG_ROW("locate_points", big_points, t3::locate_points(s.coords, s.connect, s.reals_in, s.ids_out, 1e-9)),
+      BIG_ROW("node_detector", big_cloud, query_detector(s)),
+      BIG_ROW("duplicate_surface_nodes", big_cut,
+              t3::duplicate_surface_nodes(s.coords, s.connect, s.neighbors, s.node_element, s.faces, s.ids, true, true,
+                                          zel::TH4)),
       BIG_ROW(
           "get_node_element", [] { return big_box(box_kind::TH4, 24); },
           zel::tessel::get_node_element(s.connect, unsigned(s.coords.cols()), s.ids_out)),

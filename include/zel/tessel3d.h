@@ -140,8 +140,8 @@ TESSEL3D_EXPORT int circumcenters(const dense2D<double>& coords, const dense2D<u
 /// @return -5 (tested first) minValues and maxValues share memory | 0 (an empty connect
 ///         after the check: outputs untouched) | -2 connect rejected by check_IDs (nothing
 ///         written) | -1 coords with fewer than 3 rows (tested after the emptiness test;
-///         nothing written). Values the scratch list cannot store
-///         (memory exhausted) are left out of their element's extremes.
+///         nothing written). The call allocates nothing: the values of an element
+///         (at most twelve) are kept on the stack.
 TESSEL3D_EXPORT int dihedral_angles(const dense2D<double>& coords, const dense2D<unsigned>& connect, bool normalise,
                                     dense1D<double, 8>& minValues, dense1D<double, 8>& maxValues);
 
@@ -698,9 +698,10 @@ TESSEL3D_EXPORT int get_elements_containing_points(const dense2D<double>& coords
 /// the node search (none is copied from them); nodes crowded into one 2^-32 step of the mesh's extent (coincident nodes, or
 /// a far outlier squeezing the rest) are searched one by one. Each node is located and
 /// written on its own, so the nodes are treated in an order of their positions (along a
-/// space-filling curve), which gives the same values as the list order, faster; only when a listed node with node_element ~0U
-/// is also a node of connectivity (inconsistent input, whose written value later nodes
-/// may read) is the list order followed.
+/// space-filling curve), each once and several at a time on the library's threads, which
+/// gives the same values as the list order, faster; only when a listed node with
+/// node_element ~0U is also a node of connectivity (inconsistent input, whose written
+/// value later nodes may read) is the list order followed, one node at a time.
 /// @param[in]     coords        3 x #nodes: mesh nodes and the nodes to fill
 /// @param[in]     connectivity  4 x #elements TH4
 /// @param[in]     neighbors     4 x #elements face adjacency
@@ -712,9 +713,10 @@ TESSEL3D_EXPORT int get_elements_containing_points(const dense2D<double>& coords
 ///         connectivity not 4 rows, or a node ID not below #nodes | -3 neighbors not 4
 ///         rows, not #elements columns, or an entry neither an element nor ~0U
 ///         | -4 node_element size not #nodes | -5 field not one column (entry) per node
-///         | -6 an entry of nodes is not a node ID | -199 memory for the octree or the
-///         order of the nodes (nothing written), or for a second chance (the nodes treated
-///         before it, in the order above, hold their values, the others are as they were)
+///         | -6 an entry of nodes is not a node ID | -199 memory for the octree, the
+///         order of the nodes or their placements (nothing written), or for a second
+///         chance (the nodes treated before it, in the order above, hold their values, the
+///         others are as they were)
 TESSEL3D_EXPORT int interpolate(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
                                 const dense2D<unsigned>& neighbors, const dense1D<unsigned, 8>& node_element,
                                 dense2D<double>& field, const dense1D<unsigned, 8>& nodes);
@@ -741,8 +743,9 @@ TESSEL3D_EXPORT int interpolate(const dense2D<double>& coords, const dense2D<uns
 ///         rows, or a node ID not below #nodes | -3 neighbors not 4 rows or not #elements
 ///         columns, or an entry neither an element nor ~0U | -4 node_element size not
 ///         #nodes | -5 metrics not 6 x #nodes (or not #nodes long) | -6 an entry
-///         of nodes is not a node ID | -199 memory (the octree, the list of every node or
-///         the order of the nodes: nothing written; a second chance: as for interpolate())
+///         of nodes is not a node ID | -199 memory (the octree, the list of every node,
+///         the order of the nodes or their placements: nothing written; a second chance:
+///         as for interpolate())
 TESSEL3D_EXPORT int interpolate_metrics(const dense2D<double>& coords, const dense2D<unsigned>& connectivity,
                                         const dense2D<unsigned>& neighbors, const dense1D<unsigned, 8>& node_element,
                                         dense2D<double>& metrics, const dense1D<unsigned, 8>& nodes, bool keep_valid);

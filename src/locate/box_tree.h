@@ -16,10 +16,16 @@
 #include <cstdint>
 
 #include "common/element_tables.h"
+#include "common/parallel.h"
 #include "locate/point_order.h"
 #include "zel/matrix.h"
 
 namespace elfes {
+
+// fmin and fmax as the C library defines them (a NaN argument loses to a number),
+// written out: the library calls cost more than the comparisons, several per box.
+inline double lower_of(double a, double b) { return b < a || a != a ? b : a; }
+inline double upper_of(double a, double b) { return b > a || a != a ? b : a; }
 
 struct box_tree {
   static constexpr unsigned leaf_size = 4;
@@ -37,17 +43,21 @@ struct box_tree {
     items.clear();
     nodes.clear();
     depth = 0;
-    zel::dense1D<double, 8> centres;
+    // The boxes are computed once, in item order (which reads the mesh in its own order),
+    // and read again in tree order.
+    zel::dense1D<double, 8> centres, boxes;
     zel::dense1D<unsigned, 8> kept;  // 1 for an item with a finite box
-    if (!centres.resize(3 * count) || !kept.resize(count, 0u)) return OUT_OF_MEMORY;
-    for (std::size_t i = 0; i < count; ++i) {
-      double b[6];
-      box_of(static_cast<unsigned>(i), b);
-      bool finite = true;
-      for (double v : b) finite &= std::isfinite(v);
-      kept[i] = finite;
-      for (unsigned d = 0; d < 3; ++d) centres[3 * i + d] = finite ? 0.5 * b[d] + 0.5 * b[d + 3] : 0.0;
-    }
+    if (!centres.resize(3 * count) || !boxes.resize(6 * count) || !kept.resize(count, 0u)) return OUT_OF_MEMORY;
+    parallel_for(count, std::size_t(1) << 14, [&](std::size_t first, std::size_t last) {
+      for (std::size_t i = first; i < last; ++i) {
+        double* b = boxes.data() + 6 * i;
+        box_of(static_cast<unsigned>(i), b);
+        bool finite = true;
+        for (unsigned v = 0; v < 6; ++v) finite &= std::isfinite(b[v]);
+        kept[i] = finite;
+        for (unsigned d = 0; d < 3; ++d) centres[3 * i + d] = finite ? 0.5 * b[d] + 0.5 * b[d + 3] : 0.0;
+      }
+    });
     order_records order;
     auto id_of = [&](std::size_t i) { return kept[i] ? static_cast<unsigned>(i) : NOT_FOUND; };
     if (spatial_order(centres.data(), 3, count, id_of, order) != 0) return OUT_OF_MEMORY;
@@ -59,7 +69,7 @@ struct box_tree {
       return OUT_OF_MEMORY;
     }
     for (std::size_t k = 0; k < m; ++k) items[k] = record_id(order[k]);
-    fill(0, 0, m, 0, box_of);
+    fill(0, 0, m, 0, boxes.data());
     return 0;
   }
 
@@ -142,31 +152,44 @@ struct box_tree {
   }
 
  private:
+  static constexpr unsigned parallel_levels = 6;
+  static constexpr std::size_t parallel_items = std::size_t(1) << 14;
+
   // Box and largest extent of node k over items [lo, hi) of the tree order; an empty
   // range gets a box that holds nothing.
-  template <class BoxOf>
-  void fill(std::size_t k, std::size_t lo, std::size_t hi, unsigned level, const BoxOf& box_of) {
+  void fill(std::size_t k, std::size_t lo, std::size_t hi, unsigned level, const double* boxes) {
     double* out = nodes.data() + node_values * k;
     for (unsigned d = 0; d < 3; ++d) out[d] = INFINITY, out[d + 3] = -INFINITY;
     out[6] = 0;
     auto merge = [out](const double* b, double extent) {
       for (unsigned d = 0; d < 3; ++d) {
-        out[d] = std::fmin(out[d], b[d]);
-        out[d + 3] = std::fmax(out[d + 3], b[d + 3]);
+        out[d] = lower_of(out[d], b[d]);
+        out[d + 3] = upper_of(out[d + 3], b[d + 3]);
       }
-      out[6] = std::fmax(out[6], extent);
+      out[6] = upper_of(out[6], extent);
     };
     if (level == depth) {
       for (std::size_t i = lo; i < hi; ++i) {
-        double b[6];
-        box_of(items[i], b);
-        merge(b, std::fmax(std::fmax(b[3] - b[0], b[4] - b[1]), b[5] - b[2]));
+        const double* b = boxes + 6 * std::size_t(items[i]);
+        if (i + 8 < hi) prefetch(boxes + 6 * std::size_t(items[i + 8]));
+        merge(b, upper_of(upper_of(b[3] - b[0], b[4] - b[1]), b[5] - b[2]));
       }
       return;
     }
     const std::size_t mid = lo + (hi - lo) / 2;
-    fill(2 * k + 1, lo, mid, level + 1, box_of);
-    fill(2 * k + 2, mid, hi, level + 1, box_of);
+    // The two halves of a large node are filled at once on the library's threads (each
+    // writes only its own nodes).
+    if (level < parallel_levels && hi - lo >= parallel_items) {
+      parallel_chunks(2, 1, [&](std::size_t half, std::size_t, std::size_t) {
+        if (half == 0)
+          fill(2 * k + 1, lo, mid, level + 1, boxes);
+        else
+          fill(2 * k + 2, mid, hi, level + 1, boxes);
+      });
+    } else {
+      fill(2 * k + 1, lo, mid, level + 1, boxes);
+      fill(2 * k + 2, mid, hi, level + 1, boxes);
+    }
     const double* left = nodes.data() + node_values * (2 * k + 1);
     const double* right = nodes.data() + node_values * (2 * k + 2);
     merge(left, left[6]);

@@ -3,6 +3,7 @@
 // the mesh copy their nearest mesh node.
 #include "common/shared_memory.h"
 #include "locate/node_placement.h"
+#include "locate/placed_nodes.h"
 #include "zel/tessel3d.h"
 
 namespace zel {
@@ -25,30 +26,30 @@ int interpolate_field(const dense2D<double>& coords, const dense2D<unsigned>& co
   elfes::node_placement placement(coords, connectivity, neighbors, node_element);
   if (placement.build() != 0) return tessel::OUT_OF_MEMORY;
   elfes::order_records order;
-  if (elfes::free_nodes_in_order(coords, connectivity, node_element, nodes, order) != 0) return tessel::OUT_OF_MEMORY;
+  bool list_order = false;
+  if (elfes::free_nodes_in_order(coords, connectivity, node_element, nodes, order, &list_order) != 0)
+    return tessel::OUT_OF_MEMORY;
   const unsigned* conn = connectivity.data();
-  for (std::size_t k = 0; k < order.size(); ++k) {
-    elfes::prefetch_node_ahead(order, k, coords, [&](unsigned ahead) { return field.at(ahead); });
-    const unsigned n = elfes::record_id(order[k]);
-    unsigned where;
-    double lambda[4];
-    const int r = placement.place(n, where, lambda);
-    if (r < 0) return r;
+  auto place = [&](unsigned n, elfes::placed_node& placed, elfes::locate_scratch& scratch) {
+    placed.status = placement.place(n, placed.where, placed.lambda, scratch);
+  };
+  auto write = [&](unsigned n, const elfes::placed_node& placed) {
     double* out = field.at(n);
-    if (r == 1) {
-      const unsigned* column = conn + where * connectivity.ld();
+    const double* lambda = placed.lambda;
+    if (placed.status == 1) {
+      const unsigned* column = conn + placed.where * connectivity.ld();
       const double* f0 = field.at(column[0]);
       const double* f1 = field.at(column[1]);
       const double* f2 = field.at(column[2]);
       const double* f3 = field.at(column[3]);
       for (std::size_t c = 0; c < field.components; ++c)
         out[c] = f3[c] + lambda[0] * (f0[c] - f3[c]) + lambda[1] * (f1[c] - f3[c]) + lambda[2] * (f2[c] - f3[c]);
-    } else if (where != tessel::NOT_FOUND) {
-      const double* from = field.at(where);
+    } else if (placed.where != tessel::NOT_FOUND) {
+      const double* from = field.at(placed.where);
       for (std::size_t c = 0; c < field.components; ++c) out[c] = from[c];
     }
-  }
-  return 0;
+  };
+  return elfes::place_then_write<elfes::locate_scratch>(coords, order, list_order, place, write);
 }
 
 }  // namespace

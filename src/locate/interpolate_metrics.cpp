@@ -6,6 +6,7 @@
 #include "common/shared_memory.h"
 #include "locate/metric_mix.h"
 #include "locate/node_placement.h"
+#include "locate/placed_nodes.h"
 #include "zel/tessel3d.h"
 
 namespace zel {
@@ -51,21 +52,21 @@ int interpolate_each(const dense2D<double>& coords, const dense2D<unsigned>& con
   elfes::node_placement placement(coords, connectivity, neighbors, node_element);
   if (placement.build() != 0) return tessel::OUT_OF_MEMORY;
   elfes::order_records order;
-  if (elfes::free_nodes_in_order(coords, connectivity, node_element, nodes, order) != 0) return tessel::OUT_OF_MEMORY;
-  for (std::size_t k = 0; k < order.size(); ++k) {
-    elfes::prefetch_node_ahead(order, k, coords, [&](unsigned ahead) { return metrics.at(ahead); });
-    const unsigned n = elfes::record_id(order[k]);
-    if (keep_valid && metrics.is_valid(n)) continue;
-    unsigned where;
-    double lambda[4];
-    const int r = placement.place(n, where, lambda);
-    if (r < 0) return r;
-    if (r == 1)
-      metrics.combine(connectivity.data() + where * connectivity.ld(), lambda, n);
-    else if (where != tessel::NOT_FOUND)
-      metrics.copy(where, n);
-  }
-  return 0;
+  bool list_order = false;
+  if (elfes::free_nodes_in_order(coords, connectivity, node_element, nodes, order, &list_order) != 0)
+    return tessel::OUT_OF_MEMORY;
+  // A node's own metric is read only by its own placement (each node comes once).
+  auto place = [&](unsigned n, elfes::placed_node& placed, elfes::locate_scratch& scratch) {
+    placed.status =
+        keep_valid && metrics.is_valid(n) ? elfes::skipped : placement.place(n, placed.where, placed.lambda, scratch);
+  };
+  auto write = [&](unsigned n, const elfes::placed_node& placed) {
+    if (placed.status == 1)
+      metrics.combine(connectivity.data() + placed.where * connectivity.ld(), placed.lambda, n);
+    else if (placed.status == 0 && placed.where != tessel::NOT_FOUND)
+      metrics.copy(placed.where, n);
+  };
+  return elfes::place_then_write<elfes::locate_scratch>(coords, order, list_order, place, write);
 }
 
 }  // namespace

@@ -41,30 +41,36 @@ int interpolate_each(const dense2D<double>& coords, const dense2D<unsigned>& con
                      const dense1D<unsigned, 8>& nodes, bool keep_valid) {
   point_locator locator;
   elfes::order_records order;
-  if (elfes::prepare_projection(coords, connectivity, nodes, locator, order) != 0) return tessel::OUT_OF_MEMORY;
-  for (std::size_t k = 0; k < order.size(); ++k) {
-    const unsigned n = elfes::record_id(order[k]);
-    if (keep_valid && metrics.is_valid(n)) continue;
-    unsigned element;
-    vector_fixed<double, 4> lambda;
-    if (elfes::projected_weights(locator, coords, n, element, lambda) == 0) continue;
-    const unsigned* column = connectivity.data() + std::size_t(element) * connectivity.ld();
+  bool list_order = false;
+  if (elfes::prepare_projection(coords, connectivity, nodes, locator, order, list_order) != 0)
+    return tessel::OUT_OF_MEMORY;
+  // A node's own metric is read only by its own placement (each node comes once).
+  auto place = [&](unsigned n, elfes::placed_node& placed, elfes::no_scratch&) {
+    if (keep_valid && metrics.is_valid(n))
+      placed.status = 0;
+    else
+      elfes::projected_weights(locator, coords, n, placed);
+  };
+  auto write = [&](unsigned n, const elfes::placed_node& placed) {
+    if (placed.status == 0) return;
+    const unsigned* column = connectivity.data() + std::size_t(placed.where) * connectivity.ld();
+    const double* lambda = placed.lambda;
     double result[6];
-    if (metrics.combine(column, lambda.data(), result)) {
+    if (metrics.combine(column, lambda, result)) {
       metrics.write(n, result);
-      continue;
+      return;
     }
     // The combination failed or rounded into an invalid metric: the valid metric of the
     // node with the largest weight (the first of equal ones).
     unsigned best = 4;
     for (unsigned i = 0; i < 4; ++i)
       if (metrics.is_valid(column[i]) && (best == 4 || lambda[i] > lambda[best])) best = i;
-    if (best == 4) continue;
+    if (best == 4) return;
     double one[4] = {0, 0, 0, 0};
     one[best] = 1;
     if (metrics.combine(column, one, result)) metrics.write(n, result);
-  }
-  return 0;
+  };
+  return elfes::place_then_write<elfes::no_scratch>(coords, order, list_order, place, write);
 }
 
 }  // namespace

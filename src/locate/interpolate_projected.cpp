@@ -13,23 +13,25 @@ int interpolate_field(const dense2D<double>& coords, const dense2D<unsigned>& co
   if (components == 0) return 0;
   point_locator locator;
   elfes::order_records order;
-  if (elfes::prepare_projection(coords, connectivity, nodes, locator, order) != 0) return tessel::OUT_OF_MEMORY;
+  bool list_order = false;
+  if (elfes::prepare_projection(coords, connectivity, nodes, locator, order, list_order) != 0)
+    return tessel::OUT_OF_MEMORY;
   const unsigned* conn = connectivity.data();
-  for (std::size_t k = 0; k < order.size(); ++k) {
-    const unsigned n = elfes::record_id(order[k]);
-    unsigned element;
-    vector_fixed<double, 4> lambda;
-    if (elfes::projected_weights(locator, coords, n, element, lambda) == 0) continue;
-    const unsigned* column = conn + std::size_t(element) * connectivity.ld();
+  auto place = [&](unsigned n, elfes::placed_node& placed, elfes::no_scratch&) {
+    elfes::projected_weights(locator, coords, n, placed);
+  };
+  auto write = [&](unsigned n, const elfes::placed_node& placed) {
+    if (placed.status == 0) return;
+    const unsigned* column = conn + std::size_t(placed.where) * connectivity.ld();
     double* out = values + std::size_t(n) * stride;
     for (std::size_t c = 0; c < components; ++c) {
       double sum = 0;
       for (unsigned i = 0; i < 4; ++i)
-        if (lambda[i] != 0) sum += lambda[i] * values[std::size_t(column[i]) * stride + c];
+        if (placed.lambda[i] != 0) sum += placed.lambda[i] * values[std::size_t(column[i]) * stride + c];
       out[c] = sum;
     }
-  }
-  return 0;
+  };
+  return elfes::place_then_write<elfes::no_scratch>(coords, order, list_order, place, write);
 }
 
 }  // namespace

@@ -34,24 +34,36 @@ inline int check_placement_mesh(const zel::dense2D<double>& coords, const zel::d
 
 /// The listed nodes that lie in no element (node_element ~0U), as order records (see
 /// point_order.h), in the order the interpolations treat them. Each is placed on its own
-/// and reads only nodes of the connectivity, so taking them by position gives what the
-/// list order gives, only faster. The exception is input in which a listed node with no
-/// element is nevertheless a node of the connectivity: what the call writes there may be
-/// read by the next nodes, and the list order is kept.
+/// and reads only nodes of the connectivity, so taking them by position, each once,
+/// gives what the list order gives, only faster (a node listed again would get again
+/// the value it got), and lets them be placed at once on several threads. The exception
+/// is input in which a listed node with no element is nevertheless a node of the
+/// connectivity: what the call writes there may be read by the next nodes, and the list
+/// order is kept, repetitions included (*list_order is then set).
 /// @return 0 | -199 memory
 inline int free_nodes_in_order(const zel::dense2D<double>& coords, const zel::dense2D<unsigned>& connectivity,
                                const zel::dense1D<unsigned, 8>& node_element, const zel::dense1D<unsigned, 8>& nodes,
-                               order_records& records) {
+                               order_records& records, bool* list_order = nullptr) {
   auto free_node = [&](std::size_t k) { return node_element[nodes[k]] == NO_ELEMENT ? nodes[k] : NO_ELEMENT; };
-  zel::dense1D<unsigned, 8> written;  // one bit per node
-  if (!written.resize((coords.cols() + 31) / 32, 0u)) return OUT_OF_MEMORY;
-  for (std::size_t k = 0; k < nodes.size(); ++k)
-    if (free_node(k) != NO_ELEMENT) written[nodes[k] >> 5] |= 1u << (nodes[k] & 31);
+  zel::dense1D<unsigned, 8> written, repeated;  // one bit per node, one bit per entry of nodes
+  if (!written.resize((coords.cols() + 31) / 32, 0u) || !repeated.resize((nodes.size() + 31) / 32, 0u))
+    return OUT_OF_MEMORY;
+  for (std::size_t k = 0; k < nodes.size(); ++k) {
+    if (free_node(k) == NO_ELEMENT) continue;
+    unsigned& word = written[nodes[k] >> 5];
+    const unsigned bit = 1u << (nodes[k] & 31);
+    if (word & bit) repeated[k >> 5] |= 1u << (k & 31);
+    word |= bit;
+  }
   bool read_after_write = false;
   const unsigned* column = connectivity.data();
   for (std::size_t e = 0; e < connectivity.cols() && !read_after_write; ++e, column += connectivity.ld())
     for (unsigned i = 0; i < 4; ++i) read_after_write |= (written[column[i] >> 5] >> (column[i] & 31)) & 1u;
-  if (!read_after_write) return spatial_order(coords.data(), coords.ld(), nodes.size(), free_node, records);
+  if (list_order) *list_order = read_after_write;
+  if (!read_after_write) {
+    auto first_time = [&](std::size_t k) { return (repeated[k >> 5] >> (k & 31)) & 1u ? NO_ELEMENT : free_node(k); };
+    return spatial_order(coords.data(), coords.ld(), nodes.size(), first_time, records);
+  }
 
   records.clear();
   for (std::size_t k = 0; k < nodes.size(); ++k)
@@ -89,13 +101,13 @@ class node_placement {
   /// Places node n. 1: located, `where` is its element (a column of connectivity) and
   /// lambda its four weights. 0: not located (outside, or a walk met an invalid
   /// element), `where` is the nearest mesh node or ~0U when the mesh has none.
-  /// -199: memory.
-  int place(unsigned n, unsigned& where, double* lambda) {
+  /// -199: memory. Each thread places with a scratch of its own.
+  int place(unsigned n, unsigned& where, double* lambda, locate_scratch& scratch) const {
     const double* p = coords_.data() + n * coords_.ld();
     const zel::vector_fixed<double, 3> point(p[0], p[1], p[2]);
     where = NOT_FOUND;
     const int r =
-        locate_point(coords_, connectivity_, neighbors_, node_element_, tree_, point, where, tolerance, true, scratch_);
+        locate_point(coords_, connectivity_, neighbors_, node_element_, tree_, point, where, tolerance, true, scratch);
     if (r == OUT_OF_MEMORY) return OUT_OF_MEMORY;
     if (r != 1) {
       where = tree_.find_closest(point);
@@ -118,7 +130,6 @@ class node_placement {
   const zel::dense2D<unsigned>& neighbors_;
   const zel::dense1D<unsigned, 8>& node_element_;
   node_octree tree_;
-  locate_scratch scratch_;
 };
 
 }  // namespace elfes

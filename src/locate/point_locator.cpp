@@ -2,8 +2,10 @@
 // an element (a walk first, the tree of the elements when the walk fails), and for
 // reading values at any point (the element holding it, else the nearest boundary face).
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 
+#include "common/parallel.h"
 #include "locate/box_tree.h"
 #include "locate/node_placement.h"
 #include "locate/triangle_projection.h"
@@ -36,8 +38,8 @@ void box_of_nodes(const double* const* node, unsigned count, double* box) {
   for (unsigned d = 0; d < 3; ++d) {
     box[d] = box[d + 3] = node[0][d];
     for (unsigned k = 1; k < count; ++k) {
-      box[d] = std::fmin(box[d], node[k][d]);
-      box[d + 3] = std::fmax(box[d + 3], node[k][d]);
+      box[d] = elfes::lower_of(box[d], node[k][d]);
+      box[d + 3] = elfes::upper_of(box[d + 3], node[k][d]);
     }
   }
 }
@@ -145,19 +147,25 @@ int point_locator::find(const dense2D<double>& points, dense1D<unsigned, 8>& ele
   if (elfes::spatial_order(
           xyz, ld, nb_points, [](std::size_t k) { return static_cast<unsigned>(k); }, order) != 0)
     return tessel::OUT_OF_MEMORY;
-  bool missed = false;
-  for (std::size_t k = 0; k < nb_points; ++k) {
-    if (k + elfes::prefetch_distance < nb_points)
-      elfes::prefetch(xyz + elfes::record_id(order[k + elfes::prefetch_distance]) * ld);
-    const unsigned j = elfes::record_id(order[k]);
-    const double* p = xyz + j * ld;
-    unsigned element;
-    missed |= find(vector_fixed<double, 3>(p[0], p[1], p[2]), element, tolerance) != 1;
-    order[k] = std::uint64_t(element) << 32 | j;  // written once every point is searched
-  }
+  // Runs of the curve on the library's threads; each record's key is replaced by the
+  // point's element, written to `elements` once every point is searched.
+  std::atomic<bool> missed{false};
+  elfes::parallel_for(nb_points, 1u << 12, [&](std::size_t first, std::size_t last) {
+    bool chunk_missed = false;
+    for (std::size_t k = first; k < last; ++k) {
+      if (k + elfes::prefetch_distance < last)
+        elfes::prefetch(xyz + elfes::record_id(order[k + elfes::prefetch_distance]) * ld);
+      const unsigned j = elfes::record_id(order[k]);
+      const double* p = xyz + j * ld;
+      unsigned element;
+      chunk_missed |= find(vector_fixed<double, 3>(p[0], p[1], p[2]), element, tolerance) != 1;
+      order[k] = std::uint64_t(element) << 32 | j;
+    }
+    if (chunk_missed) missed.store(true, std::memory_order_relaxed);
+  });
   if (!elements.resize(nb_points)) return tessel::OUT_OF_MEMORY;
   for (std::size_t k = 0; k < nb_points; ++k) elements[elfes::record_id(order[k])] = unsigned(order[k] >> 32);
-  return missed ? 0 : 1;
+  return missed.load() ? 0 : 1;
 }
 
 int point_locator::weights(const vector_fixed<double, 3>& point, unsigned& element,

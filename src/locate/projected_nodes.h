@@ -5,6 +5,7 @@
 
 #include "common/element_tables.h"
 #include "locate/node_placement.h"
+#include "locate/placed_nodes.h"
 #include "zel/tessel3d.h"
 
 namespace elfes {
@@ -18,24 +19,28 @@ inline int check_projection_mesh(const zel::dense2D<double>& coords, const zel::
 }
 
 /// Builds the locator and orders the listed nodes that no element references (as
-/// free_nodes_in_order does, from the locator's own node-to-element array).
+/// free_nodes_in_order does, from the locator's own node-to-element array; list_order
+/// as there).
 /// @return 0 | -199 memory
 inline int prepare_projection(const zel::dense2D<double>& coords, const zel::dense2D<unsigned>& connectivity,
                               const zel::dense1D<unsigned, 8>& nodes, zel::tessel3d::point_locator& locator,
-                              order_records& order) {
+                              order_records& order, bool& list_order) {
   if (locator.build(coords, connectivity) != 0) return OUT_OF_MEMORY;
   zel::dense1D<unsigned, 8> node_element;
   if (!node_element.resize(coords.cols())) return OUT_OF_MEMORY;
   for (std::size_t n = 0; n < coords.cols(); ++n) node_element[n] = locator.element_of_node(unsigned(n));
-  return free_nodes_in_order(coords, connectivity, node_element, nodes, order);
+  return free_nodes_in_order(coords, connectivity, node_element, nodes, order, &list_order);
 }
 
-/// Where node n's value is read: 1 or 2 with the element and its weights (see
-/// point_locator::weights), 0 when nowhere.
-inline int projected_weights(const zel::tessel3d::point_locator& locator, const zel::dense2D<double>& coords,
-                             unsigned n, unsigned& element, zel::vector_fixed<double, 4>& lambda) {
+/// Where node n's value is read: status 1 or 2 with the element and its weights (see
+/// point_locator::weights), 0 when nowhere. The locator's queries need no scratch.
+struct no_scratch {};
+inline void projected_weights(const zel::tessel3d::point_locator& locator, const zel::dense2D<double>& coords,
+                              unsigned n, placed_node& placed) {
   const double* p = coords.data() + std::size_t(n) * coords.ld();
-  return locator.weights(zel::vector_fixed<double, 3>(p[0], p[1], p[2]), element, lambda);
+  zel::vector_fixed<double, 4> lambda;
+  placed.status = locator.weights(zel::vector_fixed<double, 3>(p[0], p[1], p[2]), placed.where, lambda);
+  for (unsigned i = 0; i < 4; ++i) placed.lambda[i] = lambda[i];
 }
 
 }  // namespace elfes

@@ -45,14 +45,28 @@ inline constexpr face_pairs pairs_table[4] = {
       right_angle, right_angle, right_angle, right_angle}},
 };
 
+// The pairs of a kind that share one factor, as ranges of its pair list: the pyramid's
+// lateral then base edges, the wedge's edges between quadrangles then the others.
+struct factor_groups {
+  unsigned count;
+  unsigned end[2];
+};
+inline constexpr factor_groups groups_table[4] = {{1, {6, 6}}, {2, {4, 8}}, {2, {3, 9}}, {1, {12, 12}}};
+
+// Cosines closer than this to a group's extreme cosine have their arc cosine taken to
+// find the extreme angle: an arc cosine is off by less than an ulp of its result (below
+// 5e-16) and moves at least as fast as its argument, so a cosine farther away cannot
+// give the extreme angle, whatever the rounding.
+inline constexpr double cosine_margin = 1e-12;
+
 // Interior angle between two faces from their inward normals na, nb:
 // acos(-(na . nb) / sqrt(|na|^2 |nb|^2)), or 0 when a normal vanishes. The cosine is
 // deliberately not clamped. The cosines of an element are formed first and the arc
 // cosines taken after, so that the arithmetic of all pairs can overlap. Each angle goes
 // to list.add(angle, factor).
 struct dihedral_measure {
-  template <solid_kind kind, class Reader, class List>
-  static void element(const unsigned* column, const Reader& node, List& list) {
+  template <solid_kind kind, class Reader>
+  static void cosines(const unsigned* column, const Reader& node, double (&cosine)[12], bool (&defined)[12]) {
     constexpr const solid_descriptor& solid = solid_table[kind];
     constexpr const face_pairs& pairs = pairs_table[kind];
     vec3 p[8];
@@ -69,8 +83,6 @@ struct dihedral_measure {
           triangle ? triangle_normal(p[v[0]], p[v[1]], p[v[2]]) : quadrangle_normal(p[v[0]], p[v[1]], p[v[2]], p[v[3]]);
       squared[f] = dot(normal[f], normal[f]);
     }
-    double cosine[12];
-    bool defined[12];
 #pragma GCC unroll 12
     for (unsigned k = 0; k < pairs.count; ++k) {
       const unsigned a = pairs.pair[k][0], b = pairs.pair[k][1];
@@ -78,8 +90,76 @@ struct dihedral_measure {
       defined[k] = product > 0;
       cosine[k] = -dot(normal[a], normal[b]) / std::sqrt(defined[k] ? product : 1.0);
     }
+  }
+
+  template <solid_kind kind, class Reader, class List>
+  static void element(const unsigned* column, const Reader& node, List& list) {
+    constexpr const face_pairs& pairs = pairs_table[kind];
+    double cosine[12];
+    bool defined[12];
+    cosines<kind>(column, node, cosine, defined);
 #pragma GCC unroll 12
     for (unsigned k = 0; k < pairs.count; ++k) list.add(defined[k] ? std::acos(cosine[k]) : 0.0, pairs.factor[k]);
+  }
+
+  // The smallest and largest value of element(), bit for bit, with two arc cosines per
+  // group of pairs instead of one per pair where every cosine lies in [-1, 1]: within a
+  // group (one factor) the smallest angle is the arc cosine of the largest cosine (0
+  // when a pair is undefined), the largest that of the smallest cosine, and scaling by a
+  // positive factor keeps the order. Elements with a NaN value (a cosine outside
+  // [-1, 1], NaN coordinates) take the list's path, whose comparisons pass NaN on.
+  template <solid_kind kind, class Reader>
+  static void extremes(const unsigned* column, const Reader& node, bool normalise, double& lo, double& hi) {
+    constexpr const face_pairs& pairs = pairs_table[kind];
+    constexpr const factor_groups& groups = groups_table[kind];
+    double cosine[12];
+    bool defined[12];
+    cosines<kind>(column, node, cosine, defined);
+    bool in_range = true;
+#pragma GCC unroll 12
+    for (unsigned k = 0; k < pairs.count; ++k) in_range &= !defined[k] || (cosine[k] >= -1 && cosine[k] <= 1);
+    if (!in_range) {
+      double value[12];
+      for (unsigned k = 0; k < pairs.count; ++k) {
+        const double angle = defined[k] ? std::acos(cosine[k]) : 0.0;
+        value[k] = normalise ? angle * pairs.factor[k] : angle;
+      }
+      lo = hi = value[0];
+      for (unsigned k = 1; k < pairs.count; ++k) {
+        if (!(value[k] >= lo)) lo = value[k];
+        if (!(hi >= value[k])) hi = value[k];
+      }
+      return;
+    }
+    lo = HUGE_VAL;
+    hi = -HUGE_VAL;
+    for (unsigned g = 0, begin = 0; g < groups.count; begin = groups.end[g++]) {
+      double largest = -HUGE_VAL, smallest = HUGE_VAL;
+      bool any_undefined = false;
+      for (unsigned k = begin; k < groups.end[g]; ++k) {
+        any_undefined |= !defined[k];
+        if (!defined[k]) continue;
+        largest = cosine[k] > largest ? cosine[k] : largest;
+        smallest = cosine[k] < smallest ? cosine[k] : smallest;
+      }
+      double group_lo = any_undefined ? 0.0 : HUGE_VAL, group_hi = 0.0;
+      for (unsigned k = begin; k < groups.end[g]; ++k) {
+        if (!defined[k]) continue;
+        if (!any_undefined && cosine[k] >= largest - cosine_margin) {
+          const double angle = std::acos(cosine[k]);
+          group_lo = angle < group_lo ? angle : group_lo;
+        }
+        if (cosine[k] <= smallest + cosine_margin) {
+          const double angle = std::acos(cosine[k]);
+          group_hi = angle > group_hi ? angle : group_hi;
+        }
+      }
+      const double factor = normalise ? pairs.factor[begin] : 1.0;
+      group_lo = normalise ? group_lo * factor : group_lo;
+      group_hi = normalise ? group_hi * factor : group_hi;
+      lo = group_lo < lo ? group_lo : lo;
+      hi = group_hi > hi ? group_hi : hi;
+    }
   }
 };
 
@@ -106,15 +186,39 @@ struct checked_dihedral_measure {
       defined[f] = length > smallest && length < HUGE_VAL;  // false for NaN
       unit[f] = {n.x / length, n.y / length, n.z / length};
     }
+    // Only the extremes of the element are kept: the pairs are ranked by the cosine of
+    // their angle, and the arc tangent is taken for those within cosine_margin of the
+    // largest or smallest cosine of their group. (The sine and cosine of a pair lie on a
+    // circle of radius 1 up to a few ulps, so cosines farther apart than the margin
+    // belong to angles at least about as far apart.)
+    double cosine[12];
+    bool pair_defined[12];
 #pragma GCC unroll 12
     for (unsigned k = 0; k < pairs.count; ++k) {
       const unsigned a = pairs.pair[k][0], b = pairs.pair[k][1];
-      if (!defined[a] || !defined[b]) {
-        list.mark_degenerate();
-        continue;
+      pair_defined[k] = defined[a] && defined[b];
+      cosine[k] = -dot(unit[a], unit[b]);
+    }
+    constexpr const factor_groups& groups = groups_table[kind];
+    for (unsigned g = 0, begin = 0; g < groups.count; begin = groups.end[g++]) {
+      double lowest = HUGE_VAL, highest = -HUGE_VAL;
+      for (unsigned k = begin; k < groups.end[g]; ++k) {
+        if (!pair_defined[k]) continue;
+        lowest = cosine[k] < lowest ? cosine[k] : lowest;
+        highest = cosine[k] > highest ? cosine[k] : highest;
       }
-      const vec3 sine = cross(unit[a], unit[b]);
-      list.add(std::atan2(std::sqrt(dot(sine, sine)), -dot(unit[a], unit[b])), pairs.factor[k]);
+      for (unsigned k = begin; k < groups.end[g]; ++k) {
+        if (!pair_defined[k]) {
+          list.mark_degenerate();
+          continue;
+        }
+        // Every pair when a cosine is NaN (never for finite unit normals).
+        if (cosine[k] <= lowest + cosine_margin || cosine[k] >= highest - cosine_margin || !(highest >= lowest)) {
+          const unsigned a = pairs.pair[k][0], b = pairs.pair[k][1];
+          const vec3 sine = cross(unit[a], unit[b]);
+          list.add(std::atan2(std::sqrt(dot(sine, sine)), cosine[k]), pairs.factor[k]);
+        }
+      }
     }
   }
 };

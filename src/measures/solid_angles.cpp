@@ -90,6 +90,11 @@ inline double solid_angle(const vec3& a, const vec3& b, const vec3& c) {
 
 struct solid_measure {
   template <solid_kind kind, class Reader>
+  static void extremes(const unsigned* column, const Reader& node, bool normalise, double& lo, double& hi) {
+    elfes::extremes_of_list<solid_measure, kind>(column, node, normalise, lo, hi);
+  }
+
+  template <solid_kind kind, class Reader>
   static void element(const unsigned* column, const Reader& node, elfes::value_list& list) {
     constexpr const elfes::solid_descriptor& solid = elfes::solid_table[kind];
     constexpr const corner_list& corners = corners_table[kind];

@@ -8,6 +8,7 @@
 #include <cstddef>
 
 #include "common/element_tables.h"
+#include "common/parallel.h"
 #include "common/shared_memory.h"
 #include "locate/elements_around_node.h"
 #include "order/hash_tables.h"
@@ -88,6 +89,15 @@ typename Mesh::key_type element_face_key(const solid_descriptor& solid, const un
 // Status of one side: keep going, the side failed (bad node_element entry), or memory.
 enum side_status { side_ok = 0, side_failed = 1, side_no_memory = tessel::OUT_OF_MEMORY };
 
+// What one thread needs to open a node: the elements around it, and the flood's.
+struct opener_scratch {
+  dense1D<unsigned, 8> around, stack;
+  element_set visited;
+};
+
+// Surface nodes per chunk of the floods.
+constexpr std::size_t flood_grain = 256;
+
 template <class Mesh>
 class surface_opener {
  public:
@@ -157,6 +167,8 @@ class surface_opener {
     if (coords_.cols() + nb_new > 0xFFFFFFFFu || nb_new > 0x7FFFFFFFu) return side_no_memory;
     if (nb_new > 0 && !coords_.reserve(3, coords_.cols() + nb_new, 1)) return side_no_memory;
     if (!work_.copy(conn_)) return side_no_memory;
+    work_data_ = work_.data();
+    work_ld_ = work_.ld();
 
     if (positive_side) {
       const int status = open_side(1, false);
@@ -170,59 +182,96 @@ class surface_opener {
     return side_ok;
   }
 
+  // Nodes of surface column j into q[4] as its side sees them (reversed for the
+  // negative side), and their count.
+  unsigned oriented_face(std::size_t j, bool reversed, unsigned* q) const {
+    const unsigned size = surface_face(j, q);
+    if (reversed)
+      for (unsigned k = 0; k < size / 2; ++k) {
+        const unsigned t = q[k];
+        q[k] = q[size - 1 - k];
+        q[size - 1 - k] = t;
+      }
+    return size;
+  }
+  key_type oriented_key(std::size_t j, bool reversed) const {
+    unsigned q[4];
+    const unsigned size = oriented_face(j, reversed, q);
+    return Mesh::key(q, size);
+  }
+
+  // The nodes of one side are listed in the order of the surface's faces (the order of
+  // their copies' IDs) with the face they were met on, and their copies appended; then
+  // each node's elements are flooded on the library's threads. A flood reads the given
+  // connectivity and writes only the entries that hold its own node, so nodes flooded at
+  // once never touch the same entry; the status is that of the first node in the list
+  // that fails, as when the nodes are opened one by one.
   int open_side(unsigned char bit, bool reversed) {
+    opened_.clear();
+    met_on_.clear();
     for (std::size_t j = 0; j < surface_.cols(); ++j) {
       unsigned q[4];
-      const unsigned size = surface_face(j, q);
-      if (reversed)
-        for (unsigned k = 0; k < size / 2; ++k) {
-          const unsigned t = q[k];
-          q[k] = q[size - 1 - k];
-          q[size - 1 - k] = t;
-        }
-      const key_type oriented = Mesh::key(q, size);
+      const unsigned size = oriented_face(j, reversed, q);
       for (unsigned k = 0; k < size; ++k) {
         const unsigned n = q[k];
         if (n == tessel::ABSENT || !(pending_[n] & bit)) continue;
         pending_[n] = static_cast<unsigned char>(pending_[n] & ~bit);
-        const int status = open_node(n, oriented);
-        if (status != side_ok) return status;
+        if (!opened_.push_back(n) || !met_on_.push_back(static_cast<unsigned>(j))) return side_no_memory;
       }
     }
+    const std::size_t first_copy = coords_.cols(), count = opened_.size();
+    // Room was reserved for every copy, so this resize stays in place.
+    if (!coords_.resize(3, first_copy + count, 0.0)) return side_no_memory;
+    double* xyz = coords_.data();
+    const std::size_t ld = coords_.ld();
+    for (std::size_t i = 0; i < count; ++i)
+      for (unsigned d = 0; d < 3; ++d) xyz[(first_copy + i) * ld + d] = xyz[std::size_t(opened_[i]) * ld + d];
+
+    const std::size_t nb_chunks = elfes::chunk_count(count, flood_grain);
+    dense1D<int, 8> failure;  // per chunk: the status of its first node that failed
+    if (!failure.resize(nb_chunks, side_ok)) return side_no_memory;
+    elfes::parallel_chunks(count, flood_grain, [&](std::size_t c, std::size_t first, std::size_t last) {
+      opener_scratch scratch;
+      for (std::size_t i = first; i < last; ++i) {
+        const int status =
+            open_node(opened_[i], oriented_key(met_on_[i], reversed), static_cast<unsigned>(first_copy + i), scratch);
+        if (status != side_ok) {
+          failure[c] = status;
+          return;
+        }
+      }
+    });
+    for (std::size_t c = 0; c < nb_chunks; ++c)
+      if (failure[c] != side_ok) return failure[c];
     return side_ok;
   }
 
   const unsigned* column(unsigned e) const { return conn_.data() + e * conn_.ld(); }
 
-  int open_node(unsigned n, const key_type& oriented) {
+  int open_node(unsigned n, const key_type& oriented, unsigned copy, opener_scratch& scratch) const {
     const std::size_t nb_elements = conn_.cols(), rows = conn_.rows();
     if (n >= node_element_.size()) return side_failed;
     const unsigned e = node_element_[n];
     if (e >= nb_elements || !holds(column(e), rows, n)) return side_failed;
 
-    const int around = elfes::elements_around_node(n, e, conn_, nbrs_, faces_with_node<Mesh>{rows}, around_, visited_);
+    const int around =
+        elfes::elements_around_node(n, e, conn_, nbrs_, faces_with_node<Mesh>{rows}, scratch.around, scratch.visited);
     if (around < 0) return side_no_memory;
-    const unsigned seed = find_seed(oriented);
-
-    // The copy of n: room was reserved, so this resize stays in place.
-    const std::size_t copy = coords_.cols();
-    if (!coords_.resize(3, copy + 1, 0.0)) return side_no_memory;
-    double* xyz = coords_.data();
-    for (unsigned i = 0; i < 3; ++i) xyz[copy * coords_.ld() + i] = xyz[n * coords_.ld() + i];
-
+    const unsigned seed = find_seed(oriented, scratch);
     if (seed == tessel::NO_ELEMENT) return side_ok;
-    return flood(n, seed, static_cast<unsigned>(copy));
+    return flood(n, seed, copy, scratch);
   }
 
   // First element around n with a face equal to the oriented surface face, same
   // orientation; NO_ELEMENT when there is none.
-  unsigned find_seed(const key_type& oriented) const {
-    for (std::size_t i = 0; i < around_.size(); ++i) {
+  unsigned find_seed(const key_type& oriented, const opener_scratch& scratch) const {
+    const dense1D<unsigned, 8>& around = scratch.around;
+    for (std::size_t i = 0; i < around.size(); ++i) {
       unsigned nodes[8];
-      read_column(column(around_[i]), conn_.rows(), nodes);
+      read_column(column(around[i]), conn_.rows(), nodes);
       const solid_descriptor& solid = Mesh::solid(nodes);
       for (unsigned f = 0; f < solid.nb_faces; ++f)
-        if (elfes::compare_keys(element_face_key<Mesh>(solid, nodes, f), oriented) == 1) return around_[i];
+        if (elfes::compare_keys(element_face_key<Mesh>(solid, nodes, f), oriented) == 1) return around[i];
     }
     return tessel::NO_ELEMENT;
   }
@@ -230,24 +279,26 @@ class surface_opener {
   // Spreads from the seed to the elements holding n that are reached without crossing
   // the surface or the boundary, and gives them the copy. An element is marked visited
   // when first met, even when it is then passed over, and is not reconsidered.
-  int flood(unsigned n, unsigned seed, unsigned copy) {
+  int flood(unsigned n, unsigned seed, unsigned copy, opener_scratch& scratch) const {
     const std::size_t rows = conn_.rows();
+    element_set& visited = scratch.visited;
+    dense1D<unsigned, 8>& stack = scratch.stack;
     // Every element met holds n or is a neighbour of one that does.
-    const std::size_t expected = 2 + 6 * around_.size();
-    if (!visited_.reset(expected, expected, 1.0)) return side_no_memory;
-    if (visited_.insert_growing(elfes::hash_key(tessel::NO_ELEMENT), tessel::NO_ELEMENT) == element_set::npos ||
-        visited_.insert_growing(elfes::hash_key(seed), seed) == element_set::npos)
+    const std::size_t expected = 2 + 6 * scratch.around.size();
+    if (!visited.reset(expected, expected, 1.0)) return side_no_memory;
+    if (visited.insert_growing(elfes::hash_key(tessel::NO_ELEMENT), tessel::NO_ELEMENT) == element_set::npos ||
+        visited.insert_growing(elfes::hash_key(seed), seed) == element_set::npos)
       return side_no_memory;
-    stack_.clear();
-    if (!stack_.push_back(seed)) return side_no_memory;
+    stack.clear();
+    if (!stack.push_back(seed)) return side_no_memory;
 
     const unsigned* nbrs = nbrs_.data();
     const std::size_t ld_nbrs = nbrs_.ld();
-    while (!stack_.empty()) {
-      const unsigned e = stack_[stack_.size() - 1];
-      stack_.resize(stack_.size() - 1);
+    while (!stack.empty()) {
+      const unsigned e = stack[stack.size() - 1];
+      stack.resize(stack.size() - 1);
       const unsigned* in = column(e);
-      unsigned* out = work_.data() + e * work_.ld();
+      unsigned* out = work_data_ + std::size_t(e) * work_ld_;
       for (std::size_t r = 0; r < rows; ++r)
         if (in[r] == n) out[r] = copy;
 
@@ -257,11 +308,11 @@ class surface_opener {
       for (unsigned f = 0; f < solid.nb_faces; ++f) {
         const unsigned next = nbrs[e * ld_nbrs + f];
         bool added = false;
-        if (visited_.insert_growing(elfes::hash_key(next), next, &added) == element_set::npos) return side_no_memory;
+        if (visited.insert_growing(elfes::hash_key(next), next, &added) == element_set::npos) return side_no_memory;
         if (!added || !holds(column(next), rows, n)) continue;
         const key_type face = element_face_key<Mesh>(solid, nodes, f);
         if (faces_.find(elfes::hash_key(face), face) != faces_.end()) continue;
-        if (!stack_.push_back(next)) return side_no_memory;
+        if (!stack.push_back(next)) return side_no_memory;
       }
     }
     return side_ok;
@@ -276,8 +327,9 @@ class surface_opener {
   face_set faces_;                     // surface faces, a face and its reverse one key
   dense1D<unsigned char, 8> pending_;  // per node: bit 1 positive side, bit 2 negative
   dense2D<unsigned> work_;             // the connectivity being rewritten
-  element_set visited_;
-  dense1D<unsigned, 8> around_, stack_;
+  unsigned* work_data_ = nullptr;      // work_'s entries, written by the floods at once
+  std::size_t work_ld_ = 0;
+  dense1D<unsigned, 8> opened_, met_on_;  // the nodes of a side and their surface faces
 };
 
 template <class Mesh>

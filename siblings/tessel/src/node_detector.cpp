@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "common/parallel.h"
 #include "zel/tessel.h"
 
 namespace zel {
@@ -78,6 +79,32 @@ struct builder {
     min_ids[mid] = low;
     return low;
   }
+
+  // As split, with the two halves of the cells of the top `levels` levels split at once
+  // on the library's threads: each half is permuted apart from the other, so the tree is
+  // the one a single thread builds. (Should the thread runtime fail midway and a half be
+  // split again from its partly permuted state, that half is another valid tree of the
+  // same nodes: find_closest's answer does not depend on the tree.)
+  unsigned split_in_parallel(std::size_t lo, std::size_t hi, unsigned levels) {
+    if (levels == 0 || hi - lo < parallel_cell) return split(lo, hi);
+    const std::size_t mid = middle(lo, hi);
+    const unsigned axis = widest_axis(lo, hi);
+    axes[mid] = static_cast<unsigned char>(axis);
+    std::nth_element(ids + lo, ids + mid, ids + hi,
+                     [this, axis](unsigned a, unsigned b) { return coordinate(a, axis) < coordinate(b, axis); });
+    unsigned half_low[2];
+    elfes::parallel_chunks(2, 1, [&](std::size_t half, std::size_t, std::size_t) {
+      half_low[half] = half == 0 ? split_in_parallel(lo, mid, levels - 1) : split_in_parallel(mid + 1, hi, levels - 1);
+    });
+    const unsigned low = std::min({half_low[0], half_low[1], ids[mid]});
+    min_ids[mid] = low;
+    return low;
+  }
+
+  // Cells smaller than this are split on one thread, and the top levels in parallel
+  // give 2^levels cells.
+  static constexpr std::size_t parallel_cell = std::size_t(1) << 14;
+  static constexpr unsigned parallel_levels = 6;
 };
 
 // A query: the point times `scale`, a power of two that keeps squared distances finite
@@ -129,7 +156,7 @@ void node_detector::build(const dense2D<double>& coords, const dense1D<unsigned,
   if (nb_nodes && (!axes.resize(nb_nodes, 0) || !points.resize(3 * nb_nodes) || !min_ids.resize(nb_nodes, none)))
     return;
   builder b{xyz, ld, order.data(), axes.data(), min_ids.data()};
-  b.split(0, nb_nodes);
+  b.split_in_parallel(0, nb_nodes, builder::parallel_levels);
   double bounds[6] = {INFINITY, INFINITY, INFINITY, -INFINITY, -INFINITY, -INFINITY};
   for (std::size_t i = 0; i < nb_nodes; ++i)
     for (unsigned a = 0; a < 3; ++a) {
