@@ -61,19 +61,6 @@ struct snapshot {
 
 // ---- matrix ----------------------------------------------------------------------------
 
-TEST(dense2D, sub_matrix_is_a_shared_view_with_the_parent_ld) {
-  dense2D<double> m(4, 3, {0, 1, 2, 3, 10, 11, 12, 13, 20, 21, 22, 23});  // entry (i, j) = 10 j + i
-  const dense2D<double> view = m.sub_matrix(1, 1, 2, 2);
-  EXPECT_EQ(view.ld(), 4u);
-  EXPECT_EQ(view.offset(), 5u);
-  EXPECT_EQ(m.storage()->use_count(), 2u);
-  EXPECT_EQ(entries(view), (std::vector<double>{11, 12, 21, 22}));
-  m(2, 2) = -1;  // writes through the parent are seen by the view
-  EXPECT_EQ(view(1, 1), -1);
-  EXPECT_TRUE(m.sub_matrix(3, 0, 2, 1).empty());  // block outside the matrix
-  EXPECT_EQ(m.sub_matrix(0, 2, 4, 2).data(), nullptr);
-}
-
 TEST(dense2D, resize_keeps_entries_in_place) {
   const std::size_t steps[][2] = {{4, 3}, {5, 3}, {5, 6}, {2, 6}, {2, 2}, {7, 1}};
   for (bool padded : {false, true}) {
@@ -88,38 +75,6 @@ TEST(dense2D, resize_keeps_entries_in_place) {
       rows = std::min(rows, s[0]), cols = std::min(cols, s[1]);
     }
   }
-}
-
-TEST(dense2D, reserve_then_resize_neither_moves_nor_changes_entries) {
-  dense2D<unsigned> m(2, 3, {1, 2, 3, 4, 5, 6});
-  ASSERT_TRUE(m.reserve(4, 50, 1));
-  EXPECT_TRUE(m.rows() == 2 && m.cols() == 3);
-  EXPECT_EQ(entries(m), (std::vector<unsigned>{1, 2, 3, 4, 5, 6}));
-  const unsigned* data = m.data();
-  for (std::size_t c = 4; c <= 50; c += 3) {
-    ASSERT_TRUE(m.resize(c % 2 ? 2 : 4, c, absent));
-    EXPECT_EQ(m.data(), data);
-    EXPECT_TRUE(m(1, 2) == 6 && m(0, 0) == 1);
-  }
-}
-
-TEST(dense2D, copies_are_shallow_and_counted) {
-  dense2D<double> a(3, 2, 1.5);
-  {
-    dense2D<double> b(a), c;
-    c.shallow_copy(a);
-    EXPECT_EQ(a.storage()->use_count(), 3u);
-    EXPECT_EQ(c.data(), a.data());
-    b(0, 1) = 9;
-    EXPECT_EQ(a(0, 1), 9);
-  }
-  EXPECT_EQ(a.storage()->use_count(), 1u);
-  const dense2D<double> padded = padded_view(a, 2, nan_value);
-  dense2D<double> deep;
-  ASSERT_TRUE(deep.copy(padded));
-  EXPECT_NE(deep.data(), padded.data());
-  EXPECT_TRUE(deep.ld() == 3 && deep.storage()->use_count() == 1);
-  EXPECT_EQ(entries(deep), entries(a));
 }
 
 TEST(dense2D, growth_of_a_shared_buffer_detaches) {
@@ -137,42 +92,6 @@ TEST(dense2D, growth_of_a_shared_buffer_detaches) {
   ASSERT_TRUE(top.resize(2, 2, 0U));
   EXPECT_EQ(entries(a), (std::vector<unsigned>{1, 2, 3, 4}));
   EXPECT_EQ(entries(top), (std::vector<unsigned>{1, 0, 3, 0}));
-}
-
-TEST(dense2D, clear_and_as_vector) {
-  dense2D<unsigned> m(2, 3, {1, 2, 3, 4, 5, 6});
-  const dense1D<unsigned, 8> all = m.as_vector();  // contiguous: shares the buffer
-  EXPECT_EQ(all.data(), m.data());
-  EXPECT_EQ(entries(all), entries(m));
-  EXPECT_EQ(entries(padded_view(m, 3, 0U).sub_matrix(1, 0, 1, 3).as_vector()), (std::vector<unsigned>{2, 4, 6}));
-  dense2D<unsigned> shared(m);
-  shared.clear();
-  EXPECT_EQ(shared.rows() + shared.cols(), 0u);
-  EXPECT_EQ(entries(m).size(), 6u);         // the other user keeps its matrix
-  EXPECT_EQ(m.storage()->use_count(), 2u);  // m and `all`
-}
-
-TEST(dense1D, push_back_resize_reserve_clear) {
-  dense1D<unsigned, 8> v;
-  for (unsigned i = 0; i < 100; ++i) ASSERT_TRUE(v.push_back(i * i));
-  for (unsigned i = 0; i < 100; ++i) ASSERT_EQ(v[i], i * i);
-  ASSERT_TRUE(v.resize(103, 5U));
-  EXPECT_TRUE(v[99] == 99u * 99u && v[102] == 5);
-  ASSERT_TRUE(v.reserve(1000, 1));
-  const unsigned* data = v.data();
-  for (unsigned i = 0; i < 800; ++i) ASSERT_TRUE(v.push_back(i));
-  EXPECT_TRUE(v.data() == data && v[50] == 2500);
-
-  dense1D<unsigned, 8> shared(v);
-  ASSERT_TRUE(shared.reserve(3, 1));  // fewer than its entries: detaches with all of them
-  ASSERT_TRUE(shared.push_back(1));
-  EXPECT_TRUE(shared.size() == 904 && shared[50] == 2500);
-  EXPECT_TRUE(v.size() == 903 && v.storage()->use_count() == 1);
-  v.clear();
-  EXPECT_TRUE(v.empty());
-  ASSERT_TRUE(v.push_back(4));
-  EXPECT_EQ(v.data(), data);  // the buffer was kept for reuse
-  EXPECT_EQ(entries(dense1D<double, 8>(4, 2.5)), (std::vector<double>{2.5, 2.5, 2.5, 2.5}));
 }
 
 // The library's roll-back after -199 rests on this: every allocating call of the
@@ -237,23 +156,6 @@ TEST(allocation, every_allocating_call_fails_cleanly) {
     EXPECT_TRUE((dense1D<double, 8>(10, 1.0).empty()));
     EXPECT_EQ(inner.live_blocks(), 0);
   }
-}
-
-// nullptr restores the default pair; each call returns the pair it replaced.
-TEST(allocation, set_vector_num_allocator_returns_the_previous_pair) {
-  const auto initial = zel::set_vector_num_allocator(nullptr, nullptr);
-  {
-    failing_allocator counter;  // installs its own pair, restores the previous one on exit
-    dense1D<double, 8> v(5, 1.0);
-    const long counted = counter.allocations();
-    EXPECT_GT(counted, 0);
-    const auto mine = zel::set_vector_num_allocator(nullptr, nullptr);
-    EXPECT_NE(mine.first, initial.first);
-    { const dense1D<double, 8> w(5, 1.0); }
-    EXPECT_EQ(counter.allocations(), counted);  // served by the default pair
-    EXPECT_EQ(zel::set_vector_num_allocator(mine.first, mine.second).first, initial.first);
-  }
-  zel::set_vector_num_allocator(initial.first, initial.second);
 }
 
 // ---- check_IDs -------------------------------------------------------------------------
@@ -543,27 +445,6 @@ TEST(get_neighbors, boxes_match_brute_force_and_count_the_surface) {
       ASSERT_EQ(zel::tessel::get_neighbors(sparse, box_types[k], from_sparse), 0);
       EXPECT_EQ(entries(from_sparse), found);
     }
-}
-
-// 0: unit cube 0-7; 1: pyramid on its top face, apex 8; 2: wedge beside its face x = 1
-// (triangles 1-2-9 and 5-6-10); 3: tetrahedron on the pyramid's face 4-8-5. Then a face
-// shared by three tetrahedra: each takes the lowest other element.
-TEST(get_neighbors, mixed_solids_and_a_non_manifold_face) {
-  const dense2D<unsigned> connect(8, 4,
-                                  {0, 1, 2, 3, 4, 5,  6,      7,      4, 5, 6, 7,  8,      absent, absent, absent,  //
-                                   1, 2, 9, 5, 6, 10, absent, absent, 4, 5, 8, 11, absent, absent, absent, absent});
-  dense2D<unsigned> neighbors;
-  ASSERT_EQ(zel::tessel::get_neighbors(connect, zel::SOLID_MIX8, neighbors), 0);
-  EXPECT_EQ(
-      entries(neighbors),
-      (std::vector<unsigned>{absent, 2,      absent, absent, absent, 1,  // cube: (1,5,6,2) wedge, (4,7,6,5) pyramid
-                             3,      absent, absent, absent, 0,      absent,  // pyramid: (4,8,5) tetrahedron, base cube
-                             absent, absent, absent, absent, 0,      absent,  // wedge: (2,1,5,6) cube
-                             absent, absent, absent, 1,      absent, absent}));  // tetrahedron: (8,5,4) pyramid
-  ASSERT_EQ(
-      zel::tessel::get_neighbors(dense2D<unsigned>(4, 3, {0, 1, 2, 3, 0, 2, 1, 4, 1, 0, 2, 5}), zel::TH4, neighbors),
-      0);
-  EXPECT_TRUE(neighbors(3, 0) == 1 && neighbors(3, 1) == 0 && neighbors(3, 2) == 0);
 }
 
 // Elements drawn at random from a handful of nodes: repeated nodes, faces shared by many
