@@ -1,5 +1,5 @@
-// Point location and interpolation: the walk, the elements around a node, the octree of
-// nodes, get_element_containing_point and its form for many points, interpolate and
+// Point location and interpolation: the walk, the octree of nodes,
+// get_element_containing_point and its form for many points, interpolate and
 // interpolate_metrics (with the two-metric mix), against brute force (barycentric
 // coordinates, exhaustive nearest node), closed forms (linear fields, sizes linear along
 // common axes) and one call per point or node. Allocation failures and views with padding are
@@ -19,7 +19,6 @@
 #include "box_mesh.h"
 #include "checks_in_order.h"
 #include "family_table.h"
-#include "locate/elements_around_node.h"
 #include "locate/metric_mix.h"
 #include "locate/node_octree.h"
 #include "locate/node_placement.h"
@@ -77,7 +76,7 @@ struct th4_box {
   }
 };
 
-// ---- the walk and the elements around a node ----------------------------------------------
+// ---- the walk -------------------------------------------------------------------------
 
 // The corner tetrahedron A = (O, Y, X, Z) and B on its slanted face XYZ with apex W =
 // (-0.5, 1, 1): p, in B, lies beyond the face x = 0 of A (the boundary) as well as beyond
@@ -123,35 +122,6 @@ TEST(visibility_walk, invalid_element_and_step_limit) {
   element = 0;
   EXPECT_EQ(elfes::visibility_walk(coords, three, neighbors3, below, element, 0, steps), -1);
   EXPECT_EQ(element, ~0U);
-}
-
-TEST(elements_around_node, every_element_holding_the_node_depth_first) {
-  // Six TH4 per cell around its diagonal from corner 0 to 6, which hold corners 0 and 6
-  // in all six and the other corners in two: 8 x 3 for an inner node, 6 + 2 for node 1.
-  th4_box box(3, 0.0);
-  const std::pair<unsigned, std::size_t> cases[] = {{1 + 4 + 16, 24}, {0, 6}, {1, 8}};
-  for (const auto& [n, count] : cases) {
-    std::set<unsigned> holding;  // by brute force
-    for (unsigned e = 0; e < box.mesh.connect.cols(); ++e)
-      for (unsigned k = 0; k < 4; ++k)
-        if (box.mesh.connect(k, e) == n) holding.insert(e);
-    ASSERT_EQ(holding.size(), count);
-    dense1D<unsigned, 8> list;
-    elfes::element_set visited;
-    const unsigned seed = *holding.rbegin();
-    ASSERT_EQ(elfes::elements_around_node(n, seed, box.mesh.connect, box.neighbors, list, visited), 0);
-    const std::vector<unsigned> got(list.begin(), list.end());
-    EXPECT_EQ(got.front(), seed);
-    EXPECT_EQ(got.size(), count);  // each element once
-    EXPECT_EQ(std::set<unsigned>(got.begin(), got.end()), holding);
-    // Depth first: each element after the first is a neighbour of one listed before it.
-    for (std::size_t k = 1; k < got.size(); ++k) {
-      bool linked = false;
-      for (std::size_t j = 0; j < k; ++j)
-        for (unsigned f = 0; f < 4; ++f) linked |= box.neighbors(f, got[j]) == got[k];
-      EXPECT_TRUE(linked) << "node " << n << ", element " << got[k];
-    }
-  }
 }
 
 // ---- the octree of nodes -------------------------------------------------------------------

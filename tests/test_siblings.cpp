@@ -216,84 +216,72 @@ unsigned brute_nearest(const dense2D<double>& coords, const std::vector<unsigned
 
 }  // namespace
 
-TEST(node_detector, matches_brute_force_on_random_points) {
+// Clouds that defeat a search pruning by splitting planes alone: flat, on a grid (copies
+// and equidistant ties, also between copies on both sides of a split), on a plane, on a
+// line, all at one point (ties to the smallest ID), on a sphere (queried at its centre),
+// and one whose squared distances overflow (compared by exact distances in long double).
+// Queries anywhere, on nodes and off the cloud; every node, and every third one listed
+// among IDs out of range (skipped).
+TEST(node_detector, nearest_matches_brute_force_on_degenerate_clouds) {
   random_stream random(7);
-  for (double grid : {0.0, 0.25}) {  // 0.25: many duplicate points and equidistant ties
-    dense2D<double> cloud(3, 3000);
-    for (std::size_t j = 0; j < 3000; ++j)
-      for (int d = 0; d < 3; ++d) {
-        const double x = random.uniform(-1, 1) * (d == 2 ? 0.1 : 1);  // flat cloud: uneven axes
-        cloud(d, j) = grid > 0 ? std::round(x / grid) * grid : x;
-      }
+  const unsigned n = 2000;
+  enum { flat, grid, plane, line, point, sphere, huge, kinds };
+  for (int kind = 0; kind < kinds; ++kind) {
+    SCOPED_TRACE("cloud " + std::to_string(kind));
+    dense2D<double> cloud(3, n);
+    for (unsigned j = 0; j < n; ++j) {
+      double x[3] = {random.uniform(-1, 1), random.uniform(-1, 1), random.uniform(-1, 1)};
+      if (kind == flat || kind == grid) x[2] *= 0.1;
+      if (kind == grid)
+        for (double& c : x) c = std::round(c / 0.25) * 0.25;
+      if (kind == plane) x[2] = 0.5;
+      if (kind == line) x[1] = x[2] = -0.25;
+      if (kind == point) x[0] = x[1] = x[2] = 0.125;
+      const double r = kind == sphere ? std::sqrt(x[0] * x[0] + x[1] * x[1] + x[2] * x[2]) : 1;
+      for (int d = 0; d < 3; ++d) cloud(d, j) = kind == huge ? x[d] * 1e300 : x[d] / r;
+    }
     const dense2D<double> coords = padded_view(cloud, 2, nan_value);
-    std::vector<unsigned> all(3000), subset;
-    dense1D<unsigned, 8> ids{absent, 3000};  // out of range: skipped
-    for (unsigned i = 0; i < 3000; ++i) {
+    std::vector<unsigned> all(n), subset;
+    dense1D<unsigned, 8> ids{absent, n};
+    for (unsigned i = 0; i < n; ++i) {
       all[i] = i;
       if (i % 3 == 0) subset.push_back(i), ids.push_back(i);
     }
     const zel::tessel::node_detector every(coords), some(coords, ids);
-    EXPECT_EQ(every.size(), 3000u);
+    EXPECT_EQ(every.size(), n);
     EXPECT_EQ(some.size(), subset.size());
-    for (int k = 0; k < 2000; ++k) {
-      vec3 q(random.uniform(-1.5, 1.5), random.uniform(-1.5, 1.5), random.uniform(-0.3, 0.3));
-      if (grid > 0 && k % 2) q[0] = std::round(q[0] / 0.125) * 0.125, q[1] = std::round(q[1] / 0.125) * 0.125;
-      if (k % 3 == 0) {  // on a node: with the grid, a tie between its copies on both sides of a split
-        const std::size_t j = random.next() % coords.cols();
-        q = vec3(coords(0, j), coords(1, j), coords(2, j));
+    const auto exact_d2 = [&](unsigned id, const vec3& q) {
+      long double d2 = 0;
+      for (int d = 0; d < 3; ++d) d2 += (q[d] - (long double)coords(d, id)) * (q[d] - (long double)coords(d, id));
+      return d2;
+    };
+    const auto expect_nearest = [&](const zel::tessel::node_detector& detector, const std::vector<unsigned>& candidates,
+                                    const vec3& q) {
+      const unsigned found = detector.find_closest(q);
+      if (kind != huge) {
+        EXPECT_EQ(found, brute_nearest(coords, candidates, q));
+        return;
       }
-      ASSERT_EQ(every.find_closest(q), brute_nearest(coords, all, q)) << k;
-      ASSERT_EQ(some.find_closest(q), brute_nearest(coords, subset, q)) << k;
-      ASSERT_LT(every.find_close(q), 3000u);
-    }
-    for (unsigned j = 0; j < coords.cols() && grid == 0; j += 7)  // distinct points: a node lands in its own leaf
-      EXPECT_EQ(every.find_close({coords(0, j), coords(1, j), coords(2, j)}), j);
-  }
-}
-
-// Node sets that defeat a search pruning by splitting planes alone: on a plane, on a
-// line, all at one point, on a sphere (queried at its centre too), and off the plane,
-// line or point; far points whose squared distances overflow.
-TEST(node_detector, degenerate_sets_and_overflowing_distances_match_brute_force) {
-  random_stream random(19);
-  const unsigned n = 2000;
-  for (int kind = 0; kind < 5; ++kind) {
-    dense2D<double> coords(3, n);
-    for (unsigned j = 0; j < n; ++j) {
-      double x[3] = {random.uniform(-1, 1), random.uniform(-1, 1), random.uniform(-1, 1)};
-      if (kind == 0) x[2] = 0.5;                  // a plane
-      if (kind == 1) x[1] = x[2] = -0.25;         // a line
-      if (kind == 2) x[0] = x[1] = x[2] = 0.125;  // one point: ties to the smallest ID
-      if (kind == 3) {                            // a sphere of radius 1 about the origin
-        const double r = std::sqrt(x[0] * x[0] + x[1] * x[1] + x[2] * x[2]);
-        for (double& c : x) c /= r;
-      }
-      for (int d = 0; d < 3; ++d) coords(d, j) = kind == 4 ? x[d] * 1e300 : x[d];
-    }
-    std::vector<unsigned> all(n);
-    for (unsigned i = 0; i < n; ++i) all[i] = i;
-    const zel::tessel::node_detector detector(coords);
-    for (int k = 0; k < 300; ++k) {
-      const double spread = kind == 4 ? 1e300 : 1.5;
+      long double best = INFINITY;
+      for (unsigned id : candidates) best = std::min(best, exact_d2(id, q));
+      ASSERT_TRUE(std::binary_search(candidates.begin(), candidates.end(), found));
+      EXPECT_LE(exact_d2(found, q), best * (1 + 1e-14L));
+    };
+    const double spread = kind == huge ? 1e300 : 1.5;
+    for (int k = 0; k < 600; ++k) {
       vec3 q(random.uniform(-spread, spread), random.uniform(-spread, spread), random.uniform(-spread, spread));
       if (k == 0) q = vec3(0, 0, 0);
-      if (kind == 4) {  // squared distances overflow: compare exact distances in long double
-        long double best = INFINITY;
-        for (unsigned i = 0; i < n; ++i) {
-          long double d2 = 0;
-          for (int d = 0; d < 3; ++d) d2 += (q[d] - (long double)coords(d, i)) * (q[d] - (long double)coords(d, i));
-          best = std::min(best, d2);
-        }
-        const unsigned found = detector.find_closest(q);
-        ASSERT_LT(found, n);
-        long double d2 = 0;
-        for (int d = 0; d < 3; ++d)
-          d2 += (q[d] - (long double)coords(d, found)) * (q[d] - (long double)coords(d, found));
-        EXPECT_LE(d2, best * (1 + 1e-14L)) << k;
-        continue;
+      if (kind == grid && k % 2) q[0] = std::round(q[0] / 0.125) * 0.125, q[1] = std::round(q[1] / 0.125) * 0.125;
+      if (k % 3 == 1) {
+        const std::size_t j = random.next() % n;
+        q = vec3(coords(0, j), coords(1, j), coords(2, j));
       }
-      ASSERT_EQ(detector.find_closest(q), brute_nearest(coords, all, q)) << kind << " " << k;
+      expect_nearest(every, all, q);
+      expect_nearest(some, subset, q);
+      ASSERT_LT(every.find_close(q), n) << k;
     }
+    for (unsigned j = 0; j < n && kind == flat; j += 7)  // distinct points: a node lands in its own leaf
+      EXPECT_EQ(every.find_close({coords(0, j), coords(1, j), coords(2, j)}), j);
   }
 }
 
