@@ -61,22 +61,6 @@ struct snapshot {
 
 // ---- matrix ----------------------------------------------------------------------------
 
-TEST(dense2D, resize_keeps_entries_in_place) {
-  const std::size_t steps[][2] = {{4, 3}, {5, 3}, {5, 6}, {2, 6}, {2, 2}, {7, 1}};
-  for (bool padded : {false, true}) {
-    dense2D<double> m(3, 3, {0, 1, 2, 10, 11, 12, 20, 21, 22});
-    if (padded) m = padded_view(m, 4, -7.0);  // a view with ld 7 that alone owns its buffer
-    std::size_t rows = 3, cols = 3;           // the block still holding the original entries
-    for (const auto& s : steps) {
-      ASSERT_TRUE(m.resize(s[0], s[1], -1.0));
-      for (std::size_t j = 0; j < s[1]; ++j)
-        for (std::size_t i = 0; i < s[0]; ++i)
-          EXPECT_EQ(m(i, j), i < rows && j < cols ? 10.0 * j + i : -1.0) << i << "," << j << " padded " << padded;
-      rows = std::min(rows, s[0]), cols = std::min(cols, s[1]);
-    }
-  }
-}
-
 TEST(dense2D, growth_of_a_shared_buffer_detaches) {
   dense2D<unsigned> a(2, 2, {1, 2, 3, 4});
   for (int how = 0; how < 3; ++how) {
