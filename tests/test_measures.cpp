@@ -359,9 +359,9 @@ TEST(dihedral_and_solid_angles, status_codes_and_outputs) {
   const bad_argument<angle_args> seven_rows = {"7 rows",
                                                [](angle_args& a) { a.m.connect = dense2D<unsigned>(7, 1, 0u); }, -2};
   const auto untouched = [](const angle_args& a) {
-    std::vector<double> extremes = values(a.lo), hi = values(a.hi);
-    extremes.insert(extremes.end(), hi.begin(), hi.end());
-    return std::string(reinterpret_cast<const char*>(extremes.data()), extremes.size() * sizeof(double));
+    std::vector<double> both = values(a.lo), hi = values(a.hi);
+    both.insert(both.end(), hi.begin(), hi.end());
+    return std::string(reinterpret_cast<const char*>(both.data()), both.size() * sizeof(double));
   };
   for (angle_fn fn : {angle_fn(t3::dihedral_angles), angle_fn(t3::solid_angles)})
     for (bool listing : {false, true}) {
