@@ -76,7 +76,21 @@ struct th4_box {
   }
 };
 
-// ---- the walk -------------------------------------------------------------------------
+// ---- the element test and the walk ----------------------------------------------------
+
+// Inverted, flat, overflowing and undefined elements are refused (the search then reports
+// them) whatever the point.
+TEST(TH4_exit_face, invalid_elements) {
+  const double p[3] = {0.25, 0.25, 0.25};
+  const double bad[4][4][3] = {{{1, 0, 0}, {0, 1, 0}, {0, 0, 0}, {0, 0, 1}},
+                               {{0, 1, 0}, {1, 0, 0}, {0, 0, 0}, {1, 1, 0}},
+                               {{0, 1e110, 0}, {1e110, 0, 0}, {0, 0, 0}, {0, 0, 1e110}},  // 6V overflows
+                               {{0, 1, 0}, {NAN, 0, 0}, {0, 0, 0}, {0, 0, 1}}};
+  for (const auto& b : bad) {
+    const double* const corners[4] = {b[0], b[1], b[2], b[3]};
+    EXPECT_EQ(elfes::TH4_exit_face(corners, p, 0, 0), -2);
+  }
+}
 
 // The corner tetrahedron A = (O, Y, X, Z) and B on its slanted face XYZ with apex W =
 // (-0.5, 1, 1): p, in B, lies beyond the face x = 0 of A (the boundary) as well as beyond
@@ -193,15 +207,22 @@ TEST(get_element_containing_point, points_on_nodes_in_the_tolerance_band_and_beh
   ASSERT_EQ(locate(box, beyond, 1e-2, element), 1);
   const double lowest = min_barycentric(box.mesh.coords, box.mesh.connect, element, beyond.data());
   EXPECT_TRUE(lowest < 0 && lowest >= -1e-2) << lowest;
-  // An element inverted by exchanging two nodes (its adjacency rebuilt to match) stops
-  // the search for its centre.
+  // An element inverted by exchanging two nodes (its adjacency rebuilt to match), or
+  // with a node moved to infinity or made NaN, stops the search for its centre.
   const unsigned bad = 100;
-  std::swap(box.mesh.connect(0, bad), box.mesh.connect(2, bad));
-  box.neighbors = neighbors_of(box.mesh.connect);
   point3 centre(0, 0, 0);
   for (int k = 0; k < 4; ++k)
     for (int d = 0; d < 3; ++d) centre[d] += box.mesh.coords(d, box.mesh.connect(k, bad)) / 4;
-  EXPECT_EQ(locate(box, centre, 1e-9, element), -1);
+  for (const double moved : {0.0, double(INFINITY), double(NAN)}) {
+    th4_box broken(4);
+    if (moved == 0) {
+      std::swap(broken.mesh.connect(0, bad), broken.mesh.connect(2, bad));
+      broken.neighbors = neighbors_of(broken.mesh.connect);
+    } else {
+      broken.mesh.coords(0, broken.mesh.connect(3, bad)) = moved;
+    }
+    EXPECT_EQ(locate(broken, centre, 1e-9, element), -1) << moved;
+  }
 }
 
 // ---- get_elements_containing_points --------------------------------------------------------
