@@ -1,5 +1,4 @@
-// Point location and interpolation: the element test, the walk, the elements around a
-// node, the octree of nodes, the 3 x 3 solver, the order of many points,
+// Point location and interpolation: the walk, the octree of nodes,
 // get_element_containing_point and its form for many points, interpolate and
 // interpolate_metrics (with the two-metric mix), against brute force (barycentric
 // coordinates, exhaustive nearest node), closed forms (linear fields, sizes linear along
@@ -19,14 +18,11 @@
 
 #include "box_mesh.h"
 #include "checks_in_order.h"
-#include "failing_allocator.h"
 #include "family_table.h"
-#include "locate/elements_around_node.h"
 #include "locate/metric_mix.h"
 #include "locate/node_octree.h"
 #include "locate/node_placement.h"
 #include "locate/point_order.h"
-#include "locate/solve3.h"
 #include "locate/triangle_projection.h"
 #include "locate/visibility_walk.h"
 #include "zel/tessel3d.h"
@@ -80,58 +76,21 @@ struct th4_box {
   }
 };
 
-// ---- the element test and the solver ---------------------------------------------------------
+// ---- the element test and the walk ----------------------------------------------------
 
-TEST(TH4_exit_face, inside_boundary_tolerance_and_first_face_drawn) {
-  // A positive unit TH4 (6V = 1): the unit tetrahedron with nodes 0 and 2 exchanged, so
-  // that the barycentric coordinates of (x, y, z) are (y, x, 1 - x - y - z, z).
-  const double nodes[4][3] = {{0, 1, 0}, {1, 0, 0}, {0, 0, 0}, {0, 0, 1}};
-  const double* const node[4] = {nodes[0], nodes[1], nodes[2], nodes[3]};
-  struct row {
-    double p[3], tolerance;
-    int face[4];  // for each first face drawn
-  };
-  const row rows[] = {
-      {{0.25, 0.25, 0.25}, 0, {-1, -1, -1, -1}},  // centroid
-      {{1, 0, 0}, 0, {-1, -1, -1, -1}},           // a node
-      {{0.3, 0.3, 0}, 0, {-1, -1, -1, -1}},       // on face 3
-      {{0.3, 0.3, 0}, -1e-3, {3, 3, 3, 3}},       // a negative tolerance rejects faces
-      {{0.3, 0.3, -1e-4}, 0, {3, 3, 3, 3}},       // barycentric -1e-4 for node 3
-      {{0.3, 0.3, -1e-4}, 2e-4, {-1, -1, -1, -1}},
-      {{-0.5, 0.7, -0.1}, 0, {1, 3, 3, 1}},  // outside faces 1 and 3: the first in the order drawn
-  };
-  for (const row& r : rows)
-    for (unsigned s = 0; s < 4; ++s) EXPECT_EQ(elfes::TH4_exit_face(node, r.p, r.tolerance, s), r.face[s]) << r.p[2];
-  // Inverted, flat, infinite and undefined elements.
+// Inverted, flat, overflowing and undefined elements are refused (the search then reports
+// them) whatever the point.
+TEST(TH4_exit_face, invalid_elements) {
   const double p[3] = {0.25, 0.25, 0.25};
   const double bad[4][4][3] = {{{1, 0, 0}, {0, 1, 0}, {0, 0, 0}, {0, 0, 1}},
                                {{0, 1, 0}, {1, 0, 0}, {0, 0, 0}, {1, 1, 0}},
-                               {{0, 1, 0}, {INFINITY, 0, 0}, {0, 0, 0}, {0, 0, 1}},
+                               {{0, 1e110, 0}, {1e110, 0, 0}, {0, 0, 0}, {0, 0, 1e110}},  // 6V overflows
                                {{0, 1, 0}, {NAN, 0, 0}, {0, 0, 0}, {0, 0, 1}}};
   for (const auto& b : bad) {
     const double* const corners[4] = {b[0], b[1], b[2], b[3]};
     EXPECT_EQ(elfes::TH4_exit_face(corners, p, 0, 0), -2);
   }
 }
-
-TEST(solve3, known_singular_and_ill_conditioned_systems) {
-  const double a[9] = {4, 1, 0, 1, 3, 1, 0, 1, 2}, b[3] = {2, -2, 4};  // det 18, x = (1, -2, 3)
-  double x[3], inv[9];
-  EXPECT_NEAR(elfes::solve3(a, b, x, 2), 18.0, 1e-14);
-  for (int i = 0; i < 3; ++i) EXPECT_NEAR(x[i], 1 - 3.0 * (i == 1) + 2.0 * (i == 2), 1e-14);
-  const double cycle[9] = {0, 1, 0, 0, 0, 1, 1, 0, 0};  // a permutation: det 1, inverse = transpose
-  EXPECT_DOUBLE_EQ(elfes::inverse3(cycle, inv), 1.0);
-  for (int i = 0; i < 9; ++i) EXPECT_EQ(inv[i], cycle[i % 3 * 3 + i / 3]);
-  const double singular[9] = {1, 2, 3, 2, 4, 6, 0, 1, 1}, ones[3] = {1, 1, 1};  // column 1 = 2 x column 0
-  EXPECT_EQ(elfes::solve3(singular, ones, x, 2), 0.0);
-  for (double xi : x) EXPECT_EQ(xi, 0.0);
-  const double hilbert[9] = {1, 1. / 2, 1. / 3, 1. / 2, 1. / 3, 1. / 4, 1. / 3, 1. / 4, 1. / 5};
-  const double h[3] = {11. / 6, 13. / 12, 47. / 60};  // x = (1, 1, 1): refinement recovers it
-  elfes::solve3(hilbert, h, x, 2);
-  for (double xi : x) EXPECT_NEAR(xi, 1.0, 1e-12);
-}
-
-// ---- the walk and the elements around a node ----------------------------------------------
 
 // The corner tetrahedron A = (O, Y, X, Z) and B on its slanted face XYZ with apex W =
 // (-0.5, 1, 1): p, in B, lies beyond the face x = 0 of A (the boundary) as well as beyond
@@ -177,35 +136,6 @@ TEST(visibility_walk, invalid_element_and_step_limit) {
   element = 0;
   EXPECT_EQ(elfes::visibility_walk(coords, three, neighbors3, below, element, 0, steps), -1);
   EXPECT_EQ(element, ~0U);
-}
-
-TEST(elements_around_node, every_element_holding_the_node_depth_first) {
-  // Six TH4 per cell around its diagonal from corner 0 to 6, which hold corners 0 and 6
-  // in all six and the other corners in two: 8 x 3 for an inner node, 6 + 2 for node 1.
-  th4_box box(3, 0.0);
-  const std::pair<unsigned, std::size_t> cases[] = {{1 + 4 + 16, 24}, {0, 6}, {1, 8}};
-  for (const auto& [n, count] : cases) {
-    std::set<unsigned> holding;  // by brute force
-    for (unsigned e = 0; e < box.mesh.connect.cols(); ++e)
-      for (unsigned k = 0; k < 4; ++k)
-        if (box.mesh.connect(k, e) == n) holding.insert(e);
-    ASSERT_EQ(holding.size(), count);
-    dense1D<unsigned, 8> list;
-    elfes::element_set visited;
-    const unsigned seed = *holding.rbegin();
-    ASSERT_EQ(elfes::elements_around_node(n, seed, box.mesh.connect, box.neighbors, list, visited), 0);
-    const std::vector<unsigned> got(list.begin(), list.end());
-    EXPECT_EQ(got.front(), seed);
-    EXPECT_EQ(got.size(), count);  // each element once
-    EXPECT_EQ(std::set<unsigned>(got.begin(), got.end()), holding);
-    // Depth first: each element after the first is a neighbour of one listed before it.
-    for (std::size_t k = 1; k < got.size(); ++k) {
-      bool linked = false;
-      for (std::size_t j = 0; j < k; ++j)
-        for (unsigned f = 0; f < 4; ++f) linked |= box.neighbors(f, got[j]) == got[k];
-      EXPECT_TRUE(linked) << "node " << n << ", element " << got[k];
-    }
-  }
 }
 
 // ---- the octree of nodes -------------------------------------------------------------------
@@ -277,51 +207,21 @@ TEST(get_element_containing_point, points_on_nodes_in_the_tolerance_band_and_beh
   ASSERT_EQ(locate(box, beyond, 1e-2, element), 1);
   const double lowest = min_barycentric(box.mesh.coords, box.mesh.connect, element, beyond.data());
   EXPECT_TRUE(lowest < 0 && lowest >= -1e-2) << lowest;
-  // An element inverted by exchanging two nodes (its adjacency rebuilt to match) stops
-  // the search for its centre.
+  // An element inverted by exchanging two nodes (its adjacency rebuilt to match), or
+  // with a node moved to infinity or made NaN, stops the search for its centre.
   const unsigned bad = 100;
-  std::swap(box.mesh.connect(0, bad), box.mesh.connect(2, bad));
-  box.neighbors = neighbors_of(box.mesh.connect);
   point3 centre(0, 0, 0);
   for (int k = 0; k < 4; ++k)
     for (int d = 0; d < 3; ++d) centre[d] += box.mesh.coords(d, box.mesh.connect(k, bad)) / 4;
-  EXPECT_EQ(locate(box, centre, 1e-9, element), -1);
-}
-
-// ---- the order of many points ----------------------------------------------------------------
-
-// Random points, some not finite, every fifth left out: each chosen ID once, the finite
-// points octant by octant (at two levels, from their coordinates), the others last in
-// their given order.
-TEST(spatial_order, octants_in_turn_non_finite_points_last) {
-  const unsigned n = 2000, odd[3] = {17, 400, 1203};
-  dense2D<double> xyz(3, n);
-  random_stream random(8);
-  for (unsigned j = 0; j < n; ++j)
-    for (int d = 0; d < 3; ++d) xyz(d, j) = j < 2 ? j : random.uniform();  // the box spans [0, 1]^3
-  xyz(1, odd[0]) = NAN, xyz(2, odd[1]) = INFINITY, xyz(0, odd[2]) = -INFINITY;
-  auto chosen = [](std::size_t k) { return k % 5 == 4 ? ~0U : unsigned(k); };
-  elfes::order_records records;
-  ASSERT_EQ(elfes::spatial_order(xyz.data(), xyz.ld(), n, chosen, records), 0);
-  std::vector<unsigned> ids, expected;
-  for (std::size_t k = 0; k < records.size(); ++k) ids.push_back(elfes::record_id(records[k]));
-  for (unsigned k = 0; k < n; ++k)
-    if (chosen(k) != ~0U) expected.push_back(k);
-  ASSERT_EQ(std::multiset<unsigned>(ids.begin(), ids.end()), std::multiset<unsigned>(expected.begin(), expected.end()));
-  EXPECT_EQ(std::vector<unsigned>(ids.end() - 3, ids.end()), std::vector<unsigned>(odd, odd + 3));
-  unsigned previous = 0;
-  for (std::size_t k = 0; k + 3 < ids.size(); ++k) {
-    unsigned octants = 0;  // the octant, then the octant inside it, as one number
-    for (int level = 1; level <= 2; ++level)
-      for (int d = 0; d < 3; ++d)  // the far corner lies in the last cells
-        octants |= unsigned(int(std::min(xyz(d, ids[k]), 0.999999) * (1 << level)) & 1) << (3 * (2 - level) + d);
-    EXPECT_GE(octants, previous) << "record " << k;
-    previous = octants;
-  }
-  for (long fail = 1; fail <= 2; ++fail) {  // the records, the sort's second buffer
-    failing_allocator guard(fail);
-    EXPECT_EQ(elfes::spatial_order(xyz.data(), xyz.ld(), n, chosen, records), -199);
-    EXPECT_EQ(records.size(), 0u);
+  for (const double moved : {0.0, double(INFINITY), double(NAN)}) {
+    th4_box broken(4);
+    if (moved == 0) {
+      std::swap(broken.mesh.connect(0, bad), broken.mesh.connect(2, bad));
+      broken.neighbors = neighbors_of(broken.mesh.connect);
+    } else {
+      broken.mesh.coords(0, broken.mesh.connect(3, bad)) = moved;
+    }
+    EXPECT_EQ(locate(broken, centre, 1e-9, element), -1) << moved;
   }
 }
 

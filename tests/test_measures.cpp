@@ -139,9 +139,8 @@ TEST(measures, reference_elements) {
 
 class volume_box : public ::testing::TestWithParam<box_kind> {};
 
-// Plane faces: the box volume, in every layout and through strided views (wrong strides
-// read the NaN or node-0 guards); an affine map keeps them plane, a flip negates the
-// volume. Jittered nodes bend the quadrangles: elements are then measured as their
+// Plane faces: the box volume, in every layout; an affine map keeps them plane, a flip
+// negates the volume. Jittered nodes bend the quadrangles: elements are then measured as their
 // tetrahedral splits (which an affine map scales by its determinant). Triangles and
 // pyramid bases are cut the same way from both sides, so TH4 and PY5 meshes still fill
 // the box exactly; W6 and H8 neighbours cut a shared face along different diagonals.
@@ -150,8 +149,6 @@ TEST_P(volume_box, box_total_splits_affine_maps_and_flips) {
   box_mesh m = make_box(kind, 5, 4, 3, 2.0, 3.0, 5.0);
   EXPECT_NEAR(volume_of(m.coords, m.connect), 30.0, 1e-12);
   EXPECT_NEAR(volume_of(m.coords, to_mixed8(m.connect)), 30.0, 1e-12);
-  EXPECT_NEAR(volume_of(padded_view(m.coords, 2, nan_guard), padded_view(m.connect, 3, 0u)), 30.0, 1e-12);
-  EXPECT_NEAR(volume_of(m.coords, padded_view(to_mixed8(m.connect), 1, 0u)), 30.0, 1e-12);
   const double sheared = 30.0 * shear(m);
   dense2D<unsigned> flipped;
   ASSERT_TRUE(flipped.copy(m.connect));
@@ -337,49 +334,52 @@ TEST(dihedral_and_solid_angles, degenerate_and_malformed_columns) {
   EXPECT_TRUE(std::isnan(volume_of(m.coords, m.connect)));
 }
 
-TEST(dihedral_angles, extremes_follow_the_comparisons_through_nan) {
-  const double values[] = {1.0, nan_guard, 3.0, 2.0};
-  double lo, hi;
-  elfes::list_extremes(values, 4, lo, hi);  // a NaN resets both; the values after it remain
-  EXPECT_EQ(lo, 2.0);
-  EXPECT_EQ(hi, 3.0);
-  elfes::list_extremes(values, 2, lo, hi);
-  EXPECT_TRUE(std::isnan(lo) && std::isnan(hi));
-}
+namespace {
+
+// Six tetrahedra; the extremes start at -7 and the list of degenerate elements holds one
+// entry, which the checked forms clear first.
+struct angle_args {
+  box_mesh m = make_box(box_kind::TH4, 1, 1, 1);
+  dense1D<double, 8> lo = dense1D<double, 8>(6, -7.0), hi = dense1D<double, 8>(6, -7.0);
+  dense1D<unsigned, 8> degenerate = dense1D<unsigned, 8>(1, 7u);
+};
+
+}  // namespace
 
 TEST(dihedral_and_solid_angles, status_codes_and_outputs) {
+  // IDs and row counts first, then emptiness, then coordinates with 2 rows.
+  const std::vector<bad_argument<angle_args>> chain = {
+      {"connectivity ID", [](angle_args& a) { a.m.connect = dense2D<unsigned>(4, 1, 8u); }, -2},
+      {"connectivity (empty)", [](angle_args& a) { a.m.connect = dense2D<unsigned>(8, 0); }, 0},
+      {"coords rows", [](angle_args& a) { a.m.coords = a.m.coords.sub_matrix(0, 0, 2, a.m.coords.cols()); }, -1}};
+  const auto untouched = [](const angle_args& a) {
+    return ::testing::PrintToString(std::make_pair(values(a.lo), values(a.hi)));
+  };
   for (angle_fn fn : {angle_fn(t3::dihedral_angles), angle_fn(t3::solid_angles)}) {
-    const box_mesh m = make_box(box_kind::TH4, 1, 1, 1);  // 6 elements
-    dense1D<double, 8> lo(6, -7.0), hi(6, -7.0);
-    const dense2D<unsigned> bad(4, 1, {0, unsigned(m.coords.cols()), 1, 2});
-    // IDs and row counts first, then emptiness, then coordinates with 2 rows; nothing written.
-    const dense2D<double> flat = m.coords.sub_matrix(0, 0, 2, m.coords.cols());
-    EXPECT_EQ(fn(flat, bad, false, lo, hi), -2);
-    EXPECT_EQ(fn(flat, dense2D<unsigned>(7, 1, 0u), false, lo, hi), -2);
-    EXPECT_EQ(fn(flat, dense2D<unsigned>(8, 0), false, lo, hi), 0);
-    EXPECT_EQ(fn(flat, m.connect, false, lo, hi), -1);
-    for (std::size_t j = 0; j < 6; ++j) EXPECT_EQ(lo[j] + hi[j], -14.0) << "written on failure or empty input";
+    for (bool listing : {false, true}) {
+      SCOPED_TRACE(std::string(fn == angle_fn(t3::dihedral_angles) ? "dihedral" : "solid") +
+                   (listing ? ", listing" : ""));
+      const auto call = [&](angle_args& a) {
+        if (!listing) return fn(a.m.coords, a.m.connect, false, a.lo, a.hi);
+        const int status = checked_form(fn)(a.m.coords, a.m.connect, false, a.lo, a.hi, a.degenerate);
+        EXPECT_TRUE(a.degenerate.empty());
+        return status;
+      };
+      expect_checks_in_order<angle_args>(chain, call, untouched);
+      expect_checks_in_order<angle_args>(
+          {{"7 rows", [](angle_args& a) { a.m.connect = dense2D<unsigned>(7, 1, 0u); }, -2}}, call, untouched);
+    }
     // A fourth coordinate row is ignored; short outputs are neither enlarged nor written
     // past their end.
+    const box_mesh m = make_box(box_kind::TH4, 1, 1, 1);
     dense2D<double> four;
     ASSERT_TRUE(four.copy(m.coords) && four.resize(4, m.coords.cols(), 5.0));
-    dense1D<double, 8> lo4(6), hi4(6), lo2(2, -7.0), hi1(1, -7.0);
+    dense1D<double, 8> lo(6), hi(6), lo4(6), hi4(6), lo2(2, -7.0), hi1(1, -7.0);
     ASSERT_EQ(fn(four, m.connect, false, lo4, hi4), 0);
     ASSERT_EQ(fn(m.coords, m.connect, false, lo2, hi1), 0);
     ASSERT_EQ(fn(m.coords, m.connect, false, lo, hi), 0);
-    for (std::size_t j = 0; j < 6; ++j) EXPECT_EQ(lo4[j], lo[j]);
-    EXPECT_EQ(lo2.size() + hi1.size(), 3u);
-    EXPECT_EQ(lo2[1], lo[1]);
-    EXPECT_EQ(hi1[0], hi[0]);
-    // The checked form: the same checks, its list cleared first.
-    dense1D<double, 8> untouched_lo(6, -7.0), untouched_hi(6, -7.0);  // apart: one buffer is -5
-    for (const auto& [c, status] : {std::make_pair(bad, -2), std::make_pair(m.connect, -1)}) {
-      dense1D<unsigned, 8> degenerate(1, 7u);
-      EXPECT_EQ(checked_form(fn)(flat, c, false, untouched_lo, untouched_hi, degenerate), status);
-      EXPECT_TRUE(degenerate.empty());
-    }
-    EXPECT_EQ(values(untouched_lo), std::vector<double>(6, -7.0));
-    EXPECT_EQ(values(untouched_hi), std::vector<double>(6, -7.0));
+    EXPECT_EQ(values(lo4), values(lo));
+    EXPECT_TRUE(lo2.size() == 2 && hi1.size() == 1 && lo2[1] == lo[1] && hi1[0] == hi[0]);
   }
 }
 

@@ -800,15 +800,6 @@ TEST(convert_into_linear, row_rules) {
   EXPECT_EQ(empty.rows(), 11u);
 }
 
-TEST(convert_into_linear, shared_buffer_is_left_to_the_other_views) {
-  dense2D<unsigned> original(27, 1, absent);
-  for (unsigned i = 0; i < 10; ++i) original(i, 0) = i;
-  dense2D<unsigned> shared = original;
-  ASSERT_EQ(t3::convert_into_linear(shared), 0);
-  EXPECT_EQ(shared(4, 0), absent);
-  EXPECT_TRUE(original.rows() == 27 && original(4, 0) == 4);
-}
-
 // ---- split_into_H8 ----------------------------------------------------------------------
 
 namespace {

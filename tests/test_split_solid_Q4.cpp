@@ -49,18 +49,28 @@ dense2D<unsigned> columns(const std::vector<quad>& list) {
   return q;
 }
 
+// The faces of column j as node cycles, by the kind of its row count (8: each column's
+// own kind), and a face's key: its sorted nodes.
+std::vector<std::vector<unsigned>> faces_of(const dense2D<unsigned>& c, std::size_t j) {
+  const elfes::solid_kind kind = c.rows() == 5   ? elfes::kind_PY5
+                                 : c.rows() == 6 ? elfes::kind_W6
+                                                 : elfes::mixed8_kind(&c(0, j));
+  const elfes::solid_descriptor& d = elfes::solid_table[kind];
+  std::vector<std::vector<unsigned>> faces(d.nb_faces);
+  for (unsigned f = 0; f < d.nb_faces; ++f)
+    for (unsigned k = 0; k < d.face_size[f]; ++k) faces[f].push_back(c(d.faces[f][k], j));
+  return faces;
+}
+face key_of(face f) {
+  std::sort(f.begin(), f.end());
+  return f;
+}
+
 // Faces met exactly once among columns [first, last) of an 8-row connectivity.
 std::set<face> boundary(const dense2D<unsigned>& c, std::size_t first, std::size_t last) {
   std::map<face, int> count;
-  for (std::size_t j = first; j < last; ++j) {
-    const elfes::solid_descriptor& kind = elfes::solid_table[elfes::mixed8_kind(&c(0, j))];
-    for (unsigned f = 0; f < kind.nb_faces; ++f) {
-      face key;
-      for (unsigned k = 0; k < kind.face_size[f]; ++k) key.push_back(c(kind.faces[f][k], j));
-      std::sort(key.begin(), key.end());
-      ++count[key];
-    }
-  }
+  for (std::size_t j = first; j < last; ++j)
+    for (const face& f : faces_of(c, j)) ++count[key_of(f)];
   std::set<face> once;
   for (const auto& [f, n] : count)
     if (n == 1) once.insert(f);
@@ -185,19 +195,9 @@ box_mesh hexahedra_and_pyramids(unsigned n) {
 // Every quadrangle as each solid sees it, keyed by its sorted nodes.
 std::map<face, std::vector<quad>> quadrangles(const dense2D<unsigned>& c) {
   std::map<face, std::vector<quad>> seen;
-  for (std::size_t j = 0; j < c.cols(); ++j) {
-    const elfes::solid_kind kind = c.rows() == 5   ? elfes::kind_PY5
-                                   : c.rows() == 6 ? elfes::kind_W6
-                                                   : elfes::mixed8_kind(&c(0, j));
-    const elfes::solid_descriptor& d = elfes::solid_table[kind];
-    for (unsigned f = 0; f < d.nb_faces; ++f) {
-      if (d.face_size[f] != 4) continue;
-      const quad q{{c(d.faces[f][0], j), c(d.faces[f][1], j), c(d.faces[f][2], j), c(d.faces[f][3], j)}};
-      face key(q.begin(), q.end());
-      std::sort(key.begin(), key.end());
-      seen[key].push_back(q);
-    }
-  }
+  for (std::size_t j = 0; j < c.cols(); ++j)
+    for (const face& f : faces_of(c, j))
+      if (f.size() == 4) seen[key_of(f)].push_back({{f[0], f[1], f[2], f[3]}});
   return seen;
 }
 
@@ -206,27 +206,16 @@ std::map<face, std::vector<quad>> quadrangles(const dense2D<unsigned>& c) {
 int quadrangles_facing_triangles(const dense2D<unsigned>& out) {
   std::set<face> triangles;
   std::vector<quad> quads;
-  for (std::size_t j = 0; j < out.cols(); ++j) {
-    const elfes::solid_descriptor& d = elfes::solid_table[elfes::mixed8_kind(&out(0, j))];
-    for (unsigned f = 0; f < d.nb_faces; ++f) {
-      const unsigned* v = d.faces[f];
-      if (d.face_size[f] == 4) {
-        quads.push_back({{out(v[0], j), out(v[1], j), out(v[2], j), out(v[3], j)}});
-      } else {
-        face t{out(v[0], j), out(v[1], j), out(v[2], j)};
-        std::sort(t.begin(), t.end());
-        triangles.insert(t);
-      }
+  for (std::size_t j = 0; j < out.cols(); ++j)
+    for (const face& f : faces_of(out, j)) {
+      if (f.size() == 4) quads.push_back({{f[0], f[1], f[2], f[3]}});
+      if (f.size() == 3) triangles.insert(key_of(f));
     }
-  }
   int count = 0;
   for (const quad& q : quads)
-    for (unsigned k = 0; k < 2; ++k) {
-      face a{q[k], q[k + 1], q[k + 2]}, b{q[k + 2], q[(k + 3) % 4], q[k]};
-      std::sort(a.begin(), a.end());
-      std::sort(b.begin(), b.end());
-      count += triangles.count(a) && triangles.count(b);
-    }
+    for (unsigned k = 0; k < 2; ++k)
+      count += triangles.count(key_of({q[k], q[k + 1], q[k + 2]})) &&
+               triangles.count(key_of({q[k + 2], q[(k + 3) % 4], q[k]}));
   return count;
 }
 
@@ -236,9 +225,8 @@ int quadrangles_facing_triangles(const dense2D<unsigned>& out) {
 
 // Each cell becomes 7 pieces in its place around a new node at its centroid (5 PY5 and
 // 2 TH4 on the listed face); both sides cut each face the same way, so the whole mesh
-// keeps the box's boundary. The same through views whose leading dimension exceeds
-// their rows, coordinates that are themselves a view (they grow too), and the output
-// given as the input.
+// keeps the box's boundary. The same with coordinates that are themselves a view (they
+// grow too) and the output given as the input.
 TEST(split_solid_Q4, middle_layer_of_a_box_is_triangulated_conformingly) {
   const listed_mesh b = middle_layer(3, 2);
   const result r = run(b.mesh, b.quads, 0.1);
@@ -265,9 +253,6 @@ TEST(split_solid_Q4, middle_layer_of_a_box_is_triangulated_conformingly) {
     for (std::size_t j = 0; j < coords.cols(); ++j)
       for (int d = 0; d < 3; ++d) EXPECT_EQ(coords(d, j), r.coords(d, j));
   };
-  const box_mesh padded{padded_view(b.mesh.coords, 2, std::nan("")), padded_view(b.mesh.connect, 3, 77u)};
-  const result v = run(padded, padded_view(b.quads, 1, 77u), 0.1);
-  expect_same_result(v.coords, v.out);
   dense2D<double> coords = padded_view(b.mesh.coords, 1, std::nan(""));
   dense2D<unsigned> connect;
   ASSERT_TRUE(connect.copy(b.mesh.connect));
