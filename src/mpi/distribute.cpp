@@ -52,8 +52,8 @@ int partition(const dense2D<unsigned>& connect, element_type type, unsigned nb_n
     if (corners.size() > static_cast<std::size_t>(std::numeric_limits<idx_t>::max())) return partitioner_failed;
     start[j + 1] = static_cast<idx_t>(corners.size());
   }
-  idx_t ne = static_cast<idx_t>(nb_elements), nn = static_cast<idx_t>(nb_nodes), ncommon = 3,
-        nparts = nb_ranks, objval = 0;
+  idx_t ne = static_cast<idx_t>(nb_elements), nn = static_cast<idx_t>(nb_nodes), ncommon = 3, nparts = nb_ranks,
+        objval = 0;
   idx_t options[METIS_NOPTIONS];
   METIS_SetDefaultOptions(options);
   options[METIS_OPTION_NUMBERING] = 0;
@@ -208,7 +208,8 @@ int distribute_on(const detail::private_comm& comm, int root, const dense2D<doub
   int status = status_ok;
   plan p;
   if (is_root) {
-    if (coords.rows() != 3 || coords.cols() >= std::numeric_limits<unsigned>::max()) status = -3;
+    if (coords.rows() != 3 || coords.cols() >= std::numeric_limits<unsigned>::max())
+      status = -3;
     else if (connect.cols() > 0 && (!detail::solid_layout_of_rows(connect.rows(), type) ||
                                     !tessel::check_IDs(connect, type, static_cast<unsigned>(coords.cols()))))
       status = -4;
@@ -235,8 +236,10 @@ int distribute_on(const detail::private_comm& comm, int root, const dense2D<doub
     status = status_out_of_memory;
   else {
     try {
-      if (is_root) scratch.size(p, coords.cols(), static_cast<std::size_t>(rows), root);
-      else requests.resize(nb_part_requests(mine[0], mine[1], rows));
+      if (is_root)
+        scratch.size(p, coords.cols(), static_cast<std::size_t>(rows), root);
+      else
+        requests.resize(nb_part_requests(mine[0], mine[1], rows));
     } catch (const std::bad_alloc&) {
       status = status_out_of_memory;
     }
