@@ -70,9 +70,10 @@ int main(int argc, char** argv) {
   unsigned long long elements = p.element_ids.size(), all_elements = 0;
   MPI_Reduce(&elements, &all_elements, 1, MPI_UNSIGNED_LONG_LONG, MPI_SUM, 0, MPI_COMM_WORLD);
   if (rank == 0) {
-    std::printf("ranks %d, %llu TH4: distribute %.3f s, node sharing %.3f s, volume %.3f s, dihedral %.3f s, "
-                "gather %.3f s\n",
-                size, all_elements, best[0], best[1], best[2], best[3], best[4]);
+    std::printf(
+        "ranks %d, %llu TH4: distribute %.3f s, node sharing %.3f s, volume %.3f s, dihedral %.3f s, "
+        "gather %.3f s\n",
+        size, all_elements, best[0], best[1], best[2], best[3], best[4]);
     std::printf("per rank: nodes <= %llu, shared node entries <= %llu (total %llu), neighbours <= %llu\n", most[0],
                 most[1], sum[1], most[2]);
   }
