@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <string>
 
 #include "failing_allocator.h"
@@ -32,6 +33,9 @@ std::vector<mesh_case> meshes() {
   mixed.connect = to_mixed8(mixed.connect);
   cases.push_back({"mixed layout", mixed});
   cases.push_back({"TH10 shell", to_TH10(make_shell(box_kind::TH4, 4, 4, 4))});
+  const box_mesh shell = make_shell(box_kind::PY5, 4, 4, 4);
+  cases.push_back({"PY5 shell in padded views",
+                   {padded_view(shell.coords, 2, std::nan("")), padded_view(shell.connect, 3, 0xDEADu)}});
   cases.push_back({"long thin H8 shell", make_shell(box_kind::H8, 2, 12, 2, 0.1, 0.75, 1.0, 1.0)});
   return cases;
 }
@@ -148,6 +152,21 @@ TEST(distribute, every_rank_gets_the_status_of_the_root_input) {
   }
   part untouched;
   EXPECT_EQ(distribute(MPI_COMM_NULL, 0, good.coords, good.connect, untouched), -1);
+
+  // gather: a root that is not a rank, and an element ID that two ranks (or, alone, one
+  // rank) both hold.
+  part p;
+  ASSERT_EQ(distribute(MPI_COMM_WORLD, 0, good.coords, good.connect, p), 0);
+  dense2D<double> coords(1, 1, 7.0);
+  dense2D<unsigned> connect;
+  EXPECT_EQ(gather(MPI_COMM_WORLD, -1, p, coords, connect), -2);
+  part repeated = p;
+  repeated.element_ids.copy(p.element_ids);
+  if (rank == size - 1 && repeated.element_ids.size() > 1) repeated.element_ids[1] = 0;
+  if (rank == size - 1 && size > 1 && !repeated.element_ids.empty()) repeated.element_ids[0] = 0;
+  EXPECT_EQ(gather(MPI_COMM_WORLD, 0, repeated, coords, connect), -3);
+  EXPECT_EQ(coords(0, 0), 7.0);
+  EXPECT_EQ(gather(MPI_COMM_NULL, 0, p, coords, connect), -1);
 }
 
 // The n-th allocation of one rank fails, for every n up to success: every rank returns
