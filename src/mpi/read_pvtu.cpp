@@ -42,7 +42,8 @@ bool read_index(const std::string& path, file_index& index) {
   if (root.name != "VTKFile" || !kind) return false;
   const bool single = kind->value == "UnstructuredGrid";
   if (!single && kind->value != "PUnstructuredGrid") return false;
-  const std::vector<std::size_t> grids = detail::xml_children(doc, 0, single ? "UnstructuredGrid" : "PUnstructuredGrid");
+  const std::vector<std::size_t> grids =
+      detail::xml_children(doc, 0, single ? "UnstructuredGrid" : "PUnstructuredGrid");
   if (grids.size() != 1) return false;
   // A single .vtu declares its arrays in its first piece.
   std::size_t holder = grids[0];
@@ -157,14 +158,13 @@ element_type layout_of(std::uint32_t mask, std::size_t& rows) {
 // This rank's nodes: the points of its pieces with one local node per global ID, in the
 // order the IDs are first met. node_of[i] is the local node of point i. False when two
 // points with one ID lie apart.
-bool merge_points(const detail::piece_content& content, std::vector<std::uint64_t>& ids,
-                  std::vector<unsigned>& node_of, std::vector<std::size_t>& first_point) {
+bool merge_points(const detail::piece_content& content, std::vector<std::uint64_t>& ids, std::vector<unsigned>& node_of,
+                  std::vector<std::size_t>& first_point) {
   const std::size_t n = content.points;
   std::vector<std::size_t> order(n);
   for (std::size_t i = 0; i < n; ++i) order[i] = i;
-  std::sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
-    return ids[a] != ids[b] ? ids[a] < ids[b] : a < b;
-  });
+  std::sort(order.begin(), order.end(),
+            [&](std::size_t a, std::size_t b) { return ids[a] != ids[b] ? ids[a] < ids[b] : a < b; });
   // representative[i]: the first point with the ID of point i
   std::vector<std::size_t> representative(n);
   for (std::size_t k = 0; k < n; ++k) {
@@ -238,8 +238,7 @@ bool build(const file_index& index, detail::piece_content& content, const std::v
     if (!take_values(index.points.arrays[a], content.point_arrays[a], nb_nodes, &first_point, out.point_data[a]))
       return false;
   for (std::size_t a = 0; a < out.cell_data.size(); ++a)
-    if (!take_values(index.cells.arrays[a], content.cell_arrays[a], nb_cells, nullptr, out.cell_data[a]))
-      return false;
+    if (!take_values(index.cells.arrays[a], content.cell_arrays[a], nb_cells, nullptr, out.cell_data[a])) return false;
   return true;
 }
 

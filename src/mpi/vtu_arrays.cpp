@@ -19,12 +19,13 @@ namespace {
 constexpr struct {
   std::string_view name;
   scalar_type type;
-} scalar_names[] = {{"Int8", scalar_type::int8},       {"UInt8", scalar_type::uint8},     {"Int16", scalar_type::int16},
-                    {"UInt16", scalar_type::uint16},   {"Int32", scalar_type::int32},     {"UInt32", scalar_type::uint32},
-                    {"Int64", scalar_type::int64},     {"UInt64", scalar_type::uint64},   {"Float32", scalar_type::float32},
-                    {"Float64", scalar_type::float64}, {"Char", scalar_type::int8},       {"UChar", scalar_type::uint8},
-                    {"Short", scalar_type::int16},     {"UShort", scalar_type::uint16},   {"Int", scalar_type::int32},
-                    {"UInt", scalar_type::uint32},     {"Float", scalar_type::float32},   {"Double", scalar_type::float64}};
+} scalar_names[] = {
+    {"Int8", scalar_type::int8},       {"UInt8", scalar_type::uint8},   {"Int16", scalar_type::int16},
+    {"UInt16", scalar_type::uint16},   {"Int32", scalar_type::int32},   {"UInt32", scalar_type::uint32},
+    {"Int64", scalar_type::int64},     {"UInt64", scalar_type::uint64}, {"Float32", scalar_type::float32},
+    {"Float64", scalar_type::float64}, {"Char", scalar_type::int8},     {"UChar", scalar_type::uint8},
+    {"Short", scalar_type::int16},     {"UShort", scalar_type::uint16}, {"Int", scalar_type::int32},
+    {"UInt", scalar_type::uint32},     {"Float", scalar_type::float32}, {"Double", scalar_type::float64}};
 
 // Calls f with a value of the C++ type of `type` (its value unused).
 template <class F>
@@ -271,9 +272,8 @@ bool decode_array(const char* text, std::size_t size, const xml_document& doc, c
   if (form == "ascii") {
     if (count > array.text.size()) return false;  // each value takes a character at least
     out.bytes.resize(expected);
-    return visit(out.type, [&](auto value) {
-      return parse_ascii<decltype(value)>(array.text, out.count, out.bytes.data());
-    });
+    return visit(out.type,
+                 [&](auto value) { return parse_ascii<decltype(value)>(array.text, out.count, out.bytes.data()); });
   }
   const char* begin;
   const char* end = text + size;

@@ -45,8 +45,7 @@ struct named_arrays {
       const xml_attribute* name = find_attribute(doc.elements[i], "Name");
       if (name) by_name.emplace_back(xml_unescape(name->value), i);
     }
-    std::stable_sort(by_name.begin(), by_name.end(),
-                     [](const auto& a, const auto& b) { return a.first < b.first; });
+    std::stable_sort(by_name.begin(), by_name.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
   }
 
   const xml_element* find(const xml_document& doc, const std::string& name) const {
@@ -320,8 +319,7 @@ bool read_piece(const std::string& path, const array_specs& point_specs, const a
     const std::size_t nb_node_ids = out.node_ids.size(), nb_element_ids = out.element_ids.size();
     if (!read_arrays(file, only_child(doc, piece, "PointData"), point_specs, nb_points, out.point_arrays,
                      out.node_ids) ||
-        !read_arrays(file, only_child(doc, piece, "CellData"), cell_specs, nb_cells, out.cell_arrays,
-                     out.element_ids))
+        !read_arrays(file, only_child(doc, piece, "CellData"), cell_specs, nb_cells, out.cell_arrays, out.element_ids))
       return false;
     // a piece without points or cells may leave out its (empty) global IDs
     if (!point_specs.ids.empty() && out.node_ids.size() != nb_node_ids + nb_points) return false;

@@ -47,14 +47,14 @@ struct array_values {
 /// The content of one .vtu file (its pieces one after the other).
 struct piece_content {
   std::size_t points = 0, cells = 0;
-  std::vector<double> coords;               // 3 x points
-  std::vector<std::uint64_t> node_ids;      // points, when the file has global IDs
-  std::vector<std::uint64_t> element_ids;   // cells, likewise
-  std::vector<std::uint8_t> types;          // the library type of each cell
-  std::vector<std::size_t> starts;          // cells + 1: cell c is nodes[starts[c], starts[c + 1])
-  std::vector<unsigned> nodes;              // library order, indices of points of this file
-  std::vector<array_values> point_arrays;   // one per point spec
-  std::vector<array_values> cell_arrays;    // one per cell spec
+  std::vector<double> coords;              // 3 x points
+  std::vector<std::uint64_t> node_ids;     // points, when the file has global IDs
+  std::vector<std::uint64_t> element_ids;  // cells, likewise
+  std::vector<std::uint8_t> types;         // the library type of each cell
+  std::vector<std::size_t> starts;         // cells + 1: cell c is nodes[starts[c], starts[c + 1])
+  std::vector<unsigned> nodes;             // library order, indices of points of this file
+  std::vector<array_values> point_arrays;  // one per point spec
+  std::vector<array_values> cell_arrays;   // one per cell spec
 };
 
 /// Reads a whole file into text (with a '\0' after it); false when it cannot be read.

@@ -76,8 +76,7 @@ bool arrays_valid(const std::vector<data_array>& arrays, std::size_t items, cons
     const bool real = array.reals.rows() != 0, integer = array.integers.rows() != 0;
     const std::size_t components = real ? array.reals.rows() : array.integers.rows();
     const std::size_t cols = real ? array.reals.cols() : array.integers.cols();
-    if (array.name.empty() || array.name == reserved || real == integer || cols != items ||
-        components > max_components)
+    if (array.name.empty() || array.name == reserved || real == integer || cols != items || components > max_components)
       return false;
     names.push_back(array.name);
   }
@@ -101,7 +100,8 @@ std::string signature(const std::vector<data_array>& arrays) {
 
 std::string piece_path(const std::string& path, int rank) {
   const std::string suffix = ".pvtu";
-  const bool has_suffix = path.size() > suffix.size() && path.compare(path.size() - suffix.size(), suffix.size(), suffix) == 0;
+  const bool has_suffix =
+      path.size() > suffix.size() && path.compare(path.size() - suffix.size(), suffix.size(), suffix) == 0;
   return (has_suffix ? path.substr(0, path.size() - suffix.size()) : path) + "_" + std::to_string(rank) + ".vtu";
 }
 
@@ -172,7 +172,10 @@ int write(MPI_Comm comm, const char* path, const part& p, ResolveTypes resolve_t
   if (!held)
     status = detail::status_out_of_memory;
   else if (rank != 0)
-    status = rank0_path != own_path ? -2 : rank0_points != point_signature ? -5 : rank0_cells != cell_signature ? -6 : 0;
+    status = rank0_path != own_path            ? -2
+             : rank0_points != point_signature ? -5
+             : rank0_cells != cell_signature   ? -6
+                                               : 0;
   status = detail::agree(own.get(), status);
   if (status != 0) return status;
 

@@ -145,7 +145,8 @@ std::string xml_unescape(std::string_view value) {
       if (!replaced && value.substr(i, 2) == "&#") {
         std::size_t j = i + 2;
         unsigned code = 0;
-        while (j < value.size() && j < i + 6 && value[j] >= '0' && value[j] <= '9') code = code * 10 + (value[j++] - '0');
+        while (j < value.size() && j < i + 6 && value[j] >= '0' && value[j] <= '9')
+          code = code * 10 + (value[j++] - '0');
         if (j < value.size() && value[j] == ';' && j > i + 2 && code > 0 && code < 128) {
           out += static_cast<char>(code);
           i = j + 1;

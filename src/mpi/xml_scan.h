@@ -22,8 +22,8 @@ struct xml_attribute {
 struct xml_element {
   std::string_view name;
   std::vector<xml_attribute> attributes;
-  std::size_t parent;      // index in xml_document::elements, no_parent for the root
-  std::string_view text;   // characters between the start tag and the next tag
+  std::size_t parent;     // index in xml_document::elements, no_parent for the root
+  std::string_view text;  // characters between the start tag and the next tag
 };
 
 struct xml_document {
