@@ -12,13 +12,16 @@
 #include <string>
 #include <vector>
 
-#include "box_mesh.h"
 #include "failing_allocator.h"
+#include "partitioned_meshes.h"
 #include "zel/tessel3d.h"
 #include "zel/tessel3d_mpi.h"
 
 namespace {
 
+using tessel3d_test::make_mesh;
+using tessel3d_test::part_of;
+using tessel3d_test::serial_mesh;
 using zel::dense1D;
 using zel::dense2D;
 using zel::element_type;
@@ -26,7 +29,6 @@ using zel::tessel3d::mpi::data_array;
 using zel::tessel3d::mpi::part;
 using zel::tessel3d::mpi::read_pvtu;
 using zel::tessel3d::mpi::write_pvtu;
-using tessel3d_test::box_kind;
 
 int rank_of(MPI_Comm comm) {
   int r = 0;
@@ -44,100 +46,6 @@ std::string scratch(const std::string& name) {
   long id = static_cast<long>(getpid());
   MPI_Bcast(&id, 1, MPI_LONG, 0, MPI_COMM_WORLD);
   return "/tmp/tessel3d_pvtu_" + std::to_string(id) + "_" + name;
-}
-
-struct serial_mesh {
-  dense2D<double> coords;
-  dense2D<unsigned> connect;
-  element_type type;
-};
-
-// The first `rows` rows of connect, ~0U in the rows it lacks.
-dense2D<unsigned> padded_rows(const dense2D<unsigned>& connect, std::size_t rows) {
-  dense2D<unsigned> out(rows, connect.cols(), zel::tessel::ABSENT);
-  for (std::size_t j = 0; j < connect.cols(); ++j)
-    for (std::size_t i = 0; i < rows && i < connect.rows(); ++i) out(i, j) = connect(i, j);
-  return out;
-}
-
-// A jittered box of `type` (the quadratic types by the library's conversions), or for
-// SOLID_MIX8 tetrahedra beside hexahedra in the 8-row layout.
-serial_mesh make_mesh(element_type type) {
-  using zel::tessel3d::convert_into_high_order;
-  static const struct {
-    element_type type, linear;
-    box_kind kind;
-  } kinds[] = {{zel::TH4, zel::TH4, box_kind::TH4},   {zel::PY5, zel::PY5, box_kind::PY5},
-               {zel::W6, zel::W6, box_kind::W6},      {zel::H8, zel::H8, box_kind::H8},
-               {zel::TH10, zel::TH4, box_kind::TH4},  {zel::PY13, zel::PY5, box_kind::PY5},
-               {zel::W15, zel::W6, box_kind::W6},     {zel::H20, zel::H8, box_kind::H8},
-               {zel::W18, zel::W6, box_kind::W6},     {zel::H27, zel::H8, box_kind::H8},
-               {zel::SOLID_MIX8, zel::H8, box_kind::H8}};
-  serial_mesh mesh;
-  mesh.type = type;
-  for (const auto& k : kinds) {
-    if (k.type != type) continue;
-    tessel3d_test::box_mesh box = tessel3d_test::make_box(k.kind, 3, 2, 2, 1.0, 1.0, 1.0, 0.2, 7);
-    mesh.coords = box.coords;
-    mesh.connect = box.connect;
-    const bool serendipity = type == zel::TH10 || type == zel::PY13 || type == zel::W15 || type == zel::H20;
-    int converted = 0;
-    if (type == zel::PY13) mesh.connect = padded_rows(mesh.connect, 6);  // pyramids come padded
-    if (serendipity)
-      converted = convert_into_high_order(mesh.coords, mesh.connect, 1, 0, 0, 0, 0, 0, 0, dense2D<unsigned>(),
-                                          dense2D<unsigned>());
-    if (type == zel::PY13) mesh.connect = padded_rows(mesh.connect, 13);
-    if (type == zel::W18 || type == zel::H27) converted = zel::tessel3d::convert_into_quadratic(mesh.coords, mesh.connect);
-    EXPECT_EQ(converted, 0);
-    if (type == zel::SOLID_MIX8) {
-      // tetrahedra of a second box beside the hexahedra, sharing no node
-      tessel3d_test::box_mesh tets = tessel3d_test::make_box(box_kind::TH4, 1, 2, 2, 0.5, 1.0, 1.0, 0.0, 3);
-      const std::size_t n = mesh.coords.cols(), m = mesh.connect.cols();
-      mesh.coords.resize(3, n + tets.coords.cols());
-      for (std::size_t j = 0; j < tets.coords.cols(); ++j)
-        for (int i = 0; i < 3; ++i) mesh.coords(i, n + j) = tets.coords(i, j) + (i == 0 ? 1.5 : 0.0);
-      mesh.connect = tessel3d_test::to_mixed8(mesh.connect);
-      mesh.connect.resize(8, m + tets.connect.cols(), zel::tessel::ABSENT);
-      for (std::size_t j = 0; j < tets.connect.cols(); ++j)
-        for (int i = 0; i < 4; ++i) mesh.connect(i, m + j) = unsigned(n) + tets.connect(i, j);
-    }
-  }
-  return mesh;
-}
-
-// The elements of `mesh` dealt to `rank` of `size` in a scrambled order (so that nodes
-// are shared by many ranks), with the nodes they use in ascending global ID.
-part part_of(const serial_mesh& mesh, int rank, int size) {
-  part p;
-  std::vector<unsigned> local(mesh.coords.cols(), ~0U);
-  std::vector<std::size_t> elements;
-  for (std::size_t j = 0; j < mesh.connect.cols(); ++j)
-    if ((j * 5 + j / 4) % size == std::size_t(rank)) elements.push_back(j);
-  for (std::size_t j : elements)
-    for (std::size_t i = 0; i < mesh.connect.rows(); ++i)
-      if (mesh.connect(i, j) != zel::tessel::ABSENT) local[mesh.connect(i, j)] = 0;
-  std::vector<std::size_t> used;
-  for (std::size_t g = 0; g < local.size(); ++g)
-    if (local[g] == 0) {
-      local[g] = unsigned(used.size());
-      used.push_back(g);
-    }
-  p.coords.resize(3, used.size());
-  p.node_ids.resize(used.size());
-  for (std::size_t k = 0; k < used.size(); ++k) {
-    p.node_ids[k] = used[k];
-    for (int i = 0; i < 3; ++i) p.coords(i, k) = mesh.coords(i, used[k]);
-  }
-  p.connect.resize(mesh.connect.rows(), elements.size());
-  p.element_ids.resize(elements.size());
-  for (std::size_t k = 0; k < elements.size(); ++k) {
-    p.element_ids[k] = elements[k];
-    for (std::size_t i = 0; i < mesh.connect.rows(); ++i) {
-      const unsigned g = mesh.connect(i, elements[k]);
-      p.connect(i, k) = g == zel::tessel::ABSENT ? g : local[g];
-    }
-  }
-  return p;
 }
 
 // Checks a part read back against the serial mesh: each element's nodes are the serial
@@ -187,7 +95,8 @@ void remove_files(const std::string& path, int pieces) {
   MPI_Barrier(MPI_COMM_WORLD);
   if (rank_of(MPI_COMM_WORLD) != 0) return;
   std::remove(path.c_str());
-  for (int r = 0; r < pieces; ++r) std::remove((path.substr(0, path.size() - 5) + "_" + std::to_string(r) + ".vtu").c_str());
+  for (int r = 0; r < pieces; ++r)
+    std::remove((path.substr(0, path.size() - 5) + "_" + std::to_string(r) + ".vtu").c_str());
 }
 
 TEST(mpi_pvtu, every_type_reads_back_with_as_many_fewer_or_one_rank) {
@@ -310,11 +219,20 @@ TEST(mpi_pvtu, bad_arguments_give_one_status_everywhere) {
       {"path differing between ranks", size > 1 ? -2 : 0,
        [&] { return write_pvtu(MPI_COMM_WORLD, (culprit ? path + "x.pvtu" : path).c_str(), good, zel::TH4); }},
       {"coords of 2 rows", -3,
-       [&] { return write_pvtu(MPI_COMM_WORLD, path.c_str(), with([](part& p) { p.coords.resize(2, p.coords.cols()); }), zel::TH4); }},
+       [&] {
+         return write_pvtu(MPI_COMM_WORLD, path.c_str(), with([](part& p) { p.coords.resize(2, p.coords.cols()); }),
+                           zel::TH4);
+       }},
       {"node_ids too short", -3,
-       [&] { return write_pvtu(MPI_COMM_WORLD, path.c_str(), with([](part& p) { p.node_ids.resize(p.node_ids.size() - 1); }), zel::TH4); }},
+       [&] {
+         return write_pvtu(MPI_COMM_WORLD, path.c_str(),
+                           with([](part& p) { p.node_ids.resize(p.node_ids.size() - 1); }), zel::TH4);
+       }},
       {"a node that is not local", -3,
-       [&] { return write_pvtu(MPI_COMM_WORLD, path.c_str(), with([](part& p) { p.connect(1, 0) = unsigned(p.coords.cols()); }), zel::TH4); }},
+       [&] {
+         return write_pvtu(MPI_COMM_WORLD, path.c_str(),
+                           with([](part& p) { p.connect(1, 0) = unsigned(p.coords.cols()); }), zel::TH4);
+       }},
       {"PY14 has no VTK cell", -4,
        [&] { return write_pvtu(MPI_COMM_WORLD, path.c_str(), good, culprit ? zel::PY14 : zel::TH4); }},
       {"rows of another type", -4,
