@@ -49,7 +49,8 @@ inline serial_mesh flat_surface(element_type type) {
     for (unsigned i = 0; i < nx; ++i) {
       const auto at = [&](unsigned a, unsigned b) { return (2 * j + b) * px + 2 * i + a; };  // a, b in 0..2
       // corners (0,0) (2,0) (2,2) (0,2); a side's middle between them
-      const unsigned quad[9] = {at(0, 0), at(2, 0), at(2, 2), at(0, 2), at(1, 0), at(2, 1), at(1, 2), at(0, 1), at(1, 1)};
+      const unsigned quad[9] = {at(0, 0), at(2, 0), at(2, 2), at(0, 2), at(1, 0),
+                                at(2, 1), at(1, 2), at(0, 1), at(1, 1)};
       if (!triangles) {
         for (unsigned k = 0; k < rows; ++k) mesh.connect(k, e) = quad[k];
         ++e;
@@ -84,15 +85,16 @@ inline serial_mesh make_mesh(element_type type) {
   static const struct {
     element_type type, linear;
     box_kind kind;
-  } kinds[] = {{zel::TH4, zel::TH4, box_kind::TH4},   {zel::PY5, zel::PY5, box_kind::PY5},
-               {zel::W6, zel::W6, box_kind::W6},      {zel::H8, zel::H8, box_kind::H8},
-               {zel::TH10, zel::TH4, box_kind::TH4},  {zel::PY13, zel::PY5, box_kind::PY5},
-               {zel::W15, zel::W6, box_kind::W6},     {zel::H20, zel::H8, box_kind::H8},
-               {zel::W18, zel::W6, box_kind::W6},     {zel::H27, zel::H8, box_kind::H8},
+  } kinds[] = {{zel::TH4, zel::TH4, box_kind::TH4},     {zel::PY5, zel::PY5, box_kind::PY5},
+               {zel::W6, zel::W6, box_kind::W6},        {zel::H8, zel::H8, box_kind::H8},
+               {zel::TH10, zel::TH4, box_kind::TH4},    {zel::PY13, zel::PY5, box_kind::PY5},
+               {zel::W15, zel::W6, box_kind::W6},       {zel::H20, zel::H8, box_kind::H8},
+               {zel::W18, zel::W6, box_kind::W6},       {zel::H27, zel::H8, box_kind::H8},
                {zel::SOLID_MIX8, zel::H8, box_kind::H8}};
   serial_mesh mesh;
   mesh.type = type;
-  if (type == zel::T3 || type == zel::T6 || type == zel::Q4 || type == zel::Q8 || type == zel::Q9) return flat_surface(type);
+  if (type == zel::T3 || type == zel::T6 || type == zel::Q4 || type == zel::Q8 || type == zel::Q9)
+    return flat_surface(type);
   for (const auto& k : kinds) {
     if (k.type != type) continue;
     tessel3d_test::box_mesh box = tessel3d_test::make_box(k.kind, 3, 2, 2);
@@ -106,7 +108,8 @@ inline serial_mesh make_mesh(element_type type) {
       converted = convert_into_high_order(mesh.coords, mesh.connect, 1, 0, 0, 0, 0, 0, 0, dense2D<unsigned>(),
                                           dense2D<unsigned>());
     if (type == zel::PY13) mesh.connect = padded_rows(mesh.connect, 13);
-    if (type == zel::W18 || type == zel::H27) converted = zel::tessel3d::convert_into_quadratic(mesh.coords, mesh.connect);
+    if (type == zel::W18 || type == zel::H27)
+      converted = zel::tessel3d::convert_into_quadratic(mesh.coords, mesh.connect);
     if (converted != 0) mesh.connect = dense2D<unsigned>();
     if (type == zel::SOLID_MIX8) {
       // tetrahedra of a second box beside the hexahedra, sharing no node

@@ -21,17 +21,19 @@ int write_types(const std::string& directory) {
   static const struct {
     zel::element_type type;
     const char* name;
-  } types[] = {{zel::T3, "T3"},     {zel::T6, "T6"},     {zel::Q4, "Q4"},     {zel::Q8, "Q8"},
-               {zel::Q9, "Q9"},     {zel::TH4, "TH4"},   {zel::TH10, "TH10"}, {zel::PY5, "PY5"},
-               {zel::PY13, "PY13"}, {zel::W6, "W6"},     {zel::W15, "W15"},   {zel::W18, "W18"},
-               {zel::H8, "H8"},     {zel::H20, "H20"},   {zel::H27, "H27"},   {zel::SOLID_MIX8, "SOLID_MIX8"}};
+  } types[] = {{zel::T3, "T3"},     {zel::T6, "T6"},   {zel::Q4, "Q4"},     {zel::Q8, "Q8"},
+               {zel::Q9, "Q9"},     {zel::TH4, "TH4"}, {zel::TH10, "TH10"}, {zel::PY5, "PY5"},
+               {zel::PY13, "PY13"}, {zel::W6, "W6"},   {zel::W15, "W15"},   {zel::W18, "W18"},
+               {zel::H8, "H8"},     {zel::H20, "H20"}, {zel::H27, "H27"},   {zel::SOLID_MIX8, "SOLID_MIX8"}};
   int rank = 0, size = 1;
   MPI_Comm_rank(MPI_COMM_WORLD, &rank);
   MPI_Comm_size(MPI_COMM_WORLD, &size);
   for (const auto& t : types) {
     const tessel3d_test::serial_mesh mesh = tessel3d_test::make_mesh(t.type);
     const std::string path = directory + "/" + t.name + ".pvtu";
-    const int status = mesh.connect.empty() ? -4 : write_pvtu(MPI_COMM_WORLD, path.c_str(), tessel3d_test::part_of(mesh, rank, size), t.type);
+    const int status = mesh.connect.empty()
+                           ? -4
+                           : write_pvtu(MPI_COMM_WORLD, path.c_str(), tessel3d_test::part_of(mesh, rank, size), t.type);
     if (status != 0) {
       std::fprintf(stderr, "%s: status %d\n", path.c_str(), status);
       return 1;
