@@ -267,12 +267,27 @@ bool load_file(const std::string& path, std::vector<char>& text) {
   text.clear();
   std::FILE* file = std::fopen(path.c_str(), "rb");
   if (!file) return false;
-  char chunk[1 << 16];
-  std::size_t got;
-  while ((got = std::fread(chunk, 1, sizeof chunk, file)) > 0) text.insert(text.end(), chunk, chunk + got);
-  const bool ok = !std::ferror(file);
+  // One read of the whole file when its size is known, chunks otherwise (a pipe).
+  long size = -1;
+  if (std::fseek(file, 0, SEEK_END) == 0) size = std::ftell(file);
+  bool ok = size >= 0 && std::fseek(file, 0, SEEK_SET) == 0;
+  try {
+    if (ok) {
+      text.resize(static_cast<std::size_t>(size));
+      ok = std::fread(text.data(), 1, text.size(), file) == text.size();
+    } else {
+      std::clearerr(file);
+      char chunk[1 << 16];
+      std::size_t got;
+      while ((got = std::fread(chunk, 1, sizeof chunk, file)) > 0) text.insert(text.end(), chunk, chunk + got);
+      ok = !std::ferror(file);
+    }
+    text.push_back('\0');
+  } catch (...) {
+    std::fclose(file);
+    throw;
+  }
   std::fclose(file);
-  text.push_back('\0');
   return ok;
 }
 

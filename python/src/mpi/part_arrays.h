@@ -11,7 +11,7 @@ namespace t3py {
 
 // A part from its four arrays (private copies, see arrays.h).
 inline zel::tessel3d::mpi::part part_of(const py::object& coords, const py::object& connect, const py::object& node_ids,
-                  const py::object& element_ids) {
+                                        const py::object& element_ids) {
   zel::tessel3d::mpi::part p;
   p.coords = private_matrix<double>(coords, "coords");
   p.connect = private_matrix<unsigned>(connect, "connect");
