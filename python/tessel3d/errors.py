@@ -297,16 +297,17 @@ TABLES = {
                         -2: ("surface", 2, _ids("surface", _SURFACE, (3, 4), absent_ok=(4,))),
                         -3: ("angle", 3, "must be >= 0")},
 }
-# The distributed component (tessel3d.mpi): argument 1 is the communicator.
+# The distributed component (tessel3d.mpi, its functions named mpi.<name>): argument 1 is
+# the communicator.
 TABLES.update({
-    "distribute": {-1: ("comm", 1, "is MPI_COMM_NULL"), -2: ("root", 2, "is not a rank of comm, or differs between ranks"),
+    "mpi.distribute": {-1: ("comm", 1, "is MPI_COMM_NULL"), -2: ("root", 2, "is not a rank of comm, or differs between ranks"),
                    -3: ("coords", 3, "must have 3 columns"),
                    -4: ("connect", 4, "must be a solid layout whose node IDs are rows of coords"),
                    -5: (None, None, "the partitioner failed")},
-    "gather": {-1: ("comm", 1, "is MPI_COMM_NULL"), -2: ("root", 2, "is not a rank of comm, or differs between ranks"),
+    "mpi.gather": {-1: ("comm", 1, "is MPI_COMM_NULL"), -2: ("root", 2, "is not a rank of comm, or differs between ranks"),
                -3: ("part", 3, "is not a valid part (shapes, node indices, or a repeated element ID)")},
-    "volume": {-1: ("comm", 1, "is MPI_COMM_NULL"), -2: ("part", 2, "is not a valid solid part")},
-    "write_pvtu": {-1: ("comm", 1, "is MPI_COMM_NULL"),
+    "mpi.volume": {-1: ("comm", 1, "is MPI_COMM_NULL"), -2: ("part", 2, "is not a valid solid part")},
+    "mpi.write_pvtu": {-1: ("comm", 1, "is MPI_COMM_NULL"),
                    -2: ("path", 2, "is empty, differs between ranks, or a file cannot be written"),
                    -3: ("part", 3, "is not a valid part (coords shape, ID counts, or a node index out of range)"),
                    -4: ("type", 4, "has no VTK cell (PY14), or does not fit connect's rows"),
@@ -314,7 +315,7 @@ TABLES.update({
                                          "'GlobalNodeID'"),
                    -6: ("cell_data", 6, "must have one row per element, the same arrays on every rank, no "
                                         "'GlobalElementID'")},
-    "read_pvtu": {-1: ("comm", 1, "is MPI_COMM_NULL"),
+    "mpi.read_pvtu": {-1: ("comm", 1, "is MPI_COMM_NULL"),
                   -2: ("path", 2, "cannot be read as a VTK unstructured grid (missing or damaged file, or cells "
                                   "of a kind the library has no type for)")},
 })

@@ -67,7 +67,7 @@ def distribute(comm, coords=None, connect=None, root=0):
     coords = np.zeros((0, 3)) if coords is None else np.ascontiguousarray(coords, np.float64)
     connect = np.zeros((0, 4), np.uint32) if connect is None else np.ascontiguousarray(connect, np.uint32)
     status, part = _native.distribute(comm, root, coords, connect)
-    check("distribute", status)
+    check("mpi.distribute", status)
     return Part(*part)
 
 
@@ -75,14 +75,14 @@ def gather(comm, part, root=0):
     """The one-machine mesh (coords, connect) on rank `root` (nodes in ascending global
     ID, elements likewise); None on the other ranks."""
     status, coords, connect = _native.gather(comm, root, *_part(part))
-    check("gather", status)
+    check("mpi.gather", status)
     return (coords, connect) if comm.Get_rank() == root else None
 
 
 def volume(comm, part):
     """The signed total volume of a partitioned solid mesh, the same bits on every rank."""
     status, total = _native.volume(comm, *_part(part))
-    check("volume", status)
+    check("mpi.volume", status)
     return total
 
 
@@ -97,12 +97,12 @@ def write_pvtu(comm, path, part, type=None, cell_types=None, point_data=None, ce
     types = None if cell_types is None else np.ascontiguousarray(cell_types, np.uint8)
     points = {str(k): _columns(v) for k, v in (point_data or {}).items()}
     cells = {str(k): _columns(v) for k, v in (cell_data or {}).items()}
-    check("write_pvtu", _native.write_pvtu(comm, str(path), *_part(part), kind, types, points, cells))
+    check("mpi.write_pvtu", _native.write_pvtu(comm, str(path), *_part(part), kind, types, points, cells))
 
 
 def read_pvtu(comm, path):
     """Reads a .pvtu (or .vtu) with every rank: of M pieces, rank r of N reads pieces
     M r / N to M (r + 1) / N. Returns this rank's PartitionedFile."""
     status, part, kind, cell_types, point_data, cell_data = _native.read_pvtu(comm, str(path))
-    check("read_pvtu", status)
+    check("mpi.read_pvtu", status)
     return PartitionedFile(Part(*part), ElementType(kind), cell_types, point_data, cell_data)

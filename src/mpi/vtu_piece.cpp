@@ -127,7 +127,8 @@ bool read_cells(const file_view& file, std::size_t cells_element, std::uint64_t 
   std::vector<const vtk_cell*> records(nb_cells);
   for (std::size_t c = 0; c < nb_cells; ++c) {
     records[c] = vtk_types[c] >= 0 && vtk_types[c] < 256 ? vtk_cell_of_vtk_type(unsigned(vtk_types[c])) : nullptr;
-    if (!records[c] || ends[c] - start != records[c]->nodes) return false;
+    // ends[c] < start first: the difference of two file values could overflow
+    if (!records[c] || ends[c] < start || ends[c] - start != records[c]->nodes) return false;
     start = ends[c];
   }
   if (!file.decode(*connectivity, std::uint64_t(start), decoded)) return false;
