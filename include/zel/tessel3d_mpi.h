@@ -20,6 +20,8 @@
 #include <mpi.h>
 
 #include <cstdint>
+#include <string>
+#include <vector>
 
 #include "zel/matrix.h"
 #include "zel/tessel3d.h"
@@ -115,6 +117,88 @@ TESSEL3D_MPI_EXPORT int dihedral_angles(MPI_Comm comm, const part& p, bool norma
 TESSEL3D_MPI_EXPORT int solid_angles(MPI_Comm comm, const part& p, bool normalise, dense1D<double, 8>& minValues,
                                      dense1D<double, 8>& maxValues, dense1D<unsigned, 8>& degenerate, double& smallest,
                                      double& largest);
+
+// ---- files ----
+
+/// A named array of values per node or per element, as the partitioned files carry them:
+/// one column per node (or element), one row per component. Exactly one of the two
+/// matrices has rows: `reals` (written as Float64) or `integers` (written as Int64).
+struct data_array {
+  std::string name;
+  dense2D<double> reals;           ///< #components x #items, or no rows
+  dense2D<std::int64_t> integers;  ///< #components x #items, or no rows
+};
+
+/// Writes a partitioned mesh as a VTK partitioned unstructured grid: every rank writes
+/// its part to the piece `<stem>_<rank>.vtu` beside `path` (`<stem>` is path without its
+/// ".pvtu"), and rank 0 writes `path`, which lists the pieces. Pieces are VTK XML files
+/// with binary data appended raw (uncompressed), in this machine's byte order, cells in
+/// VTK's node orders. Global IDs travel as the point data "GlobalNodeID" and the cell
+/// data "GlobalElementID" (Int64, marked as the global IDs; IDs above 2^63 - 1 appear
+/// negative there and read back unchanged). Existing files of those names are replaced;
+/// on failure the pieces written by this call are removed.
+/// @param[in] comm        the communicator (every rank calls)
+/// @param[in] path        the .pvtu file's path, the same on every rank
+/// @param[in] p           this rank's part
+/// @param[in] type        the element type of p.connect: a type VTK has a cell for (NODE,
+///                        E2, E3, T3, T6, Q4, Q8, Q9, TH4, TH10, PY5, PY13, W6, W15, W18,
+///                        H8, H20, H27; PY14 has none) with its row count, or a mixed
+///                        layout: FACE_MIX4 (T3, Q4) or SOLID_MIX8 (TH4, PY5, W6, H8),
+///                        each column's type told by its count of leading entries
+///                        before ~0U
+/// @param[in] point_data  arrays with one column per local node; the same names, types
+///                        and components on every rank, none named "GlobalNodeID"
+/// @param[in] cell_data   arrays with one column per local element, likewise (none named
+///                        "GlobalElementID")
+/// @return 0 | -1 comm is MPI_COMM_NULL | -2 path is null or empty, or a file cannot be
+///         written | -3 p (coords not 3 rows, node_ids or element_ids of the wrong size,
+///         an entry of connect not a local node) | -4 type (or a column of a mixed layout
+///         holding no type VTK has) | -5 point_data | -6 cell_data | -199
+TESSEL3D_MPI_EXPORT int write_pvtu(MPI_Comm comm, const char* path, const part& p, element_type type,
+                                   const std::vector<data_array>& point_data = {},
+                                   const std::vector<data_array>& cell_data = {});
+
+/// The same with one element type per column (cell_types[j] for column j, whose leading
+/// rows hold its nodes), for meshes that mix kinds no single layout holds.
+/// @return as above, -4 being cell_types (size, or a type VTK has no cell for, or more
+///         nodes than p.connect has rows)
+TESSEL3D_MPI_EXPORT int write_pvtu(MPI_Comm comm, const char* path, const part& p,
+                                   const dense1D<unsigned char>& cell_types,
+                                   const std::vector<data_array>& point_data = {},
+                                   const std::vector<data_array>& cell_data = {});
+
+/// Reads a VTK partitioned unstructured grid (.pvtu and its pieces), or a single .vtu,
+/// with every rank at once: of M pieces, rank r of N reads pieces [M r / N, M (r + 1) / N)
+/// (with N > M some ranks read none and get an empty part). Reads what `write_pvtu`
+/// writes and what VTK's XML writers write: ascii, inline or appended data, raw or
+/// base64, 32- or 64-bit headers, zlib-compressed or not, either byte order.
+/// Global node IDs come from the point data marked as global IDs or named
+/// "GlobalNodeID" (any integer type); without them, the n-th point of the file (pieces in
+/// order) gets ID n, so the pieces' copies of a shared point stay distinct nodes. Global
+/// element IDs likewise from "GlobalElementID", or the cell's rank in the file. Points of
+/// a rank's pieces with the same global ID become one local node (first-seen order), and
+/// must have the same coordinates.
+/// @param[in]  comm        the communicator (every rank calls)
+/// @param[in]  path        the .pvtu (or .vtu) file's path, the same on every rank
+/// @param[out] p           this rank's part: connect holds each cell's nodes in the
+///                         library's order, ~0U after them when the column has fewer
+///                         nodes than connect has rows
+/// @param[out] type        the one layout that holds every rank's cells: their type when
+///                         they all have one, else FACE_MIX4 or SOLID_MIX8 when that
+///                         holds them all, else NONE (and connect has as many rows as
+///                         the largest cell has nodes); the same on every rank
+/// @param[out] cell_types  the type of each local element
+/// @param[out] point_data  the other point arrays the file declares, in its order: integer
+///                         types as integers, floating types as reals
+/// @param[out] cell_data   the other cell arrays, likewise
+/// @return 0 | -1 comm is MPI_COMM_NULL | -2 path is null, a file cannot be read or is
+///         not a well-formed VTK unstructured grid (bad XML, data past the end of the
+///         file, sizes that disagree, cells the library has no type for, node indices
+///         out of range, a global ID with two different positions) | -199; outputs
+///         unchanged on failure
+TESSEL3D_MPI_EXPORT int read_pvtu(MPI_Comm comm, const char* path, part& p, element_type& type,
+                                  dense1D<unsigned char>& cell_types, std::vector<data_array>& point_data,
+                                  std::vector<data_array>& cell_data);
 
 }  // namespace mpi
 }  // namespace tessel3d

@@ -189,6 +189,9 @@ def _check_finite(coords, what):
 # ---- commands: one output element per input element ---------------------------------------
 
 def cmd_info(args):
+    if str(args.file).lower().endswith(".pvtu"):  # a partitioned file: every rank of mpirun reads its pieces
+        from . import _cli_mpi
+        return _cli_mpi.info(args.file)
     from . import measures
     mesh = read(args.file)
     lo, hi = (mesh.coords.min(axis=0), mesh.coords.max(axis=0)) if len(mesh.coords) else (np.zeros(3), np.zeros(3))

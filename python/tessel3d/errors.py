@@ -297,6 +297,28 @@ TABLES = {
                         -2: ("surface", 2, _ids("surface", _SURFACE, (3, 4), absent_ok=(4,))),
                         -3: ("angle", 3, "must be >= 0")},
 }
+# The distributed component (tessel3d.mpi, its functions named mpi.<name>): argument 1 is
+# the communicator.
+TABLES.update({
+    "mpi.distribute": {-1: ("comm", 1, "is MPI_COMM_NULL"), -2: ("root", 2, "is not a rank of comm, or differs between ranks"),
+                   -3: ("coords", 3, "must have 3 columns"),
+                   -4: ("connect", 4, "must be a solid layout whose node IDs are rows of coords"),
+                   -5: (None, None, "the partitioner failed")},
+    "mpi.gather": {-1: ("comm", 1, "is MPI_COMM_NULL"), -2: ("root", 2, "is not a rank of comm, or differs between ranks"),
+               -3: ("part", 3, "is not a valid part (shapes, node indices, or a repeated element ID)")},
+    "mpi.volume": {-1: ("comm", 1, "is MPI_COMM_NULL"), -2: ("part", 2, "is not a valid solid part")},
+    "mpi.write_pvtu": {-1: ("comm", 1, "is MPI_COMM_NULL"),
+                   -2: ("path", 2, "is empty, differs between ranks, or a file cannot be written"),
+                   -3: ("part", 3, "is not a valid part (coords shape, ID counts, or a node index out of range)"),
+                   -4: ("type", 4, "has no VTK cell (PY14), or does not fit connect's rows"),
+                   -5: ("point_data", 5, "must have one row per node, the same arrays on every rank, no "
+                                         "'GlobalNodeID'"),
+                   -6: ("cell_data", 6, "must have one row per element, the same arrays on every rank, no "
+                                        "'GlobalElementID'")},
+    "mpi.read_pvtu": {-1: ("comm", 1, "is MPI_COMM_NULL"),
+                  -2: ("path", 2, "cannot be read as a VTK unstructured grid (missing or damaged file, or cells "
+                                  "of a kind the library has no type for)")},
+})
 TABLES["element_volumes"] = TABLES["volume"]
 TABLES["solid_angles"] = TABLES["dihedral_angles"]
 TABLES["extrude_line/scales"] = {k: v for k, v in TABLES["extrude_line"].items() if k != -5}
