@@ -96,8 +96,8 @@ void exchange_counts(MPI_Comm comm, const node_sharing& sharing, const std::uint
   } catch (const std::bad_alloc&) {
     // Not even the requests: one neighbour at a time, as above.
     for (std::size_t k = 0; k < nb; ++k)
-      MPI_Sendrecv(counts_in + k, 1, MPI_UINT64_T, sharing.neighbours[k], exchange_tag, counts_out + k, 1, MPI_UINT64_T,
-                   sharing.neighbours[k], exchange_tag, comm, MPI_STATUS_IGNORE);
+      MPI_Sendrecv(counts_in + k, 1, MPI_UINT64_T, sharing.neighbours[k], exchange_tag, counts_out + k, 1,
+                   MPI_UINT64_T, sharing.neighbours[k], exchange_tag, comm, MPI_STATUS_IGNORE);
     return;
   }
   for (std::size_t k = 0; k < nb; ++k) {
@@ -160,8 +160,7 @@ int build_node_sharing(MPI_Comm comm, const dense1D<std::uint64_t>& node_ids, no
   std::vector<int> sc, so, rc, ro;
   try {
     sc.resize(ranks), so.resize(ranks), rc.resize(ranks), ro.resize(ranks);
-    if (!fits_int(receive_counts))
-      status = status_out_of_memory;
+    if (!fits_int(receive_counts)) status = status_out_of_memory;
     else {
       received_ids.resize(std::accumulate(receive_counts.begin(), receive_counts.end(), std::uint64_t(0)));
       to_counts_and_offsets(send_counts, sc, so);
@@ -217,8 +216,7 @@ int build_node_sharing(MPI_Comm comm, const dense1D<std::uint64_t>& node_ids, no
   MPI_Alltoall(answer_counts.data(), 1, MPI_UINT64_T, incoming_counts.data(), 1, MPI_UINT64_T, comm);
   std::vector<int> incoming;
   try {
-    if (!fits_int(incoming_counts))
-      status = status_out_of_memory;
+    if (!fits_int(incoming_counts)) status = status_out_of_memory;
     else {
       incoming.resize(std::accumulate(incoming_counts.begin(), incoming_counts.end(), std::uint64_t(0)));
       to_counts_and_offsets(answer_counts, sc, so);
@@ -229,7 +227,8 @@ int build_node_sharing(MPI_Comm comm, const dense1D<std::uint64_t>& node_ids, no
   }
   status = agree(comm, status);
   if (status != status_ok) return status;
-  MPI_Alltoallv(answers.data(), sc.data(), so.data(), MPI_INT, incoming.data(), rc.data(), ro.data(), MPI_INT, comm);
+  MPI_Alltoallv(answers.data(), sc.data(), so.data(), MPI_INT, incoming.data(), rc.data(), ro.data(), MPI_INT,
+                comm);
 
   // Steps 3 and 4. The answers come back per rendezvous rank in the order the IDs left,
   // that is in by_destination's order.
