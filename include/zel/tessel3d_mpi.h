@@ -37,9 +37,9 @@ namespace mpi {
 /// dense): distinct among a rank's nodes, and distinct among all ranks' elements.
 /// A part holds nodes that no local element uses only where a function says so.
 struct part {
-  dense2D<double> coords;              ///< 3 x #local nodes
-  dense2D<unsigned> connect;           ///< #rows x #local elements, local node IDs (columns of coords)
-  dense1D<std::uint64_t> node_ids;     ///< #local nodes: the global ID of each local node
+  dense2D<double> coords;           ///< 3 x #local nodes
+  dense2D<unsigned> connect;        ///< #rows x #local elements, local node IDs (columns of coords)
+  dense1D<std::uint64_t> node_ids;  ///< #local nodes: the global ID of each local node
   dense1D<std::uint64_t> element_ids;  ///< #local elements: the global ID of each element
 };
 
@@ -106,12 +106,12 @@ TESSEL3D_MPI_EXPORT int volume(MPI_Comm comm, const part& p, double& result);
 /// @param[out] smallest, largest  the global extremes
 /// @return 0 | -1 comm is MPI_COMM_NULL | -2 p (as the one-machine call checks coords
 ///         and connect) | -4 outputs sharing memory | -199; outputs unchanged on failure
-TESSEL3D_MPI_EXPORT int dihedral_angles(MPI_Comm comm, const part& p, bool normalise, dense1D<double, 8>& minValues,
-                                        dense1D<double, 8>& maxValues, dense1D<unsigned, 8>& degenerate,
-                                        double& smallest, double& largest);
+TESSEL3D_MPI_EXPORT int dihedral_angles(MPI_Comm comm, const part& p, bool normalise,
+                                        dense1D<double, 8>& minValues, dense1D<double, 8>& maxValues,
+                                        dense1D<unsigned, 8>& degenerate, double& smallest, double& largest);
 TESSEL3D_MPI_EXPORT int solid_angles(MPI_Comm comm, const part& p, bool normalise, dense1D<double, 8>& minValues,
-                                     dense1D<double, 8>& maxValues, dense1D<unsigned, 8>& degenerate, double& smallest,
-                                     double& largest);
+                                     dense1D<double, 8>& maxValues, dense1D<unsigned, 8>& degenerate,
+                                     double& smallest, double& largest);
 
 // ---- order conversions -------------------------------------------------------------
 //
