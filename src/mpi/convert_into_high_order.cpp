@@ -75,7 +75,7 @@ int convert(MPI_Comm comm, part& mesh, const unsigned c[7], const high_order_opt
       high_order_options conforming;
       conforming.conforming_faces = true;
       status = tessel3d::convert_into_high_order(coords, linear, c[0], c[1], c[2], c[3], c[4], c[5], c[6], high, {}, {},
-                                       conforming);
+                                                 conforming);
       if (status == -1) status = -2;  // coords are part of the part
     }
     if (status == 0) {
@@ -115,7 +115,7 @@ int convert(MPI_Comm comm, part& mesh, const unsigned c[7], const high_order_opt
 int convert_into_high_order(MPI_Comm comm, part& mesh, unsigned nodes_per_edge, unsigned nodes_in_Q4,
                             unsigned nodes_in_T3, unsigned nodes_in_H8, unsigned nodes_in_W6, unsigned nodes_in_PY5,
                             unsigned nodes_in_TH4, const high_order_options& options) {
-  const unsigned counts[7] = {nodes_per_edge, nodes_in_Q4, nodes_in_T3, nodes_in_H8,
+  const unsigned counts[7] = {nodes_per_edge, nodes_in_Q4,  nodes_in_T3, nodes_in_H8,
                               nodes_in_W6,    nodes_in_PY5, nodes_in_TH4};
   return convert(comm, mesh, counts, options);
 }

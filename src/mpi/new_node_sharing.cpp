@@ -127,9 +127,9 @@ struct new_node_walk {
   const std::uint64_t* old_ids = nullptr;
   std::size_t nb_old = 0, nb_all = 0;
   neighbours_of_nodes near;
-  std::vector<char> visited;                        // per new node
-  std::vector<unsigned> order;                      // new nodes, by (element, row)
-  std::vector<std::size_t> entity_of;               // per new node: its boundary entity, or NONE
+  std::vector<char> visited;           // per new node
+  std::vector<unsigned> order;         // new nodes, by (element, row)
+  std::vector<std::size_t> entity_of;  // per new node: its boundary entity, or NONE
   std::vector<boundary_entity> entities;
   std::vector<unsigned> entity_nodes;               // the entities' nodes, by position
   std::vector<std::vector<holder_record>> to_send;  // per neighbour
@@ -253,16 +253,14 @@ bool ascending_elements(const dense1D<std::uint64_t>& element_ids, std::vector<s
   order.resize(n);
   for (std::size_t j = 0; j < n; ++j) order[j] = j;
   const std::uint64_t* id = element_ids.data();
-  if (!std::is_sorted(id, id + n)) std::sort(order.begin(), order.end(), [id](std::size_t a, std::size_t b) {
-      return id[a] < id[b];
-    });
+  if (!std::is_sorted(id, id + n))
+    std::sort(order.begin(), order.end(), [id](std::size_t a, std::size_t b) { return id[a] < id[b]; });
   for (std::size_t i = 1; i < n; ++i)
     if (id[order[i]] == id[order[i - 1]]) return false;
   return true;
 }
 
-bool columns_in_order(const dense2D<unsigned>& connect, const std::vector<std::size_t>& order,
-                      dense2D<unsigned>& out) {
+bool columns_in_order(const dense2D<unsigned>& connect, const std::vector<std::size_t>& order, dense2D<unsigned>& out) {
   bool identity = true;
   for (std::size_t i = 0; i < order.size() && identity; ++i) identity = order[i] == i;
   if (identity) {
@@ -300,8 +298,8 @@ int share_new_nodes(MPI_Comm comm, const node_sharing& sharing, const dense1D<st
   if ((status = exchange(comm, sharing, walk.to_send, holders)) != 0) return status;  // agreed
 
   std::vector<boundary_entity>& entities = walk.entities;
-  std::vector<std::size_t> by_key;                  // entity indices in key order
-  std::vector<std::vector<std::size_t>> held_by;    // per neighbour: the entities it has too
+  std::vector<std::size_t> by_key;                // entity indices in key order
+  std::vector<std::vector<std::size_t>> held_by;  // per neighbour: the entities it has too
   try {
     held_by.resize(nb_neighbours);
     by_key.resize(entities.size());
@@ -337,7 +335,7 @@ int share_new_nodes(MPI_Comm comm, const node_sharing& sharing, const dense1D<st
   MPI_Allreduce(&top, &base, 1, MPI_UINT64_T, MPI_MAX, comm);
   MPI_Allreduce(&owned, &total, 1, MPI_UINT64_T, MPI_SUM, comm);
   MPI_Exscan(&owned, &offset, 1, MPI_UINT64_T, MPI_SUM, comm);
-  if (rank == 0) offset = 0;                                          // Exscan leaves it undefined
+  if (rank == 0) offset = 0;                                            // Exscan leaves it undefined
   if (total > 0 && (base == NO_ID || total > NO_ID - base)) return -2;  // the same on every rank
 
   dense1D<std::uint64_t> ids;

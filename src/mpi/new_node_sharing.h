@@ -37,8 +37,7 @@ bool ascending_elements(const dense1D<std::uint64_t>& element_ids, std::vector<s
 
 /// The columns of connect taken in `order` (a shallow copy when order is the identity).
 /// false when memory runs out.
-bool columns_in_order(const dense2D<unsigned>& connect, const std::vector<std::size_t>& order,
-                      dense2D<unsigned>& out);
+bool columns_in_order(const dense2D<unsigned>& connect, const std::vector<std::size_t>& order, dense2D<unsigned>& out);
 
 /// New nodes per edge (e), per triangle (t) and per quadrangle (q) of a conversion.
 struct new_node_counts {

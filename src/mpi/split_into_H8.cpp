@@ -49,9 +49,11 @@ int split_into_H8(MPI_Comm comm, const part& in, part& out) {
     if (!detail::ascending_elements(in.element_ids, order)) status = -2;
     if (status == 0 && !detail::columns_in_order(in.connect, order, linear)) status = tessel::OUT_OF_MEMORY;
     if (status == 0 && (!coords.copy(in.coords) || !split_coords.copy(in.coords))) status = tessel::OUT_OF_MEMORY;
-    if (status == 0) status = tessel3d::split_into_H8(split_coords, linear, hexahedra, no_caller_faces, no_caller_edges);
-    if (status == 0) status = tessel3d::convert_into_high_order(coords, linear, 1, 1, 1, 1, 1, 1, 1, high, no_caller_faces,
-                                                                no_caller_edges);
+    if (status == 0)
+      status = tessel3d::split_into_H8(split_coords, linear, hexahedra, no_caller_faces, no_caller_edges);
+    if (status == 0)
+      status = tessel3d::convert_into_high_order(coords, linear, 1, 1, 1, 1, 1, 1, 1, high, no_caller_faces,
+                                                 no_caller_edges);
     if (status == -1) status = -2;  // coords are part of the part
     if (status == 0 && (split_coords.cols() != coords.cols() || hexahedra.rows() > 8)) status = -2;
     if (status == 0) {
@@ -64,8 +66,8 @@ int split_into_H8(MPI_Comm comm, const part& in, part& out) {
   if ((status = detail::agree(own.get(), status)) != 0) return status;
 
   dense1D<std::uint64_t> node_ids;
-  status = detail::share_new_nodes(own.get(), sharing, in.node_ids, linear, element_ids, high, {1, 1, 1}, coords,
-                                   node_ids);
+  status =
+      detail::share_new_nodes(own.get(), sharing, in.node_ids, linear, element_ids, high, {1, 1, 1}, coords, node_ids);
   if (status != 0) return status;
 
   // The hexahedra of each element, in the caller's element order; hexahedron k of

@@ -45,7 +45,8 @@ struct mesh {
 // Structure-preserving relistings of an element's corners, so that shared edges and faces
 // are walked from different corners and in both directions by their elements.
 void relist_corners(dense2D<unsigned>& connect, std::uint64_t seed) {
-  static const unsigned th4[6][4] = {{0, 1, 2, 3}, {1, 2, 0, 3}, {0, 2, 3, 1}, {3, 1, 0, 2}, {2, 3, 0, 1}, {1, 3, 2, 0}};
+  static const unsigned th4[6][4] = {{0, 1, 2, 3}, {1, 2, 0, 3}, {0, 2, 3, 1},
+                                     {3, 1, 0, 2}, {2, 3, 0, 1}, {1, 3, 2, 0}};
   tessel3d_test::random_stream random(seed);
   for (std::size_t j = 0; j < connect.cols(); ++j) {
     unsigned* c = &connect(0, j);
@@ -74,11 +75,15 @@ mesh build(const char* name) {
         elements.emplace_back(&from(0, cell * per + k), &from(0, cell * per + k) + from.rows());
     }
     mesh m{cells.coords, dense2D<unsigned>(8, elements.size(), absent)};
-    for (std::size_t j = 0; j < elements.size(); ++j) std::copy(elements[j].begin(), elements[j].end(), &m.connect(0, j));
+    for (std::size_t j = 0; j < elements.size(); ++j)
+      std::copy(elements[j].begin(), elements[j].end(), &m.connect(0, j));
     relist_corners(m.connect, 9);
     return m;
   }
-  const box_kind k = kind == "TH4" ? box_kind::TH4 : kind == "W6" ? box_kind::W6 : kind == "H8" ? box_kind::H8 : box_kind::PY5;
+  const box_kind k = kind == "TH4"  ? box_kind::TH4
+                     : kind == "W6" ? box_kind::W6
+                     : kind == "H8" ? box_kind::H8
+                                    : box_kind::PY5;
   auto box = tessel3d_test::make_box(k, 3, 3, 2, 1, 1, 1, 0.2, 3);
   mesh m{box.coords, k == box_kind::PY5 ? tessel3d_test::to_mixed8(box.connect) : box.connect};
   if (k != box_kind::PY5) relist_corners(m.connect, 7);
@@ -247,7 +252,9 @@ struct conversion {
   std::vector<const char*> meshes;
 };
 const conversion conversions[] = {
-    {"quadratic", [](mesh& m) { return t3::convert_into_quadratic(m.coords, m.connect); }, tm::convert_into_quadratic,
+    {"quadratic",
+     [](mesh& m) { return t3::convert_into_quadratic(m.coords, m.connect); },
+     tm::convert_into_quadratic,
      {"TH4", "W6", "H8", "PY5", "mixed"}},
     {"high order 2 4 3 8 1 2 1", serial_high, distributed_high, {"TH4", "W6", "H8", "PY5", "mixed"}},
     {"hexahedra", serial_split, distributed_split, {"TH4", "W6", "H8", "mixed"}},
