@@ -22,6 +22,7 @@ int convert_into_linear(MPI_Comm comm, part& mesh) {
   dense1D<std::uint64_t> node_ids;
   try {
     status = detail::part_status(mesh);
+    if (status == 0 && !detail::distinct_node_ids(mesh)) status = -2;
     const std::size_t nodes = mesh.coords.cols();
     // Every entry a node or absent: the renumbering reads them all.
     for (std::size_t j = 0; j < mesh.connect.cols() && status == 0; ++j) {

@@ -242,10 +242,13 @@ int part_status(const part& mesh) {
   const std::size_t nodes = mesh.coords.cols();
   if (nodes > 0 && mesh.coords.rows() != 3) return -2;
   if (nodes >= std::size_t(ABSENT) || mesh.node_ids.size() != nodes) return -2;
-  if (mesh.element_ids.size() != mesh.connect.cols()) return -2;
-  std::vector<std::uint64_t> ids(mesh.node_ids.data(), mesh.node_ids.data() + nodes);
+  return mesh.element_ids.size() == mesh.connect.cols() ? 0 : -2;
+}
+
+bool distinct_node_ids(const part& mesh) {
+  std::vector<std::uint64_t> ids(mesh.node_ids.data(), mesh.node_ids.data() + mesh.node_ids.size());
   std::sort(ids.begin(), ids.end());
-  return std::adjacent_find(ids.begin(), ids.end()) == ids.end() ? 0 : -2;
+  return std::adjacent_find(ids.begin(), ids.end()) == ids.end();
 }
 
 bool ascending_elements(const dense1D<std::uint64_t>& element_ids, std::vector<std::size_t>& order) {

@@ -26,10 +26,13 @@ namespace detail {
 tessel::solid_kind linear_kind(const unsigned* column, std::size_t rows);
 
 /// The checks every conversion makes on its part before any communication: coords
-/// 3 x #nodes (or empty with no node), one global ID per node and per element, the IDs
-/// of the nodes distinct, fewer than 2^32 - 1 local nodes. Returns 0 or -2 (the part is
-/// argument 2 of every conversion); throws std::bad_alloc.
+/// 3 x #nodes (or empty with no node), one global ID per node and per element, fewer
+/// than 2^32 - 1 local nodes. Returns 0 or -2 (the part is argument 2 of every
+/// conversion). Repeated node IDs are found by build_node_sharing.
 int part_status(const part& mesh);
+
+/// True when no two local nodes have the same global ID. Throws std::bad_alloc.
+bool distinct_node_ids(const part& mesh);
 
 /// The local columns in ascending global element ID: order[i] is the column holding the
 /// i-th smallest ID. false when two elements have the same ID. Throws std::bad_alloc.
