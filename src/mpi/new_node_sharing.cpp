@@ -194,8 +194,8 @@ struct new_node_walk {
 void walk_columns(new_node_walk& walk, const dense2D<unsigned>& linear, const std::vector<std::uint64_t>& element_ids,
                   const dense2D<unsigned>& high, new_node_counts counts) {
   const std::size_t R = linear.rows(), RH = high.rows();
-  unsigned side = 0;
-  while ((side + 1) * (side + 1) <= counts.q) ++side;
+  unsigned side = 0;  // of the quadrangles' node grid: q = side * side
+  while (std::uint64_t(side + 1) * (side + 1) <= counts.q) ++side;
   for (std::size_t j = 0; j < linear.cols(); ++j) {
     const unsigned* column = linear.data() + j * linear.ld();
     const unsigned* out = high.data() + j * high.ld();
