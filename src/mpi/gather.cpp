@@ -63,8 +63,8 @@ int post(MPI_Comm comm, int peer, bool sending, incoming_part& q, std::uint64_t 
 }
 
 std::uint64_t nb_requests(const incoming_part& q, std::uint64_t rows) {
-  return detail::nb_pieces(q.nb_nodes * 8) + detail::nb_pieces(q.nb_nodes * 24) +
-         detail::nb_pieces(q.nb_elements * 8) + detail::nb_pieces(rows * q.nb_elements * sizeof(unsigned));
+  return detail::nb_pieces(q.nb_nodes * 8) + detail::nb_pieces(q.nb_nodes * 24) + detail::nb_pieces(q.nb_elements * 8) +
+         detail::nb_pieces(rows * q.nb_elements * sizeof(unsigned));
 }
 
 // On the root: the one-machine mesh from every rank's arrays; -3 for a repeated element
@@ -83,9 +83,8 @@ int assemble(const std::vector<incoming_part>& parts, std::uint64_t rows, dense2
   for (std::size_t r = 0; r < parts.size(); ++r)
     for (std::uint64_t i = 0; i < parts[r].nb_nodes; ++i)
       nodes.push_back({parts[r].node_ids[i], static_cast<std::uint32_t>(r), static_cast<std::uint32_t>(i)});
-  std::sort(nodes.begin(), nodes.end(), [](const node_ref& a, const node_ref& b) {
-    return a.id != b.id ? a.id < b.id : a.rank < b.rank;
-  });
+  std::sort(nodes.begin(), nodes.end(),
+            [](const node_ref& a, const node_ref& b) { return a.id != b.id ? a.id < b.id : a.rank < b.rank; });
   // dense_of[r][i]: the one-machine column of rank r's local node i.
   std::vector<std::vector<unsigned>> dense_of(parts.size());
   for (std::size_t r = 0; r < parts.size(); ++r) dense_of[r].resize(parts[r].nb_nodes);
@@ -106,8 +105,7 @@ int assemble(const std::vector<incoming_part>& parts, std::uint64_t rows, dense2
   for (std::size_t r = 0; r < parts.size(); ++r)
     for (std::uint64_t j = 0; j < parts[r].nb_elements; ++j)
       elements.push_back({parts[r].element_ids[j], static_cast<std::uint32_t>(r), j});
-  std::sort(elements.begin(), elements.end(),
-            [](const element_ref& a, const element_ref& b) { return a.id < b.id; });
+  std::sort(elements.begin(), elements.end(), [](const element_ref& a, const element_ref& b) { return a.id < b.id; });
   for (std::size_t k = 1; k < elements.size(); ++k)
     if (elements[k].id == elements[k - 1].id) return -3;
 
@@ -124,7 +122,8 @@ int assemble(const std::vector<incoming_part>& parts, std::uint64_t rows, dense2
     const element_ref& e = elements[j];
     const unsigned* from = parts[e.rank].connect.data() + e.local * nb_rows;
     unsigned* to = new_connect.data() + j * new_connect.ld();
-    for (std::size_t k = 0; k < nb_rows; ++k) to[k] = from[k] == tessel::ABSENT ? tessel::ABSENT : dense_of[e.rank][from[k]];
+    for (std::size_t k = 0; k < nb_rows; ++k)
+      to[k] = from[k] == tessel::ABSENT ? tessel::ABSENT : dense_of[e.rank][from[k]];
   }
   coords = new_coords;
   connect = new_connect;
@@ -139,8 +138,10 @@ int gather_on(const detail::private_comm& comm, int root, const part& p, dense2D
   // The parts' shapes, and one row count for every rank that has elements.
   int status = part_is_valid(p) ? status_ok : -3;
   std::uint64_t rows_range[2] = {no_rows, 0};
-  if (p.element_ids.size() > 0) rows_range[0] = p.connect.rows(), rows_range[1] = ~std::uint64_t(p.connect.rows());
-  else rows_range[1] = ~std::uint64_t(0);
+  if (p.element_ids.size() > 0)
+    rows_range[0] = p.connect.rows(), rows_range[1] = ~std::uint64_t(p.connect.rows());
+  else
+    rows_range[1] = ~std::uint64_t(0);
   std::uint64_t agreed_rows[2];
   MPI_Allreduce(rows_range, agreed_rows, 2, MPI_UINT64_T, MPI_MIN, comm.get());
   const std::uint64_t rows = agreed_rows[0];
@@ -207,7 +208,7 @@ int gather_on(const detail::private_comm& comm, int root, const part& p, dense2D
       status = status_out_of_memory;
     }
   }
-  return detail::agree(comm.get(), status);
+  return detail::agree_after_wait(comm.get(), status);
 }
 
 }  // namespace

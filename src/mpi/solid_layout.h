@@ -18,8 +18,9 @@ struct solid_layout {
 
 // 8 rows is the linear mixed layout (pure H8 included), 27 the high-order mixed one
 // (pure H27 included): both accept absent nodes (~0U) where a column's kind has fewer.
-constexpr solid_layout solid_layouts[] = {{4, TH4},   {5, PY5},   {6, W6},    {8, SOLID_MIX8}, {10, TH10}, {13, PY13},
-                                          {14, PY14}, {15, W15},  {18, W18},  {20, H20},       {27, SOLID_MIX27}};
+constexpr solid_layout solid_layouts[] = {{4, TH4},   {5, PY5},   {6, W6},          {8, SOLID_MIX8},
+                                          {10, TH10}, {13, PY13}, {14, PY14},       {15, W15},
+                                          {18, W18},  {20, H20},  {27, SOLID_MIX27}};
 
 inline bool solid_layout_of_rows(std::size_t rows, element_type& type) {
   for (const solid_layout& l : solid_layouts)

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <string>
 
 #include "failing_allocator.h"
 #include "mpi_test_support.h"
@@ -23,14 +24,15 @@ struct mesh_case {
 
 std::vector<mesh_case> meshes() {
   std::vector<mesh_case> cases;
-  cases.push_back({"TH4 shell", make_shell(box_kind::TH4, 4, 6, 3)});
-  cases.push_back({"PY5 shell", make_shell(box_kind::PY5, 3, 5, 2)});
-  cases.push_back({"W6 shell", make_shell(box_kind::W6, 4, 6, 3)});
-  cases.push_back({"H8 shell", make_shell(box_kind::H8, 4, 8, 3)});
-  box_mesh mixed = make_shell(box_kind::W6, 4, 6, 3);
+  cases.push_back({"TH4 shell", make_shell(box_kind::TH4, 5, 5, 5)});
+  cases.push_back({"PY5 shell", make_shell(box_kind::PY5, 4, 4, 4)});
+  cases.push_back({"W6 shell", make_shell(box_kind::W6, 5, 5, 5)});
+  cases.push_back({"H8 shell", make_shell(box_kind::H8, 6, 6, 6)});
+  box_mesh mixed = make_shell(box_kind::W6, 5, 5, 5);
   mixed.connect = to_mixed8(mixed.connect);
   cases.push_back({"mixed layout", mixed});
-  cases.push_back({"TH10 shell", to_TH10(make_shell(box_kind::TH4, 3, 4, 2))});
+  cases.push_back({"TH10 shell", to_TH10(make_shell(box_kind::TH4, 4, 4, 4))});
+  cases.push_back({"long thin H8 shell", make_shell(box_kind::H8, 2, 12, 2, 0.1, 0.75, 1.0, 1.0)});
   return cases;
 }
 
@@ -70,7 +72,7 @@ TEST(distribute, parts_and_gather_give_back_the_mesh) {
     unsigned long long local = p.element_ids.size(), total = 0;
     MPI_Allreduce(&local, &total, 1, MPI_UNSIGNED_LONG_LONG, MPI_SUM, MPI_COMM_WORLD);
     EXPECT_EQ(total, c.mesh.connect.cols());
-    if (size >= 3) {
+    if (size >= 3 && std::string(c.name).find("long") == std::string::npos) {
       EXPECT_GE(most_ranks_on_a_node(p), 3);
     }
 

@@ -1,5 +1,5 @@
 // Strong and weak scaling of the distributed order conversions (run under mpirun):
-//   mpirun -np N build/release/bench/mpi_scaling_order NX NY NZ [weak]
+//   mpirun -np N build/release/bench/mpi/bench_mpi_order NX NY NZ [weak]
 // Every rank builds an NX x NY x NZ box of TH4 (six per cell; with "weak", NZ cells per
 // rank) and takes the elements whose centroid lies in its slab of z, elements and nodes in
 // ascending global ID. For each conversion it prints the slowest rank's time, the
