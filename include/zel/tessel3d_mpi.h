@@ -199,6 +199,72 @@ TESSEL3D_MPI_EXPORT int write_pvtu(MPI_Comm comm, const char* path, const part& 
 TESSEL3D_MPI_EXPORT int read_pvtu(MPI_Comm comm, const char* path, part& p, element_type& type,
                                   dense1D<unsigned char>& cell_types, std::vector<data_array>& point_data,
                                   std::vector<data_array>& cell_data);
+// ---- order conversions -------------------------------------------------------------
+//
+// Each rank converts its own elements with the one-machine function, taking them in
+// ascending global element ID, then every new node on an edge or a face that several
+// ranks have becomes one node: one global ID, and on every rank the coordinates the rank
+// of the element with the lowest global ID holding that edge or face computed (that
+// element meets it first in a one-machine conversion of the mesh in element-ID order, so
+// the coordinates are those of the one-machine result, bit for bit). The result equals
+// the one-machine conversion of the whole mesh up to the numbering of the nodes.
+// New global IDs start after the largest global node ID in use; each rank numbers the
+// new nodes it owns by (lowest global element ID holding them, row in that element),
+// the ranks one after the other, so the numbering depends on the partition.
+// Cost: two rounds of messages with the neighbouring ranks, each sending one record per
+// shared edge or face (its corners' IDs), then one per new node on them (ID, coordinates).
+
+/// High order on a partitioned mesh: the one-machine convert_into_high_order with the
+/// counts e q t h w p n (no caller's edges or faces). Faces are always listed in each
+/// element's own face order (options.conforming_faces), since which element meets a
+/// face first depends on the partition.
+/// @param[in]     comm     the communicator (every rank calls)
+/// @param[in,out] p        connect: 4, 6 or 8 rows (TH4, PY5, W6, H8 as one machine
+///                         takes them) -> the converted rows of the whole mesh's
+///                         conversion (TH4 alone, W6 alone, or the largest count), in
+///                         the same column order; coords and node_ids grown by the new
+///                         nodes (old columns kept); element_ids unchanged
+/// @param[in]     nodes_per_edge ... nodes_in_TH4  as one machine; the same on every rank
+/// @param[in]     options  conforming_faces false is refused when it would matter
+/// @return 0 (also when every count is 0: nothing changes) | -1 comm is MPI_COMM_NULL |
+///         -2 p (coords not 3 rows, #node_ids or #element_ids not #columns, a repeated
+///         node or element ID, connect rows, node IDs or kinds as one machine checks
+///         them, or global node IDs leaving no room for the new ones) | -3 .. -9 a count
+///         refused by the one-machine checks or differing between ranks | -10 options |
+///         -199; p unchanged on every rank on failure
+TESSEL3D_MPI_EXPORT int convert_into_high_order(MPI_Comm comm, part& p, unsigned nodes_per_edge, unsigned nodes_in_Q4,
+                                                unsigned nodes_in_T3, unsigned nodes_in_H8, unsigned nodes_in_W6,
+                                                unsigned nodes_in_PY5, unsigned nodes_in_TH4,
+                                                const high_order_options& options);
+
+/// Quadratic elements (TH10, PY14, W18, H27) on a partitioned mesh: the above with
+/// (e, q, t, h, w, p, n) = (1, 1, 0, 1, 0, 0, 0).
+/// @return 0 | -1 comm is MPI_COMM_NULL | -2 p (as above) | -199; p unchanged on failure
+TESSEL3D_MPI_EXPORT int convert_into_quadratic(MPI_Comm comm, part& p);
+
+/// Back to linear elements on a partitioned mesh: the one-machine convert_into_linear on
+/// each rank's connect, then the nodes no local element uses any more are dropped (every
+/// rank that holds such a node drops it), the others renumbered locally in their order;
+/// global IDs are kept. No message beyond agreeing on the status.
+/// @param[in]     comm  the communicator (every rank calls)
+/// @param[in,out] p     connect: 10, 13, 14, 15, 18, 20 or 27 rows -> 4 or 8 rows; coords
+///                      and node_ids: the nodes still used; element_ids unchanged
+/// @return 0 | -1 comm is MPI_COMM_NULL | -2 p (shapes, a repeated node ID, an entry that
+///         is neither a node nor absent, or a row count the one-machine call refuses) |
+///         -199; p unchanged on failure
+TESSEL3D_MPI_EXPORT int convert_into_linear(MPI_Comm comm, part& p);
+
+/// Every TH4 into 4, W6 into 6 and H8 into 8 hexahedra on a partitioned mesh, as the
+/// one-machine split_into_H8 (no caller's edges or faces).
+/// @param[in]  comm  the communicator (every rank calls)
+/// @param[in]  in    connect: 4, 6 or 8 rows, no pyramid; element IDs below 2^61
+/// @param[out] out   coords, node_ids: in's nodes, then the new ones; connect: 8 rows, the
+///                   hexahedra of in's elements in in's element order; element_ids: 8 g + k
+///                   for hexahedron k of element g (the same whatever the partition). out
+///                   may be in.
+/// @return 0 | -1 comm is MPI_COMM_NULL | -2 in (as convert_into_high_order's p, a pyramid,
+///         or an element ID of 2^61 or more) | -199; out unchanged on failure
+TESSEL3D_MPI_EXPORT int split_into_H8(MPI_Comm comm, const part& in, part& out);
 
 }  // namespace mpi
 }  // namespace tessel3d
