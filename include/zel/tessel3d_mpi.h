@@ -1,4 +1,20 @@
-// tessel3d over MPI: the library's families on a mesh partitioned over a communicator.
+// tessel3d_mpi: the library's tools on meshes partitioned over MPI ranks.
+//
+// Each rank holds its part of the mesh as the library's own matrices plus 64-bit global
+// IDs (struct part below). Who shares which nodes with whom is derived from the global
+// node IDs, so a caller never builds communication lists.
+//
+// Every function here is collective over its communicator, like an MPI call: every rank
+// of `comm` calls it, with its own part. MPI is initialised by the caller; the library
+// never uses MPI_COMM_WORLD and sends its messages on a private duplicate of `comm`, so
+// they never mix with the caller's.
+//
+// Status codes, as in <zel/tessel3d.h>: 0 on success; -k when argument k (counted from 1,
+// the communicator being argument 1) is invalid; -199 when an output or a work buffer
+// cannot be sized. EVERY RANK RETURNS THE SAME STATUS: when ranks fail differently, all
+// return the failure of the lowest argument number, and -199 only when no argument is
+// invalid anywhere. Outputs are unchanged on every rank when the status is not 0. Nothing
+// throws, prints or reads the environment.
 #pragma once
 
 #include <mpi.h>
@@ -13,16 +29,89 @@ namespace zel {
 namespace tessel3d {
 namespace mpi {
 
-/// One rank's part of a mesh partitioned over a communicator. Every element lives on exactly
-/// one rank. A node lives on every rank that has an element using it (or, for a part that
-/// is a point cloud, on the rank holding it), with the same global ID and the same
-/// coordinates everywhere. Who shares what with whom is derived from the global IDs.
+/// One rank's part of a mesh partitioned over a communicator.
+/// Every element lives on exactly one rank. A node lives on every rank that has an
+/// element using it (or, for a part that is a point cloud, on the rank holding it), with
+/// the same global ID and the same coordinates everywhere. The owner of a node is the
+/// lowest rank holding it. Global IDs are any distinct 64-bit values (not necessarily
+/// dense): distinct among a rank's nodes, and distinct among all ranks' elements.
+/// A part holds nodes that no local element uses only where a function says so.
 struct part {
-  dense2D<double> coords;              // 3 x #local nodes
-  dense2D<unsigned> connect;           // #rows x #local elements, local node IDs
-  dense1D<std::uint64_t> node_ids;     // #local nodes: global ID of each local node
-  dense1D<std::uint64_t> element_ids;  // #local elements: global ID of each element
+  dense2D<double> coords;              ///< 3 x #local nodes
+  dense2D<unsigned> connect;           ///< #rows x #local elements, local node IDs (columns of coords)
+  dense1D<std::uint64_t> node_ids;     ///< #local nodes: the global ID of each local node
+  dense1D<std::uint64_t> element_ids;  ///< #local elements: the global ID of each element
 };
+
+// ---- distribution ------------------------------------------------------------------
+
+/// Spreads a mesh held by one rank over every rank of comm. The root's mesh is cut by
+/// METIS (the dual graph of the elements, two elements being neighbours when they share
+/// a face); each rank receives its elements and every node they use. Global node IDs are
+/// the root's column indices in coords, global element IDs the root's column indices in
+/// connect; a part's local nodes are in ascending global ID and its elements in
+/// ascending global ID. With one rank, no partitioner is called.
+/// @param[in]  comm     the communicator (every rank calls)
+/// @param[in]  root     the rank holding the mesh, the same on every rank
+/// @param[in]  coords   on root: 3 x #nodes; ignored elsewhere
+/// @param[in]  connect  on root: #rows x #elements in one of the library's solid layouts
+///                      (4, 5, 6 or 8 rows, the 8-row mixed layout, or the quadratic
+///                      rows 10, 13, 14, 15, 18, 20, 27); ignored elsewhere
+/// @param[out] out      this rank's part
+/// @return 0 | -1 comm is MPI_COMM_NULL | -2 root is not a rank of comm (or differs
+///         between ranks) | -3 coords (rows) | -4 connect (row count, or a node ID not a
+///         column of coords) | -5 the partitioner failed | -199
+TESSEL3D_MPI_EXPORT int distribute(MPI_Comm comm, int root, const dense2D<double>& coords,
+                                   const dense2D<unsigned>& connect, part& out);
+
+/// Rebuilds on root the one-machine mesh of a partitioned one: nodes are the distinct
+/// global node IDs of all parts, in ascending order (the i-th smallest ID becomes
+/// column i), and elements are ordered by ascending global element ID. For parts made by
+/// `distribute`, this gives back the root's mesh when every node was used by an element.
+/// @param[in]  comm     the communicator (every rank calls)
+/// @param[in]  root     the rank receiving the mesh, the same on every rank
+/// @param[in]  p        this rank's part
+/// @param[out] coords   on root: 3 x #global nodes; unchanged elsewhere
+/// @param[out] connect  on root: #rows x #global elements; unchanged elsewhere
+/// @return 0 | -1 comm is MPI_COMM_NULL | -2 root | -3 p (shapes disagree, a local node
+///         ID out of range, connect rows differing between ranks, or a repeated global
+///         element ID) | -199
+TESSEL3D_MPI_EXPORT int gather(MPI_Comm comm, int root, const part& p, dense2D<double>& coords,
+                               dense2D<unsigned>& connect);
+
+// ---- measures ----------------------------------------------------------------------
+
+/// Signed total volume of a partitioned solid mesh (element kinds and signs as the
+/// one-machine `volume`). The per-element volumes are summed exactly and the total is
+/// rounded once, so every rank gets the same bits whatever the number of ranks and the
+/// partition. It may differ from the one-machine `volume` by that function's own
+/// rounding of its running sum.
+/// @param[in]  comm    the communicator (every rank calls)
+/// @param[in]  p       this rank's part (connect: 4, 5, 6 rows or the 8-row mixed layout)
+/// @param[out] result  the total on every rank; unchanged on failure
+/// @return 0 | -1 comm is MPI_COMM_NULL | -2 p (as the one-machine `volume` checks
+///         coords and connect, or connect rows differing between ranks) | -199
+TESSEL3D_MPI_EXPORT int volume(MPI_Comm comm, const part& p, double& result);
+
+/// The checked angle measures on a partitioned mesh: per-element extremes and the
+/// degenerate elements of this rank's part exactly as the one-machine checked
+/// `dihedral_angles` / `solid_angles` give them for the local elements, plus the
+/// smallest and largest value over every rank's elements (NaN when no element anywhere
+/// has a defined value), the same on every rank.
+/// @param[in]  comm        the communicator (every rank calls)
+/// @param[in]  p           this rank's part
+/// @param[in]  normalise   as in the one-machine call
+/// @param[out] minValues, maxValues  resized to #local elements, entry j for element j
+/// @param[out] degenerate  the local columns of the degenerate elements, ascending
+/// @param[out] smallest, largest  the global extremes
+/// @return 0 | -1 comm is MPI_COMM_NULL | -2 p (as the one-machine call checks coords
+///         and connect) | -4 outputs sharing memory | -199; outputs unchanged on failure
+TESSEL3D_MPI_EXPORT int dihedral_angles(MPI_Comm comm, const part& p, bool normalise, dense1D<double, 8>& minValues,
+                                        dense1D<double, 8>& maxValues, dense1D<unsigned, 8>& degenerate,
+                                        double& smallest, double& largest);
+TESSEL3D_MPI_EXPORT int solid_angles(MPI_Comm comm, const part& p, bool normalise, dense1D<double, 8>& minValues,
+                                     dense1D<double, 8>& maxValues, dense1D<unsigned, 8>& degenerate, double& smallest,
+                                     double& largest);
 
 // ---- extrusions, cracks, interpolation ----------------------------------------------
 //

@@ -53,7 +53,7 @@ inline int faces_on_mesh_boundary(MPI_Comm comm, const std::vector<face_key>& ke
     }
     return 0;
   });
-  if ((status = agree_on(comm, status)) != 0) return status;
+  if ((status = agree(comm, status)) != 0) return status;
   received_records<face_key> met;
   if ((status = exchange_records(comm, send, met)) != 0) return status;
 
@@ -75,7 +75,7 @@ inline int faces_on_mesh_boundary(MPI_Comm comm, const std::vector<face_key>& ke
     for (int r = 0; r < size; ++r) answers[r].assign(alone.begin() + met.offset[r], alone.begin() + met.offset[r + 1]);
     return 0;
   });
-  if ((status = agree_on(comm, status)) != 0) return status;
+  if ((status = agree(comm, status)) != 0) return status;
   received_records<unsigned char> replies;
   if ((status = exchange_records(comm, answers, replies)) != 0) return status;
   status = guarded([&] {
@@ -84,7 +84,7 @@ inline int faces_on_mesh_boundary(MPI_Comm comm, const std::vector<face_key>& ke
       for (std::size_t i = 0; i < sent_index[r].size(); ++i) on_boundary[sent_index[r][i]] = replies.from(r)[i];
     return 0;
   });
-  return agree_on(comm, status);
+  return agree(comm, status);
 }
 
 }  // namespace detail

@@ -20,7 +20,7 @@ namespace tessel3d {
 namespace mpi {
 namespace {
 
-using detail::agree_on;
+using detail::agree;
 using detail::guarded;
 using detail::out_of_memory;
 using point3 = std::array<double, 3>;
@@ -91,7 +91,7 @@ class local_source {
         }
       return 0;
     });
-    if ((status = agree_on(comm, status)) != 0) return status;
+    if ((status = agree(comm, status)) != 0) return status;
     std::vector<unsigned char> alone;
     if ((status = detail::faces_on_mesh_boundary(comm, keys, alone)) != 0) return status;
     status = guarded([&] {
@@ -112,7 +112,7 @@ class local_source {
       for (std::size_t k = 0; k < faces_.items.size(); ++k) faces_.items[k] = faces[faces_.items[k]];
       return 0;
     });
-    return agree_on(comm, status);
+    return agree(comm, status);
   }
 
   /// Box of the elements (finite ones), then of the boundary faces: 12 values.
@@ -312,7 +312,7 @@ class point_search {
       ranks_.boxes.assign(12 * std::size_t(size_), 0.0);
       return 0;
     });
-    if ((status = agree_on(comm_, status)) != 0) return status;
+    if ((status = agree(comm_, status)) != 0) return status;
     double mine[12];
     local_.boxes(mine);
     MPI_Allgather(mine, 12, MPI_DOUBLE, ranks_.boxes.data(), 12, MPI_DOUBLE, comm_);
@@ -324,7 +324,7 @@ class point_search {
         bounds_[d] = std::fmin(bounds_[d], ranks_.boxes[12 * r + d]);
         bounds_[d + 3] = std::fmax(bounds_[d + 3], ranks_.boxes[12 * r + d + 3]);
       }
-    if ((status = agree_on(comm_, guarded([&] { return ranks_.build(); }))) != 0) return status;
+    if ((status = agree(comm_, guarded([&] { return ranks_.build(); }))) != 0) return status;
 
     // Round 1: the ranks whose elements' box holds the point.
     std::vector<std::vector<point3>> send;
@@ -342,7 +342,7 @@ class point_search {
       }
       return 0;
     });
-    if ((status = agree_on(comm_, status)) != 0) return status;
+    if ((status = agree(comm_, status)) != 0) return status;
     if ((status = round(send, sent, false, values, found)) != 0) return status;
 
     // Round 2: points that no element holds go to every rank whose boundary faces'
@@ -374,7 +374,7 @@ class point_search {
       }
       return 0;
     });
-    if ((status = agree_on(comm_, status)) != 0) return status;
+    if ((status = agree(comm_, status)) != 0) return status;
     return round(send, sent, true, values, found);
   }
 
@@ -399,7 +399,7 @@ class point_search {
       }
       return 0;
     });
-    if ((status = agree_on(comm_, status)) != 0) return status;
+    if ((status = agree(comm_, status)) != 0) return status;
     detail::received_records<double> got;
     if ((status = detail::exchange_records(comm_, replies, got)) != 0) return status;
     for (int r = 0; r < size_; ++r)
@@ -485,8 +485,9 @@ int interpolate(MPI_Comm comm, const part& source, const dense2D<double>& field,
   int status = check_source(source);
   if (status == 0 && field.cols() != source.coords.cols()) status = -3;
   if (status == 0 && points.rows() != 3) status = -4;
-  detail::private_comm own(comm);
-  if ((status = agree_on(own, status)) != 0) return status;
+  const detail::private_comm own_comm(comm);
+  const MPI_Comm own = own_comm.get();
+  if ((status = agree(own, status)) != 0) return status;
   if ((status = same_rows_everywhere(own, field.rows(), -3)) != 0) return status;
 
   dense2D<double> result;
@@ -497,7 +498,7 @@ int interpolate(MPI_Comm comm, const part& source, const dense2D<double>& field,
     wanted.assign(points.cols(), 1);
     return 0;
   });
-  if ((status = agree_on(own, status)) != 0) return status;
+  if ((status = agree(own, status)) != 0) return status;
   const field_reader reader{field};
   point_search<field_reader> search(own, source, reader, points);
   if ((status = search.run(wanted, read, found)) != 0) return status;
@@ -515,8 +516,9 @@ int interpolate_metrics(MPI_Comm comm, const part& source, const dense2D<double>
     status = -3;
   if (status == 0 && points.rows() != 3) status = -4;
   if (status == 0 && (values.rows() != metrics.rows() || values.cols() != points.cols())) status = -5;
-  detail::private_comm own(comm);
-  if ((status = agree_on(own, status)) != 0) return status;
+  const detail::private_comm own_comm(comm);
+  const MPI_Comm own = own_comm.get();
+  if ((status = agree(own, status)) != 0) return status;
   if ((status = same_rows_everywhere(own, metrics.rows(), -3)) != 0) return status;
 
   const metric_reader reader{metrics};
@@ -529,7 +531,7 @@ int interpolate_metrics(MPI_Comm comm, const part& source, const dense2D<double>
       for (std::size_t j = 0; j < points.cols(); ++j) wanted[j] = !current.is_valid(unsigned(j));
     return 0;
   });
-  if ((status = agree_on(own, status)) != 0) return status;
+  if ((status = agree(own, status)) != 0) return status;
   point_search<metric_reader> search(own, source, reader, points);
   if ((status = search.run(wanted, read, found)) != 0) return status;
   const std::size_t width = metrics.rows();

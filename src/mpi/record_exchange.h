@@ -1,7 +1,7 @@
 // The all-to-all exchange of records used by the families that route items (points,
-// faces) to the ranks that can answer for them, and the agreement on a status that
-// comes before every collective step. Memory for the exchange is had before any rank
-// starts sending, so a rank short of memory never leaves the others waiting.
+// faces) to the ranks that can answer for them (any rank, not only the neighbours of
+// node_sharing). Memory for the exchange is had and agreed on before any rank starts
+// sending, so a rank short of memory never leaves the others waiting.
 #pragma once
 
 #include <mpi.h>
@@ -11,19 +11,14 @@
 #include <new>
 #include <vector>
 
+#include "mpi/node_sharing.h"
+
 namespace zel {
 namespace tessel3d {
 namespace mpi {
 namespace detail {
 
-constexpr int out_of_memory = -199;
-
-/// The same status on every rank: 0 when every rank has 0, else the most negative code.
-inline int agree_on(MPI_Comm comm, int local_status) {
-  int status = 0;
-  MPI_Allreduce(&local_status, &status, 1, MPI_INT, MPI_MIN, comm);
-  return status;
-}
+constexpr int out_of_memory = status_out_of_memory;
 
 /// Runs a local step that may run out of memory: its status, or -199 on std::bad_alloc.
 template <class Step>
@@ -63,7 +58,7 @@ int exchange_records(MPI_Comm comm, const std::vector<std::vector<T>>& send, rec
     }
     return 0;
   });
-  if ((status = agree_on(comm, status)) != 0) return status;
+  if ((status = agree(comm, status)) != 0) return status;
   MPI_Alltoall(send_counts.data(), 1, MPI_INT, receive_counts.data(), 1, MPI_INT, comm);
 
   status = guarded([&] {
@@ -88,7 +83,7 @@ int exchange_records(MPI_Comm comm, const std::vector<std::vector<T>>& send, rec
     }
     return 0;
   });
-  if ((status = agree_on(comm, status)) != 0) return status;
+  if ((status = agree(comm, status)) != 0) return status;
 
   MPI_Datatype record;
   MPI_Type_contiguous(int(sizeof(T)), MPI_BYTE, &record);
@@ -98,20 +93,6 @@ int exchange_records(MPI_Comm comm, const std::vector<std::vector<T>>& send, rec
   MPI_Type_free(&record);
   return 0;
 }
-
-/// A private duplicate of the caller's communicator for the length of one call, so the
-/// library's messages never meet the caller's.
-class private_comm {
- public:
-  explicit private_comm(MPI_Comm comm) { MPI_Comm_dup(comm, &comm_); }
-  ~private_comm() { MPI_Comm_free(&comm_); }
-  private_comm(const private_comm&) = delete;
-  private_comm& operator=(const private_comm&) = delete;
-  operator MPI_Comm() const { return comm_; }
-
- private:
-  MPI_Comm comm_ = MPI_COMM_NULL;
-};
 
 }  // namespace detail
 }  // namespace mpi

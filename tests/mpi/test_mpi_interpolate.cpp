@@ -73,7 +73,9 @@ double node_value(unsigned c, const double* x) {
 
 TEST(MpiInterpolate, FieldEqualsOneMachineProjection) {
   setup s;
-  if (comm_size() >= 3) EXPECT_GE(most_ranks_on_a_node(s.mesh.connect, s.owner, s.mesh.coords.cols()), 3);
+  if (comm_size() >= 3) {
+    EXPECT_GE(most_ranks_on_a_node(s.mesh.connect, s.owner, s.mesh.coords.cols()), 3);
+  }
   const dense2D<double> xs = s.serial_coords();
   dense2D<double> whole(2, xs.cols(), NAN);
   for (std::size_t n = 0; n < s.mesh.coords.cols(); ++n)
