@@ -161,6 +161,75 @@ TESSEL3D_MPI_EXPORT int interpolate(MPI_Comm comm, const part& source, const den
 TESSEL3D_MPI_EXPORT int interpolate_metrics(MPI_Comm comm, const part& source, const dense2D<double>& metrics,
                                             const dense2D<double>& points, dense2D<double>& values, bool keep_valid);
 
+// Extrusions of a partitioned surface: surface.connect is 3 (T3) or 4 (Q4, or mixed with
+// ABSENT in row 3) x #local faces, surface.element_ids the faces' global IDs. Each rank
+// sweeps its own faces exactly as the one-machine extrusion of the same name does (the
+// same layer count and positions), and `solids` receives its part of the swept mesh:
+//   coords       the part's nodes (in their order), then their copies layer by layer
+//   connect      6 (T3 faces on every rank) or 8 rows, N solids per local face, face by
+//                face, layer by layer, local node IDs
+//   node_ids     a part's node keeps its ID; the copy in layer k (1 ... N) of the node
+//                with global ID g is k * (G + 1) + g, G the largest global node ID of the
+//                surface on any rank, so a node shared by several ranks has the same copies
+//                (same IDs and positions) on each
+//   element_ids  the solid of layer k over the face with global ID f: f * N + (k - 1),
+//                which is the one-machine column of that solid when the faces' IDs are
+//                their one-machine columns
+// Status, the same on every rank: 0 | -1 comm is MPI_COMM_NULL | -2 surface: coords not 3
+// rows, connect with columns and not 3 or 4 rows or with a bad node ID, node_ids or
+// element_ids not one per node / face | the one-machine call's code of each parameter
+// at the same position (the communicator and the part standing for coords and connectS)
+// | -3 parameters that differ between ranks and give different layer counts | -199 memory, or global IDs that would not fit in 64 bits. solids is unchanged on
+// failure, and when the one-machine call would do nothing (nbLayers = 0).
+
+/// Sweep along T (extrude_translate): -4 when T = 0 with nbLayers > 0, or h0 not > 0; -5 h1.
+TESSEL3D_MPI_EXPORT int extrude_translate(MPI_Comm comm, const part& surface, const vector_fixed<double, 3>& T,
+                                          unsigned nbLayers, part& solids);
+TESSEL3D_MPI_EXPORT int extrude_translate(MPI_Comm comm, const part& surface, const vector_fixed<double, 3>& T,
+                                          double h0, double h1, bool even_layers, part& solids);
+
+/// Sweep about the axis through C along R (extrude_rotate). The sweep length is that of
+/// the first node of the face with the lowest global ID (on whichever rank holds it), as
+/// the one-machine call takes the first node of its first face: -5 when it lies on the
+/// axis, or h0 not > 0; -6 h1.
+TESSEL3D_MPI_EXPORT int extrude_rotate(MPI_Comm comm, const part& surface, const vector_fixed<double, 3>& C,
+                                       const vector_fixed<double, 3>& R, unsigned nbLayers, part& solids);
+TESSEL3D_MPI_EXPORT int extrude_rotate(MPI_Comm comm, const part& surface, const vector_fixed<double, 3>& C,
+                                       const vector_fixed<double, 3>& R, double h0, double h1, bool even_layers,
+                                       part& solids);
+
+/// Sweep along a helix (extrude_spiral): -5 h0 (T = 0 with nbLayers), -6 h1.
+TESSEL3D_MPI_EXPORT int extrude_spiral(MPI_Comm comm, const part& surface, const vector_fixed<double, 3>& C,
+                                       const vector_fixed<double, 3>& R, const vector_fixed<double, 3>& T,
+                                       unsigned nbLayers, part& solids);
+TESSEL3D_MPI_EXPORT int extrude_spiral(MPI_Comm comm, const part& surface, const vector_fixed<double, 3>& C,
+                                       const vector_fixed<double, 3>& R, const vector_fixed<double, 3>& T, double h0,
+                                       double h1, bool even_layers, part& solids);
+
+/// Growth along nodal vectors (extrude_normal): node_normals 3 x #local nodes, the same
+/// vector for a node on every rank holding it (-3 otherwise shaped).
+TESSEL3D_MPI_EXPORT int extrude_normal(MPI_Comm comm, const part& surface, const dense2D<double>& node_normals,
+                                       unsigned nbLayers, part& solids);
+/// Growth along the unit normals of the whole surface scaled by thickness: at each node
+/// the angle-weighted normals of its faces on every rank (zel::tessel2d::normals' rule),
+/// summed in the order of the faces' global IDs, so a shared node gets the same normal
+/// on every rank whatever the partition (the one-machine sum, in column order, is the
+/// same when the IDs are its columns; the layer positions may differ from the
+/// one-machine call's in the last bit, the scaling being applied in another order).
+/// @return 0 (nothing done when nbLayers = 0) | -1 | -2 | -3 thickness not > 0 | -199
+TESSEL3D_MPI_EXPORT int extrude_normal(MPI_Comm comm, const part& surface, double thickness, unsigned nbLayers,
+                                       part& solids);
+
+/// Sweep along a polyline (extrude_line) given as points, 3 x #line, the same on every
+/// rank (-3 when not 3 rows or fewer than 2 points); line_metrics 6 x #line tensors or
+/// line_scales #line factors as in the one-machine call (-5 line_metrics).
+TESSEL3D_MPI_EXPORT int extrude_line(MPI_Comm comm, const part& surface, const dense2D<double>& line_points,
+                                     const vector_fixed<double, 3>& V, const dense2D<double>& line_metrics,
+                                     part& solids);
+TESSEL3D_MPI_EXPORT int extrude_line(MPI_Comm comm, const part& surface, const dense2D<double>& line_points,
+                                     const vector_fixed<double, 3>& V, const dense1D<double, 8>& line_scales,
+                                     part& solids);
+
 }  // namespace mpi
 }  // namespace tessel3d
 }  // namespace zel

@@ -52,9 +52,14 @@ inline std::vector<int> sector_partition(const zel::dense2D<double>& coords, con
                                          int nb_ranks) {
   std::vector<int> rank(connect.cols());
   for (std::size_t e = 0; e < connect.cols(); ++e) {
-    double c[2] = {0, 0};
+    double c[2] = {0, 0}, count = 0;
     for (std::size_t k = 0; k < connect.rows(); ++k)
-      for (unsigned d = 0; d < 2; ++d) c[d] += coords(d, connect(k, e)) / double(connect.rows());
+      if (connect(k, e) != ~0U) {
+        for (unsigned d = 0; d < 2; ++d) c[d] += coords(d, connect(k, e));
+        ++count;
+      }
+    c[0] /= count;
+    c[1] /= count;
     const double turn = (std::atan2(c[1] - 1, c[0] - 1) + M_PI) / (2 * M_PI);
     rank[e] = std::min(nb_ranks - 1, int(turn * nb_ranks));
   }
@@ -69,7 +74,8 @@ inline zel::tessel3d::mpi::part cut_part(const zel::dense2D<double>& coords, con
   for (std::size_t e = 0; e < connect.cols(); ++e)
     if (element_rank[e] == rank) {
       elements.push_back(unsigned(e));
-      for (std::size_t k = 0; k < connect.rows(); ++k) local[connect(k, e)] = 0;
+      for (std::size_t k = 0; k < connect.rows(); ++k)
+        if (connect(k, e) != ~0U) local[connect(k, e)] = 0;
     }
   std::vector<unsigned> nodes;
   for (std::size_t n = 0; n < coords.cols(); ++n)
@@ -86,7 +92,10 @@ inline zel::tessel3d::mpi::part cut_part(const zel::dense2D<double>& coords, con
   p.connect.resize(connect.rows(), elements.size());
   p.element_ids.resize(elements.size());
   for (std::size_t j = 0; j < elements.size(); ++j) {
-    for (std::size_t k = 0; k < connect.rows(); ++k) p.connect(k, j) = local[connect(k, elements[j])];
+    for (std::size_t k = 0; k < connect.rows(); ++k) {
+      const unsigned n = connect(k, elements[j]);
+      p.connect(k, j) = n == ~0U ? n : local[n];
+    }
     p.element_ids[j] = elements[j];
   }
   return p;
