@@ -230,6 +230,42 @@ TESSEL3D_MPI_EXPORT int extrude_line(MPI_Comm comm, const part& surface, const d
                                      const vector_fixed<double, 3>& V, const dense1D<double, 8>& line_scales,
                                      part& solids);
 
+/// Opens a partitioned solid mesh along an internal surface that may cross the ranks'
+/// boundaries, as the one-machine duplicate_surface_nodes opens one mesh: around each
+/// surface node that is not excluded, the elements holding it form groups joined across
+/// the faces that hold the node (never across a surface face, in either orientation, nor
+/// the mesh's boundary), whichever ranks hold them; a group carrying the surface's face
+/// the same way round (an element face read in the one-machine face order equal to it)
+/// lies on its positive side, the reversed face on its negative side, and every element
+/// of a group on a requested side takes that side's copy of the node (a group carrying
+/// both, at an open rim, takes the negative one, as one machine leaves it). The copies
+/// get global IDs every rank derives alone: s * (G + 1) + g for the node with global ID
+/// g, s = 1 positive, 2 negative, G the largest global node ID on any rank; each rank
+/// appends the copies its elements use (after its nodes, ascending by global ID) with
+/// the coordinates of the node copied. Where one side of the surface meets a node in two
+/// sheets that no face joins, both take the copy (one machine gives it to the sheet it
+/// reaches first).
+/// @param[in]     comm      the communicator (every rank calls)
+/// @param[in,out] mesh      connect 4 (TH4) or 8 (H8, SOLID_MIX8) rows; coords and
+///                          node_ids grow, connect is replaced; nodes no local element
+///                          uses any more stay in the part
+/// @param[in]     surface   3 or 4 (FACE_MIX4) x #faces, local node IDs: each face listed
+///                          on every rank that has an element carrying it (listing the
+///                          faces whose nodes a rank holds does it)
+/// @param[in]     excluded  local node IDs that keep their single ID (excluded on any rank
+///                          holding the node, excluded everywhere)
+/// @return the number of nodes the one-machine call adds (each non-excluded surface node
+///         once per requested side; the same on every rank, at most INT_MAX) | -1 comm is
+///         MPI_COMM_NULL | -2 mesh: coords not 3 rows, node_ids or element_ids not one
+///         per node / element, connect rows or node IDs not those of `type` | -3 surface
+///         not 3 or 4 rows, or a bad node ID (ABSENT only in row 3) | -4 excluded holds
+///         an ID that is not a local node | -7 type not TH4, H8 or SOLID_MIX8 | -199
+///         memory, or copy IDs beyond 64 bits. 0 with nothing done when no side is
+///         requested. mesh is unchanged on failure.
+TESSEL3D_MPI_EXPORT int duplicate_surface_nodes(MPI_Comm comm, part& mesh, const dense2D<unsigned>& surface,
+                                                const dense1D<unsigned, 8>& excluded, bool positive_side,
+                                                bool negative_side, element_type type);
+
 }  // namespace mpi
 }  // namespace tessel3d
 }  // namespace zel

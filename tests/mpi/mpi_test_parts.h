@@ -47,9 +47,9 @@ inline box_mesh holed_box(unsigned n) {
 }
 
 // The rank of each element: sectors of the angle of its centre about the vertical line
-// through (1, 1), so that with 3 or more ranks the nodes on that line are shared by all.
+// through (cx, cy), so that with 3 or more ranks the nodes on that line are shared by all.
 inline std::vector<int> sector_partition(const zel::dense2D<double>& coords, const zel::dense2D<unsigned>& connect,
-                                         int nb_ranks) {
+                                         int nb_ranks, double cx = 1, double cy = 1) {
   std::vector<int> rank(connect.cols());
   for (std::size_t e = 0; e < connect.cols(); ++e) {
     double c[2] = {0, 0}, count = 0;
@@ -60,7 +60,7 @@ inline std::vector<int> sector_partition(const zel::dense2D<double>& coords, con
       }
     c[0] /= count;
     c[1] /= count;
-    const double turn = (std::atan2(c[1] - 1, c[0] - 1) + M_PI) / (2 * M_PI);
+    const double turn = (std::atan2(c[1] - cy, c[0] - cx) + M_PI) / (2 * M_PI);
     rank[e] = std::min(nb_ranks - 1, int(turn * nb_ranks));
   }
   return rank;
