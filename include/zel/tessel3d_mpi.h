@@ -81,16 +81,18 @@ TESSEL3D_MPI_EXPORT int gather(MPI_Comm comm, int root, const part& p, dense2D<d
 
 // ---- measures ----------------------------------------------------------------------
 
-/// Signed total volume of a partitioned solid mesh (element kinds and signs as the
-/// one-machine `volume`). The per-element volumes are summed exactly and the total is
-/// rounded once, so every rank gets the same bits whatever the number of ranks and the
-/// partition. It may differ from the one-machine `volume` by that function's own
-/// rounding of its running sum.
+/// Signed total volume of a partitioned solid mesh. Each element's volume is what the
+/// one-machine `volume` gives for that element alone; those values are summed exactly
+/// and the total is rounded once (to nearest, ties to even), so every rank gets the same
+/// bits whatever the number of ranks, the partition and the order of the elements. It
+/// may differ from the one-machine `volume` of the whole mesh by that function's own
+/// rounding of its running sum (a few units in the last place on large meshes).
 /// @param[in]  comm    the communicator (every rank calls)
-/// @param[in]  p       this rank's part (connect: 4, 5, 6 rows or the 8-row mixed layout)
+/// @param[in]  p       this rank's part: connect 4 (TH4), 5 (PY5), 6 (W6) rows or the
+///                     8-row mixed layout (pure H8 included); an empty part adds 0
 /// @param[out] result  the total on every rank; unchanged on failure
-/// @return 0 | -1 comm is MPI_COMM_NULL | -2 p (as the one-machine `volume` checks
-///         coords and connect, or connect rows differing between ranks) | -199
+/// @return 0 | -1 comm is MPI_COMM_NULL | -2 p (coords not 3 rows, another row count,
+///         or a node ID that is not a column of coords) | -199
 TESSEL3D_MPI_EXPORT int volume(MPI_Comm comm, const part& p, double& result);
 
 /// The checked angle measures on a partitioned mesh: per-element extremes and the
@@ -105,7 +107,8 @@ TESSEL3D_MPI_EXPORT int volume(MPI_Comm comm, const part& p, double& result);
 /// @param[out] degenerate  the local columns of the degenerate elements, ascending
 /// @param[out] smallest, largest  the global extremes
 /// @return 0 | -1 comm is MPI_COMM_NULL | -2 p (as the one-machine call checks coords
-///         and connect) | -4 outputs sharing memory | -199; outputs unchanged on failure
+///         and connect) | -199 (also when `degenerate` cannot grow); outputs unchanged
+///         on failure. Outputs that share memory are replaced, not written through.
 TESSEL3D_MPI_EXPORT int dihedral_angles(MPI_Comm comm, const part& p, bool normalise, dense1D<double, 8>& minValues,
                                         dense1D<double, 8>& maxValues, dense1D<unsigned, 8>& degenerate,
                                         double& smallest, double& largest);

@@ -62,19 +62,28 @@ int agree(MPI_Comm comm, int local_status) {
   return -worst;
 }
 
-MPI_Request* post_bytes(MPI_Comm comm, int neighbour, const void* send, std::uint64_t send_bytes, void* receive,
-                        std::uint64_t receive_bytes, MPI_Request* requests) {
-  const char* from = static_cast<const char*>(send);
-  for (std::uint64_t done = 0; done < send_bytes; done += max_piece_bytes) {
-    const int piece = static_cast<int>(std::min(max_piece_bytes, send_bytes - done));
-    MPI_Isend(from + done, piece, MPI_BYTE, neighbour, exchange_tag, comm, requests++);
-  }
-  char* to = static_cast<char*>(receive);
-  for (std::uint64_t done = 0; done < receive_bytes; done += max_piece_bytes) {
-    const int piece = static_cast<int>(std::min(max_piece_bytes, receive_bytes - done));
-    MPI_Irecv(to + done, piece, MPI_BYTE, neighbour, exchange_tag, comm, requests++);
+MPI_Request* post_send(MPI_Comm comm, int to, int tag, const void* data, std::uint64_t bytes, MPI_Request* requests) {
+  const char* from_byte = static_cast<const char*>(data);
+  for (std::uint64_t done = 0; done < bytes; done += max_piece_bytes) {
+    const int piece = static_cast<int>(std::min(max_piece_bytes, bytes - done));
+    MPI_Isend(from_byte + done, piece, MPI_BYTE, to, tag, comm, requests++);
   }
   return requests;
+}
+
+MPI_Request* post_receive(MPI_Comm comm, int from, int tag, void* data, std::uint64_t bytes, MPI_Request* requests) {
+  char* to_byte = static_cast<char*>(data);
+  for (std::uint64_t done = 0; done < bytes; done += max_piece_bytes) {
+    const int piece = static_cast<int>(std::min(max_piece_bytes, bytes - done));
+    MPI_Irecv(to_byte + done, piece, MPI_BYTE, from, tag, comm, requests++);
+  }
+  return requests;
+}
+
+MPI_Request* post_bytes(MPI_Comm comm, int neighbour, const void* send, std::uint64_t send_bytes, void* receive,
+                        std::uint64_t receive_bytes, MPI_Request* requests) {
+  requests = post_send(comm, neighbour, exchange_tag, send, send_bytes, requests);
+  return post_receive(comm, neighbour, exchange_tag, receive, receive_bytes, requests);
 }
 
 void exchange_counts(MPI_Comm comm, const node_sharing& sharing, const std::uint64_t* counts_in,
@@ -96,8 +105,8 @@ void exchange_counts(MPI_Comm comm, const node_sharing& sharing, const std::uint
   } catch (const std::bad_alloc&) {
     // Not even the requests: one neighbour at a time, as above.
     for (std::size_t k = 0; k < nb; ++k)
-      MPI_Sendrecv(counts_in + k, 1, MPI_UINT64_T, sharing.neighbours[k], exchange_tag, counts_out + k, 1,
-                   MPI_UINT64_T, sharing.neighbours[k], exchange_tag, comm, MPI_STATUS_IGNORE);
+      MPI_Sendrecv(counts_in + k, 1, MPI_UINT64_T, sharing.neighbours[k], exchange_tag, counts_out + k, 1, MPI_UINT64_T,
+                   sharing.neighbours[k], exchange_tag, comm, MPI_STATUS_IGNORE);
     return;
   }
   for (std::size_t k = 0; k < nb; ++k) {
@@ -160,7 +169,8 @@ int build_node_sharing(MPI_Comm comm, const dense1D<std::uint64_t>& node_ids, no
   std::vector<int> sc, so, rc, ro;
   try {
     sc.resize(ranks), so.resize(ranks), rc.resize(ranks), ro.resize(ranks);
-    if (!fits_int(receive_counts)) status = status_out_of_memory;
+    if (!fits_int(receive_counts))
+      status = status_out_of_memory;
     else {
       received_ids.resize(std::accumulate(receive_counts.begin(), receive_counts.end(), std::uint64_t(0)));
       to_counts_and_offsets(send_counts, sc, so);
@@ -216,7 +226,8 @@ int build_node_sharing(MPI_Comm comm, const dense1D<std::uint64_t>& node_ids, no
   MPI_Alltoall(answer_counts.data(), 1, MPI_UINT64_T, incoming_counts.data(), 1, MPI_UINT64_T, comm);
   std::vector<int> incoming;
   try {
-    if (!fits_int(incoming_counts)) status = status_out_of_memory;
+    if (!fits_int(incoming_counts))
+      status = status_out_of_memory;
     else {
       incoming.resize(std::accumulate(incoming_counts.begin(), incoming_counts.end(), std::uint64_t(0)));
       to_counts_and_offsets(answer_counts, sc, so);
@@ -227,8 +238,7 @@ int build_node_sharing(MPI_Comm comm, const dense1D<std::uint64_t>& node_ids, no
   }
   status = agree(comm, status);
   if (status != status_ok) return status;
-  MPI_Alltoallv(answers.data(), sc.data(), so.data(), MPI_INT, incoming.data(), rc.data(), ro.data(), MPI_INT,
-                comm);
+  MPI_Alltoallv(answers.data(), sc.data(), so.data(), MPI_INT, incoming.data(), rc.data(), ro.data(), MPI_INT, comm);
 
   // Steps 3 and 4. The answers come back per rendezvous rank in the order the IDs left,
   // that is in by_destination's order.

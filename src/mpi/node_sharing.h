@@ -77,9 +77,14 @@ int exchange(MPI_Comm comm, const node_sharing& sharing, const std::vector<std::
 constexpr std::uint64_t max_piece_bytes = std::uint64_t(1) << 30;
 inline std::uint64_t nb_pieces(std::uint64_t bytes) { return (bytes + max_piece_bytes - 1) / max_piece_bytes; }
 
+/// Posts the non-blocking send of `bytes` bytes to rank `to` on `tag`, in pieces: writes
+/// nb_pieces(bytes) requests from `requests` on and returns the end of those.
+MPI_Request* post_send(MPI_Comm comm, int to, int tag, const void* data, std::uint64_t bytes, MPI_Request* requests);
+/// The matching receive of `bytes` bytes from rank `from` (the same pieces).
+MPI_Request* post_receive(MPI_Comm comm, int from, int tag, void* data, std::uint64_t bytes, MPI_Request* requests);
+
 /// Posts the non-blocking send of `send_bytes` bytes to `neighbour` and the receive of
-/// `receive_bytes` from it, in pieces, writing nb_pieces(send_bytes) +
-/// nb_pieces(receive_bytes) requests from `requests` on; returns the end of those.
+/// `receive_bytes` from it (post_send, then post_receive, on the exchange tag).
 MPI_Request* post_bytes(MPI_Comm comm, int neighbour, const void* send, std::uint64_t send_bytes, void* receive,
                         std::uint64_t receive_bytes, MPI_Request* requests);
 

@@ -56,7 +56,7 @@ std::vector<std::uint64_t> layout(int which, int rank, int size) {
   const std::uint64_t big = std::uint64_t(1) << 40;
   if (which == 1 && rank == 1) return ids;  // an empty part
   for (int k = 0; k < 12; ++k) ids.push_back(big * (k % 3) + 10u * rank + k);
-  ids.push_back(~std::uint64_t(0));  // held by every rank
+  ids.push_back(~std::uint64_t(0));                                        // held by every rank
   if (which == 0 && rank + 1 < size) ids.push_back(10u * (rank + 1) + 0);  // a node of the next rank
   std::reverse(ids.begin(), ids.end());
   std::rotate(ids.begin(), ids.begin() + rank % 5, ids.end());
