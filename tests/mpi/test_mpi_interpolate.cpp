@@ -25,10 +25,15 @@ struct setup {
   t3::mpi::part source;
   dense2D<double> all_points, points;
   std::vector<std::size_t> mine;  // columns of all_points held here
-  setup() {
+  // Parts cut in angular sectors (the nodes of the axis on every rank), or by METIS.
+  explicit setup(bool metis = false) {
     const int size = comm_size(), rank = comm_rank();
     owner = sector_partition(mesh.coords, mesh.connect, size);
-    source = cut_part(mesh.coords, mesh.connect, owner, rank);
+    if (metis) {
+      EXPECT_EQ(t3::mpi::distribute(MPI_COMM_WORLD, 0, mesh.coords, mesh.connect, source), 0);
+    } else {
+      source = cut_part(mesh.coords, mesh.connect, owner, rank);
+    }
     random_stream random(11);
     const std::size_t nb_random = 600, nb_nodes = 80;
     all_points.resize(3, nb_random + nb_nodes);
@@ -71,9 +76,11 @@ double node_value(unsigned c, const double* x) {
   return c == 0 ? x[0] + 2 * x[1] - 3 * x[2] : std::sin(3 * x[0]) * std::cos(2 * x[1]) + x[2] * x[2];
 }
 
-TEST(MpiInterpolate, FieldEqualsOneMachineProjection) {
-  setup s;
-  if (comm_size() >= 3) {
+class MpiInterpolateOn : public ::testing::TestWithParam<bool> {};
+
+TEST_P(MpiInterpolateOn, FieldEqualsOneMachineProjection) {
+  setup s(GetParam());
+  if (comm_size() >= 3 && !GetParam()) {
     EXPECT_GE(most_ranks_on_a_node(s.mesh.connect, s.owner, s.mesh.coords.cols()), 3);
   }
   const dense2D<double> xs = s.serial_coords();
@@ -95,6 +102,9 @@ TEST(MpiInterpolate, FieldEqualsOneMachineProjection) {
   // Points strictly inside one element, or nearest to one face, read the same bits.
   EXPECT_GE(exact, s.mine.size() * 9 / 10);
 }
+
+INSTANTIATE_TEST_SUITE_P(Partitions, MpiInterpolateOn, ::testing::Values(false, true),
+                         [](const ::testing::TestParamInfo<bool>& info) { return info.param ? "metis" : "sectors"; });
 
 struct metric_case {
   const char* name;
