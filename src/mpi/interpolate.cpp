@@ -101,8 +101,27 @@ class local_source {
           boundary_[key_items[k]] = 1;
           faces.push_back(key_items[k]);
         }
-      if (elements_.build(nb_elements, [&](unsigned e, double* box) { element_box(e, box); }) != 0)
-        return out_of_memory;
+      if (locator_.build(mesh_.coords, t) != 0) return out_of_memory;
+      empty_box(element_box_);
+      for (std::size_t e = 0; e < nb_elements; ++e) {
+        double box[6];
+        element_box(unsigned(e), box);
+        bool finite = true;
+        for (double v : box) finite &= std::isfinite(v);
+        for (unsigned d = 0; d < 3 && finite; ++d) {
+          element_box_[d] = std::fmin(element_box_[d], box[d]);
+          element_box_[d + 3] = std::fmax(element_box_[d + 3], box[d + 3]);
+        }
+      }
+      // The elements around each node (compressed rows).
+      around_first_.assign(mesh_.coords.cols() + 1, 0);
+      for (std::size_t e = 0; e < nb_elements; ++e)
+        for (unsigned k = 0; k < 4; ++k) ++around_first_[t(k, e) + 1];
+      for (std::size_t n = 0; n < mesh_.coords.cols(); ++n) around_first_[n + 1] += around_first_[n];
+      around_.resize(4 * nb_elements);
+      std::vector<std::size_t> next(around_first_.begin(), around_first_.end() - 1);
+      for (std::size_t e = 0; e < nb_elements; ++e)
+        for (unsigned k = 0; k < 4; ++k) around_[next[t(k, e)]++] = unsigned(e);
       auto face_box = [&](unsigned k, double* box) {
         const double* corner[3];
         face_corners(faces[k], corner);
@@ -115,12 +134,9 @@ class local_source {
     return agree(comm, status);
   }
 
-  /// Box of the elements (finite ones), then of the boundary faces: 12 values.
+  /// Box of the elements (those with a finite box), then of the boundary faces: 12 values.
   void boxes(double* out) const {
-    if (elements_.items.empty())
-      empty_box(out);
-    else
-      std::copy(elements_.nodes.data(), elements_.nodes.data() + 6, out);
+    std::copy(element_box_, element_box_ + 6, out);
     if (faces_.items.empty())
       empty_box(out + 6);
     else
@@ -129,24 +145,30 @@ class local_source {
 
   /// The element with the lowest global ID whose barycentric coordinates at p are all
   /// >= -tolerance (with a positive tolerance, not across a face on the mesh's
-  /// boundary), and its weights clamped to [0, 1] and summing to 1.
+  /// boundary), and its weights clamped to [0, 1] and summing to 1. The locator finds one
+  /// element holding p; any other touches it, so the elements around its nodes are the
+  /// candidates.
   bool holding_element(const double* p, double tolerance, unsigned& best, double* lambda) const {
     best = no_item;
-    const double widen = 4 * tolerance + elfes::box_margin;
-    elements_.visit_containing(p, widen, [&](unsigned e) {
-      if (best != no_item && mesh_.element_ids[e] >= mesh_.element_ids[best]) return false;
-      const double* node[4];
-      element_nodes(e, node);
-      if (elfes::TH4_exit_face(node, p, tolerance, 0) != elfes::th4_inside) return false;
-      double l[4];
-      elfes::th4_weights(node, p, l);
-      if (tolerance > 0)
-        for (unsigned k = 0; k < 4; ++k)
-          if (l[k] < 0 && boundary_[4 * std::size_t(e) + k]) return false;
-      best = e;
-      std::copy(l, l + 4, lambda);
-      return false;
-    });
+    unsigned found;
+    if (locator_.find(vector_fixed<double, 3>(p[0], p[1], p[2]), found, tolerance) != 1) return false;
+    const unsigned* corners = column(found);
+    for (unsigned k = 0; k < 4; ++k)
+      for (std::size_t i = around_first_[corners[k]]; i < around_first_[corners[k] + 1]; ++i) {
+        const unsigned e = around_[i];
+        if (best != no_item && mesh_.element_ids[e] >= mesh_.element_ids[best]) continue;
+        const double* node[4];
+        element_nodes(e, node);
+        if (elfes::TH4_exit_face(node, p, tolerance, 0) != elfes::th4_inside) continue;
+        double l[4];
+        elfes::th4_weights(node, p, l);
+        bool across_boundary = false;
+        for (unsigned f = 0; f < 4 && tolerance > 0; ++f)
+          across_boundary |= l[f] < 0 && boundary_[4 * std::size_t(e) + f];
+        if (across_boundary) continue;
+        best = e;
+        std::copy(l, l + 4, lambda);
+      }
     if (best == no_item) return false;
     double sum = 0;
     for (unsigned k = 0; k < 4; ++k) sum += lambda[k] = std::fmin(std::fmax(lambda[k], 0.0), 1.0);
@@ -210,7 +232,11 @@ class local_source {
   }
 
   const part& mesh_;
-  elfes::box_tree elements_, faces_;
+  point_locator locator_;
+  std::vector<std::size_t> around_first_;  // elements around node n: around_[around_first_[n] ...]
+  std::vector<unsigned> around_;
+  double element_box_[6];  // of the elements with a finite box, as the locator bounds them
+  elfes::box_tree faces_;
   std::vector<unsigned char> boundary_;  // per 4 e + f: face f of e lies on the mesh's boundary
 };
 
