@@ -104,7 +104,9 @@ TEST_P(MpiInterpolateOn, FieldEqualsOneMachineProjection) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Partitions, MpiInterpolateOn, ::testing::Values(false, true),
-                         [](const ::testing::TestParamInfo<bool>& info) { return info.param ? "metis" : "sectors"; });
+                         [](const ::testing::TestParamInfo<bool>& partition) {
+                           return partition.param ? "metis" : "sectors";
+                         });
 
 struct metric_case {
   const char* name;
