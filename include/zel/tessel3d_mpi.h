@@ -199,6 +199,7 @@ TESSEL3D_MPI_EXPORT int write_pvtu(MPI_Comm comm, const char* path, const part& 
 TESSEL3D_MPI_EXPORT int read_pvtu(MPI_Comm comm, const char* path, part& p, element_type& type,
                                   dense1D<unsigned char>& cell_types, std::vector<data_array>& point_data,
                                   std::vector<data_array>& cell_data);
+
 // ---- order conversions -------------------------------------------------------------
 //
 // Each rank converts its own elements with the one-machine function, taking them in
@@ -265,6 +266,159 @@ TESSEL3D_MPI_EXPORT int convert_into_linear(MPI_Comm comm, part& p);
 /// @return 0 | -1 comm is MPI_COMM_NULL | -2 in (as convert_into_high_order's p, a pyramid,
 ///         or an element ID of 2^61 or more) | -199; out unchanged on failure
 TESSEL3D_MPI_EXPORT int split_into_H8(MPI_Comm comm, const part& in, part& out);
+
+// ---- extrusions, cracks, interpolation ----------------------------------------------
+//
+// Interpolation from a partitioned TH4 mesh (the source) onto points held by any rank
+// (the nodes of a second partitioned mesh, or any cloud). Each point is sent to the
+// ranks whose elements' box holds it, and read in the element that holds it: of all
+// the elements of all ranks holding it (barycentric coordinates >= 0), the one with the
+// lowest global element ID; else, of those holding it within 1e-9 (rounding on a face
+// that is not on the mesh's boundary, the weights then clamped to [0, 1]), the lowest
+// global ID. A point that no element holds takes the value at the closest point of the
+// nearest boundary face of the whole mesh (faces between two ranks are not boundary
+// faces), searched on every rank whose boundary faces may hold a nearer one, ties going
+// to the lowest global element ID. The values are those of the one-machine
+// interpolate_projected / interpolate_metrics_projected on the same mesh, and do not
+// depend on the partition (a point on a face shared by two elements, which one machine
+// reads in either, may differ from its result in the last bits).
+// Every rank returns the same status; outputs are written only on success.
+
+/// A nodal field of the source read at each local point.
+/// @param[in]  comm    the communicator (collective: every rank of it calls)
+/// @param[in]  source  the local part of a TH4 mesh: connect 4 x #elements
+/// @param[in]  field   #components x #local source nodes (the same component count on
+///                     every rank; the values of a shared node the same everywhere)
+/// @param[in]  points  3 x #points, this rank's points (any count, 0 included)
+/// @param[out] values  on success #components x #points: the value at each point; NaN
+///                     for a point with a coordinate that is not finite, or every point
+///                     when the source mesh has no element on any rank
+/// @return 0 | -1 comm is MPI_COMM_NULL (on that rank only) | -2 source: coords not 3
+///         rows, connect not 4 rows or a node ID not below #local nodes, node_ids or
+///         element_ids not one per node / element | -3 field not one column per local
+///         node, or component counts that differ between ranks | -4 points not 3 rows
+///         | -199 memory, on any rank (values unchanged).
+TESSEL3D_MPI_EXPORT int interpolate(MPI_Comm comm, const part& source, const dense2D<double>& field,
+                                    const dense2D<double>& points, dense2D<double>& values);
+
+/// Metrics of the source read at each local point, combined as
+/// interpolate_metrics_projected combines them: written only when the result is a valid
+/// metric, else the valid metric of the element's node with the largest weight, else
+/// the point's metric is left as it was.
+/// @param[in]     metrics     6 x #local source nodes (packed tensors M11 M12 M22 M13
+///                            M23 M33) or 1 x #local source nodes (sizes)
+/// @param[in,out] values      rows(metrics) x #points: the points' metrics
+/// @param[in]     keep_valid  leave the points whose metric is already valid
+/// @return 0 | -1 | -2 as interpolate | -3 metrics not 6 or 1 rows, not one column per
+///         local node, or row counts that differ between ranks | -4 points not 3 rows
+///         | -5 values not rows(metrics) x #points | -199 memory (values unchanged).
+TESSEL3D_MPI_EXPORT int interpolate_metrics(MPI_Comm comm, const part& source, const dense2D<double>& metrics,
+                                            const dense2D<double>& points, dense2D<double>& values, bool keep_valid);
+
+// Extrusions of a partitioned surface: surface.connect is 3 (T3) or 4 (Q4, or mixed with
+// ABSENT in row 3) x #local faces, surface.element_ids the faces' global IDs. Each rank
+// sweeps its own faces exactly as the one-machine extrusion of the same name does (the
+// same layer count and positions), and `solids` receives its part of the swept mesh:
+//   coords       the part's nodes (in their order), then their copies layer by layer
+//   connect      6 (T3 faces on every rank) or 8 rows, N solids per local face, face by
+//                face, layer by layer, local node IDs
+//   node_ids     a part's node keeps its ID; the copy in layer k (1 ... N) of the node
+//                with global ID g is k * (G + 1) + g, G the largest global node ID of the
+//                surface on any rank, so a node shared by several ranks has the same copies
+//                (same IDs and positions) on each
+//   element_ids  the solid of layer k over the face with global ID f: f * N + (k - 1),
+//                which is the one-machine column of that solid when the faces' IDs are
+//                their one-machine columns
+// Status, the same on every rank: 0 | -1 comm is MPI_COMM_NULL | -2 surface: coords not 3
+// rows, connect with columns and not 3 or 4 rows or with a bad node ID, node_ids or
+// element_ids not one per node / face | the one-machine call's code of each parameter
+// at the same position (the communicator and the part standing for coords and connectS)
+// | -3 parameters that differ between ranks and give different layer counts | -199 memory, or global IDs that would not fit in 64 bits. solids is unchanged on
+// failure, and when the one-machine call would do nothing (nbLayers = 0).
+
+/// Sweep along T (extrude_translate): -4 when T = 0 with nbLayers > 0, or h0 not > 0; -5 h1.
+TESSEL3D_MPI_EXPORT int extrude_translate(MPI_Comm comm, const part& surface, const vector_fixed<double, 3>& T,
+                                          unsigned nbLayers, part& solids);
+TESSEL3D_MPI_EXPORT int extrude_translate(MPI_Comm comm, const part& surface, const vector_fixed<double, 3>& T,
+                                          double h0, double h1, bool even_layers, part& solids);
+
+/// Sweep about the axis through C along R (extrude_rotate). The sweep length is that of
+/// the first node of the face with the lowest global ID (on whichever rank holds it), as
+/// the one-machine call takes the first node of its first face: -5 when it lies on the
+/// axis, or h0 not > 0; -6 h1.
+TESSEL3D_MPI_EXPORT int extrude_rotate(MPI_Comm comm, const part& surface, const vector_fixed<double, 3>& C,
+                                       const vector_fixed<double, 3>& R, unsigned nbLayers, part& solids);
+TESSEL3D_MPI_EXPORT int extrude_rotate(MPI_Comm comm, const part& surface, const vector_fixed<double, 3>& C,
+                                       const vector_fixed<double, 3>& R, double h0, double h1, bool even_layers,
+                                       part& solids);
+
+/// Sweep along a helix (extrude_spiral): -5 h0 (T = 0 with nbLayers), -6 h1.
+TESSEL3D_MPI_EXPORT int extrude_spiral(MPI_Comm comm, const part& surface, const vector_fixed<double, 3>& C,
+                                       const vector_fixed<double, 3>& R, const vector_fixed<double, 3>& T,
+                                       unsigned nbLayers, part& solids);
+TESSEL3D_MPI_EXPORT int extrude_spiral(MPI_Comm comm, const part& surface, const vector_fixed<double, 3>& C,
+                                       const vector_fixed<double, 3>& R, const vector_fixed<double, 3>& T, double h0,
+                                       double h1, bool even_layers, part& solids);
+
+/// Growth along nodal vectors (extrude_normal): node_normals 3 x #local nodes, the same
+/// vector for a node on every rank holding it (-3 otherwise shaped).
+TESSEL3D_MPI_EXPORT int extrude_normal(MPI_Comm comm, const part& surface, const dense2D<double>& node_normals,
+                                       unsigned nbLayers, part& solids);
+/// Growth along the unit normals of the whole surface scaled by thickness: at each node
+/// the angle-weighted normals of its faces on every rank (zel::tessel2d::normals' rule),
+/// summed in the order of the faces' global IDs, so a shared node gets the same normal
+/// on every rank whatever the partition (the one-machine sum, in column order, is the
+/// same when the IDs are its columns; the layer positions may differ from the
+/// one-machine call's in the last bit, the scaling being applied in another order).
+/// @return 0 (nothing done when nbLayers = 0) | -1 | -2 | -3 thickness not > 0 | -199
+TESSEL3D_MPI_EXPORT int extrude_normal(MPI_Comm comm, const part& surface, double thickness, unsigned nbLayers,
+                                       part& solids);
+
+/// Sweep along a polyline (extrude_line) given as points, 3 x #line, the same on every
+/// rank (-3 when not 3 rows or fewer than 2 points); line_metrics 6 x #line tensors or
+/// line_scales #line factors as in the one-machine call (-5 line_metrics).
+TESSEL3D_MPI_EXPORT int extrude_line(MPI_Comm comm, const part& surface, const dense2D<double>& line_points,
+                                     const vector_fixed<double, 3>& V, const dense2D<double>& line_metrics,
+                                     part& solids);
+TESSEL3D_MPI_EXPORT int extrude_line(MPI_Comm comm, const part& surface, const dense2D<double>& line_points,
+                                     const vector_fixed<double, 3>& V, const dense1D<double, 8>& line_scales,
+                                     part& solids);
+
+/// Opens a partitioned solid mesh along an internal surface that may cross the ranks'
+/// boundaries, as the one-machine duplicate_surface_nodes opens one mesh: around each
+/// surface node that is not excluded, the elements holding it form groups joined across
+/// the faces that hold the node (never across a surface face, in either orientation, nor
+/// the mesh's boundary), whichever ranks hold them; a group carrying the surface's face
+/// the same way round (an element face read in the one-machine face order equal to it)
+/// lies on its positive side, the reversed face on its negative side, and every element
+/// of a group on a requested side takes that side's copy of the node (a group carrying
+/// both, at an open rim, takes the negative one, as one machine leaves it). The copies
+/// get global IDs every rank derives alone: s * (G + 1) + g for the node with global ID
+/// g, s = 1 positive, 2 negative, G the largest global node ID on any rank; each rank
+/// appends the copies its elements use (after its nodes, ascending by global ID) with
+/// the coordinates of the node copied. Where one side of the surface meets a node in two
+/// sheets that no face joins, both take the copy (one machine gives it to the sheet it
+/// reaches first).
+/// @param[in]     comm      the communicator (every rank calls)
+/// @param[in,out] mesh      connect 4 (TH4) or 8 (H8, SOLID_MIX8) rows; coords and
+///                          node_ids grow, connect is replaced; nodes no local element
+///                          uses any more stay in the part
+/// @param[in]     surface   3 or 4 (FACE_MIX4) x #faces, local node IDs: each face listed
+///                          on every rank that has an element carrying it (listing the
+///                          faces whose nodes a rank holds does it)
+/// @param[in]     excluded  local node IDs that keep their single ID (excluded on any rank
+///                          holding the node, excluded everywhere)
+/// @return the number of nodes the one-machine call adds (each non-excluded surface node
+///         once per requested side; the same on every rank, at most INT_MAX) | -1 comm is
+///         MPI_COMM_NULL | -2 mesh: coords not 3 rows, node_ids or element_ids not one
+///         per node / element, connect rows or node IDs not those of `type` | -3 surface
+///         not 3 or 4 rows, or a bad node ID (ABSENT only in row 3) | -4 excluded holds
+///         an ID that is not a local node | -7 type not TH4, H8 or SOLID_MIX8 | -199
+///         memory, or copy IDs beyond 64 bits. 0 with nothing done when no side is
+///         requested. mesh is unchanged on failure.
+TESSEL3D_MPI_EXPORT int duplicate_surface_nodes(MPI_Comm comm, part& mesh, const dense2D<unsigned>& surface,
+                                                const dense1D<unsigned, 8>& excluded, bool positive_side,
+                                                bool negative_side, element_type type);
 
 }  // namespace mpi
 }  // namespace tessel3d
