@@ -1,6 +1,10 @@
 """The command line on partitioned files (.pvtu), run by every rank under mpirun:
 `mpirun -np N python3 -m tessel3d info in.pvtu`. Rank 0 prints; the others compute."""
 
+import os
+import sys
+import warnings
+
 import numpy as np
 
 from .elements import CORNER_COUNT, LINEAR_OF, LINEAR_SOLIDS
@@ -82,3 +86,276 @@ def info(path):
     print(f"  read by {comm.Get_size()} rank(s)")
     return 0
 
+
+
+# ---- the commands on partitioned meshes ------------------------------------------------------
+#
+# `mpirun -np N python3 -m tessel3d COMMAND in out.pvtu`: rank 0 reads `in` (any format the
+# one-machine command reads) and `distribute` spreads its solids, their cell data and groups
+# (as "group:<name>" cell arrays, by global element ID) and the point data (by global node
+# ID); a .pvtu input is read by every rank at once instead. Each rank runs the distributed
+# form of the command on its part and writes its piece of out.pvtu. Faces, edges and points
+# of the input are not carried (they are counted in a warning). With one rank the
+# one-machine command runs and writes a single piece (write_mesh / read_mesh below).
+
+def ranks():
+    """The number of ranks mpirun started, read from the environment so that mpi4py is
+    imported (and MPI initialised) only when it is needed."""
+    for name in ("OMPI_COMM_WORLD_SIZE", "PMI_SIZE", "PMIX_SIZE"):
+        if os.environ.get(name, "").isdigit():
+            return int(os.environ[name])
+    return 1
+
+
+class Piece:
+    """One rank's share of a command's input or result: a Part, the layout of its
+    connectivity, {name: (n, ...)} point data and {name: (m, ...)} cell data."""
+
+    def __init__(self, part, kind, point_data, cell_data):
+        self.part, self.kind, self.point_data, self.cell_data = part, kind, point_data, cell_data
+
+
+def _agree(comm, step):
+    """Runs a step that may fail on some ranks only; every rank raises the first failing
+    rank's error, or every rank goes on (no rank left waiting in a collective)."""
+    from .cli import UserError
+    try:
+        result, message = step(), None
+    except (UserError, ValueError) as error:
+        result, message = None, str(error)
+    messages = comm.allgather(message)
+    failed = [m for m in messages if m is not None]
+    if failed:
+        raise UserError(failed[0])
+    return result
+
+
+def _flat_cell_values(mesh, cells):
+    """{name: values per cell of the whole file (global numbers of `cells`)}, groups as
+    "group:<name>" 0/1 arrays; arrays that not every cell type carries are left out."""
+    out = {}
+    for key, by_type in mesh.cell_data.items():
+        if all(name in by_type for name in mesh.cells):
+            values = [np.asarray(by_type[name]) for name in mesh.cells]
+            if len({v.shape[1:] for v in values}) == 1 and all(v.dtype.kind in "biuf" for v in values):
+                out[key] = np.concatenate(values)
+    for group, members in mesh.groups.items():
+        flag = np.zeros(cells.count, np.int64)
+        for name, index in members.items():
+            if name in mesh.cells:
+                flag[cells.index(name, index)] = 1
+        out["group:" + group] = flag
+    return out
+
+
+def _solids_of_file(mesh, command, path):
+    """(kind, connect, global cell numbers) of the solids the command works on."""
+    from .carry import Cells
+    from .cli import UserError, linear_solids
+    cells = Cells(mesh)
+    if command == "linear":
+        present = [n for n in mesh.cells if n in LINEAR_OF and LINEAR_OF[n] in LINEAR_SOLIDS and len(mesh.cells[n])]
+        if len(present) != 1:
+            raise UserError(f"{path}: one kind of quadratic solid is expected on several ranks "
+                            f"(found {', '.join(present) or 'none'})")
+        return cells, present[0], mesh.cells[present[0]], cells.index(present[0])
+    kind, connect, parents = linear_solids(cells, path, pad_to_mixed=("PY5",) if command == "quadratic" else ())
+    return cells, kind, connect, parents
+
+
+def _read_and_distribute(comm, command, path):
+    from . import cli, mpi as tm
+    header = coords = connect = None
+    if comm.Get_rank() == 0:
+        try:
+            mesh = cli.read(path)
+            cells, kind, connect, parents = _solids_of_file(mesh, command, path)
+            coords = mesh.coords
+            others = cells.count - len(connect)
+            header = (None, kind, others)
+        except (cli.UserError, cli.mio.FileError, ValueError, OSError) as error:
+            header = (str(error) if not isinstance(error, OSError) else f"{path}: {error.strerror or error}",)
+    header = comm.bcast(header, root=0)
+    if header[0] is not None:
+        raise cli.UserError(header[0])
+    kind, others = header[1], header[2]
+    if others and comm.Get_rank() == 0:
+        warnings.warn(f"{path}: {others} face(s), edge(s) or point(s) left out: on several ranks only the "
+                      "solids are carried")
+    part = tm.distribute(comm, coords, connect)
+    # the data follow their elements and nodes: rank 0 hands each rank the values of its IDs
+    element_ids, node_ids = comm.gather(part.element_ids, root=0), comm.gather(part.node_ids, root=0)
+    cell_share = point_share = None
+    if comm.Get_rank() == 0:
+        flat = _flat_cell_values(mesh, cells)
+        cell_share = [{k: v[parents[ids.astype(np.int64)]] for k, v in flat.items()} for ids in element_ids]
+        values = {k: np.asarray(v) for k, v in mesh.point_data.items()
+                  if np.asarray(v).dtype.kind in "biuf" and len(v) == len(coords)}
+        point_share = [{k: v[ids.astype(np.int64)] for k, v in values.items()} for ids in node_ids]
+    return Piece(part, kind, comm.scatter(point_share, root=0), comm.scatter(cell_share, root=0))
+
+
+def _read_partitioned(comm, command, path):
+    """A .pvtu read by every rank: the solids the command works on, with the nodes they use."""
+    from . import mpi as tm
+    from .cli import UserError
+    read = tm.read_pvtu(comm, path)
+    names = np.array([ElementType(int(t)).name for t in read.cell_types], dtype=object)
+    wanted = ({n for n in LINEAR_OF if LINEAR_OF[n] in LINEAR_SOLIDS} if command == "linear" else set(LINEAR_SOLIDS))
+    chosen = np.nonzero(np.isin(names, list(wanted)))[0]
+    kinds = sorted(set().union(*comm.allgather(set(names[chosen]))))
+    others = comm.allreduce(len(names) - len(chosen))
+    if not kinds:
+        raise UserError(f"{path}: holds no {'quadratic' if command == 'linear' else 'linear'} solid elements")
+    if len(kinds) == 1 and not (command == "quadratic" and kinds == ["PY5"]):
+        kind = kinds[0]
+        width = CORNER_COUNT.get(kind, read.part.connect.shape[1] if len(chosen) else 0)
+        width = {"TH10": 10, "PY13": 13, "PY14": 14, "W15": 15, "W18": 18, "H20": 20, "H27": 27}.get(kind, width)
+    elif command != "linear":
+        kind, width = "SOLID_MIX8", 8
+    else:
+        raise UserError(f"{path}: one kind of quadratic solid is expected on several ranks (found {', '.join(kinds)})")
+    if others and comm.Get_rank() == 0:
+        warnings.warn(f"{path}: {others} face(s), edge(s) or point(s) left out: on several ranks only the "
+                      "solids are carried")
+    connect = np.full((len(chosen), width), ABSENT, np.uint32)
+    present = min(width, read.part.connect.shape[1])
+    connect[:, :present] = read.part.connect[chosen, :present]
+    used = np.unique(connect[connect != ABSENT]).astype(np.int64)
+    renumber = np.full(len(read.part.coords) + 1, ABSENT, np.uint32)
+    renumber[used] = np.arange(len(used), dtype=np.uint32)
+    connect = renumber[np.where(connect == ABSENT, len(read.part.coords), connect).astype(np.int64)]
+    part = tm.Part(read.part.coords[used], connect, read.part.node_ids[used], read.part.element_ids[chosen])
+    point_data = {k: v[used] for k, v in read.point_data.items()}
+    cell_data = {k: v[chosen] for k, v in read.cell_data.items()}
+    return Piece(part, kind, point_data, cell_data)
+
+
+def _quadratic(comm, piece):
+    from . import mpi as tm
+    from .carry import NewNodes, point_data
+    from .elements import name_nodes, node_names, type_of_columns
+    result = tm.convert_into_quadratic(comm, piece.part)
+    kind = type_of_columns(result.connect)
+    new = NewNodes(len(piece.part.coords))
+    name_nodes(new, result.connect, kind, node_names)
+    return Piece(result, kind, point_data(piece.point_data, len(result.coords), new), piece.cell_data)
+
+
+def _linear(comm, piece):
+    from . import mpi as tm
+    from .elements import type_of_columns
+    result = tm.convert_into_linear(comm, piece.part)
+    old = piece.part.node_ids
+    order = np.argsort(old, kind="stable")
+    keep = order[np.searchsorted(old[order], result.node_ids)]
+    return Piece(result, type_of_columns(result.connect), {k: v[keep] for k, v in piece.point_data.items()},
+                 piece.cell_data)
+
+
+def _hexsplit(comm, piece):
+    from . import mpi as tm
+    from .carry import point_data
+    from .cli import UserError, hexahedra_per_element, split_new_nodes
+    from .mesh import member_types
+    kinds = member_types(piece.part.connect, piece.kind)
+    pyramids = comm.allreduce(int((kinds == "PY5").sum()))
+    if pyramids:
+        raise UserError(f"{pyramids} pyramid(s): a pyramid cannot be split into hexahedra")
+    result = tm.split_into_h8(comm, piece.part)
+    new = _agree(comm, lambda: split_new_nodes(piece.part.connect, kinds, len(piece.part.coords), result.coords,
+                                               result.connect))
+    pieces = hexahedra_per_element(kinds)
+    return Piece(result, "H8", point_data(piece.point_data, len(result.coords), new),
+                 {k: np.repeat(v, pieces, axis=0) for k, v in piece.cell_data.items()})
+
+
+STEPS = {"quadratic": _quadratic, "linear": _linear, "hexsplit": _hexsplit}
+
+
+def write_piece(comm, path, piece):
+    from . import mpi as tm
+    from .mesh import member_types
+    names = member_types(piece.part.connect, piece.kind)
+    types = np.array([int(ElementType[n]) for n in names], np.uint8)
+    tm.write_pvtu(comm, path, piece.part, cell_types=types, point_data=piece.point_data, cell_data=piece.cell_data)
+
+
+def run(command, args):
+    """The command on every rank of mpirun; the status every rank exits with."""
+    from .cli import UserError
+    comm = _world()
+    rank = comm.Get_rank()
+    try:
+        if str(args.input).lower().endswith(".pvtu"):
+            piece = _read_partitioned(comm, command, args.input)
+        else:
+            piece = _read_and_distribute(comm, command, args.input)
+        result = STEPS[command](comm, piece)
+        write_piece(comm, args.output, result)
+    except (UserError, ValueError) as error:  # the same on every rank (collective outcomes)
+        if rank == 0:
+            print(f"tessel3d {command}: error: {' '.join(str(error).split())}", file=sys.stderr)
+        return 2
+    except Exception as error:  # a fault on one rank: the others may wait in a collective
+        print(f"tessel3d {command}: internal error on rank {rank}: {type(error).__name__}: {error}", file=sys.stderr)
+        sys.stderr.flush()
+        comm.Abort(2)
+    if rank == 0:
+        total = comm.reduce(len(result.part.element_ids), root=0)
+        print(f"wrote {args.output}: {total} element(s) in {comm.Get_size()} piece(s)")
+    else:
+        comm.reduce(len(result.part.element_ids), root=0)
+    return 0
+
+
+# ---- one rank: whole meshes to and from partitioned files -----------------------------------
+
+def write_mesh(path, mesh):
+    """A Mesh as a partitioned file of one piece (global IDs: node and cell indices)."""
+    from . import mpi as tm
+    from .io import split_mixed
+    blocks = [(kind, name, index, cells) for name, all_cells in mesh.cells.items()
+              for kind, index, cells in split_mixed(name, all_cells)]
+    width = max([c.shape[1] for *_, c in blocks] + [1])
+    connect = np.concatenate([np.pad(np.asarray(c, np.uint32), ((0, 0), (0, width - c.shape[1])),
+                                     constant_values=ABSENT) for *_, c in blocks]) if blocks else \
+        np.zeros((0, 1), np.uint32)
+    types = np.array([int(ElementType[k]) for k, _, _, c in blocks for _ in range(len(c))], np.uint8)
+    cell_data = {}
+    for key, by_type in mesh.cell_data.items():
+        if all(name in by_type for _, name, _, _ in blocks):
+            values = [np.asarray(by_type[name])[index] for _, name, index, _ in blocks]
+            if values and len({v.shape[1:] for v in values}) == 1 and all(v.dtype.kind in "biuf" for v in values):
+                cell_data[key] = np.concatenate(values)
+    for group, members in mesh.groups.items():
+        cell_data["group:" + group] = np.concatenate(
+            [np.isin(index, np.asarray(members.get(name, []), np.int64)) for _, name, index, _ in blocks]
+        ).astype(np.int64) if blocks else np.zeros(0, np.int64)
+    point_data = {k: np.asarray(v) for k, v in mesh.point_data.items() if np.asarray(v).dtype.kind in "biuf"}
+    part = tm.Part(mesh.coords, connect, np.arange(len(mesh.coords), dtype=np.uint64),
+                   np.arange(len(connect), dtype=np.uint64))
+    tm.write_pvtu(_world(), path, part, cell_types=types, point_data=point_data, cell_data=cell_data)
+
+
+def read_mesh(path):
+    """A partitioned file read whole by one rank, as a Mesh (groups from "group:<name>")."""
+    from . import mpi as tm
+    from .io import Mesh
+    read = tm.read_pvtu(_world(), path)
+    cells, cell_data, groups = {}, {}, {}
+    types = read.cell_types
+    for t in dict.fromkeys(types.tolist()):
+        name = ElementType(int(t)).name
+        chosen = np.nonzero(types == t)[0]
+        width = CORNER_COUNT.get(name) or int((read.part.connect[chosen[0]] != ABSENT).sum())
+        cells[name] = np.ascontiguousarray(read.part.connect[chosen, :width])
+        for key, values in read.cell_data.items():
+            if key.startswith("group:"):
+                members = np.nonzero(values[chosen].ravel() != 0)[0]
+                if len(members):
+                    groups.setdefault(key[len("group:"):], {})[name] = members
+            else:
+                cell_data.setdefault(key, {})[name] = values[chosen][:, 0] if values.shape[1] == 1 else values[chosen]
+    point_data = {k: v[:, 0] if v.shape[1] == 1 else v for k, v in read.point_data.items()}
+    return Mesh(read.part.coords, cells, point_data, cell_data, groups)

@@ -40,7 +40,17 @@ def _parameters(function):
         return {}
 
 
+def _partitioned(path):
+    return str(path).lower().endswith(".pvtu")
+
+
 def read(path):
+    if _partitioned(path):  # one rank: the whole partitioned file
+        from . import _cli_mpi
+        with progress(f"reading {path}"):
+            mesh = _cli_mpi.read_mesh(path)
+        _check_input(mesh, path)
+        return mesh
     with progress(f"reading {path}") as update:
         keywords = {"progress": update} if "progress" in _parameters(mio.read) else {}
         mesh = mio.read(path, **keywords)
@@ -89,12 +99,29 @@ def write(path, mesh, args, say=True):
         _check_compression(path, args)
         if "compression" in accepted or str(path).lower().endswith(".vtu"):  # else meshio's keyword (.vtu)
             keywords["compression"] = None if compression == "none" else compression
+    if _partitioned(path):  # one rank: a partitioned file of one piece
+        from . import _cli_mpi
+        with progress(f"writing {path}"):
+            _cli_mpi.write_mesh(path, mesh)
+        if say:
+            print(f"wrote {path}: {mesh}")
+        return
     with progress(f"writing {path}") as update:
         if "progress" in accepted:
             keywords["progress"] = update
         mio.write(str(path), mesh, **keywords)
     if say:
         print(f"wrote {path}: {mesh}")
+
+
+DISTRIBUTED = ("info", "quadratic", "linear", "hexsplit")
+
+
+def _on_ranks(args):
+    """Whether mpirun started several ranks for a command on partitioned files."""
+    from . import _cli_mpi
+    paths = [getattr(args, name, None) for name in ("file", "input", "source", "target", "output")]
+    return _cli_mpi.ranks() > 1 and any(p is not None and _partitioned(p) for p in paths)
 
 
 # ---- pieces of the commands -----------------------------------------------------------------
@@ -296,6 +323,9 @@ def cmd_flip(args):
 
 
 def cmd_quadratic(args):
+    if _on_ranks(args):
+        from . import _cli_mpi
+        return _cli_mpi.run("quadratic", args)
     from . import order
     mesh = read(args.input)
     cells = Cells(mesh)
@@ -324,6 +354,9 @@ def cmd_quadratic(args):
 
 
 def cmd_hexsplit(args):
+    if _on_ranks(args):
+        from . import _cli_mpi
+        return _cli_mpi.run("hexsplit", args)
     from . import order
     mesh = read(args.input)
     cells = Cells(mesh)
@@ -336,27 +369,8 @@ def cmd_hexsplit(args):
     with progress("splitting into hexahedra"):
         result = order.split_into_h8(mesh.coords, connect)
     with progress("carrying faces and data"):
-        pieces = np.zeros(len(connect), dtype=np.int64)
-        for k, count in HEXAHEDRA_PER_SOLID.items():
-            pieces[kinds == k] = count
-        start = np.concatenate([[0], np.cumsum(pieces)[:-1]])
-        new = NewNodes(len(mesh.coords))
-        for k in dict.fromkeys(kinds):
-            rows = np.nonzero(kinds == k)[0]
-            block = connect[rows].astype(np.int64)
-            seen = {}  # each new node of an element from the first hexahedron that holds it
-            for r, names in enumerate(split_names(k)):
-                for i, name in enumerate(names):
-                    seen.setdefault(name, (r, i))
-            sample = slice(None, None, max(1, len(rows) // 1000))
-            size = max(float(np.ptp(mesh.coords, axis=0).max()), 1e-300)
-            for name, (r, i) in seen.items():
-                if len(name) > 1:
-                    made = result.hexahedra[start[rows] + r, i]
-                    where = result.coords[made[sample]] - result.coords[block[sample][:, sorted(name)]].mean(axis=1)
-                    if np.abs(where).max(initial=0.0) > 1e-9 * size:  # the pattern read off one element
-                        raise UserError("the split's new nodes are not where expected: faces and data cannot follow")
-                    new.add(made, block[:, sorted(name)])
+        pieces = hexahedra_per_element(kinds)
+        new = split_new_nodes(connect, kinds, len(mesh.coords), result.coords, result.hexahedra)
         coords = result.coords
         blocks = [("H8", result.hexahedra, np.repeat(parents, pieces))]
         new.look_among(_face_nodes(mesh))
@@ -373,7 +387,43 @@ def cmd_hexsplit(args):
     return 0
 
 
+def hexahedra_per_element(kinds):
+    pieces = np.zeros(len(kinds), dtype=np.int64)
+    for k, count in HEXAHEDRA_PER_SOLID.items():
+        pieces[kinds == k] = count
+    return pieces
+
+
+def split_new_nodes(connect, kinds, nb_old, coords, hexahedra):
+    """The new nodes of a split into hexahedra (coords, hexahedra: the result; the
+    hexahedra of each element consecutive, in element order), each named by the corners
+    it is built from."""
+    pieces = hexahedra_per_element(kinds)
+    start = np.concatenate([[0], np.cumsum(pieces)[:-1]])
+    new = NewNodes(nb_old)
+    size = max(float(np.ptp(coords, axis=0).max()), 1e-300) if len(coords) else 1.0
+    for k in dict.fromkeys(kinds):
+        rows = np.nonzero(kinds == k)[0]
+        block = connect[rows].astype(np.int64)
+        seen = {}  # each new node of an element from the first hexahedron that holds it
+        for r, names in enumerate(split_names(k)):
+            for i, name in enumerate(names):
+                seen.setdefault(name, (r, i))
+        sample = slice(None, None, max(1, len(rows) // 1000))
+        for name, (r, i) in seen.items():
+            if len(name) > 1:
+                made = hexahedra[start[rows] + r, i]
+                where = coords[made[sample]] - coords[block[sample][:, sorted(name)]].mean(axis=1)
+                if np.abs(where).max(initial=0.0) > 1e-9 * size:  # the pattern read off one element
+                    raise UserError("the split's new nodes are not where expected: faces and data cannot follow")
+                new.add(made, block[:, sorted(name)])
+    return new
+
+
 def cmd_linear(args):
+    if _on_ranks(args):
+        from . import _cli_mpi
+        return _cli_mpi.run("linear", args)
     mesh = read(args.input)
     cells = Cells(mesh)
     if not any(name in LINEAR_OF and LINEAR_OF[name] in LINEAR_SOLIDS for name in mesh.cells):
@@ -816,11 +866,15 @@ def main(argv=None):
     try:
         if getattr(args, "output", None):
             _check_compression(args.output, args)  # before the work, not after it
+        if args.command not in DISTRIBUTED and _on_ranks(args):
+            raise UserError(f"{args.command} has no form for several ranks: run it without mpirun, or with one rank")
         from .mesh import set_threads
         set_threads(args.threads)
         return args.run(args)
     except (UserError, Error, mio.FileError, ValueError, NotImplementedError) as error:
         message = str(error).strip().splitlines()
+        if os.environ.get("OMPI_COMM_WORLD_RANK", os.environ.get("PMI_RANK", "0")) != "0":
+            return 2  # every rank fails alike; rank 0 says why
         print(f"tessel3d {args.command}: error: {' '.join(message) if message else type(error).__name__}",
               file=sys.stderr)
     except BrokenPipeError:  # the reader of stdout left (e.g. `| head`): nothing to say

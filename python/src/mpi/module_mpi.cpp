@@ -8,4 +8,5 @@ PYBIND11_MODULE(_native_mpi, m) {
   m.doc() = "tessel3d distributed bindings (use tessel3d.mpi, which checks and converts the arguments)";
   t3py::register_distribution(m);
   t3py::register_pvtu(m);
+  t3py::register_families(m);
 }

@@ -18,5 +18,6 @@ inline MPI_Comm communicator(const pybind11::object& comm) {
 
 void register_distribution(pybind11::module_& m);  // distribute, gather, volume  (_distribution.cpp)
 void register_pvtu(pybind11::module_& m);          // read_pvtu, write_pvtu       (_pvtu.cpp)
+void register_families(pybind11::module_& m);      // conversions, extrusions, crack, interpolation (_families.cpp)
 
 }  // namespace t3py

@@ -1,0 +1,129 @@
+"""`mpirun -np N python3 -m tessel3d COMMAND in out.pvtu` on N = 1 .. 4 ranks against the
+one-machine command: the partitioned file, read back by VTK's own reader, must hold the
+same mesh as the serial command's .vtu (node positions, and every cell as its type with
+the positions of its nodes in order), on a Gmsh mesh with a hole whose METIS parts meet at
+nodes shared by 3 or more ranks. Also: a .pvtu input read by every rank, the cell data and
+groups following their elements, and a failure giving one line and status 2 on every rank.
+Skipped without the MPI build (tessel3d._native_mpi), mpi4py, mpirun, Gmsh or VTK."""
+
+import shutil
+import subprocess
+import sys
+from collections import Counter
+
+import numpy as np
+import pytest
+
+pytest.importorskip("mpi4py")
+pytest.importorskip("tessel3d._native_mpi")
+gmsh = pytest.importorskip("gmsh")
+vtk = pytest.importorskip("vtk")
+from vtk.util.numpy_support import vtk_to_numpy  # noqa: E402
+
+import tessel3d.io as tio  # noqa: E402
+
+MPIRUN = shutil.which("mpirun")
+pytestmark = pytest.mark.skipif(MPIRUN is None, reason="needs mpirun")
+
+
+def run(ranks, *args):
+    command = [sys.executable, "-m", "tessel3d", *map(str, args)]
+    if ranks:
+        command = [MPIRUN, "-n", str(ranks), "--allow-run-as-root", "--oversubscribe", *command]
+    return subprocess.run(command, capture_output=True, text=True, timeout=300)
+
+
+@pytest.fixture(scope="module")
+def files(tmp_path_factory):
+    """A block with a blind cylindrical hole (Gmsh, in a physical group) as .vtu with point
+    data, and the serial results of each command."""
+    where = tmp_path_factory.mktemp("mpi_cli")
+    gmsh.initialize(["-noenv"])
+    try:
+        gmsh.option.setNumber("General.Terminal", 0)
+        occ = gmsh.model.occ
+        block = occ.addBox(0, 0, 0, 1.2, 1, 1)
+        occ.cut([(3, block)], [(3, occ.addCylinder(0.6, 0.5, -0.1, 0, 0, 0.6, 0.2))])
+        occ.synchronize()
+        gmsh.model.setPhysicalName(3, gmsh.model.addPhysicalGroup(3, [1]), "body")
+        gmsh.option.setNumber("Mesh.MeshSizeMax", 0.25)
+        gmsh.model.mesh.generate(3)
+        gmsh.write(str(where / "holes.msh"))
+    finally:
+        gmsh.finalize()
+    mesh = tio.read(str(where / "holes.msh"))
+    mesh.point_data["x"] = mesh.coords[:, 0].copy()
+    mesh.cell_data["tag"] = {"TH4": np.arange(len(mesh.cells["TH4"]), dtype=np.int64)}
+    tio.write(str(where / "holes.vtu"), mesh)
+    for command, source in (("quadratic", "holes.vtu"), ("hexsplit", "holes.vtu"), ("linear", "quadratic.vtu")):
+        done = run(0, command, where / source, where / f"{command}.vtu")
+        assert done.returncode == 0, done.stderr
+    return where
+
+
+def read_vtk(path):
+    """(points, [(cell type, positions in order)], {cell array: values}) through VTK."""
+    reader = vtk.vtkXMLPUnstructuredGridReader() if str(path).endswith(".pvtu") else vtk.vtkXMLUnstructuredGridReader()
+    reader.SetFileName(str(path))
+    reader.Update()
+    grid = reader.GetOutput()
+    points = vtk_to_numpy(grid.GetPoints().GetData()).astype(np.float64)
+    offsets = vtk_to_numpy(grid.GetCells().GetOffsetsArray())
+    nodes = vtk_to_numpy(grid.GetCells().GetConnectivityArray())
+    types = vtk_to_numpy(grid.GetCellTypesArray())
+    cells = [(int(t), tuple(map(tuple, points[nodes[a:b]]))) for t, a, b in zip(types, offsets[:-1], offsets[1:])]
+    data = grid.GetCellData()
+    arrays = {data.GetArrayName(i): vtk_to_numpy(data.GetArray(i)) for i in range(data.GetNumberOfArrays())}
+    return points, cells, arrays
+
+
+def assert_same_mesh(parted, serial):
+    p_points, p_cells, _ = read_vtk(parted)
+    s_points, s_cells, _ = read_vtk(serial)
+    assert np.array_equal(np.unique(p_points, axis=0), np.unique(s_points, axis=0))
+    assert Counter(p_cells) == Counter(s_cells)
+
+
+def pieces_per_node(path, ranks):
+    """The largest number of pieces holding one global node."""
+    holders = Counter()
+    for r in range(ranks):
+        reader = vtk.vtkXMLUnstructuredGridReader()
+        reader.SetFileName(str(path).replace(".pvtu", f"_{r}.vtu"))
+        reader.Update()
+        holders.update(set(vtk_to_numpy(reader.GetOutput().GetPointData().GetArray("GlobalNodeID")).tolist()))
+    return max(holders.values())
+
+
+@pytest.mark.parametrize("ranks", [1, 2, 3, 4])
+@pytest.mark.parametrize("command, source", [("quadratic", "holes.vtu"), ("hexsplit", "holes.vtu"),
+                                             ("linear", "quadratic.vtu")])
+def test_each_command_on_n_ranks_writes_the_serial_mesh(files, command, source, ranks):
+    out = files / f"{command}_{ranks}.pvtu"
+    done = run(ranks, command, files / source, out)
+    assert done.returncode == 0, done.stderr
+    assert_same_mesh(out, files / f"{command}.vtu")
+    if ranks >= 3:
+        assert pieces_per_node(out, ranks) >= 3
+    _, _, arrays = read_vtk(out)
+    serial = read_vtk(files / f"{command}.vtu")[2]
+    # each element keeps its parent's cell data and groups (compared as multisets)
+    for name in ("tag", "group:body"):
+        assert Counter(arrays[name].ravel().tolist()) == Counter(serial[name].ravel().tolist()), name
+
+
+def test_a_partitioned_input_is_read_by_every_rank(files):
+    parted = files / "from_pieces.pvtu"
+    assert run(3, "quadratic", files / "holes.vtu", files / "q3.pvtu").returncode == 0
+    done = run(2, "linear", files / "q3.pvtu", parted)  # 3 pieces on 2 ranks
+    assert done.returncode == 0, done.stderr
+    assert_same_mesh(parted, files / "linear.vtu")
+
+
+@pytest.mark.parametrize("args", [("quadratic", "missing.vtu", "out.pvtu"), ("hexsplit", "quadratic.vtu", "out.pvtu"),
+                                  ("flip", "holes.vtu", "out.pvtu")])
+def test_a_failure_is_one_line_and_status_2_on_every_rank(files, args):
+    done = run(3, args[0], *(files / a for a in args[1:]))
+    assert done.returncode == 2
+    said = [line for line in done.stderr.splitlines() if line.startswith("tessel3d")]
+    assert len(said) == 1 and "error" in said[0], done.stderr
