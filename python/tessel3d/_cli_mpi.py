@@ -273,6 +273,125 @@ def _hexsplit(comm, piece):
 STEPS = {"quadratic": _quadratic, "linear": _linear, "hexsplit": _hexsplit}
 
 
+def _scatter_faces(comm, mesh, cells, faces, parents):
+    """Rank 0's faces handed out in slabs along the longest side of their box (each rank
+    its faces in ascending global ID, with the nodes they use); global IDs are the
+    file's node indices and the faces' rows in `faces`."""
+    from . import mpi as tm
+    shares = None
+    if comm.Get_rank() == 0:
+        present = faces != ABSENT
+        centres = np.where(present[:, :, None], mesh.coords[np.where(present, faces, 0).astype(np.int64)], 0).sum(1)
+        centres /= present.sum(1)[:, None]
+        axis = int(np.argmax(np.ptp(centres, axis=0))) if len(centres) else 0
+        order = np.argsort(centres[:, axis], kind="stable")
+        flat = _flat_cell_values(mesh, cells)
+        values = {k: np.asarray(v) for k, v in mesh.point_data.items()
+                  if np.asarray(v).dtype.kind in "biuf" and len(v) == len(mesh.coords)}
+        shares = []
+        for chosen in np.array_split(order, comm.Get_size()):
+            chosen = np.sort(chosen)
+            mine = faces[chosen]
+            nodes = np.unique(mine[mine != ABSENT]).astype(np.int64)
+            local = np.full(mine.shape, ABSENT, np.uint32)
+            local[mine != ABSENT] = np.searchsorted(nodes, mine[mine != ABSENT])
+            part = tm.Part(mesh.coords[nodes], local, nodes.astype(np.uint64), chosen.astype(np.uint64))
+            shares.append((part, {k: v[nodes] for k, v in values.items()},
+                           {k: v[parents[chosen]] for k, v in flat.items()}))
+    return comm.scatter(shares, root=0)
+
+
+def _extrude(comm, args):
+    from . import mpi as tm
+    from .carry import Cells
+    from .cli import UserError, _check_sweep_size, read
+    from .elements import boundary_edges, type_of_columns
+    header, mesh, faces, parents, cells = None, None, None, None, None
+    if comm.Get_rank() == 0:
+        try:
+            if args.faces:
+                raise UserError("--faces is written by one rank only: run without mpirun, or with one rank")
+            if args.normal is not None and args.sizes is not None:
+                raise UserError("--normal with --sizes is done by one rank only: give --layers")
+            if args.line is not None and (args.sizes is not None or args.layers is not None):
+                raise UserError("--line makes one layer per polyline segment: no --layers or --sizes")
+            if args.line is None and args.sizes is None and args.layers is None:
+                raise UserError("give the number of layers (--layers) or their sizes (--sizes H0 H1)")
+            mesh = read(args.input)
+            cells = Cells(mesh)
+            kind, faces, parents = cells.stack(("T3", "Q4"), 4, "FACE_MIX4")
+            if faces is None:
+                raise UserError(f"{args.input}: holds no triangles or quadrangles to extrude "
+                                f"(found {', '.join(mesh.counts()) or 'no element'})")
+            _check_sweep_size(args, mesh.coords, faces, boundary_edges(faces))
+            line = None
+            if args.line is not None:
+                if max(args.line) >= len(mesh.coords):
+                    raise UserError(f"--line: node {max(args.line)} of {len(mesh.coords)}")
+                line = mesh.coords[np.asarray(args.line, np.int64)]
+            header = (None, kind, line, cells.count - len(faces))
+        except (UserError, ValueError, OSError) as error:
+            header = (str(error),)
+    header = comm.bcast(header, root=0)
+    if header[0] is not None:
+        raise UserError(header[0])
+    kind, line, others = header[1:]
+    if others and comm.Get_rank() == 0:
+        warnings.warn(f"{args.input}: {others} other cell(s) left out: on several ranks only the swept solids "
+                      "are written")
+    surface, point_values, cell_values = _scatter_faces(comm, mesh, cells, faces, parents)
+    if kind == "T3":
+        surface = tm.Part(surface.coords, np.ascontiguousarray(surface.connect[:, :3]), surface.node_ids,
+                          surface.element_ids)
+    sizes = dict(layers=args.layers) if args.sizes is None else dict(h0=args.sizes[0], h1=args.sizes[1],
+                                                                     even_layers=args.even)
+    if args.translate is not None:
+        result = tm.extrude(comm, surface, translate=args.translate, **sizes)
+    elif args.rotate is not None:
+        result = tm.extrude(comm, surface, rotate=(args.rotate[:3], args.rotate[3:]), **sizes)
+    elif args.spiral is not None:
+        s = args.spiral
+        result = tm.extrude(comm, surface, spiral=(s[:3], s[3:6], s[6:]), **sizes)
+    elif args.normal is not None:
+        result = tm.extrude(comm, surface, normal=args.normal, layers=args.layers)
+    else:
+        result = tm.extrude_line(comm, surface, line, args.direction, args.scales)
+    nb_layers = comm.allreduce(len(result.element_ids) // max(len(surface.element_ids), 1), op=_max())
+    if not nb_layers:
+        raise UserError("the sweep made no layer")
+    _agree(comm, lambda: _finite(result.coords))
+    from .cli import turn_inverted
+    solids, volumes = turn_inverted(result.coords, result.connect)
+    flipped, flat, total = (comm.reduce(int(n), root=0) for n in ((volumes < 0).sum(), (volumes == 0).sum(),
+                                                                   len(solids)))
+    if comm.Get_rank() == 0 and flipped:
+        print(f"flipped {flipped} of {total} element(s) that would have been inverted")
+    if comm.Get_rank() == 0 and flat:
+        print(f"warning: {flat} element(s) have zero volume (nodes on the axis, or a zero normal)", file=sys.stderr)
+    # a solid inherits its face's cell data, a node copy its node's point data
+    face = np.searchsorted(surface.element_ids, result.element_ids // np.uint64(nb_layers))
+    largest = comm.allreduce(int(surface.node_ids.max()) if len(surface.node_ids) else 0, op=_max())
+    node = np.searchsorted(surface.node_ids, result.node_ids % np.uint64(largest + 1))
+    part = tm.Part(result.coords, solids, result.node_ids, result.element_ids)
+    return Piece(part, type_of_columns(solids), {k: v[node] for k, v in point_values.items()},
+                 {k: v[face] for k, v in cell_values.items()})
+
+
+def _max():
+    from mpi4py import MPI
+    return MPI.MAX
+
+
+def _finite(coords):
+    from .cli import UserError
+    bad = ~np.isfinite(coords).all(axis=1)
+    if bad.any():
+        raise UserError(f"the sweep: {int(bad.sum())} node(s) got non-finite coordinates")
+
+
+FLOWS = {"extrude": _extrude}
+
+
 def write_piece(comm, path, piece):
     from . import mpi as tm
     from .mesh import member_types
@@ -287,11 +406,14 @@ def run(command, args):
     comm = _world()
     rank = comm.Get_rank()
     try:
-        if str(args.input).lower().endswith(".pvtu"):
-            piece = _read_partitioned(comm, command, args.input)
+        if command in FLOWS:
+            result = FLOWS[command](comm, args)
         else:
-            piece = _read_and_distribute(comm, command, args.input)
-        result = STEPS[command](comm, piece)
+            if str(args.input).lower().endswith(".pvtu"):
+                piece = _read_partitioned(comm, command, args.input)
+            else:
+                piece = _read_and_distribute(comm, command, args.input)
+            result = STEPS[command](comm, piece)
         write_piece(comm, args.output, result)
     except (UserError, ValueError) as error:  # the same on every rank (collective outcomes)
         if rank == 0:

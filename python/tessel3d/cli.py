@@ -114,7 +114,7 @@ def write(path, mesh, args, say=True):
         print(f"wrote {path}: {mesh}")
 
 
-DISTRIBUTED = ("info", "quadratic", "linear", "hexsplit")
+DISTRIBUTED = ("info", "quadratic", "linear", "hexsplit", "extrude")
 
 
 def _on_ranks(args):
@@ -458,7 +458,27 @@ def _drop_unused(coords, blocks, droppable=None):
 
 # ---- extrusion --------------------------------------------------------------------------------
 
+def turn_inverted(coords, solids):
+    """(solids with the inverted ones turned, signed volumes before turning)."""
+    solids = np.array(solids)
+    solid_kind = type_of_columns(solids)
+    volumes = signed_volumes(coords, solids, solid_kind)
+    inverted = volumes < 0
+    if inverted.any():
+        kinds = member_types(solids, solid_kind)
+        for k in dict.fromkeys(kinds):
+            rows = kinds == k
+            part = np.ascontiguousarray(solids[rows][:, :CORNER_COUNT[k]])
+            flip_cells(part, k, inverted[rows])
+            solids[rows, :CORNER_COUNT[k]] = part
+    return solids, volumes
+
+
 def cmd_extrude(args):
+    if _on_ranks(args):
+        from . import _cli_mpi
+        return _cli_mpi.run("extrude", args)
+
     from . import extrude
     mesh = read(args.input)
     cells = Cells(mesh)
@@ -490,18 +510,11 @@ def cmd_extrude(args):
     if not len(result.solids):
         raise UserError("the sweep made no layer")
     _check_finite(result.coords, "the sweep")
-    solids = np.array(result.solids)
+    solids, volumes = turn_inverted(result.coords, result.solids)
     solid_kind = type_of_columns(solids)
     nb_layers = len(solids) // len(faces)
-    volumes = signed_volumes(result.coords, solids, solid_kind)
     inverted = volumes < 0
     if inverted.any():
-        kinds = member_types(solids, solid_kind)
-        for k in dict.fromkeys(kinds):
-            rows = kinds == k
-            part = np.ascontiguousarray(solids[rows][:, :CORNER_COUNT[k]])
-            flip_cells(part, k, inverted[rows])
-            solids[rows, :CORNER_COUNT[k]] = part
         why = "the sweep goes against their faces' normals" if inverted.all() else \
             "their faces are oriented against the sweep"
         print(f"flipped {int(inverted.sum())} of {len(solids)} element(s) that would have been inverted ({why})")
