@@ -389,7 +389,42 @@ def _finite(coords):
         raise UserError(f"the sweep: {int(bad.sum())} node(s) got non-finite coordinates")
 
 
-FLOWS = {"extrude": _extrude}
+def _solids_on_ranks(comm, path):
+    """The linear solids of a file on every rank: distributed from rank 0, or read by
+    every rank from a .pvtu."""
+    if str(path).lower().endswith(".pvtu"):
+        return _read_partitioned(comm, "interpolate", path)
+    return _read_and_distribute(comm, "interpolate", path)
+
+
+def _interpolate(comm, args):
+    from . import mpi as tm
+    from .cli import UserError
+    if args.strict:
+        raise UserError("--strict is done by one rank only: run without mpirun, or with one rank")
+    source = _solids_on_ranks(comm, args.source)
+    if source.kind != "TH4":
+        raise UserError(f"{args.source}: interpolation needs a tetrahedral source mesh (found {source.kind})")
+    target = _solids_on_ranks(comm, args.target)
+    names = args.field or list(source.point_data)
+    if not names:
+        raise UserError(f"{args.source}: holds no nodal field to interpolate")
+    missing = [n for n in names if n not in source.point_data]
+    if missing:
+        raise UserError(f"{args.source}: no nodal field named {missing[0]!r} "
+                        f"(fields: {', '.join(source.point_data) or 'none'})")
+    count = distinct_count(comm, target.part.node_ids)
+    for name in names:
+        values = np.asarray(source.point_data[name])
+        columns = values.reshape(len(values), int(np.prod(values.shape[1:], dtype=np.int64)))
+        found = tm.interpolate(comm, source.part, columns, target.part.coords)
+        target.point_data[name] = found.reshape((len(found),) + values.shape[1:])
+        if comm.Get_rank() == 0:
+            print(f"interpolated {name} onto {count} node(s)")
+    return target
+
+
+FLOWS = {"extrude": _extrude, "interpolate": _interpolate}
 
 
 def write_piece(comm, path, piece):

@@ -114,7 +114,7 @@ def write(path, mesh, args, say=True):
         print(f"wrote {path}: {mesh}")
 
 
-DISTRIBUTED = ("info", "quadratic", "linear", "hexsplit", "extrude")
+DISTRIBUTED = ("info", "quadratic", "linear", "hexsplit", "extrude", "interpolate")
 
 
 def _on_ranks(args):
@@ -673,6 +673,9 @@ def cmd_crack(args):
 # ---- interpolation ------------------------------------------------------------------------
 
 def cmd_interpolate(args):
+    if _on_ranks(args):
+        from . import _cli_mpi
+        return _cli_mpi.run("interpolate", args)
     from . import locate
     source, target = read(args.source), read(args.target)
     kind, connect = source.solids()
