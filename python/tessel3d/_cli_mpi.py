@@ -19,6 +19,13 @@ def _world():
     return MPI.COMM_WORLD
 
 
+def _self():
+    """The communicator of this process alone: a whole file read or written by one rank."""
+    _world()
+    from mpi4py import MPI
+    return MPI.COMM_SELF
+
+
 def distinct_count(comm, ids):
     """How many distinct values `ids` holds over every rank: each value goes to rank
     value % size, which counts its own (no rank holds more than its share)."""
@@ -159,11 +166,14 @@ def _solids_of_file(mesh, command, path):
             raise UserError(f"{path}: one kind of quadratic solid is expected on several ranks "
                             f"(found {', '.join(present) or 'none'})")
         return cells, present[0], mesh.cells[present[0]], cells.index(present[0])
-    kind, connect, parents = linear_solids(cells, path, pad_to_mixed=("PY5",) if command == "quadratic" else ())
+    pad_to_mixed = {"quadratic": ("PY5",), "crack": ("PY5", "W6")}.get(command, ())
+    kind, connect, parents = linear_solids(cells, path, pad_to_mixed=pad_to_mixed)
     return cells, kind, connect, parents
 
 
-def _read_and_distribute(comm, command, path):
+def _read_and_distribute(comm, command, path, prepare=None):
+    """Rank 0 reads `path` and spreads its solids; prepare(mesh, cells, kind, connect), run
+    on rank 0, gives what every rank gets beside its Piece (returned as its `extra`)."""
     from . import cli, mpi as tm
     header = coords = connect = None
     if comm.Get_rank() == 0:
@@ -172,14 +182,14 @@ def _read_and_distribute(comm, command, path):
             cells, kind, connect, parents = _solids_of_file(mesh, command, path)
             coords = mesh.coords
             others = cells.count - len(connect)
-            header = (None, kind, others)
+            header = (None, kind, others, prepare(mesh, cells, kind, connect) if prepare else None)
         except (cli.UserError, cli.mio.FileError, ValueError, OSError) as error:
             header = (str(error) if not isinstance(error, OSError) else f"{path}: {error.strerror or error}",)
     header = comm.bcast(header, root=0)
     if header[0] is not None:
         raise cli.UserError(header[0])
-    kind, others = header[1], header[2]
-    if others and comm.Get_rank() == 0:
+    kind, others, extra = header[1:]
+    if others and comm.Get_rank() == 0 and command != "crack":
         warnings.warn(f"{path}: {others} face(s), edge(s) or point(s) left out: on several ranks only the "
                       "solids are carried")
     part = tm.distribute(comm, coords, connect)
@@ -192,7 +202,9 @@ def _read_and_distribute(comm, command, path):
         values = {k: np.asarray(v) for k, v in mesh.point_data.items()
                   if np.asarray(v).dtype.kind in "biuf" and len(v) == len(coords)}
         point_share = [{k: v[ids.astype(np.int64)] for k, v in values.items()} for ids in node_ids]
-    return Piece(part, kind, comm.scatter(point_share, root=0), comm.scatter(cell_share, root=0))
+    piece = Piece(part, kind, comm.scatter(point_share, root=0), comm.scatter(cell_share, root=0))
+    piece.extra = extra
+    return piece
 
 
 def _read_partitioned(comm, command, path):
@@ -424,7 +436,70 @@ def _interpolate(comm, args):
     return target
 
 
-FLOWS = {"extrude": _extrude, "interpolate": _interpolate}
+def _crack_surface(args):
+    """prepare() of the crack: (the surface by global node IDs, 4 columns, the front's
+    nodes to keep single or None, the count of the file's other cells)."""
+    def prepare(mesh, cells, kind, connect):
+        from .cli import UserError, _front_nodes, _surface_of_file, _surface_of_group
+        if args.group:
+            faces, _ = _surface_of_group(mesh, cells, args.group, args.input)
+        else:
+            faces = _surface_of_file(mesh, args.faces)
+        triangles = faces[:, 3] == ABSENT
+        if kind == "TH4" and not triangles.all():
+            raise UserError("the surface of a tetrahedral mesh must be made of triangles")
+        if kind == "H8" and triangles.any():
+            raise UserError("the surface of a hexahedral mesh must be made of quadrangles")
+        excluded = _front_nodes(connect, kind, faces) if args.keep_front else None
+        return faces, excluded, cells.count - len(connect)
+    return prepare
+
+
+def _crack(comm, args):
+    from . import mpi as tm
+    piece = _read_and_distribute(comm, "crack", args.input, _crack_surface(args))
+    faces, excluded, others = piece.extra
+    if others and comm.Get_rank() == 0:
+        warnings.warn(f"{args.input}: {others} face(s), edge(s) or point(s) left out: on several ranks only the "
+                      "solids are written")
+    ids = piece.part.node_ids  # ascending (distribute)
+
+    def local(global_ids):
+        """(local index, held) of global node IDs on this rank."""
+        global_ids = np.asarray(global_ids, np.uint64)
+        if not len(ids):
+            return np.zeros(global_ids.shape, np.int64), np.zeros(global_ids.shape, bool)
+        at = np.minimum(np.searchsorted(ids, global_ids), len(ids) - 1)
+        return at, ids[at] == global_ids
+
+    present = faces != ABSENT
+    at, held = local(np.where(present, faces, 0))
+    mine = (held | ~present).all(axis=1)
+    surface = np.where(present, at, ABSENT).astype(np.uint32)[mine]
+    if piece.kind == "TH4":
+        surface = np.ascontiguousarray(surface[:, :3])
+    skip = np.zeros(0, np.uint32)
+    if excluded is not None:
+        at, held = local(excluded)
+        skip = at[held].astype(np.uint32)
+    _, result = tm.duplicate_surface_nodes(comm, piece.part, surface, piece.kind, excluded=skip,
+                                               positive_side=args.side in ("positive", "both"),
+                                               negative_side=args.side in ("negative", "both"))
+    # a copy takes its node's point data; nodes no local element uses any more are dropped
+    largest = comm.allreduce(int(ids.max()) if len(ids) else 0, op=_max())
+    origin = np.searchsorted(ids, result.node_ids % np.uint64(largest + 1))
+    used = np.unique(result.connect[result.connect != ABSENT]).astype(np.int64)
+    renumber = np.full(len(result.coords) + 1, ABSENT, np.uint32)
+    renumber[used] = np.arange(len(used), dtype=np.uint32)
+    connect = renumber[np.where(result.connect == ABSENT, len(result.coords), result.connect).astype(np.int64)]
+    part = tm.Part(result.coords[used], connect, result.node_ids[used], result.element_ids)
+    grown = distinct_count(comm, part.node_ids) - distinct_count(comm, ids)
+    if comm.Get_rank() == 0:
+        print(f"opened the surface on {comm.Get_size()} ranks: {grown} node(s) added")
+    return Piece(part, piece.kind, {k: v[origin[used]] for k, v in piece.point_data.items()}, piece.cell_data)
+
+
+FLOWS = {"extrude": _extrude, "interpolate": _interpolate, "crack": _crack}
 
 
 def write_piece(comm, path, piece):
@@ -492,14 +567,14 @@ def write_mesh(path, mesh):
     point_data = {k: np.asarray(v) for k, v in mesh.point_data.items() if np.asarray(v).dtype.kind in "biuf"}
     part = tm.Part(mesh.coords, connect, np.arange(len(mesh.coords), dtype=np.uint64),
                    np.arange(len(connect), dtype=np.uint64))
-    tm.write_pvtu(_world(), path, part, cell_types=types, point_data=point_data, cell_data=cell_data)
+    tm.write_pvtu(_self(), path, part, cell_types=types, point_data=point_data, cell_data=cell_data)
 
 
 def read_mesh(path):
     """A partitioned file read whole by one rank, as a Mesh (groups from "group:<name>")."""
     from . import mpi as tm
     from .io import Mesh
-    read = tm.read_pvtu(_world(), path)
+    read = tm.read_pvtu(_self(), path)
     cells, cell_data, groups = {}, {}, {}
     types = read.cell_types
     for t in dict.fromkeys(types.tolist()):

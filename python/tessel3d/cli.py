@@ -114,7 +114,7 @@ def write(path, mesh, args, say=True):
         print(f"wrote {path}: {mesh}")
 
 
-DISTRIBUTED = ("info", "quadratic", "linear", "hexsplit", "extrude", "interpolate")
+DISTRIBUTED = ("info", "quadratic", "linear", "hexsplit", "extrude", "interpolate", "crack")
 
 
 def _on_ranks(args):
@@ -591,6 +591,9 @@ def _front_nodes(connect, kind, faces):
 
 
 def cmd_crack(args):
+    if _on_ranks(args):
+        from . import _cli_mpi
+        return _cli_mpi.run("crack", args)
     from . import surface as tsurface
     from .mesh import get_neighbors
     mesh = read(args.input)
