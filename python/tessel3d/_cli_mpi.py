@@ -138,20 +138,10 @@ def _agree(comm, step):
 
 
 def _flat_cell_values(mesh, cells):
-    """{name: values per cell of the whole file (global numbers of `cells`)}, groups as
-    "group:<name>" 0/1 arrays; arrays that not every cell type carries are left out."""
-    out = {}
-    for key, by_type in mesh.cell_data.items():
-        if all(name in by_type for name in mesh.cells):
-            values = [np.asarray(by_type[name]) for name in mesh.cells]
-            if len({v.shape[1:] for v in values}) == 1 and all(v.dtype.kind in "biuf" for v in values):
-                out[key] = np.concatenate(values)
-    for group, members in mesh.groups.items():
-        flag = np.zeros(cells.count, np.int64)
-        for name, index in members.items():
-            if name in mesh.cells:
-                flag[cells.index(name, index)] = 1
-        out["group:" + group] = flag
+    """{name: values per cell of the whole file (global numbers of `cells`)}, as the
+    one-machine commands carry them, groups as "group:<name>" 0/1 arrays."""
+    out = {key: values for key, (values, _) in cells.data.items() if values.dtype.kind in "biuf"}
+    out.update({"group:" + group: mask.astype(np.int64) for group, mask in cells.groups.items()})
     return out
 
 
