@@ -191,3 +191,32 @@ def test_a_failure_is_one_line_and_status_2_on_every_rank(files, args):
     assert done.returncode == 2
     said = [line for line in done.stderr.splitlines() if line.startswith("tessel3d")]
     assert len(said) == 1 and "error" in said[0], done.stderr
+
+
+BINDINGS = """
+import sys
+import numpy as np
+from mpi4py import MPI
+import tessel3d, tessel3d.io as tio, tessel3d.mpi as tm
+comm = MPI.COMM_WORLD
+mesh = tio.read(sys.argv[1]) if comm.rank == 0 else None
+part = tm.distribute(comm, mesh.coords if mesh else None, mesh.cells["TH4"] if mesh else None)
+inside = part.coords[part.connect].mean(axis=1)  # element centres: a linear field is read exactly
+sizes = tm.interpolate_metrics(comm, part, 1 + part.coords[:, 0], inside, np.zeros(len(inside)))
+assert np.allclose(sizes, 1 + inside[:, 0], rtol=1e-13), "sizes"
+field = tm.interpolate(comm, part, part.coords, inside)
+assert np.allclose(field, inside, rtol=1e-13), "field"
+try:  # a bad part on one rank only: every rank raises the same error
+    tm.split_into_h8(comm, part._replace(connect=part.connect[:, :3]) if comm.rank == 1 else part)
+except tessel3d.Error as error:
+    print("status", error.status, error.argument)
+"""
+
+
+def test_the_bindings_agree_on_every_rank(files):
+    (files / "bindings.py").write_text(BINDINGS)
+    done = subprocess.run([MPIRUN, "-n", "3", "--allow-run-as-root", "--oversubscribe", sys.executable,
+                           str(files / "bindings.py"), str(files / "holes.vtu")], capture_output=True, text=True,
+                          timeout=300)
+    assert done.returncode == 0, done.stderr
+    assert done.stdout.split("\n").count("status -2 part") == 3, done.stdout
