@@ -1,5 +1,7 @@
 """The command line on partitioned files (.pvtu), run by every rank under mpirun:
-`mpirun -np N python3 -m tessel3d info in.pvtu`. Rank 0 prints; the others compute."""
+`mpirun -np N python3 -m tessel3d COMMAND in out.pvtu` for info, quadratic, linear,
+hexsplit, extrude, crack and interpolate. Rank 0 prints; every rank computes its part and
+writes its piece. Also the one-rank reading and writing of whole meshes as .pvtu files."""
 
 import os
 import sys
@@ -14,8 +16,9 @@ from .mesh import ABSENT, ElementType
 def _world():
     try:
         from mpi4py import MPI
-    except ImportError as error:
-        raise ImportError("partitioned files need mpi4py (Debian: python3-mpi4py)") from error
+    except ImportError:
+        from .cli import UserError
+        raise UserError("partitioned files need mpi4py (Debian: python3-mpi4py)") from None
     return MPI.COMM_WORLD
 
 
@@ -501,8 +504,11 @@ def write_piece(comm, path, piece):
 
 
 def run(command, args):
-    """The command on every rank of mpirun; the status every rank exits with."""
+    """The command on every rank of mpirun; the status every rank exits with. The errors
+    raised here on one rank are raised on all (the library's statuses are agreed, and the
+    checks of the inputs are made after a collective); anything else ends the job."""
     from .cli import UserError
+    from .errors import Error
     comm = _world()
     rank = comm.Get_rank()
     try:
@@ -515,7 +521,7 @@ def run(command, args):
                 piece = _read_and_distribute(comm, command, args.input)
             result = STEPS[command](comm, piece)
         write_piece(comm, args.output, result)
-    except (UserError, ValueError) as error:  # the same on every rank (collective outcomes)
+    except (UserError, Error, ImportError) as error:  # raised alike on every rank (collective outcomes)
         if rank == 0:
             print(f"tessel3d {command}: error: {' '.join(str(error).split())}", file=sys.stderr)
         return 2

@@ -890,7 +890,7 @@ def main(argv=None):
         from .mesh import set_threads
         set_threads(args.threads)
         return args.run(args)
-    except (UserError, Error, mio.FileError, ValueError, NotImplementedError) as error:
+    except (UserError, Error, mio.FileError, ValueError, NotImplementedError, ImportError) as error:
         message = str(error).strip().splitlines()
         if os.environ.get("OMPI_COMM_WORLD_RANK", os.environ.get("PMI_RANK", "0")) != "0":
             return 2  # every rank fails alike; rank 0 says why
