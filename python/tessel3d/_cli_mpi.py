@@ -9,7 +9,7 @@ import warnings
 
 import numpy as np
 
-from .elements import CORNER_COUNT, LINEAR_OF, LINEAR_SOLIDS
+from .elements import CORNER_COUNT, LINEAR_OF, LINEAR_SOLIDS, node_names
 from .mesh import ABSENT, ElementType
 
 
@@ -214,8 +214,7 @@ def _read_partitioned(comm, command, path):
         raise UserError(f"{path}: holds no {'quadratic' if command == 'linear' else 'linear'} solid elements")
     if len(kinds) == 1 and not (command == "quadratic" and kinds == ["PY5"]):
         kind = kinds[0]
-        width = CORNER_COUNT.get(kind, read.part.connect.shape[1] if len(chosen) else 0)
-        width = {"TH10": 10, "PY13": 13, "PY14": 14, "W15": 15, "W18": 18, "H20": 20, "H27": 27}.get(kind, width)
+        width = len(node_names(kind))
     elif command != "linear":
         kind, width = "SOLID_MIX8", 8
     else:
@@ -239,7 +238,7 @@ def _read_partitioned(comm, command, path):
 def _quadratic(comm, piece):
     from . import mpi as tm
     from .carry import NewNodes, point_data
-    from .elements import name_nodes, node_names, type_of_columns
+    from .elements import name_nodes, type_of_columns
     result = tm.convert_into_quadratic(comm, piece.part)
     kind = type_of_columns(result.connect)
     new = NewNodes(len(piece.part.coords))
