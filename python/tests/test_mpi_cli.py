@@ -1,9 +1,13 @@
 """`mpirun -np N python3 -m tessel3d COMMAND in out.pvtu` on N = 1 .. 4 ranks against the
 one-machine command: the partitioned file, read back by VTK's own reader, must hold the
 same mesh as the serial command's .vtu (node positions, and every cell as its type with
-the positions of its nodes in order), on a Gmsh mesh with a hole whose METIS parts meet at
-nodes shared by 3 or more ranks. Also: a .pvtu input read by every rank, the cell data and
-groups following their elements, and a failure giving one line and status 2 on every rank.
+the positions of its nodes in order, and the point data "x" at each position), on Gmsh
+meshes: a block with a blind hole whose METIS parts meet at nodes shared by 3 or more ranks
+(conversions, split, interpolation source), a disc with a hole (extrusions), a box partly
+outside the block (interpolation target) and a block cut inside by a rectangle (crack: the
+solids, since faces stay with one rank). Also: a .pvtu input read by every rank, the cell
+data and groups following their elements, and a failure giving one line and status 2 on
+every rank.
 Skipped without the MPI build (tessel3d._native_mpi), mpi4py, mpirun, Gmsh or VTK."""
 
 import shutil
