@@ -26,11 +26,14 @@ int measure(local_measure local, MPI_Comm comm, const part& p, bool normalise, d
     dense1D<double, 8> mins, maxs;
     dense1D<unsigned, 8> flat;
     int status = detail::status_ok;
-    if (!mins.resize(nb_elements) || !maxs.resize(nb_elements)) status = detail::status_out_of_memory;
+    if (!mins.resize(nb_elements) || !maxs.resize(nb_elements))
+      status = detail::status_out_of_memory;
     else {
       const int code = local(p.coords, p.connect, normalise, mins, maxs, flat);
-      if (code == -1 || code == -2) status = -2;
-      else if (code < 0) status = detail::status_out_of_memory;
+      if (code == -1 || code == -2)
+        status = -2;
+      else if (code < 0)
+        status = detail::status_out_of_memory;
     }
     status = detail::agree(own.get(), status);
     if (status != detail::status_ok) return status;
@@ -73,8 +76,7 @@ int dihedral_angles(MPI_Comm comm, const part& p, bool normalise, dense1D<double
 }
 
 int solid_angles(MPI_Comm comm, const part& p, bool normalise, dense1D<double, 8>& minValues,
-                 dense1D<double, 8>& maxValues, dense1D<unsigned, 8>& degenerate, double& smallest,
-                 double& largest) {
+                 dense1D<double, 8>& maxValues, dense1D<unsigned, 8>& degenerate, double& smallest, double& largest) {
   return measure(local_solid, comm, p, normalise, minValues, maxValues, degenerate, smallest, largest);
 }
 

@@ -31,8 +31,49 @@ struct plan {
   std::vector<std::uint64_t> sizes;  // per rank: #nodes, #elements
 };
 
-// The element -> rank map from METIS's dual-graph partition of the corners. Elements are
-// neighbours when they share 3 nodes: a triangular or quadrangular face.
+// The dual graph of the elements, as METIS takes it (adjacency lists, symmetric): two
+// elements are neighbours when they share a face. The library's face pairing reads the
+// corners (the first rows of every layout but the high-order mixed one); where three or
+// more elements share a face it lists one neighbour, so missing reverse links are added.
+// False when the layout has no corner rows of its own (the caller lets METIS build it).
+bool dual_graph(const dense2D<unsigned>& connect, element_type type, std::vector<idx_t>& start,
+                std::vector<idx_t>& adjacent, int& status) {
+  if (type == SOLID_MIX27) return false;
+  const element_type linear = elfes::element_table[type].linear;
+  const dense2D<unsigned> corners = connect.sub_matrix(0, 0, elfes::element_rows(linear), connect.cols());
+  dense2D<unsigned> neighbours;
+  const int found = tessel::get_neighbors(corners, linear, neighbours);
+  if (found != 0) {
+    status = found == status_out_of_memory ? status_out_of_memory : partitioner_failed;
+    return true;
+  }
+  const std::size_t nb_elements = connect.cols(), faces = neighbours.rows();
+  auto links_to = [&](std::size_t from, std::size_t to) {
+    const unsigned* column = neighbours.data() + from * neighbours.ld();
+    return std::find(column, column + faces, unsigned(to)) != column + faces;
+  };
+  std::vector<std::pair<unsigned, unsigned>> reverse;  // (element, neighbour) links to add
+  std::vector<idx_t> degree(nb_elements + 1, 0);
+  for (std::size_t j = 0; j < nb_elements; ++j)
+    for (std::size_t f = 0; f < faces; ++f) {
+      const unsigned n = neighbours(f, j);
+      if (n == elfes::ABSENT) continue;
+      ++degree[j];
+      if (!links_to(n, j)) reverse.emplace_back(n, unsigned(j)), ++degree[n];
+    }
+  start.assign(nb_elements + 1, 0);
+  for (std::size_t j = 0; j < nb_elements; ++j) start[j + 1] = start[j] + degree[j];
+  adjacent.resize(static_cast<std::size_t>(start[nb_elements]));
+  std::vector<idx_t> next(start.begin(), start.end() - 1);
+  for (std::size_t j = 0; j < nb_elements; ++j)
+    for (std::size_t f = 0; f < faces; ++f)
+      if (neighbours(f, j) != elfes::ABSENT) adjacent[next[j]++] = static_cast<idx_t>(neighbours(f, j));
+  for (const auto& link : reverse) adjacent[next[link.first]++] = static_cast<idx_t>(link.second);
+  return true;
+}
+
+// The element -> rank map: METIS's k-way partition of the dual graph (elements sharing
+// a face are neighbours), so the cut runs between elements along few faces.
 int partition(const dense2D<unsigned>& connect, element_type type, unsigned nb_nodes, int nb_ranks,
               std::vector<idx_t>& rank_of) {
   const std::size_t nb_elements = connect.cols();
@@ -42,24 +83,35 @@ int partition(const dense2D<unsigned>& connect, element_type type, unsigned nb_n
     for (std::size_t j = 0; j < nb_elements; ++j) rank_of[j] = static_cast<idx_t>(j);
     return status_ok;
   }
-  std::vector<idx_t> start(nb_elements + 1, 0), corners;
-  corners.reserve(nb_elements * 4);
-  for (std::size_t j = 0; j < nb_elements; ++j) {
-    const unsigned* column = connect.data() + j * connect.ld();
-    const unsigned n = detail::corners_of_column(column, type);
-    for (unsigned k = 0; k < n; ++k)
-      if (column[k] != elfes::ABSENT) corners.push_back(static_cast<idx_t>(column[k]));
-    if (corners.size() > static_cast<std::size_t>(std::numeric_limits<idx_t>::max())) return partitioner_failed;
-    start[j + 1] = static_cast<idx_t>(corners.size());
-  }
-  idx_t ne = static_cast<idx_t>(nb_elements), nn = static_cast<idx_t>(nb_nodes), ncommon = 3, nparts = nb_ranks,
-        objval = 0;
+  // METIS counts in 32-bit integers here.
+  if (nb_elements * 27 > static_cast<std::size_t>(std::numeric_limits<idx_t>::max())) return partitioner_failed;
+  idx_t ne = static_cast<idx_t>(nb_elements), nn = static_cast<idx_t>(nb_nodes), nparts = nb_ranks, objval = 0, one = 1,
+        ncommon = 3;
   idx_t options[METIS_NOPTIONS];
   METIS_SetDefaultOptions(options);
   options[METIS_OPTION_NUMBERING] = 0;
-  std::vector<idx_t> node_part(nb_nodes);
-  const int metis = METIS_PartMeshDual(&ne, &nn, start.data(), corners.data(), nullptr, nullptr, &ncommon, &nparts,
-                                       nullptr, options, &objval, rank_of.data(), node_part.data());
+  std::vector<idx_t> start, adjacent;
+  int status = status_ok;
+  int metis;
+  if (dual_graph(connect, type, start, adjacent, status)) {
+    if (status != status_ok) return status;
+    metis = METIS_PartGraphKway(&ne, &one, start.data(), adjacent.data(), nullptr, nullptr, nullptr, &nparts, nullptr,
+                                nullptr, options, &objval, rank_of.data());
+  } else {
+    // The high-order mixed layout: METIS builds the dual graph from the corners.
+    std::vector<idx_t> corners;
+    start.assign(nb_elements + 1, 0);
+    for (std::size_t j = 0; j < nb_elements; ++j) {
+      const unsigned* column = connect.data() + j * connect.ld();
+      const unsigned n = detail::corners_of_column(column, type);
+      for (unsigned k = 0; k < n; ++k)
+        if (column[k] != elfes::ABSENT) corners.push_back(static_cast<idx_t>(column[k]));
+      start[j + 1] = static_cast<idx_t>(corners.size());
+    }
+    std::vector<idx_t> node_part(nb_nodes);
+    metis = METIS_PartMeshDual(&ne, &nn, start.data(), corners.data(), nullptr, nullptr, &ncommon, &nparts, nullptr,
+                               options, &objval, rank_of.data(), node_part.data());
+  }
   if (metis == METIS_ERROR_MEMORY) return status_out_of_memory;
   return metis == METIS_OK ? status_ok : partitioner_failed;
 }
@@ -221,9 +273,8 @@ int distribute_on(const detail::private_comm& comm, int root, const dense2D<doub
       }
     }
   }
-  status = detail::agree(comm.get(), status);
+  status = detail::agree_after_wait(comm.get(), status);
   if (status != status_ok) return status;
-
   // Every rank learns its sizes and the rows, and sizes its part; the root its scratch.
   std::uint64_t mine[2] = {0, 0}, rows = connect.rows();
   MPI_Scatter(is_root ? p.sizes.data() : nullptr, 2, MPI_UINT64_T, mine, 2, MPI_UINT64_T, root, comm.get());
@@ -249,7 +300,7 @@ int distribute_on(const detail::private_comm& comm, int root, const dense2D<doub
 
   if (!is_root) {
     const int n = post_part(comm.get(), root, false, buffers_of(result), mine[0], mine[1], rows, requests.data());
-    MPI_Waitall(n, requests.data(), MPI_STATUSES_IGNORE);
+    detail::wait_all_after_wait(n, requests.data());
   } else {
     // One part at a time, in the scratch sized above: nothing allocates from here on.
     for (int r = 0; r < size; ++r) {

@@ -208,7 +208,7 @@ int gather_on(const detail::private_comm& comm, int root, const part& p, dense2D
       status = status_out_of_memory;
     }
   }
-  return detail::agree(comm.get(), status);
+  return detail::agree_after_wait(comm.get(), status);
 }
 
 }  // namespace

@@ -3,8 +3,10 @@
 #include "mpi/node_sharing.h"
 
 #include <algorithm>
+#include <chrono>
 #include <numeric>
 #include <stdexcept>
+#include <thread>
 
 namespace zel {
 namespace tessel3d {
@@ -60,6 +62,25 @@ int agree(MPI_Comm comm, int local_status) {
   if (worst == INT_MAX - 1) return status_out_of_memory;
   if (worst == INT_MAX - 2) return INT_MIN;
   return -worst;
+}
+
+int agree_after_wait(MPI_Comm comm, int local_status) {
+  int local_rank = failure_rank(local_status), worst = INT_MAX, done = 0;
+  MPI_Request request;
+  MPI_Iallreduce(&local_rank, &worst, 1, MPI_INT, MPI_MIN, comm, &request);
+  for (MPI_Test(&request, &done, MPI_STATUS_IGNORE); !done; MPI_Test(&request, &done, MPI_STATUS_IGNORE))
+    std::this_thread::sleep_for(std::chrono::microseconds(200));
+  if (worst == INT_MAX) return local_status;
+  if (worst == INT_MAX - 1) return status_out_of_memory;
+  if (worst == INT_MAX - 2) return INT_MIN;
+  return -worst;
+}
+
+void wait_all_after_wait(int nb_requests, MPI_Request* requests) {
+  int done = 0;
+  for (MPI_Testall(nb_requests, requests, &done, MPI_STATUSES_IGNORE); !done;
+       MPI_Testall(nb_requests, requests, &done, MPI_STATUSES_IGNORE))
+    std::this_thread::sleep_for(std::chrono::microseconds(200));
 }
 
 MPI_Request* post_send(MPI_Comm comm, int to, int tag, const void* data, std::uint64_t bytes, MPI_Request* requests) {

@@ -47,6 +47,15 @@ class private_comm {
 /// every rank checked together; the memory failures come after every argument check.
 int agree(MPI_Comm comm, int local_status);
 
+/// agree, for the ranks that may wait long for the work of one rank (the root of
+/// distribute or gather): they poll with short sleeps instead of spinning inside MPI, so
+/// that a waiting rank gives its core to the working one when ranks outnumber cores.
+/// Adds at most a fraction of a millisecond.
+int agree_after_wait(MPI_Comm comm, int local_status);
+
+/// MPI_Waitall with the same short sleeps between polls.
+void wait_all_after_wait(int nb_requests, MPI_Request* requests);
+
 /// Who shares which local nodes, derived from the global node IDs by a rendezvous: each
 /// global ID is sent to rank id % size, which answers every holder with the list of
 /// holders, so no rank ever holds more than its share of the mesh.

@@ -37,14 +37,18 @@ inline std::pair<int, int> min_max_over_ranks(int value) {
   return {out[0], -out[1]};
 }
 
-// A box of cells bent into three quarters of a thick cylindrical shell: x becomes the
-// radius in [1, 2], y the angle in [0, 3 pi / 2], z the height. Curved boundaries, a
-// hole through the middle, and elements that stay positive (the map is right-handed).
-inline box_mesh make_shell(box_kind kind, unsigned nx, unsigned ny, unsigned nz, double jitter = 0.1) {
-  box_mesh mesh = make_box(kind, nx, ny, nz, 1.0, 1.0, 1.0, jitter);
-  const double quarter_turns = 1.5 * std::acos(-1.0);
+// A box of cells bent into part of a thick cylindrical shell: x becomes the radius in
+// [1, 1 + thickness], y the angle in [0, 2 pi turn], z the height in [0, height].
+// Curved boundaries, a hole (the shell's inside), and elements that stay positive (the
+// map is right-handed). The default, a quarter turn twice as thick as the hole's radius,
+// is chunky enough for METIS to cut it into parts that meet along lines at 3 and 4
+// ranks (nodes shared by 3 or more ranks); a long thin shell is cut into slabs.
+inline box_mesh make_shell(box_kind kind, unsigned nx, unsigned ny, unsigned nz, double jitter = 0.1,
+                           double turn = 0.25, double thickness = 2.0, double height = 2.0) {
+  box_mesh mesh = make_box(kind, nx, ny, nz, thickness, 1.0, height, jitter);
+  const double angle = 2 * std::acos(-1.0) * turn;
   for (std::size_t i = 0; i < mesh.coords.cols(); ++i) {
-    const double r = 1 + mesh.coords(0, i), theta = quarter_turns * mesh.coords(1, i);
+    const double r = 1 + mesh.coords(0, i), theta = angle * mesh.coords(1, i);
     mesh.coords(0, i) = r * std::cos(theta);
     mesh.coords(1, i) = r * std::sin(theta);
   }

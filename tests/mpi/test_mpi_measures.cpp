@@ -101,15 +101,16 @@ TEST(volume, a_bad_part_on_one_rank_fails_everywhere) {
   part bad = p;
   if (rank == size - 1) {
     bad.connect.copy(p.connect);
-    if (bad.connect.cols() > 0) bad.connect(1, 0) = unsigned(p.coords.cols());
-    else bad.coords = dense2D<double>(2, 0), bad.connect = dense2D<unsigned>(4, 1);
+    if (bad.connect.cols() > 0)
+      bad.connect(1, 0) = unsigned(p.coords.cols());
+    else
+      bad.coords = dense2D<double>(2, 0), bad.connect = dense2D<unsigned>(4, 1);
   }
   double total = 5.0, smallest = 5.0, largest = 5.0;
   dense1D<double, 8> mins(1, 5.0), maxs;
   dense1D<unsigned, 8> flat;
   EXPECT_EQ(zel::tessel3d::mpi::volume(MPI_COMM_WORLD, bad, total), -2);
-  EXPECT_EQ(zel::tessel3d::mpi::dihedral_angles(MPI_COMM_WORLD, bad, false, mins, maxs, flat, smallest, largest),
-            -2);
+  EXPECT_EQ(zel::tessel3d::mpi::dihedral_angles(MPI_COMM_WORLD, bad, false, mins, maxs, flat, smallest, largest), -2);
   EXPECT_EQ(zel::tessel3d::mpi::solid_angles(MPI_COMM_WORLD, bad, true, mins, maxs, flat, smallest, largest), -2);
   EXPECT_EQ(total, 5.0);
   EXPECT_EQ(smallest, 5.0);
