@@ -108,6 +108,14 @@ def info(path):
 # of the input are not carried (they are counted in a warning). With one rank the
 # one-machine command runs and writes a single piece (write_mesh / read_mesh below).
 
+def rank():
+    """This process's rank under mpirun (0 without it), from the environment."""
+    for name in ("OMPI_COMM_WORLD_RANK", "PMI_RANK", "PMIX_RANK"):
+        if os.environ.get(name, "").isdigit():
+            return int(os.environ[name])
+    return 0
+
+
 def ranks():
     """The number of ranks mpirun started, read from the environment so that mpi4py is
     imported (and MPI initialised) only when it is needed."""
@@ -511,6 +519,8 @@ def run(command, args):
     comm = _world()
     rank = comm.Get_rank()
     try:
+        if not str(args.output).lower().endswith(".pvtu"):
+            raise UserError(f"{args.output}: on several ranks the output is a partitioned file (.pvtu)")
         if command in FLOWS:
             result = FLOWS[command](comm, args)
         else:

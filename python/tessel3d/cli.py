@@ -887,12 +887,16 @@ def main(argv=None):
             _check_compression(args.output, args)  # before the work, not after it
         if args.command not in DISTRIBUTED and _on_ranks(args):
             raise UserError(f"{args.command} has no form for several ranks: run it without mpirun, or with one rank")
+        from . import _cli_mpi
+        if not _on_ranks(args) and not (args.command == "info" and _partitioned(args.file)) and _cli_mpi.rank():
+            return 0  # several ranks on unpartitioned files: rank 0 alone reads, prints and writes
         from .mesh import set_threads
         set_threads(args.threads)
         return args.run(args)
     except (UserError, Error, mio.FileError, ValueError, NotImplementedError, ImportError) as error:
         message = str(error).strip().splitlines()
-        if os.environ.get("OMPI_COMM_WORLD_RANK", os.environ.get("PMI_RANK", "0")) != "0":
+        from . import _cli_mpi
+        if _cli_mpi.rank():
             return 2  # every rank fails alike; rank 0 says why
         print(f"tessel3d {args.command}: error: {' '.join(message) if message else type(error).__name__}",
               file=sys.stderr)
