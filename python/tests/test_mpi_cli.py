@@ -224,3 +224,9 @@ def test_the_bindings_agree_on_every_rank(files):
                           timeout=300)
     assert done.returncode == 0, done.stderr
     assert done.stdout.split("\n").count("status -2 part") == 3, done.stdout
+
+
+def test_several_ranks_on_unpartitioned_files_leave_the_work_to_rank_0(files):
+    done = run(3, "quadratic", files / "holes.vtu", files / "alone.vtu")
+    assert done.returncode == 0 and done.stdout.count("wrote") == 1, done.stdout + done.stderr
+    assert_same_mesh(files / "alone.vtu", files / "quadratic.vtu")
