@@ -40,7 +40,17 @@ def _parameters(function):
         return {}
 
 
+def _partitioned(path):
+    return str(path).lower().endswith(".pvtu")
+
+
 def read(path):
+    if _partitioned(path):  # one rank: the whole partitioned file
+        from . import _cli_mpi
+        with progress(f"reading {path}"):
+            mesh = _cli_mpi.read_mesh(path)
+        _check_input(mesh, path)
+        return mesh
     with progress(f"reading {path}") as update:
         keywords = {"progress": update} if "progress" in _parameters(mio.read) else {}
         mesh = mio.read(path, **keywords)
@@ -89,12 +99,29 @@ def write(path, mesh, args, say=True):
         _check_compression(path, args)
         if "compression" in accepted or str(path).lower().endswith(".vtu"):  # else meshio's keyword (.vtu)
             keywords["compression"] = None if compression == "none" else compression
+    if _partitioned(path):  # one rank: a partitioned file of one piece
+        from . import _cli_mpi
+        with progress(f"writing {path}"):
+            _cli_mpi.write_mesh(path, mesh)
+        if say:
+            print(f"wrote {path}: {mesh}")
+        return
     with progress(f"writing {path}") as update:
         if "progress" in accepted:
             keywords["progress"] = update
         mio.write(str(path), mesh, **keywords)
     if say:
         print(f"wrote {path}: {mesh}")
+
+
+DISTRIBUTED = ("info", "quadratic", "linear", "hexsplit", "extrude", "interpolate", "crack")
+
+
+def _on_ranks(args):
+    """Whether mpirun started several ranks for a command on partitioned files."""
+    from . import _cli_mpi
+    paths = [getattr(args, name, None) for name in ("file", "input", "source", "target", "output")]
+    return _cli_mpi.ranks() > 1 and any(p is not None and _partitioned(p) for p in paths)
 
 
 # ---- pieces of the commands -----------------------------------------------------------------
@@ -139,15 +166,6 @@ def _append(blocks, groups, name, connect, parents, group=None, inherit_groups=T
     blocks.append((name, connect, parents, inherit_groups))
     if group is not None and len(connect):
         groups.setdefault(group, {})[name] = np.arange(start, start + len(connect))
-
-
-def _member_rows(connect, type_name):
-    """[(member type, its rows)] of a solid connectivity; a pure type's rows are all of
-    them, as a slice (no per-element work on the common case)."""
-    if type_name != "SOLID_MIX8":
-        return [(type_name, slice(None))]
-    kinds = member_types(connect, type_name)
-    return [(k, np.nonzero(kinds == k)[0]) for k in dict.fromkeys(kinds)]
 
 
 def _warn_inverted(coords, connect, path):
@@ -199,6 +217,9 @@ def _check_finite(coords, what):
 # ---- commands: one output element per input element ---------------------------------------
 
 def cmd_info(args):
+    if str(args.file).lower().endswith(".pvtu"):  # a partitioned file: every rank of mpirun reads its pieces
+        from . import _cli_mpi
+        return _cli_mpi.info(args.file)
     from . import measures
     mesh = read(args.file)
     lo, hi = (mesh.coords.min(axis=0), mesh.coords.max(axis=0)) if len(mesh.coords) else (np.zeros(3), np.zeros(3))
@@ -303,6 +324,9 @@ def cmd_flip(args):
 
 
 def cmd_quadratic(args):
+    if _on_ranks(args):
+        from . import _cli_mpi
+        return _cli_mpi.run("quadratic", args)
     from . import order
     mesh = read(args.input)
     cells = Cells(mesh)
@@ -331,44 +355,24 @@ def cmd_quadratic(args):
 
 
 def cmd_hexsplit(args):
+    if _on_ranks(args):
+        from . import _cli_mpi
+        return _cli_mpi.run("hexsplit", args)
     from . import order
     mesh = read(args.input)
     cells = Cells(mesh)
     kind, connect, parents = linear_solids(cells, args.input)
-    parts = _member_rows(connect, kind)
-    pyramids = sum(len(connect[rows]) for k, rows in parts if k == "PY5")
-    if pyramids:
-        raise UserError(f"{args.input}: {pyramids} pyramid(s): a pyramid cannot be split into hexahedra")
+    kinds = member_types(connect, kind)
+    if (kinds == "PY5").any():
+        raise UserError(f"{args.input}: {int((kinds == 'PY5').sum())} pyramid(s): a pyramid cannot be split into "
+                        "hexahedra")
     _warn_inverted(mesh.coords, connect, args.input)
     with progress("splitting into hexahedra"):
         result = order.split_into_h8(mesh.coords, connect)
     with progress("carrying faces and data"):
-        pieces = np.zeros(len(connect), dtype=np.int64)
-        for k, rows in parts:
-            pieces[rows] = HEXAHEDRA_PER_SOLID[k]
-        start = np.concatenate([[0], np.cumsum(pieces)[:-1]])
-        new = NewNodes(len(mesh.coords))
-        new.look_among(_face_nodes(mesh), record_only_these=not mesh.point_data)
-        size = max(float(np.ptp(mesh.coords, axis=0).max()), 1e-300)
-        for k, rows in parts:
-            block, first = connect[rows], start[rows]
-            seen = {}  # each new node of an element from the first hexahedron that holds it
-            for r, names in enumerate(split_names(k)):
-                for i, name in enumerate(names):
-                    seen.setdefault(name, (r, i))
-            sample = slice(None, None, max(1, len(block) // 1000))
-            if new.record_focus_only:  # only nodes of carried faces: elements with two corners on them
-                chosen = new.focus[block[:, :CORNER_COUNT[k]]].sum(axis=1) >= 2
-                named_block, named_first = block[chosen], first[chosen]
-            else:
-                named_block, named_first = block, first
-            for name, (r, i) in seen.items():
-                if len(name) > 1:
-                    made = result.hexahedra[first[sample] + r, i]
-                    where = result.coords[made] - result.coords[block[sample][:, sorted(name)]].mean(axis=1)
-                    if np.abs(where).max(initial=0.0) > 1e-9 * size:  # the pattern read off one element
-                        raise UserError("the split's new nodes are not where expected: faces and data cannot follow")
-                    new.add(result.hexahedra[named_first + r, i], named_block[:, sorted(name)])
+        pieces = hexahedra_per_element(kinds)
+        new = split_new_nodes(connect, kinds, len(mesh.coords), result.coords, result.hexahedra,
+                              faces=_face_nodes(mesh), record_only_faces=not mesh.point_data)
         coords = result.coords
         blocks = [("H8", result.hexahedra, np.repeat(parents, pieces))]
         for name, c in mesh.cells.items():
@@ -384,7 +388,51 @@ def cmd_hexsplit(args):
     return 0
 
 
+def hexahedra_per_element(kinds):
+    pieces = np.zeros(len(kinds), dtype=np.int64)
+    for k, count in HEXAHEDRA_PER_SOLID.items():
+        pieces[kinds == k] = count
+    return pieces
+
+
+def split_new_nodes(connect, kinds, nb_old, coords, hexahedra, faces=None, record_only_faces=False):
+    """The new nodes of a split into hexahedra (coords, hexahedra: the result; the
+    hexahedra of each element consecutive, in element order), each named by the corners
+    it is built from. With faces (node IDs) and record_only_faces, only the new nodes those
+    faces need are named: enough to carry the faces when there is no point data."""
+    pieces = hexahedra_per_element(kinds)
+    start = np.concatenate([[0], np.cumsum(pieces)[:-1]])
+    new = NewNodes(nb_old)
+    if faces is not None:
+        new.look_among(faces, record_only_these=record_only_faces)
+    size = max(float(np.ptp(coords, axis=0).max()), 1e-300) if len(coords) else 1.0
+    for k in dict.fromkeys(kinds):
+        rows = np.nonzero(kinds == k)[0]
+        block, first = connect[rows].astype(np.int64), start[rows]
+        seen = {}  # each new node of an element from the first hexahedron that holds it
+        for r, names in enumerate(split_names(k)):
+            for i, name in enumerate(names):
+                seen.setdefault(name, (r, i))
+        sample = slice(None, None, max(1, len(rows) // 1000))
+        if new.record_focus_only:  # only nodes of carried faces: elements with two corners on them
+            chosen = new.focus[block[:, :CORNER_COUNT[k]]].sum(axis=1) >= 2
+            named_block, named_first = block[chosen], first[chosen]
+        else:
+            named_block, named_first = block, first
+        for name, (r, i) in seen.items():
+            if len(name) > 1:
+                made = hexahedra[first[sample] + r, i]
+                where = coords[made] - coords[block[sample][:, sorted(name)]].mean(axis=1)
+                if np.abs(where).max(initial=0.0) > 1e-9 * size:  # the pattern read off one element
+                    raise UserError("the split's new nodes are not where expected: faces and data cannot follow")
+                new.add(hexahedra[named_first + r, i], named_block[:, sorted(name)])
+    return new
+
+
 def cmd_linear(args):
+    if _on_ranks(args):
+        from . import _cli_mpi
+        return _cli_mpi.run("linear", args)
     mesh = read(args.input)
     cells = Cells(mesh)
     if not any(name in LINEAR_OF and LINEAR_OF[name] in LINEAR_SOLIDS for name in mesh.cells):
@@ -419,7 +467,27 @@ def _drop_unused(coords, blocks, droppable=None):
 
 # ---- extrusion --------------------------------------------------------------------------------
 
+def turn_inverted(coords, solids):
+    """(solids with the inverted ones turned, signed volumes before turning)."""
+    solids = np.array(solids)
+    solid_kind = type_of_columns(solids)
+    volumes = signed_volumes(coords, solids, solid_kind)
+    inverted = volumes < 0
+    if inverted.any():
+        kinds = member_types(solids, solid_kind)
+        for k in dict.fromkeys(kinds):
+            rows = kinds == k
+            part = np.ascontiguousarray(solids[rows][:, :CORNER_COUNT[k]])
+            flip_cells(part, k, inverted[rows])
+            solids[rows, :CORNER_COUNT[k]] = part
+    return solids, volumes
+
+
 def cmd_extrude(args):
+    if _on_ranks(args):
+        from . import _cli_mpi
+        return _cli_mpi.run("extrude", args)
+
     from . import extrude
     mesh = read(args.input)
     cells = Cells(mesh)
@@ -451,18 +519,11 @@ def cmd_extrude(args):
     if not len(result.solids):
         raise UserError("the sweep made no layer")
     _check_finite(result.coords, "the sweep")
-    solids = np.array(result.solids)
+    solids, volumes = turn_inverted(result.coords, result.solids)
     solid_kind = type_of_columns(solids)
     nb_layers = len(solids) // len(faces)
-    volumes = signed_volumes(result.coords, solids, solid_kind)
     inverted = volumes < 0
     if inverted.any():
-        kinds = member_types(solids, solid_kind)
-        for k in dict.fromkeys(kinds):
-            rows = kinds == k
-            part = np.ascontiguousarray(solids[rows][:, :CORNER_COUNT[k]])
-            flip_cells(part, k, inverted[rows])
-            solids[rows, :CORNER_COUNT[k]] = part
         why = "the sweep goes against their faces' normals" if inverted.all() else \
             "their faces are oriented against the sweep"
         print(f"flipped {int(inverted.sum())} of {len(solids)} element(s) that would have been inverted ({why})")
@@ -539,6 +600,9 @@ def _front_nodes(connect, kind, faces):
 
 
 def cmd_crack(args):
+    if _on_ranks(args):
+        from . import _cli_mpi
+        return _cli_mpi.run("crack", args)
     from . import surface as tsurface
     from .mesh import get_neighbors
     mesh = read(args.input)
@@ -621,6 +685,9 @@ def cmd_crack(args):
 # ---- interpolation ------------------------------------------------------------------------
 
 def cmd_interpolate(args):
+    if _on_ranks(args):
+        from . import _cli_mpi
+        return _cli_mpi.run("interpolate", args)
     from . import locate
     source, target = read(args.source), read(args.target)
     kind, connect = source.solids()
@@ -827,11 +894,19 @@ def main(argv=None):
     try:
         if getattr(args, "output", None):
             _check_compression(args.output, args)  # before the work, not after it
+        if args.command not in DISTRIBUTED and _on_ranks(args):
+            raise UserError(f"{args.command} has no form for several ranks: run it without mpirun, or with one rank")
+        from . import _cli_mpi
+        if not _on_ranks(args) and not (args.command == "info" and _partitioned(args.file)) and _cli_mpi.rank():
+            return 0  # several ranks on unpartitioned files: rank 0 alone reads, prints and writes
         from .mesh import set_threads
         set_threads(args.threads)
         return args.run(args)
-    except (UserError, Error, mio.FileError, ValueError, NotImplementedError) as error:
+    except (UserError, Error, mio.FileError, ValueError, NotImplementedError, ImportError) as error:
         message = str(error).strip().splitlines()
+        from . import _cli_mpi
+        if _cli_mpi.rank():
+            return 2  # every rank fails alike; rank 0 says why
         print(f"tessel3d {args.command}: error: {' '.join(message) if message else type(error).__name__}",
               file=sys.stderr)
     except BrokenPipeError:  # the reader of stdout left (e.g. `| head`): nothing to say

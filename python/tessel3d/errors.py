@@ -297,6 +297,55 @@ TABLES = {
                         -2: ("surface", 2, _ids("surface", _SURFACE, (3, 4), absent_ok=(4,))),
                         -3: ("angle", 3, "must be >= 0")},
 }
+# The distributed component (tessel3d.mpi, its functions named mpi.<name>): argument 1 is
+# the communicator.
+TABLES.update({
+    "mpi.distribute": {-1: ("comm", 1, "is MPI_COMM_NULL"), -2: ("root", 2, "is not a rank of comm, or differs between ranks"),
+                   -3: ("coords", 3, "must have 3 columns"),
+                   -4: ("connect", 4, "must be a solid layout whose node IDs are rows of coords"),
+                   -5: (None, None, "the partitioner failed")},
+    "mpi.gather": {-1: ("comm", 1, "is MPI_COMM_NULL"), -2: ("root", 2, "is not a rank of comm, or differs between ranks"),
+               -3: ("part", 3, "is not a valid part (shapes, node indices, or a repeated element ID)")},
+    "mpi.volume": {-1: ("comm", 1, "is MPI_COMM_NULL"), -2: ("part", 2, "is not a valid solid part")},
+    "mpi.write_pvtu": {-1: ("comm", 1, "is MPI_COMM_NULL"),
+                   -2: ("path", 2, "is empty, differs between ranks, or a file cannot be written"),
+                   -3: ("part", 3, "is not a valid part (coords shape, ID counts, or a node index out of range)"),
+                   -4: ("type", 4, "has no VTK cell (PY14), or does not fit connect's rows"),
+                   -5: ("point_data", 5, "must have one row per node, the same arrays on every rank, no "
+                                         "'GlobalNodeID'"),
+                   -6: ("cell_data", 6, "must have one row per element, the same arrays on every rank, no "
+                                        "'GlobalElementID'")},
+    "mpi.read_pvtu": {-1: ("comm", 1, "is MPI_COMM_NULL"),
+                  -2: ("path", 2, "cannot be read as a VTK unstructured grid (missing or damaged file, or cells "
+                                  "of a kind the library has no type for)")},
+})
+_COMM = ("comm", 1, "is MPI_COMM_NULL")
+_PART = ("part", 2, "is not a valid part (coords shape, ID counts, a repeated ID, or node indices and row count "
+                    "the one-machine call refuses)")
+TABLES.update({
+    "mpi.convert_into_quadratic": {-1: _COMM, -2: _PART},
+    "mpi.convert_into_linear": {-1: _COMM, -2: _PART},
+    "mpi.split_into_h8": {-1: _COMM, -2: ("part", 2, _PART[2] + "; pyramids cannot be split")},
+    "mpi.duplicate_surface_nodes": {-1: _COMM, -2: _PART,
+                                    -3: ("surface", 3, "must have 3 or 4 columns of local node indices"),
+                                    -4: ("excluded", 4, "holds an index that is not a local node"),
+                                    -7: ("type", 7, "must be TH4, H8 or SOLID_MIX8")},
+    "mpi.interpolate": {-1: _COMM, -2: ("source", 2, "is not a valid TH4 part"),
+                        -3: ("field", 3, "must have one row per local source node, the same columns on every rank"),
+                        -4: ("points", 4, "must have 3 columns")},
+    "mpi.interpolate_metrics": {-1: _COMM, -2: ("source", 2, "is not a valid TH4 part"),
+                                -3: ("metrics", 3, "must be (n, 6) or (n,) per local source node, alike on every "
+                                                   "rank"),
+                                -4: ("points", 4, "must have 3 columns"),
+                                -5: ("values", 5, "must have one row per point, as many columns as metrics")},
+})
+for _name, _sizes in (("translate", (-4, -5)), ("rotate", (-5, -6)), ("spiral", (-5, -6)), ("normal", (-3, -4)),
+                      ("line", (-3, -5))):
+    TABLES["mpi.extrude_" + _name] = {
+        -1: _COMM, -2: ("surface", 2, "is not a valid surface part (3 or 4 columns, ID counts)"),
+        -3: (None, None, "the sweep's parameters differ between ranks, or are refused"),
+        _sizes[0]: (None, None, "the sweep's vector, layer count or first size is refused"),
+        _sizes[1]: (None, None, "the sweep's last size or line parameters are refused")}
 TABLES["element_volumes"] = TABLES["volume"]
 TABLES["solid_angles"] = TABLES["dihedral_angles"]
 TABLES["extrude_line/scales"] = {k: v for k, v in TABLES["extrude_line"].items() if k != -5}
