@@ -325,12 +325,7 @@ int distribute(MPI_Comm comm, int root, const dense2D<double>& coords, const den
   if (comm == MPI_COMM_NULL) return -1;
   try {
     detail::private_comm own(comm);
-    int size = 1;
-    MPI_Comm_size(own.get(), &size);
-    // The root must be a rank, and the same on every rank.
-    int bounds[2] = {root, -root}, agreed[2] = {0, 0};
-    MPI_Allreduce(bounds, agreed, 2, MPI_INT, MPI_MIN, own.get());
-    if (agreed[0] != -agreed[1] || root < 0 || root >= size) return detail::agree(own.get(), -2);
+    if (!detail::root_agreed(own.get(), root)) return detail::agree(own.get(), -2);
     return distribute_on(own, root, coords, connect, out);
   } catch (const std::bad_alloc&) {
     return status_out_of_memory;

@@ -217,11 +217,7 @@ int gather(MPI_Comm comm, int root, const part& p, dense2D<double>& coords, dens
   if (comm == MPI_COMM_NULL) return -1;
   try {
     detail::private_comm own(comm);
-    int size = 1;
-    MPI_Comm_size(own.get(), &size);
-    int bounds[2] = {root, -root}, agreed[2] = {0, 0};
-    MPI_Allreduce(bounds, agreed, 2, MPI_INT, MPI_MIN, own.get());
-    if (agreed[0] != -agreed[1] || root < 0 || root >= size) return detail::agree(own.get(), -2);
+    if (!detail::root_agreed(own.get(), root)) return detail::agree(own.get(), -2);
     return gather_on(own, root, p, coords, connect);
   } catch (const std::bad_alloc&) {
     return status_out_of_memory;

@@ -55,6 +55,14 @@ int private_comm::size() const {
   return s;
 }
 
+bool root_agreed(MPI_Comm comm, int root) {
+  int size = 1;
+  MPI_Comm_size(comm, &size);
+  int bounds[2] = {root, -root}, agreed[2] = {0, 0};
+  MPI_Allreduce(bounds, agreed, 2, MPI_INT, MPI_MIN, comm);
+  return agreed[0] == -agreed[1] && root >= 0 && root < size;
+}
+
 int agree(MPI_Comm comm, int local_status) {
   int local_rank = failure_rank(local_status), worst = INT_MAX;
   MPI_Allreduce(&local_rank, &worst, 1, MPI_INT, MPI_MIN, comm);

@@ -47,6 +47,9 @@ class private_comm {
 /// every rank checked together; the memory failures come after every argument check.
 int agree(MPI_Comm comm, int local_status);
 
+/// Whether root is a rank of comm and the same value on every rank (collective).
+bool root_agreed(MPI_Comm comm, int root);
+
 /// agree, for the ranks that may wait long for the work of one rank (the root of
 /// distribute or gather): they poll with short sleeps instead of spinning inside MPI, so
 /// that a waiting rank gives its core to the working one when ranks outnumber cores.

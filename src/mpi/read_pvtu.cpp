@@ -18,14 +18,14 @@ namespace mpi {
 
 namespace {
 
-using detail::array_specs;
+using detail::array_layouts;
 using detail::xml_document;
 
 // What rank 0 reads in the index file and every rank needs: the pieces' paths and the
 // arrays they hold.
 struct file_index {
   std::vector<std::string> pieces;
-  array_specs points, cells;
+  array_layouts points, cells;
 };
 
 std::string directory_of(const std::string& path) {
@@ -58,10 +58,10 @@ bool read_index(const std::string& path, file_index& index) {
     return found.size() == 1 ? found[0] : xml_document::no_parent;
   };
   const char* array_element = single ? "DataArray" : "PDataArray";
-  if (!detail::read_specs(doc, data(single ? "PointData" : "PPointData"), array_element, detail::node_ids_name,
-                          index.points) ||
-      !detail::read_specs(doc, data(single ? "CellData" : "PCellData"), array_element, detail::element_ids_name,
-                          index.cells))
+  if (!detail::read_layouts(doc, data(single ? "PointData" : "PPointData"), array_element, detail::node_ids_name,
+                            index.points) ||
+      !detail::read_layouts(doc, data(single ? "CellData" : "PCellData"), array_element, detail::element_ids_name,
+                            index.cells))
     return false;
   if (!single) {
     const std::string directory = directory_of(path);
@@ -82,19 +82,19 @@ void put_text(std::string& out, const std::string& text) {
   out += text;
 }
 
-void put_specs(std::string& out, const array_specs& specs) {
-  put_text(out, specs.ids);
-  put_text(out, std::to_string(specs.arrays.size()));
-  for (const detail::array_spec& spec : specs.arrays) {
-    put_text(out, spec.name);
-    put_text(out, std::to_string(spec.components) + (spec.integer ? "i" : "r"));
+void put_layouts(std::string& out, const array_layouts& layouts) {
+  put_text(out, layouts.ids);
+  put_text(out, std::to_string(layouts.arrays.size()));
+  for (const detail::array_layout& layout : layouts.arrays) {
+    put_text(out, layout.name);
+    put_text(out, std::to_string(layout.components) + (layout.integer ? "i" : "r"));
   }
 }
 
 std::string serialise(const file_index& index) {
   std::string out;
-  put_specs(out, index.points);
-  put_specs(out, index.cells);
+  put_layouts(out, index.points);
+  put_layouts(out, index.cells);
   for (const std::string& piece : index.pieces) put_text(out, piece);
   return out;
 }
@@ -113,23 +113,23 @@ struct text_reader {
   bool done() const { return at >= in.size(); }
 };
 
-void get_specs(text_reader& in, array_specs& specs) {
-  specs.ids = in.next();
+void get_layouts(text_reader& in, array_layouts& layouts) {
+  layouts.ids = in.next();
   const std::size_t count = std::stoull(in.next());
   for (std::size_t a = 0; a < count; ++a) {
-    detail::array_spec spec;
-    spec.name = in.next();
+    detail::array_layout layout;
+    layout.name = in.next();
     const std::string kind = in.next();
-    spec.integer = kind.back() == 'i';
-    spec.components = std::stoull(kind);
-    specs.arrays.push_back(std::move(spec));
+    layout.integer = kind.back() == 'i';
+    layout.components = std::stoull(kind);
+    layouts.arrays.push_back(std::move(layout));
   }
 }
 
 void deserialise(const std::string& text, file_index& index) {
   text_reader in{text};
-  get_specs(in, index.points);
-  get_specs(in, index.cells);
+  get_layouts(in, index.points);
+  get_layouts(in, index.cells);
   while (!in.done()) index.pieces.push_back(in.next());
 }
 
@@ -188,10 +188,10 @@ bool merge_points(const detail::piece_content& content, std::vector<std::uint64_
 }
 
 // The values of the points in first_point (or of every cell when first_point is null).
-bool take_values(const detail::array_spec& spec, const detail::array_values& values, std::size_t count,
+bool take_values(const detail::array_layout& layout, const detail::array_values& values, std::size_t count,
                  const std::vector<std::size_t>* first_point, data_array& out) {
-  out.name = spec.name;
-  const std::size_t c = static_cast<std::size_t>(spec.components);
+  out.name = layout.name;
+  const std::size_t c = static_cast<std::size_t>(layout.components);
   const auto fill = [&](auto& matrix, const auto& source) {
     if (!matrix.resize(c, count)) return false;
     for (std::size_t j = 0; j < count; ++j) {
@@ -200,7 +200,7 @@ bool take_values(const detail::array_spec& spec, const detail::array_values& val
     }
     return true;
   };
-  return spec.integer ? fill(out.integers, values.integers) : fill(out.reals, values.reals);
+  return layout.integer ? fill(out.integers, values.integers) : fill(out.reals, values.reals);
 }
 
 struct read_result {

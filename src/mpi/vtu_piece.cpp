@@ -70,16 +70,16 @@ struct file_view {
   }
 };
 
-// Appends the values of the arrays of `specs` found under `data` (count items each).
-bool read_arrays(const file_view& file, std::size_t data, const array_specs& specs, std::uint64_t count,
+// Appends the values of the arrays of `layouts` found under `data` (count items each).
+bool read_arrays(const file_view& file, std::size_t data, const array_layouts& layouts, std::uint64_t count,
                  std::vector<array_values>& values, std::vector<std::uint64_t>& ids) {
   const named_arrays arrays(file.doc, data);
   decoded_array decoded;
-  for (std::size_t a = 0; a <= specs.arrays.size(); ++a) {
-    const bool is_ids = a == specs.arrays.size();
-    if (is_ids && specs.ids.empty()) break;
-    const std::string& name = is_ids ? specs.ids : specs.arrays[a].name;
-    const std::uint64_t components = is_ids ? 1 : specs.arrays[a].components;
+  for (std::size_t a = 0; a <= layouts.arrays.size(); ++a) {
+    const bool is_ids = a == layouts.arrays.size();
+    if (is_ids && layouts.ids.empty()) break;
+    const std::string& name = is_ids ? layouts.ids : layouts.arrays[a].name;
+    const std::uint64_t components = is_ids ? 1 : layouts.arrays[a].components;
     const xml_element* array = arrays.find(file.doc, name);
     if (!array) {
       if (count == 0) continue;
@@ -90,7 +90,7 @@ bool read_arrays(const file_view& file, std::size_t data, const array_specs& spe
       const std::size_t at = ids.size();
       ids.resize(at + decoded.count);
       if (!to_ids(decoded, ids.data() + at)) return false;
-    } else if (specs.arrays[a].integer) {
+    } else if (layouts.arrays[a].integer) {
       std::vector<std::int64_t>& out = values[a].integers;
       const std::size_t at = out.size();
       out.resize(at + decoded.count);
@@ -237,9 +237,9 @@ const char* host_byte_order() {
   return first == 1 ? "LittleEndian" : "BigEndian";
 }
 
-bool read_specs(const xml_document& doc, std::size_t parent, const char* array_element, const char* ids_name,
-                array_specs& specs) {
-  specs = array_specs();
+bool read_layouts(const xml_document& doc, std::size_t parent, const char* array_element, const char* ids_name,
+                  array_layouts& layouts) {
+  layouts = array_layouts();
   if (parent == xml_document::no_parent) return true;
   const xml_attribute* marked = find_attribute(doc.elements[parent], "GlobalIds");
   const std::string ids = marked ? xml_unescape(marked->value) : std::string(ids_name);
@@ -250,14 +250,14 @@ bool read_specs(const xml_document& doc, std::size_t parent, const char* array_e
     const xml_attribute* type_name = find_attribute(element, "type");
     scalar_type type;
     if (!name || !type_name || !scalar_type_of(type_name->value, type)) return false;
-    array_spec spec{xml_unescape(name->value), is_integer(type), components_of(element)};
-    if (spec.components == 0 || spec.components > max_components) return false;
-    names.push_back(spec.name);
-    if (spec.name == ids) {
-      if (!spec.integer || spec.components != 1) return false;
-      specs.ids = ids;
+    array_layout layout{xml_unescape(name->value), is_integer(type), components_of(element)};
+    if (layout.components == 0 || layout.components > max_components) return false;
+    names.push_back(layout.name);
+    if (layout.name == ids) {
+      if (!layout.integer || layout.components != 1) return false;
+      layouts.ids = ids;
     } else {
-      specs.arrays.push_back(std::move(spec));
+      layouts.arrays.push_back(std::move(layout));
     }
   }
   std::sort(names.begin(), names.end());
@@ -292,14 +292,14 @@ bool load_file(const std::string& path, std::vector<char>& text) {
   return ok;
 }
 
-void start_content(const array_specs& point_specs, const array_specs& cell_specs, piece_content& out) {
+void start_content(const array_layouts& point_layouts, const array_layouts& cell_layouts, piece_content& out) {
   out = piece_content();
-  out.point_arrays.resize(point_specs.arrays.size());
-  out.cell_arrays.resize(cell_specs.arrays.size());
+  out.point_arrays.resize(point_layouts.arrays.size());
+  out.cell_arrays.resize(cell_layouts.arrays.size());
   out.starts.push_back(0);
 }
 
-bool read_piece(const std::string& path, const array_specs& point_specs, const array_specs& cell_specs,
+bool read_piece(const std::string& path, const array_layouts& point_layouts, const array_layouts& cell_layouts,
                 piece_content& out) {
   std::vector<char> text;
   if (!load_file(path, text)) return false;
@@ -333,13 +333,14 @@ bool read_piece(const std::string& path, const array_specs& point_specs, const a
       to_doubles(decoded, out.coords.data() + 3 * point_base);
     }
     const std::size_t nb_node_ids = out.node_ids.size(), nb_element_ids = out.element_ids.size();
-    if (!read_arrays(file, only_child(doc, piece, "PointData"), point_specs, nb_points, out.point_arrays,
+    if (!read_arrays(file, only_child(doc, piece, "PointData"), point_layouts, nb_points, out.point_arrays,
                      out.node_ids) ||
-        !read_arrays(file, only_child(doc, piece, "CellData"), cell_specs, nb_cells, out.cell_arrays, out.element_ids))
+        !read_arrays(file, only_child(doc, piece, "CellData"), cell_layouts, nb_cells, out.cell_arrays,
+                     out.element_ids))
       return false;
     // a piece without points or cells may leave out its (empty) global IDs
-    if (!point_specs.ids.empty() && out.node_ids.size() != nb_node_ids + nb_points) return false;
-    if (!cell_specs.ids.empty() && out.element_ids.size() != nb_element_ids + nb_cells) return false;
+    if (!point_layouts.ids.empty() && out.node_ids.size() != nb_node_ids + nb_points) return false;
+    if (!cell_layouts.ids.empty() && out.element_ids.size() != nb_element_ids + nb_cells) return false;
     if (nb_cells) {
       const std::size_t cells = only_child(doc, piece, "Cells");
       if (cells == xml_document::no_parent || !read_cells(file, cells, nb_cells, point_base, nb_points, out))

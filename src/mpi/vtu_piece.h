@@ -19,15 +19,15 @@ inline constexpr const char* node_ids_name = "GlobalNodeID";
 inline constexpr const char* element_ids_name = "GlobalElementID";
 
 /// What an array of a file holds: its name, whether it is read as integers, its components.
-struct array_spec {
+struct array_layout {
   std::string name;
   bool integer = false;
   std::uint64_t components = 1;
 };
 
 /// The arrays a file declares for points or for cells, the global IDs set apart.
-struct array_specs {
-  std::vector<array_spec> arrays;
+struct array_layouts {
+  std::vector<array_layout> arrays;
   std::string ids;  // name of the global IDs' array, empty when there is none
 };
 
@@ -35,10 +35,10 @@ struct array_specs {
 /// CellData, PPointData or PCellData element); the global IDs are the array named by the
 /// element's GlobalIds attribute, else the one named `ids_name`. False for an array without
 /// a name or type, with a repeated name, or with a component count outside 1..2^20.
-bool read_specs(const xml_document& doc, std::size_t parent, const char* array_element, const char* ids_name,
-                array_specs& specs);
+bool read_layouts(const xml_document& doc, std::size_t parent, const char* array_element, const char* ids_name,
+                  array_layouts& layouts);
 
-/// The values of one array of a piece: reals or integers, as its spec says.
+/// The values of one array of a piece: reals or integers, as its layout says.
 struct array_values {
   std::vector<double> reals;
   std::vector<std::int64_t> integers;
@@ -53,21 +53,21 @@ struct piece_content {
   std::vector<std::uint8_t> types;         // the library type of each cell
   std::vector<std::size_t> starts;         // cells + 1: cell c is nodes[starts[c], starts[c + 1])
   std::vector<unsigned> nodes;             // library order, indices of points of this file
-  std::vector<array_values> point_arrays;  // one per point spec
-  std::vector<array_values> cell_arrays;   // one per cell spec
+  std::vector<array_values> point_arrays;  // one per point layout
+  std::vector<array_values> cell_arrays;   // one per cell layout
 };
 
 /// Reads a whole file into text (with a '\0' after it); false when it cannot be read.
 bool load_file(const std::string& path, std::vector<char>& text);
 
-/// An empty content for arrays of these specs.
-void start_content(const array_specs& point_specs, const array_specs& cell_specs, piece_content& out);
+/// An empty content for arrays of these layouts.
+void start_content(const array_layouts& point_layouts, const array_layouts& cell_layouts, piece_content& out);
 
 /// Reads a .vtu file and appends its points and cells to `out` (started by start_content;
 /// its cells' nodes are numbered after the points already there); false when it cannot be
-/// read or is not a well-formed unstructured grid holding the arrays of the specs.
+/// read or is not a well-formed unstructured grid holding the arrays of the layouts.
 /// Throws std::bad_alloc.
-bool read_piece(const std::string& path, const array_specs& point_specs, const array_specs& cell_specs,
+bool read_piece(const std::string& path, const array_layouts& point_layouts, const array_layouts& cell_layouts,
                 piece_content& out);
 
 /// Writes a part as a .vtu file, cell j of library type types[j]; false when the file
